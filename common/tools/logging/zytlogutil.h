@@ -1,0 +1,56 @@
+#ifndef ZYT_LOG_UTIL_H
+#define ZYT_LOG_UTIL_H
+
+#include <android/log.h>
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "base/zytexport.h"
+
+/// Default level, used at load when "persist.vendor.camera.zytloglevel" is unset or not a number. It starts at 1;
+/// writing it after the library was loaded changes nothing.
+extern ZYT_EXPORT int ZYTNodeLogLevel;
+
+/// Levelled logging to the platform log under the tag "ZYT".
+///
+/// Levels run E (1), W (2), D (3), I (4), V (5): a message is written when m_level is at least its number. Debug comes
+/// before Info, against the platform's own order; devices are configured by these numbers. 0 or less silences all.
+///
+/// Each function formats into 1024 bytes on the caller's stack (a longer message is cut to 1023 characters), appends
+/// nothing, takes no lock, allocates nothing and may be called from any thread. A message that is filtered out is not
+/// formatted.
+class ZYTLogUtil {
+public:
+    /// The level all log functions compare against. Writing it takes effect on the next call.
+    ZYT_EXPORT static int m_level;
+    /// Levels for callers' own preview and capture paths; the library reads neither.
+    ZYT_EXPORT static int m_previewLevel;
+    ZYT_EXPORT static int m_captureLevel;
+
+#define ZYT_PLATFORM_LOG_FUNCTION(name, threshold, priority)                            \
+    __attribute__((format(printf, 1, 2))) inline static void name(const char* format, ...) { \
+        if (m_level < (threshold)) return;                                              \
+        va_list args;                                                                   \
+        va_start(args, format);                                                         \
+        Write(priority, format, args);                                                  \
+        va_end(args);                                                                   \
+    }
+
+    ZYT_PLATFORM_LOG_FUNCTION(LogE, 1, ANDROID_LOG_ERROR)
+    ZYT_PLATFORM_LOG_FUNCTION(LogW, 2, ANDROID_LOG_WARN)
+    ZYT_PLATFORM_LOG_FUNCTION(LogD, 3, ANDROID_LOG_DEBUG)
+    ZYT_PLATFORM_LOG_FUNCTION(LogI, 4, ANDROID_LOG_INFO)
+    ZYT_PLATFORM_LOG_FUNCTION(LogV, 5, ANDROID_LOG_VERBOSE)
+
+#undef ZYT_PLATFORM_LOG_FUNCTION
+
+private:
+    __attribute__((format(printf, 2, 0))) static void Write(int priority, const char* format, va_list args) {
+        char message[1024] = {};
+        std::vsnprintf(message, sizeof(message), format, args);
+        __android_log_write(priority, "ZYT", message);
+    }
+};
+
+#endif  // ZYT_LOG_UTIL_H

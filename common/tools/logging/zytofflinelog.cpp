@@ -1,0 +1,170 @@
+#include "logging/zytofflinelog.h"
+
+#include <cutils/properties.h>
+#include <fcntl.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "base/zytexitgate.h"
+
+#if __has_include(<camxsettingsmanager.h>)
+#include <camxsettingsmanager.h>
+#define ZYT_HAS_CAMERA_FRAMEWORK 1
+#endif
+
+#ifndef ZYT_OFFLINE_LOG_DIR
+#define ZYT_OFFLINE_LOG_DIR "/data/vendor/camera/offlinelog/"
+#endif
+
+namespace {
+
+zyt::ExitGate g_gate;
+
+const char* LevelLetter(ZYTOfflineLogLevel level) {
+    static constexpr const char* kLetters[] = {"V", "E", "W", "D", "I", "V"};
+    const auto index = static_cast<uint32_t>(level);
+    return index < sizeof(kLetters) / sizeof(kLetters[0]) ? kLetters[index] : "V";
+}
+
+std::string NextFileName() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    char name[256] = {};
+    std::snprintf(name, sizeof(name), ZYT_OFFLINE_LOG_DIR "ZYTOfflineLog_%04d-%02d-%02d--%02d-%02d-%02d-%06ld.txt",
+                  local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                  static_cast<long>(now.tv_usec));
+    return name;
+}
+
+std::string LineHeader(ZYTOfflineLogLevel level) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    char header[128] = {};
+    std::snprintf(header, sizeof(header), "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s ZYT: ", local.tm_mon + 1,
+                  local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(now.tv_nsec), getpid(),
+                  gettid(), LevelLetter(level));
+    return header;
+}
+
+}  // namespace
+
+ZYTOfflineLog& ZYTOfflineLog::GetInstance() {
+    static ZYTOfflineLog instance;
+    return instance;
+}
+
+ZYTOfflineLog::ZYTOfflineLog() {
+    m_threadPool.Init(kWorkerCount);
+    const int32_t property = property_get_int32("persist.vendor.camera.zyttools.offlinelog", -1);
+    m_enable = property == -1 ? ReadEnableFromOverrideSettingsFile() : property > 0;
+    m_previewEnable = m_enable;
+    m_captureEnable = m_enable;
+    zyt::Lock lock(m_logFileLock);
+    m_curLogFileName.clear();
+    m_curLogFileSize = kFileSizeLimit;  // full, so that the first line starts a file
+}
+
+ZYTOfflineLog::~ZYTOfflineLog() {
+    // Objects destroyed later, and threads that are still running, go on logging: from here on they find the log
+    // switched off, and whoever is already past that test is waited for.
+    zyt::StoreFlag(m_enable, false);
+    g_gate.Close();
+    m_threadPool.DeInit(true);
+}
+
+bool ZYTOfflineLog::ReadEnableFromOverrideSettingsFile() {
+#ifdef ZYT_HAS_CAMERA_FRAMEWORK
+    // The switch is bit 0 of byte 15 of the record. The field's name differs between releases of the framework, its
+    // place does not.
+    const auto* settings =
+        reinterpret_cast<const unsigned char*>(CamX::SettingsManager::GetInstance(nullptr)->GetStaticSettings());
+    return (settings[15] & 1) != 0;
+#else
+    return false;
+#endif
+}
+
+void ZYTOfflineLog::PushLogToLogPool(const char* log, ZYTOfflineLogLevel level) {
+    zyt::ExitGate::Pass pass(g_gate);
+    if (!pass) return;
+    const std::string line = LineHeader(level) + log + "\n";
+    auto* param = static_cast<ZYTOfflineLogParameter*>(std::malloc(sizeof(ZYTOfflineLogParameter)));
+    if (param == nullptr) return;
+    // Fills the rest of the block with zeros; the last byte stays a NUL whatever the length.
+    std::strncpy(param->logLine, line.c_str(), sizeof(param->logLine));
+    param->logLine[sizeof(param->logLine) - 1] = '\0';
+    m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, SaveLog, param, sizeof(ZYTOfflineLogParameter)});
+}
+
+void ZYTOfflineLog::SaveLog(void* data, unsigned int size) {
+    if (data == nullptr || size != sizeof(ZYTOfflineLogParameter)) return;
+    GetInstance().FlushLogPoolToFile2(static_cast<ZYTOfflineLogParameter*>(data));
+}
+
+void ZYTOfflineLog::RememberFile(const std::string& name) {
+    m_logFileList.push_back(name);
+    if (m_logFileList.size() > kFileCountLimit) {
+        std::remove(m_logFileList.front().c_str());
+        m_logFileList.pop_front();
+    }
+}
+
+FILE* ZYTOfflineLog::StartNextFile() {
+    const std::string name = NextFileName();
+    FILE* file = std::fopen(name.c_str(), "w");
+    if (file == nullptr) return nullptr;
+    // Other workers append to this file as soon as its name is known. Writing at a position of its own, this line would
+    // overwrite theirs.
+    fcntl(fileno(file), F_SETFL, O_APPEND);
+    m_curLogFileSize = 0;
+    m_curLogFileName = name;
+    zyt::Lock listLock(m_logFileListLock);
+    RememberFile(name);
+    return file;
+}
+
+bool ZYTOfflineLog::FlushLogPoolToFile2(ZYTOfflineLogParameter* param) {
+    const auto length = static_cast<uint32_t>(std::strlen(param->logLine));
+    zyt::Lock lock(m_logFileLock);
+    FILE* file = nullptr;
+    if (m_curLogFileSize + length < kFileSizeLimit) {
+        const std::string name = m_curLogFileName;
+        lock.Unlock();
+        file = std::fopen(name.c_str(), "a");
+    } else {
+        file = StartNextFile();
+        lock.Unlock();
+    }
+    if (file == nullptr) return false;
+    // Room for the whole line: a smaller buffer, as some C libraries have, would split it into several appends, and
+    // other workers' lines would land in between.
+    char buffer[sizeof(ZYTOfflineLogParameter)];
+    std::setvbuf(file, buffer, _IOFBF, sizeof(buffer));
+    std::fwrite(param->logLine, 1, length, file);
+    {
+        zyt::Lock sizeLock(m_logFileLock);
+        m_curLogFileSize += length;
+    }
+    std::fclose(file);
+    return true;
+}
+
+bool ZYTOfflineLog::FlushLogPoolToFile() {
+    const std::string name = NextFileName();
+    FILE* file = std::fopen(name.c_str(), "w");
+    if (file == nullptr) return false;
+    std::fwrite(m_logPool, 1, m_logPoolSize, file);
+    std::memset(m_logPool, 0, sizeof(m_logPool));
+    m_logPoolSize = 0;
+    RememberFile(name);
+    std::fclose(file);
+    return true;
+}

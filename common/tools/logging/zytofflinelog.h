@@ -1,0 +1,117 @@
+#ifndef ZYT_OFFLINE_LOG_H
+#define ZYT_OFFLINE_LOG_H
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <list>
+#include <mutex>
+#include <string>
+
+#include "base/zytexport.h"
+#include "base/zytsharedflag.h"
+#include "base/zytthreadsafety.h"
+#include "threadpool/zytthreadpool.h"
+
+/// Level of one offline line; its letter stands in the line. Any other value is written as "V".
+enum class ZYTOfflineLogLevel : int32_t { E = 1, W = 2, D = 3, I = 4, V = 5 };
+
+/// What a worker is handed: one finished, NUL-terminated line in a malloc block of exactly this size.
+struct ZYTOfflineLogParameter {
+    char logLine[2048];
+};
+
+/// Keeps a copy of the log lines in files, so that they outlive the platform log's ring.
+///
+/// One instance per process, built on first use in static storage and destroyed at exit. Ten workers start with it,
+/// whether it is switched on or not. It is on when "persist.vendor.camera.zyttools.offlinelog" is above 0, or when that
+/// property is unset and the camera framework's switch is on; this is decided once, at construction.
+///
+/// Files are ZYT_OFFLINE_LOG_DIR "ZYTOfflineLog_YYYY-MM-DD--hh-mm-ss-uuuuuu.txt" in local time. A new one is started
+/// for the first line and for each line that would bring the current one to 30 MiB; beyond 300 files of this process
+/// the oldest is deleted. Each line is stamped with the local time, process, thread and level letter, is at most 2047
+/// characters long (a longer one is cut and loses its newline) and is appended in one piece, in no fixed order.
+///
+/// The log functions run on any thread and never touch the file system. A line that cannot be written is lost without
+/// a word: there is nowhere left to report it. Lines still queued at exit are discarded. A call that comes after the
+/// instance has been destroyed does nothing.
+class ZYT_EXPORT ZYTOfflineLog {
+public:
+    static constexpr uint32_t kFileSizeLimit = 30u << 20;  // bytes; also the size of m_logPool
+    static constexpr uint32_t kFileCountLimit = 300;
+    static constexpr unsigned int kWorkerCount = 10;
+
+    /// The instance, created on the first call.
+    static ZYTOfflineLog& GetInstance();
+
+#define ZYT_OFFLINE_LOG_FUNCTION(letter)                                                               \
+    __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLog##letter(const char* format, ...) { \
+        ZYTOfflineLog& log = GetInstance();                                                            \
+        if (!zyt::LoadFlag(log.m_enable)) return;                                                      \
+        va_list args;                                                                                  \
+        va_start(args, format);                                                                        \
+        log.Write(ZYTOfflineLogLevel::letter, format, args);                                       \
+        va_end(args);                                                                                  \
+    }
+
+    /// Write a message of that level, whatever ZYTLogUtil::m_level is: only the switch decides.
+    ZYT_OFFLINE_LOG_FUNCTION(E)
+    ZYT_OFFLINE_LOG_FUNCTION(W)
+    ZYT_OFFLINE_LOG_FUNCTION(D)
+    ZYT_OFFLINE_LOG_FUNCTION(I)
+    ZYT_OFFLINE_LOG_FUNCTION(V)
+
+#undef ZYT_OFFLINE_LOG_FUNCTION
+
+    /// Stamps one message and queues it for the workers, even when the log is switched off. The text is copied.
+    void PushLogToLogPool(const char* log, ZYTOfflineLogLevel level);
+
+    /// What the workers run: writes the ZYTOfflineLogParameter at data. Does nothing for null or another size than
+    /// 2048. The block stays the caller's.
+    static void SaveLog(void* data, unsigned int size);
+
+    /// Appends the line to the current file, or to a new one when the current would reach 30 MiB. False when the file
+    /// cannot be opened: the line is lost, and the next one tries again. A failed write still counts as written.
+    bool FlushLogPoolToFile2(ZYTOfflineLogParameter* param) ZYT_EXCLUDES(m_logFileLock, m_logFileListLock);
+
+    /// Writes m_logPool to a file of its own, empties the pool and counts the file towards the 300. False, with nothing
+    /// changed, when the file cannot be opened. Takes no lock, so that a crash handler can call it whatever the other
+    /// threads hold; the caller keeps it apart from every other use of the instance.
+    bool FlushLogPoolToFile() ZYT_NO_THREAD_SAFETY_ANALYSIS;
+
+    /// The camera framework's off-line log switch; false in a build without the framework.
+    static bool ReadEnableFromOverrideSettingsFile();
+
+    ZYTOfflineLog(const ZYTOfflineLog&) = delete;
+    ZYTOfflineLog& operator=(const ZYTOfflineLog&) = delete;
+
+    // The switch, mirrored for callers that keep preview and capture apart; the library reads the first one only.
+    bool m_enable = false;
+    bool m_previewEnable = false;
+    bool m_captureEnable = false;
+    std::mutex m_logFileListLock;
+    // Nothing in the library fills the pool. It is left to static storage's zeros: touching it here would cost every
+    // process that logs 30 MiB of resident memory.
+    char m_logPool[kFileSizeLimit];
+    uint32_t m_logPoolSize = 0;  // bytes used in m_logPool
+    ZYTThreadPool m_threadPool;
+    std::list<std::string> m_logFileList ZYT_GUARDED_BY(m_logFileListLock);  // made by this process, oldest first
+    std::mutex m_logFileLock;
+    uint32_t m_curLogFileSize ZYT_GUARDED_BY(m_logFileLock) = 0;  // bytes
+    std::string m_curLogFileName ZYT_GUARDED_BY(m_logFileLock);
+
+private:
+    ZYTOfflineLog();
+    ~ZYTOfflineLog();
+
+    __attribute__((format(printf, 3, 0))) void Write(ZYTOfflineLogLevel level, const char* format, va_list args) {
+        char message[2048] = {};
+        std::vsnprintf(message, sizeof(message), format, args);
+        PushLogToLogPool(message, level);
+    }
+
+    void RememberFile(const std::string& name) ZYT_REQUIRES(m_logFileListLock);
+    FILE* StartNextFile() ZYT_REQUIRES(m_logFileLock);
+};
+
+#endif  // ZYT_OFFLINE_LOG_H

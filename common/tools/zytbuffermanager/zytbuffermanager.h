@@ -1,0 +1,78 @@
+#ifndef ZYT_BUFFER_MANAGER_H
+#define ZYT_BUFFER_MANAGER_H
+
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "base/zytexport.h"
+#include "base/zytthreadsafety.h"
+#include "zytbuffermanager/zytbufferallocator.h"
+#include "zytbuffermanager/zytbufferpool.h"
+#include "zytbuffermanager/zytimagebuffer.h"
+
+/// What an algorithm node holds to get memory: buffers by size and images by format and geometry, from the pool that
+/// all nodes of the process share.
+///
+/// The pool owns every buffer; the manager borrows it, remembers what it handed out and gives back, with a warning,
+/// whatever is left when it is destroyed. It frees only what it handed out itself. Gralloc images are the exception:
+/// they are never recorded, so freeing one is refused and it stays out until the pool's own clean-up, because consumers
+/// outside the node may still hold it.
+///
+/// Any thread may call any operation; one manager may be shared. A failure is a false result and a line in both logs,
+/// tagged with the manager's name. Lock order: the manager's, then the pool's.
+class ZYT_EXPORT ZYTBufferManager {
+public:
+    /// A manager named "UnknowBufferManager".
+    ZYTBufferManager();
+    /// A manager with a name of its own, which also tags its pool client's lines.
+    explicit ZYTBufferManager(const std::string& name);
+    /// Returns every recorded buffer to the pool.
+    virtual ~ZYTBufferManager();
+    ZYTBufferManager(const ZYTBufferManager&) = delete;
+    ZYTBufferManager& operator=(const ZYTBufferManager&) = delete;
+
+    /// Renames the manager for later log lines. Not safe while another thread uses the manager.
+    void SetManagerName(const std::string& name);
+
+    /// Takes a malloc or DMA-BUF buffer of size bytes; gralloc is refused. fd becomes its descriptor, 0 for malloc.
+    /// On failure *ppBuf is null and fd 0; for size 0 or a null ppBuf they are left alone.
+    bool AllocBuffer(unsigned int size, void** ppBuf, int& fd, ZYTBufferType type);
+
+    /// Takes memory for an image whose format, width, height, planeStride and sliceHeight are set, and fills in its
+    /// other fields: one buffer for each plane, or a single one for gralloc. P010 and Y16 cannot be allocated.
+    ///
+    /// A record is left alone on failure, except for a type beyond gralloc, which clears its planes. When a later plane
+    /// cannot be had, the earlier ones stay recorded until they are freed or the manager goes. A gralloc image whose
+    /// buffer cannot be had still succeeds, with a null pAddr[0]: check it. A size beyond 32 bits ends the process.
+    bool AllocBuffer(ZYTImageBuffer& image, ZYTBufferType type);
+
+    /// The planes that AllocBuffer would take and the bytes of each. planeSizes has room for capacity entries, and for
+    /// two at least with NV12 and NV21. planeCount becomes 0 when capacity is too small; both are left alone for a
+    /// format that cannot be allocated.
+    void GetImgBufferSize(const ZYTImageBuffer& image, unsigned int& planeCount, unsigned int* planeSizes,
+                          unsigned int capacity, ZYTBufferType type);
+
+    /// Gives a buffer back to the pool; false for null and for addresses that this manager did not hand out.
+    bool FreeBuffer(const void* pBuf);
+
+    /// Frees every plane and always returns true. More than 4 planes end the process after the fourth.
+    bool FreeBuffer(const ZYTImageBuffer& image);
+
+    /// Opens or closes a CPU access to a DMA-BUF; true when the platform did so. Any descriptor will do.
+    bool StartCPUSync(int fd, CPUSyncType type);
+    bool EndCPUSync(int fd);
+
+    /// The same for an image, but only its first plane is synchronised and the result is false, whatever happened, or
+    /// true for an image without planes. Existing nodes are written against both: synchronise fd by fd instead.
+    bool StartCPUSync(const ZYTImageBuffer& image, CPUSyncType type);
+    bool EndCPUSync(const ZYTImageBuffer& image);
+
+private:
+    std::string m_managerName;
+    ZYTBufferPool m_bufferPool;
+    std::mutex m_bufferListLock;
+    std::set<void*> m_bufferList ZYT_GUARDED_BY(m_bufferListLock);
+};
+
+#endif  // ZYT_BUFFER_MANAGER_H
