@@ -1,0 +1,45 @@
+#ifndef HOSTDEVICE_BUFFERALLOCATOR_H
+#define HOSTDEVICE_BUFFERALLOCATOR_H
+
+#include <linux/dma-buf.h>
+
+#include <cstddef>
+#include <functional>
+
+#include "hostdevice/export.h"
+
+/// What the processor is about to do with a buffer, or has done.
+enum SyncType {
+    kSyncRead = DMA_BUF_SYNC_READ,
+    kSyncWrite = DMA_BUF_SYNC_WRITE,
+    kSyncReadWrite = DMA_BUF_SYNC_RW,
+};
+
+/// Synchronises a buffer of the kernel's old ION interface, which this device does not have: never called.
+using CustomCpuSyncLegacyIon = std::function<int(int fd, int direction, void* customData)>;
+
+/// DMA-BUF memory from the system heap: the kernel's own where /dev/dma_heap/system can be opened, sealed memfd memory
+/// elsewhere. Keeps no record of what it hands out. Safe from any thread.
+class HOSTDEVICE_EXPORT BufferAllocator {
+public:
+    BufferAllocator() = default;
+    ~BufferAllocator() = default;
+    BufferAllocator(const BufferAllocator&) = delete;
+    BufferAllocator& operator=(const BufferAllocator&) = delete;
+
+    /// Makes zeroed memory of `len` bytes, rounded up to whole pages, and returns its descriptor: above 2, closed on
+    /// exec, the caller's to close. On failure a negative errno: -EINVAL for no bytes, -ENOMEM for more than there are.
+    /// All memory is accessible to the processor, and no heap flags exist; both arguments and `legacy_align` are there
+    /// for the platform's signature.
+    int AllocSystem(bool cpu_access, size_t len, unsigned int heap_flags = 0, size_t legacy_align = 0);
+
+    /// Brackets access by the processor. 0, or a negative errno: -EINVAL for a negative descriptor, -EBADF for a closed
+    /// one, -ENOTTY for one that is neither of this device's memory nor a DMA-BUF. On memfd memory there is no cache
+    /// to maintain and nothing is done.
+    int CpuSyncStart(unsigned int dmabuf_fd, SyncType type = kSyncRead, const CustomCpuSyncLegacyIon& custom = nullptr,
+                     void* custom_data = nullptr);
+    int CpuSyncEnd(unsigned int dmabuf_fd, SyncType type = kSyncRead, const CustomCpuSyncLegacyIon& custom = nullptr,
+                   void* custom_data = nullptr);
+};
+
+#endif  // HOSTDEVICE_BUFFERALLOCATOR_H

@@ -1,0 +1,51 @@
+#ifndef HOSTDEVICE_UI_GRAPHICBUFFER_H
+#define HOSTDEVICE_UI_GRAPHICBUFFER_H
+
+#include <nativebase/nativebase.h>
+#include <utils/RefBase.h>
+
+#include <cstdint>
+#include <string>
+
+#include "hostdevice/export.h"
+
+namespace android {
+
+using status_t = int32_t;
+using PixelFormat = int32_t;
+
+/// An image buffer as gralloc makes them, on memfd memory, held by android::sp and immutable once made.
+///
+/// Rows are as long as the width rounded up to hostdevice::SetStrideAlignment. Whatever the format, the memory is
+/// stride x height x 2 bytes a layer: room for 8-bit YUV 4:2:0 and for 16-bit raw, so a client that maps a byte a pixel
+/// maps the start of it only. The last strong pointer closes the descriptor in the handle; mappings stay the client's.
+/// A buffer without pixels is backed by one pixel, as the platform does it.
+class HOSTDEVICE_EXPORT GraphicBuffer : public ANativeWindowBuffer, public RefBase {
+public:
+    /// Never throws for want of memory: see initCheck(). The name is for the platform's statistics, which are not here.
+    GraphicBuffer(uint32_t inWidth, uint32_t inHeight, PixelFormat inFormat, uint32_t inLayerCount, uint64_t inUsage,
+                  std::string requestorName = "<Unknown>");
+
+    /// 0, or the negative errno of the allocation; the handle is then null and all sizes are 0.
+    status_t initCheck() const { return mInitCheck; }
+
+    uint32_t getWidth() const { return static_cast<uint32_t>(width); }
+    uint32_t getHeight() const { return static_cast<uint32_t>(height); }
+    uint32_t getStride() const { return static_cast<uint32_t>(stride); }  ///< In pixels.
+    uint64_t getUsage() const { return usage; }
+    PixelFormat getPixelFormat() const { return format; }
+    uint32_t getLayerCount() const { return static_cast<uint32_t>(layerCount); }
+
+    /// The record above; lives as long as the buffer.
+    ANativeWindowBuffer* getNativeBuffer() const { return const_cast<GraphicBuffer*>(this); }
+
+private:
+    ~GraphicBuffer() override;
+    status_t Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t inLayerCount);
+
+    status_t mInitCheck;
+};
+
+}  // namespace android
+
+#endif  // HOSTDEVICE_UI_GRAPHICBUFFER_H

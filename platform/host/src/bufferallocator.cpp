@@ -1,0 +1,111 @@
+#include "BufferAllocator/BufferAllocator.h"
+
+#include <fcntl.h>
+#include <linux/dma-heap.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
+#include <mutex>
+
+#include "internal.h"
+#include "memory.h"
+
+using hostdevice::Fault;
+using hostdevice::MemoryKind;
+
+namespace {
+
+constexpr char kKernelHeap[] = "/dev/dma_heap/system";
+
+// The kernel's heap, or negative where there is none that this user may open.
+int HeapDevice() {
+    static const int device = hostdevice::AboveStandardDescriptors(open(kKernelHeap, O_RDONLY | O_CLOEXEC));
+    return device;
+}
+
+// A synchronisation that a signal interrupts ends with either error and, so the kernel asks, is to be started again.
+template <typename Argument>
+int RetryingIoctl(int fd, unsigned long request, Argument* argument) {
+    int result;
+    do {
+        result = ioctl(fd, request, argument);
+    } while (result == -1 && (errno == EINTR || errno == EAGAIN));
+    return result;
+}
+
+int AllocFromKernel(size_t len) {
+    if (!hostdevice::FitsMachine(len)) return -ENOMEM;
+    dma_heap_allocation_data allocation{};
+    allocation.len = len;
+    allocation.fd_flags = O_RDWR | O_CLOEXEC;
+    if (hostdevice::TakeFault(Fault::kMapping)) allocation.fd_flags = O_RDONLY | O_CLOEXEC;
+    if (RetryingIoctl(HeapDevice(), DMA_HEAP_IOCTL_ALLOC, &allocation) == -1) return -errno;
+    return hostdevice::AboveStandardDescriptors(static_cast<int>(allocation.fd));
+}
+
+int SyncMemory(int fd, SyncType type, bool isStart) {
+    if (hostdevice::TakeFault(Fault::kSync)) return -EIO;
+    if (fd < 0) return -EINVAL;
+    const MemoryKind kind = hostdevice::KindOfDescriptor(fd);
+    if (kind == MemoryKind::kEmulatedHeap || kind == MemoryKind::kGraphic) return 0;
+    // Whatever else it is, the kernel knows: a DMA-BUF, or a descriptor to refuse.
+    dma_buf_sync sync{};
+    sync.flags = static_cast<uint64_t>(type) | (isStart ? DMA_BUF_SYNC_START : DMA_BUF_SYNC_END);
+    return RetryingIoctl(fd, DMA_BUF_IOCTL_SYNC, &sync) == -1 ? -errno : 0;
+}
+
+struct SyncLog {
+    std::mutex lock;
+    hostdevice::SyncCall last{};
+    uint64_t count = 0;
+};
+
+int Sync(unsigned int dmabuf_fd, SyncType type, bool isStart) {
+    const int fd = static_cast<int>(dmabuf_fd);
+    const int result = SyncMemory(fd, type, isStart);
+    SyncLog& log = hostdevice::Immortal<SyncLog>();
+    const std::lock_guard<std::mutex> guard(log.lock);
+    log.last = {fd, type, isStart, result};
+    ++log.count;
+    return result;
+}
+
+}  // namespace
+
+int BufferAllocator::AllocSystem(bool /*cpu_access*/, size_t len, unsigned int /*heap_flags*/,
+                                 size_t /*legacy_align*/) {
+    if (hostdevice::TakeFault(Fault::kHeapAllocation)) return -ENOMEM;
+    if (len == 0) return -EINVAL;
+    return hostdevice::UsesKernelHeap() ? AllocFromKernel(len)
+                                        : hostdevice::CreateMemory(MemoryKind::kEmulatedHeap, len);
+}
+
+int BufferAllocator::CpuSyncStart(unsigned int dmabuf_fd, SyncType type, const CustomCpuSyncLegacyIon& /*custom*/,
+                                  void* /*custom_data*/) {
+    return Sync(dmabuf_fd, type, true);
+}
+
+int BufferAllocator::CpuSyncEnd(unsigned int dmabuf_fd, SyncType type, const CustomCpuSyncLegacyIon& /*custom*/,
+                                void* /*custom_data*/) {
+    return Sync(dmabuf_fd, type, false);
+}
+
+namespace hostdevice {
+
+bool UsesKernelHeap() { return HeapDevice() >= 0; }
+
+const char* HeapName() { return UsesKernelHeap() ? kKernelHeap : "memfd"; }
+
+SyncCall LastSync() {
+    SyncLog& log = Immortal<SyncLog>();
+    const std::lock_guard<std::mutex> guard(log.lock);
+    return log.last;
+}
+
+uint64_t SyncCount() {
+    SyncLog& log = Immortal<SyncLog>();
+    const std::lock_guard<std::mutex> guard(log.lock);
+    return log.count;
+}
+
+}  // namespace hostdevice

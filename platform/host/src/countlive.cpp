@@ -1,0 +1,52 @@
+#include <dirent.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "internal.h"
+#include "memory.h"
+
+namespace hostdevice {
+namespace {
+
+void Count(MemoryKind kind, uint64_t& heap, uint64_t& graphic) {
+    if (kind == MemoryKind::kGraphic) {
+        ++graphic;
+    } else if (kind != MemoryKind::kOther) {
+        ++heap;
+    }
+}
+
+void CountDescriptors(LiveResources& live) {
+    DIR* const directory = opendir("/proc/self/fd");
+    if (directory == nullptr) return;
+    while (const dirent* const entry = readdir(directory)) {
+        // "." and ".." read as descriptor 0, which this device never hands out.
+        const int fd = std::atoi(entry->d_name);
+        if (fd != 0) Count(KindOfDescriptor(fd), live.heapDescriptors, live.graphicDescriptors);
+    }
+    closedir(directory);
+}
+
+void CountMappings(LiveResources& live) {
+    std::ifstream maps("/proc/self/maps");
+    std::string line;
+    while (std::getline(maps, line)) {
+        const size_t path = line.find('/');
+        if (path == std::string::npos) continue;
+        Count(KindOfPath(line.c_str() + path), live.heapMappings, live.graphicMappings);
+    }
+}
+
+}  // namespace
+
+LiveResources CountLive() {
+    LiveResources live{};
+    live.graphicBuffers = CountGraphicBuffers();
+    CountDescriptors(live);
+    CountMappings(live);
+    return live;
+}
+
+}  // namespace hostdevice

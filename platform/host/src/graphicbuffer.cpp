@@ -1,0 +1,82 @@
+#include "ui/GraphicBuffer.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+
+#include "internal.h"
+#include "memory.h"
+
+namespace {
+
+std::atomic<uint32_t> g_strideAlignment{64};
+std::atomic<uint64_t> g_liveBuffers{0};
+
+// Room for the two kinds of image that share this memory: 8-bit YUV 4:2:0 (1.5 bytes a pixel) and 16-bit raw.
+constexpr uint64_t kBytesPerPixel = 2;
+
+int CreateDescriptor(uint64_t bytes) {
+    if (hostdevice::TakeFault(hostdevice::Fault::kGraphicDescriptor)) return 0;
+    return hostdevice::CreateMemory(hostdevice::MemoryKind::kGraphic, bytes);
+}
+
+}  // namespace
+
+namespace android {
+
+GraphicBuffer::GraphicBuffer(uint32_t inWidth, uint32_t inHeight, PixelFormat inFormat, uint32_t inLayerCount,
+                             uint64_t inUsage, std::string /*requestorName*/)
+    : mInitCheck(Allocate(std::max(inWidth, 1u), std::max(inHeight, 1u), std::max(inLayerCount, 1u))) {
+    g_liveBuffers++;
+    if (mInitCheck != 0) return;
+    width = static_cast<int>(inWidth);
+    height = static_cast<int>(inHeight);
+    format = inFormat;
+    layerCount = inLayerCount;
+    usage = inUsage;
+}
+
+GraphicBuffer::~GraphicBuffer() {
+    g_liveBuffers--;
+    if (handle == nullptr) return;
+    if (handle->data[0] > 0) close(handle->data[0]);
+    std::free(const_cast<native_handle_t*>(handle));
+}
+
+status_t GraphicBuffer::Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t inLayerCount) {
+    if (hostdevice::TakeFault(hostdevice::Fault::kGraphicBuffer)) return -ENOMEM;
+    const uint64_t alignment = g_strideAlignment;
+    const uint64_t rowPixels = (inWidth + alignment - 1) / alignment * alignment;
+    uint64_t bytes = 0;
+    if (rowPixels > INT_MAX || inHeight > INT_MAX ||
+        __builtin_mul_overflow(rowPixels * inHeight * kBytesPerPixel, inLayerCount, &bytes)) {
+        return -ENOMEM;
+    }
+    auto* const nativeHandle = static_cast<native_handle_t*>(std::malloc(sizeof(native_handle_t) + sizeof(int)));
+    if (nativeHandle == nullptr) return -ENOMEM;
+    nativeHandle->version = sizeof(native_handle_t);
+    nativeHandle->numFds = 1;
+    nativeHandle->numInts = 0;
+    nativeHandle->data[0] = CreateDescriptor(bytes);
+    if (const int error = nativeHandle->data[0]; error < 0) {
+        std::free(nativeHandle);
+        return error;
+    }
+    handle = nativeHandle;
+    stride = static_cast<int>(rowPixels);
+    return 0;
+}
+
+}  // namespace android
+
+namespace hostdevice {
+
+uint64_t CountGraphicBuffers() { return g_liveBuffers; }
+
+void SetStrideAlignment(uint32_t pixels) { g_strideAlignment = std::max(pixels, 1u); }
+
+}  // namespace hostdevice

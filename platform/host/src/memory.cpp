@@ -1,0 +1,71 @@
+#include "memory.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+#include "internal.h"
+
+namespace hostdevice {
+namespace {
+
+constexpr char kMemfdPrefix[] = "/memfd:";
+
+// By MemoryKind.
+constexpr const char* kPathPrefixes[] = {"/memfd:hostdevice-heap", "/memfd:hostdevice-graphic", "/dmabuf:"};
+
+uint64_t PageSize() { return static_cast<uint64_t>(sysconf(_SC_PAGESIZE)); }
+
+// Fixes the size, as a DMA-BUF's is fixed. Here the kMapping fault strikes too.
+int Seal(int fd) {
+    const int readOnly = TakeFault(Fault::kMapping) ? F_SEAL_WRITE : 0;
+    return fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL | readOnly);
+}
+
+}  // namespace
+
+MemoryKind KindOfPath(const char* path) {
+    size_t kind = 0;
+    for (const char* prefix : kPathPrefixes) {
+        if (std::strncmp(path, prefix, std::strlen(prefix)) == 0) break;
+        ++kind;
+    }
+    return static_cast<MemoryKind>(kind);
+}
+
+MemoryKind KindOfDescriptor(int fd) {
+    char target[64] = "";
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    if (readlink(link.c_str(), target, sizeof target - 1) < 0) return MemoryKind::kOther;
+    return KindOfPath(target);
+}
+
+bool FitsMachine(uint64_t bytes) { return bytes <= PageSize() * static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)); }
+
+int CreateMemory(MemoryKind kind, uint64_t bytes) {
+    if (!FitsMachine(bytes)) return -ENOMEM;
+    const char* name = kPathPrefixes[static_cast<size_t>(kind)] + std::strlen(kMemfdPrefix);
+    const int fd = AboveStandardDescriptors(memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    if (fd < 0) return fd;
+    const uint64_t pages = (bytes + PageSize() - 1) / PageSize();
+    if (ftruncate(fd, static_cast<off_t>(pages * PageSize())) == 0 && Seal(fd) == 0) return fd;
+    const int error = errno;
+    close(fd);
+    return -error;
+}
+
+int AboveStandardDescriptors(int fd) {
+    if (fd < 0) return -errno;
+    if (fd > STDERR_FILENO) return fd;
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int error = errno;
+    close(fd);
+    return moved >= 0 ? moved : -error;
+}
+
+}  // namespace hostdevice

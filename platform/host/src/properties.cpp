@@ -1,0 +1,106 @@
+#include "cutils/properties.h"
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "internal.h"
+
+namespace {
+
+std::string Trim(const std::string& text) {
+    constexpr char kBlanks[] = " \t\r\n";
+    const size_t first = text.find_first_not_of(kBlanks);
+    if (first == std::string::npos) return {};
+    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+class PropertyStore {
+public:
+    // Here, not in main(): other libraries read properties in their static initialisers.
+    PropertyStore() {
+        const char* path = std::getenv("HOSTDEVICE_PROPERTIES");
+        if (path != nullptr && *path != '\0') Load(path);
+    }
+
+    std::string Get(const std::string& key) {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        const auto found = m_values.find(key);
+        return found != m_values.end() ? found->second : std::string();
+    }
+
+    void Set(const std::string& key, const std::string& value) {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        m_values[key] = value;
+    }
+
+private:
+    void Load(const char* path) {
+        std::FILE* const file = std::fopen(path, "re");
+        char* text = nullptr;
+        size_t capacity = 0;
+        for (int number = 1; file != nullptr && getline(&text, &capacity, file) >= 0; ++number) {
+            const std::string line = Trim(text);
+            if (line.empty() || line[0] == '#') continue;
+            const size_t equals = line.find('=');
+            if (equals == std::string::npos) {
+                std::fprintf(stderr, "hostdevice: %s:%d: not key=value, ignored\n", path, number);
+                continue;
+            }
+            m_values[Trim(line.substr(0, equals))] = Trim(line.substr(equals + 1));
+        }
+        std::free(text);
+        // The second: a directory opens, and fails only when it is read.
+        if (file == nullptr || std::ferror(file)) {
+            std::fprintf(stderr, "hostdevice: cannot read properties from %s: %s\n", path, std::strerror(errno));
+        }
+        if (file != nullptr) std::fclose(file);
+    }
+
+    std::mutex m_lock;
+    std::map<std::string, std::string> m_values;
+};
+
+PropertyStore& Properties() { return hostdevice::Immortal<PropertyStore>(); }
+
+}  // namespace
+
+int property_get(const char* key, char* value, const char* default_value) {
+    std::string found = key != nullptr ? Properties().Get(key) : std::string();
+    if (found.empty() && default_value != nullptr) found = default_value;
+    const size_t length = found.copy(value, PROPERTY_VALUE_MAX - 1);
+    value[length] = '\0';
+    return static_cast<int>(length);
+}
+
+int32_t property_get_int32(const char* key, int32_t default_value) {
+    char text[PROPERTY_VALUE_MAX];
+    property_get(key, text, nullptr);
+    const int savedErrno = errno;
+    char* end = text;
+    // Out of its own range it gives the nearest end of that range, which is out of ours as well.
+    const intmax_t number = std::strtoimax(text, &end, 0);
+    errno = savedErrno;
+    return end != text && number >= INT32_MIN && number <= INT32_MAX ? static_cast<int32_t>(number) : default_value;
+}
+
+int property_set(const char* key, const char* value) {
+    if (value == nullptr) value = "";
+    if (key == nullptr || *key == '\0' || std::strlen(value) >= PROPERTY_VALUE_MAX) return -1;
+    hostdevice::SetProperty(key, value);
+    return 0;
+}
+
+namespace hostdevice {
+
+void SetProperty(const std::string& key, const std::string& value) { Properties().Set(key, value); }
+
+// An empty value is what the platform reads of a property that is unset.
+void ClearProperty(const std::string& key) { Properties().Set(key, {}); }
+
+}  // namespace hostdevice

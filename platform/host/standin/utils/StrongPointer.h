@@ -1,0 +1,66 @@
+#ifndef HOSTDEVICE_UTILS_STRONGPOINTER_H
+#define HOSTDEVICE_UTILS_STRONGPOINTER_H
+
+#include <cstddef>
+#include <utility>
+
+namespace android {
+
+/// Keeps an object alive through the count that the object carries itself (see RefBase).
+///
+/// The part of the platform's class that code can rely on everywhere. Different pointers to one object may be used from
+/// different threads at once; one pointer may not.
+template <typename T>
+class sp {
+public:
+    sp() = default;
+    sp(T* other) : m_ptr(other) {  // NOLINT(google-explicit-constructor): as on the platform
+        if (m_ptr != nullptr) m_ptr->incStrong(this);
+    }
+    sp(const sp& other) : sp(other.m_ptr) {}
+    sp(sp&& other) noexcept : m_ptr(std::exchange(other.m_ptr, nullptr)) {}
+    template <typename U>
+    sp(U* other) : sp(static_cast<T*>(other)) {}  // NOLINT(google-explicit-constructor)
+    template <typename U>
+    sp(const sp<U>& other) : sp(static_cast<T*>(other.get())) {}  // NOLINT(google-explicit-constructor)
+    ~sp() { clear(); }
+
+    sp& operator=(sp other) noexcept {
+        std::swap(m_ptr, other.m_ptr);
+        return *this;
+    }
+
+    /// Null before the reference is dropped, so that a destructor which comes back to this pointer finds it empty.
+    void clear() {
+        if (T* const old = std::exchange(m_ptr, nullptr)) old->decStrong(this);
+    }
+
+    T& operator*() const { return *m_ptr; }
+    T* operator->() const { return m_ptr; }
+    T* get() const { return m_ptr; }
+    explicit operator bool() const { return m_ptr != nullptr; }
+
+private:
+    T* m_ptr = nullptr;
+};
+
+template <typename T, typename U>
+bool operator==(const sp<T>& a, const sp<U>& b) {
+    return a.get() == b.get();
+}
+template <typename T, typename U>
+bool operator==(const sp<T>& a, const U* b) {
+    return a.get() == b;
+}
+template <typename T>
+bool operator==(const sp<T>& a, std::nullptr_t) {
+    return a.get() == nullptr;
+}
+template <typename T, typename U>
+bool operator!=(const sp<T>& a, const U& b) {
+    return !(a == b);
+}
+
+}  // namespace android
+
+#endif  // HOSTDEVICE_UTILS_STRONGPOINTER_H
