@@ -1,0 +1,466 @@
+#include "hostdevice/hostdevice.h"
+
+#include <BufferAllocator/BufferAllocator.h>
+#include <android/log.h>
+#include <camxsettingsmanager.h>
+#include <cutils/properties.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <ui/GraphicBuffer.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using android::GraphicBuffer;
+using android::sp;
+using hostdevice::Fault;
+
+constexpr int kImplementationDefined = 34;
+constexpr uint64_t kUsage = 0x201ff;
+
+sp<GraphicBuffer> MakeGraphicBuffer(uint32_t width, uint32_t height) {
+    return new GraphicBuffer(width, height, kImplementationDefined, 1, kUsage);
+}
+
+void* MapShared(int fd, size_t size) { return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0); }
+
+std::string GetProperty(const char* key, const char* defaultValue) {
+    char value[PROPERTY_VALUE_MAX];
+    std::memset(value, 'x', sizeof value);
+    const int length = property_get(key, value, defaultValue);
+    EXPECT_EQ(std::strlen(value), static_cast<size_t>(length));
+    return value;
+}
+
+// A file that leaves nothing behind, to be opened by the path, also by a child process.
+class ScratchFile {
+public:
+    explicit ScratchFile(const std::string& text) : m_fd(memfd_create("scratch", 0)) {
+        EXPECT_EQ(write(m_fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+    ~ScratchFile() { close(m_fd); }
+    std::string Path() const { return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(m_fd); }
+
+private:
+    int m_fd;
+};
+
+class HostDeviceTest : public testing::Test {
+protected:
+    // Children that start afresh see the device before its first use, and may be made while other threads run.
+    HostDeviceTest() { testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
+    ~HostDeviceTest() override {
+        hostdevice::ClearFaults();
+        hostdevice::SetStrideAlignment(64);
+        hostdevice::SetLogSink({});
+    }
+
+    BufferAllocator m_allocator;
+};
+
+TEST_F(HostDeviceTest, IntegerPropertiesFollowCPrefixRules) {
+    const struct {
+        const char* value;
+        int32_t expected;
+    } kCases[] = {
+        {"3", 3},
+        {"-2", -2},
+        {"+5", 5},
+        {"  4", 4},
+        {"3abc", 3},
+        {"0x10", 16},
+        {"010", 8},
+        {"2147483647", INT32_MAX},
+        {"-2147483648", INT32_MIN},
+        {"2147483648", 77},
+        {"-2147483649", 77},
+        {"99999999999999999999", 77},
+        {"abc", 77},
+        {"-", 77},
+        {"", 77},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.value);
+        hostdevice::SetProperty("test.int", c.value);
+        errno = 0;
+        EXPECT_EQ(property_get_int32("test.int", 77), c.expected);
+        EXPECT_EQ(errno, 0);
+    }
+    EXPECT_EQ(property_get_int32("test.unset", -1), -1);
+    EXPECT_EQ(property_get_int32(nullptr, 8), 8);
+}
+
+TEST_F(HostDeviceTest, PropertyValuesAreCutAndDefaulted) {
+    const std::string longest(91, 'v');
+    hostdevice::SetProperty("test.long", longest + "w");
+    EXPECT_EQ(GetProperty("test.long", ""), longest);
+    EXPECT_EQ(GetProperty("test.unset", (longest + "w").c_str()), longest);
+    EXPECT_EQ(GetProperty("test.unset", nullptr), "");
+    hostdevice::SetProperty("test.empty", "");
+    EXPECT_EQ(GetProperty("test.empty", "default"), "default");
+
+    EXPECT_EQ(property_set("test.set", longest.c_str()), 0);
+    EXPECT_EQ(property_set("test.set", (longest + "w").c_str()), -1);
+    EXPECT_EQ(GetProperty("test.set", ""), longest);
+    EXPECT_EQ(property_set("test.set", nullptr), 0);
+    EXPECT_EQ(GetProperty("test.set", "default"), "default");
+    EXPECT_EQ(property_set("", "value"), -1);
+
+    hostdevice::SetProperty("test.cleared", "value");
+    hostdevice::ClearProperty("test.cleared");
+    EXPECT_EQ(GetProperty("test.cleared", "default"), "default");
+}
+
+TEST_F(HostDeviceTest, PropertyFileIsReadBeforeTheFirstProperty) {
+    const ScratchFile file(
+        "# comment = 1\n\n  test.spaced \t=  a = b \r\ntest.kept=file\nnonsense\ntest.overridden=1\ntest.last=end");
+    setenv("HOSTDEVICE_PROPERTIES", file.Path().c_str(), 1);
+    const auto check = [] {
+        hostdevice::SetProperty("test.overridden", "2");
+        const bool isRight = GetProperty("test.spaced", "") == "a = b" && GetProperty("test.kept", "") == "file" &&
+                             GetProperty("# comment", "unset") == "unset" &&
+                             property_get_int32("test.overridden", 0) == 2 && GetProperty("test.last", "") == "end";
+        _exit(isRight ? 0 : 1);
+    };
+    EXPECT_EXIT(check(), testing::ExitedWithCode(0), "^hostdevice: [^\n]*:5: [^\n]*\n$");
+    for (const char* unreadable : {"/nonexistent/properties", "/"}) {
+        setenv("HOSTDEVICE_PROPERTIES", unreadable, 1);
+        EXPECT_EXIT(_exit(property_get_int32("test.kept", 3)), testing::ExitedWithCode(3),
+                    "^hostdevice: cannot read [^\n]*\n$");
+    }
+    unsetenv("HOSTDEVICE_PROPERTIES");
+}
+
+// What is written to stderr while it lives, one string a write call.
+class StderrWrites {
+public:
+    StderrWrites() : m_saved(dup(STDERR_FILENO)) {
+        EXPECT_EQ(pipe2(m_pipe, O_DIRECT | O_CLOEXEC), 0);  // packet mode keeps the writes apart
+        dup2(m_pipe[1], STDERR_FILENO);
+        close(m_pipe[1]);
+    }
+    ~StderrWrites() {
+        if (m_saved >= 0) Take();
+    }
+    std::vector<std::string> Take() {
+        dup2(m_saved, STDERR_FILENO);
+        close(std::exchange(m_saved, -1));
+        std::vector<std::string> writes;
+        char packet[4096];
+        for (ssize_t size; (size = read(m_pipe[0], packet, sizeof packet)) > 0;) {
+            writes.emplace_back(packet, static_cast<size_t>(size));
+        }
+        close(m_pipe[0]);
+        return writes;
+    }
+
+private:
+    int m_saved;
+    int m_pipe[2];
+};
+
+std::string WithoutStamp(const std::string& line) {
+    tm time{};
+    const char* const milliseconds = strptime(line.c_str(), "%m-%d %H:%M:%S.", &time);
+    if (milliseconds == nullptr || std::strspn(milliseconds, "0123456789") != 3) return "no stamp: " + line;
+    return milliseconds + 3;
+}
+
+TEST_F(HostDeviceTest, LogLinesLookLikeThreadtime) {
+    long tid = 0;
+    StderrWrites stderrWrites;
+    std::thread([&tid] {
+        tid = syscall(SYS_gettid);
+        __android_log_write(ANDROID_LOG_VERBOSE, "ZYT", "short tag");
+        __android_log_write(ANDROID_LOG_ERROR, "LongerThanEight", "two\nlines\n");
+    }).join();
+    const std::vector<std::string> writes = stderrWrites.Take();
+    ASSERT_EQ(writes.size(), 2u);
+
+    char ids[32];
+    snprintf(ids, sizeof ids, " %5d %5ld ", getpid(), tid);
+    const std::string error = std::string(ids) + "E LongerThanEight: ";
+    const size_t secondLine = writes[1].find('\n') + 1;
+    EXPECT_EQ(WithoutStamp(writes[0]), std::string(ids) + "V ZYT     : short tag\n");
+    EXPECT_EQ(WithoutStamp(writes[1].substr(0, secondLine)), error + "two\n");
+    EXPECT_EQ(WithoutStamp(writes[1].substr(secondLine)), error + "lines\n");
+}
+
+TEST_F(HostDeviceTest, LogSinkTakesOneMessageAtATime) {
+    constexpr int kThreads = 4;
+    constexpr int kMessages = 500;
+    int calls = 0;  // plain: the sink relies on being called by one thread at a time
+    StderrWrites stderrWrites;
+    hostdevice::SetLogSink([&calls](int priority, const char* tag, const char* text) {
+        if (priority == ANDROID_LOG_INFO && std::strcmp(tag, "tag") == 0 && std::strcmp(text, "text") == 0) ++calls;
+    });
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([] {
+            for (int message = 0; message < kMessages; ++message) __android_log_write(ANDROID_LOG_INFO, "tag", "text");
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    hostdevice::SetLogSink({});
+    __android_log_write(ANDROID_LOG_INFO, "tag", "text");
+    EXPECT_EQ(calls, kThreads * kMessages);
+    EXPECT_EQ(stderrWrites.Take().size(), 1u);
+}
+
+TEST_F(HostDeviceTest, DeviceServesLateDestructorsAtExit) {
+    const auto logAtExit = [] {
+        // Registered before the device is first used, so it runs after anything that the device would destroy.
+        std::atexit([] { __android_log_write(ANDROID_LOG_ERROR, "late", GetProperty("test.late", "").c_str()); });
+        hostdevice::SetProperty("test.late", "a value too long for the string object to hold in itself");
+        hostdevice::SetLogSink({});
+        std::exit(0);
+    };
+    EXPECT_EXIT(logAtExit(), testing::ExitedWithCode(0), "E late    : a value too long for .* in itself\n$");
+}
+
+TEST_F(HostDeviceTest, HeapMemoryIsSharedBetweenMappingsAndKeepsItsSize) {
+    const bool isKernelHeapOpen = access("/dev/dma_heap/system", R_OK) == 0;
+    EXPECT_EQ(hostdevice::UsesKernelHeap(), isKernelHeapOpen);
+    EXPECT_STREQ(hostdevice::HeapName(), isKernelHeapOpen ? "/dev/dma_heap/system" : "memfd");
+
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const int fd = m_allocator.AllocSystem(true, page + 1);
+    ASSERT_GT(fd, STDERR_FILENO);
+    EXPECT_EQ(lseek(fd, 0, SEEK_END), static_cast<off_t>(2 * page));
+    EXPECT_EQ(ftruncate(fd, 0), -1);
+    EXPECT_EQ(ftruncate(fd, static_cast<off_t>(4 * page)), -1);
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+
+    auto* const first = static_cast<char*>(MapShared(fd, 2 * page));
+    auto* const second = static_cast<char*>(MapShared(fd, 2 * page));
+    ASSERT_NE(first, MAP_FAILED);
+    ASSERT_NE(second, MAP_FAILED);
+    EXPECT_EQ(second[page], 0);
+    first[page] = 42;
+    EXPECT_EQ(second[page], 42);
+    EXPECT_EQ(munmap(first, 2 * page), 0);
+    EXPECT_EQ(munmap(second, 2 * page), 0);
+    EXPECT_EQ(close(fd), 0);
+
+    EXPECT_EQ(m_allocator.AllocSystem(true, 0), -EINVAL);
+    EXPECT_EQ(m_allocator.AllocSystem(true, SIZE_MAX), -ENOMEM);
+}
+
+TEST_F(HostDeviceTest, DescriptorsStayClearOfClosedStandardOnes) {
+    const auto allocate = [] {
+        for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) close(fd);
+        const int heap = BufferAllocator().AllocSystem(true, 1);
+        const sp<GraphicBuffer> buffer = MakeGraphicBuffer(1, 1);
+        const bool areClosed = fcntl(STDIN_FILENO, F_GETFD) == -1 && fcntl(STDERR_FILENO, F_GETFD) == -1;
+        _exit(areClosed && heap > STDERR_FILENO && buffer->handle->data[0] > STDERR_FILENO ? 0 : 1);
+    };
+    EXPECT_EXIT(allocate(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(HostDeviceTest, SyncAcceptsTheDevicesMemoryOnly) {
+    const int heap = m_allocator.AllocSystem(true, 100);
+    const sp<GraphicBuffer> buffer = MakeGraphicBuffer(16, 16);
+    const int foreign = memfd_create("foreign", MFD_CLOEXEC);
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    const int closed = dup(null);
+    close(closed);
+    const struct {
+        int fd;
+        int expected;
+    } kCases[] = {
+        {heap, 0}, {buffer->handle->data[0], 0}, {foreign, -ENOTTY}, {null, -ENOTTY}, {closed, -EBADF}, {-3, -EINVAL},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.fd);
+        const uint64_t before = hostdevice::SyncCount();
+        EXPECT_EQ(m_allocator.CpuSyncStart(static_cast<unsigned>(c.fd), kSyncWrite), c.expected);
+        hostdevice::SyncCall last = hostdevice::LastSync();
+        EXPECT_TRUE(last.fd == c.fd && last.direction == 2 && last.isStart && last.result == c.expected);
+        EXPECT_EQ(m_allocator.CpuSyncEnd(static_cast<unsigned>(c.fd)), c.expected);
+        last = hostdevice::LastSync();
+        EXPECT_TRUE(last.fd == c.fd && last.direction == 1 && !last.isStart && last.result == c.expected);
+        EXPECT_EQ(hostdevice::SyncCount(), before + 2);
+    }
+    for (const int fd : {heap, foreign, null}) close(fd);
+}
+
+TEST_F(HostDeviceTest, GraphicRowsArePaddedAndMemoryHoldsTwoBytesAPixel) {
+    const struct {
+        uint32_t alignment, width, stride;
+    } kCases[] = {{64, 1, 64}, {64, 64, 64}, {64, 65, 128}, {1024, 1000, 1024}, {48, 100, 144}, {0, 1001, 1001}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.width);
+        hostdevice::SetStrideAlignment(c.alignment);
+        const sp<GraphicBuffer> buffer = MakeGraphicBuffer(c.width, 10);
+        ASSERT_EQ(buffer->initCheck(), 0);
+        EXPECT_EQ(buffer->getStride(), c.stride);
+        EXPECT_GE(lseek(buffer->handle->data[0], 0, SEEK_END), off_t{c.stride} * 10 * 2);
+        const ANativeWindowBuffer* const native = buffer->getNativeBuffer();
+        EXPECT_EQ(native->width, static_cast<int>(c.width));
+        EXPECT_EQ(native->height, 10);
+        EXPECT_EQ(native->stride, static_cast<int>(c.stride));
+        EXPECT_EQ(native->format, kImplementationDefined);
+        EXPECT_EQ(native->usage, kUsage);
+        EXPECT_EQ(native->handle, buffer->handle);
+    }
+    for (const auto& [width, height] : {std::pair(UINT32_MAX, 1u), std::pair(1u, UINT32_MAX), {1u << 30, 1u << 30}}) {
+        const sp<GraphicBuffer> tooLarge = MakeGraphicBuffer(width, height);
+        EXPECT_EQ(tooLarge->initCheck(), -ENOMEM);
+        EXPECT_EQ(tooLarge->handle, nullptr);
+        EXPECT_EQ(tooLarge->getStride(), 0u);
+    }
+}
+
+class Counted : public android::RefBase {
+public:
+    explicit Counted(std::atomic<int>& alive) : m_alive(alive) { ++m_alive; }
+
+protected:
+    ~Counted() override { --m_alive; }
+
+private:
+    std::atomic<int>& m_alive;
+};
+
+TEST_F(HostDeviceTest, StrongPointersDeleteWithTheLastReference) {
+    std::atomic<int> alive{0};
+    sp<Counted> pointer = new Counted(alive);
+    sp<android::RefBase> base = pointer;
+    EXPECT_TRUE(base == pointer);
+    sp<Counted> moved = std::move(pointer);
+    EXPECT_TRUE(pointer == nullptr);  // NOLINT(bugprone-use-after-move): an empty pointer is what a move leaves
+    base = nullptr;
+    EXPECT_EQ(alive, 1);
+    sp<Counted>& alias = moved;
+    moved = alias;
+    EXPECT_EQ(alive, 1);
+    moved = new Counted(alive);
+    EXPECT_EQ(alive, 1);
+
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([copy = moved] {
+            for (int round = 0; round < 10000; ++round) sp<Counted> another = copy;
+        });
+    }
+    moved.clear();
+    for (std::thread& thread : threads) thread.join();
+    threads.clear();
+    EXPECT_EQ(alive, 0);
+}
+
+TEST_F(HostDeviceTest, FaultsFireOnceAtTheNthCall) {
+    const int standardInput = fcntl(STDIN_FILENO, F_GETFD);
+    const int target = m_allocator.AllocSystem(true, 1);
+    const auto isHeapFailing = [this] {
+        const int fd = m_allocator.AllocSystem(true, 1);
+        if (fd >= 0) close(fd);
+        return fd == -ENOMEM;
+    };
+    const auto isMappingFailing = [](int fd) {
+        void* const mapping = MapShared(fd, 1);
+        if (mapping != MAP_FAILED) munmap(mapping, 1);
+        return mapping == MAP_FAILED;
+    };
+    const struct {
+        Fault fault;
+        std::function<bool()> isFailing;
+    } kCases[] = {
+        {Fault::kHeapAllocation, isHeapFailing},
+        {Fault::kGraphicBuffer,
+         [] {
+             const sp<GraphicBuffer> buffer = MakeGraphicBuffer(8, 8);
+             return buffer->initCheck() == -ENOMEM && buffer->handle == nullptr && buffer->getStride() == 0;
+         }},
+        {Fault::kGraphicDescriptor,
+         [] {
+             const sp<GraphicBuffer> buffer = MakeGraphicBuffer(8, 8);
+             return buffer->initCheck() == 0 && buffer->handle->data[0] == 0 && buffer->getStride() == 64;
+         }},
+        {Fault::kMapping,
+         [&] {
+             const int fd = m_allocator.AllocSystem(true, 1);
+             const bool isFailing = isMappingFailing(fd);
+             close(fd);
+             return isFailing;
+         }},
+        {Fault::kMapping, [&] { return isMappingFailing(MakeGraphicBuffer(8, 8)->handle->data[0]); }},
+        {Fault::kSync, [&] { return m_allocator.CpuSyncStart(static_cast<unsigned>(target)) == -EIO; }},
+        {Fault::kSync, [&] { return m_allocator.CpuSyncEnd(static_cast<unsigned>(target)) == -EIO; }},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(static_cast<int>(c.fault));
+        hostdevice::FailNth(c.fault, 3);
+        std::string outcome;
+        for (int call = 0; call < 6; ++call) {
+            EXPECT_EQ(hostdevice::FaultPending(c.fault), call < 3);
+            outcome += c.isFailing() ? 'F' : '.';
+        }
+        EXPECT_EQ(outcome, "..F...");
+        hostdevice::FailNth(c.fault, 1);
+        hostdevice::FailNth(c.fault, 0);
+        EXPECT_FALSE(c.isFailing());
+        hostdevice::FailNth(c.fault, 1);
+        hostdevice::ClearFaults();
+        EXPECT_FALSE(c.isFailing());
+    }
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standardInput) << "a buffer with descriptor 0 closed it";
+    close(target);
+}
+
+TEST_F(HostDeviceTest, LiveCountersTellHeapFromGraphicMemory) {
+    const hostdevice::LiveResources start = hostdevice::CountLive();
+    const auto expectMore = [&start](uint64_t heapDescriptors, uint64_t heapMappings, uint64_t graphicBuffers,
+                                     uint64_t graphicDescriptors, uint64_t graphicMappings) {
+        const hostdevice::LiveResources now = hostdevice::CountLive();
+        EXPECT_EQ(now.heapDescriptors - start.heapDescriptors, heapDescriptors);
+        EXPECT_EQ(now.heapMappings - start.heapMappings, heapMappings);
+        EXPECT_EQ(now.graphicBuffers - start.graphicBuffers, graphicBuffers);
+        EXPECT_EQ(now.graphicDescriptors - start.graphicDescriptors, graphicDescriptors);
+        EXPECT_EQ(now.graphicMappings - start.graphicMappings, graphicMappings);
+    };
+    const int heap = m_allocator.AllocSystem(true, 1);
+    void* const heapMapping = MapShared(heap, 1);
+    expectMore(1, 1, 0, 0, 0);
+    const int duplicate = dup(heap);
+    close(heap);
+    close(duplicate);
+    expectMore(0, 1, 0, 0, 0);
+
+    sp<GraphicBuffer> buffer = MakeGraphicBuffer(8, 8);
+    void* const graphicMapping = MapShared(buffer->handle->data[0], 512);
+    hostdevice::FailNth(Fault::kGraphicBuffer, 1);
+    sp<GraphicBuffer> failed = MakeGraphicBuffer(8, 8);
+    expectMore(0, 1, 2, 1, 1);
+    buffer.clear();
+    failed.clear();
+    expectMore(0, 1, 0, 0, 1);
+    munmap(heapMapping, 1);
+    munmap(graphicMapping, 512);
+    expectMore(0, 0, 0, 0, 0);
+}
+
+TEST_F(HostDeviceTest, OfflineLogSwitchIsTheSixteenthByteOfTheSettings) {
+    const auto* const settings =
+        reinterpret_cast<const unsigned char*>(CamX::SettingsManager::GetInstance(nullptr)->GetStaticSettings());
+    EXPECT_EQ(settings[15], 0);
+    hostdevice::SetOfflineLogSwitch(true);
+    EXPECT_EQ(settings[15], 1);
+    hostdevice::SetOfflineLogSwitch(false);
+    EXPECT_EQ(settings[15], 0);
+}
+
+}  // namespace

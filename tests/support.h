@@ -1,0 +1,80 @@
+#ifndef ZYT_TESTS_SUPPORT_H
+#define ZYT_TESTS_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace zyttest {
+
+/// printf into a string, for expected log lines.
+__attribute__((format(printf, 1, 2))) std::string Text(const char* format, ...);
+
+/// While it lives, all levels are on and every platform log line lands here, as "L text" with L the priority's letter.
+/// Source lines are cut out ("file.cpp:12 f()" becomes "file.cpp f()"), so that tests survive edits.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+
+    /// What was logged since the last call.
+    std::vector<std::string> Take();
+
+private:
+    const int m_savedLevel;
+    std::mutex m_lock;
+    std::vector<std::string> m_lines;
+};
+
+/// A directory of its own, removed with everything in it.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& content);
+
+/// Polls until the condition holds; false after a generous time, which only a hang exceeds.
+bool WaitUntil(const std::function<bool()>& condition);
+
+struct ChildResult {
+    int exitCode = -1;  // -1 when a signal or the time-out ended it
+    int signal = 0;
+    bool timedOut = false;
+    std::string output;  // stdout and stderr
+};
+
+/// Runs a command, without a shell, with additions to this process's environment.
+ChildResult RunCommand(const std::vector<std::string>& command, const std::map<std::string, std::string>& env = {},
+                       std::chrono::seconds timeOut = std::chrono::seconds(120));
+
+/// Runs a body declared with ZYT_CHILD in a fresh process of this executable: load, static initialisers, and exit are
+/// those of a new process.
+ChildResult RunChild(const std::string& name, const std::map<std::string, std::string>& env = {});
+
+/// The same with these system properties set before the library is loaded.
+ChildResult RunChildWithProperties(const std::string& name, const std::map<std::string, std::string>& properties);
+
+bool RegisterChild(const char* name, int (*body)());
+
+/// Declares a body for RunChild; its result is the exit code, unless static destructors or exit() decide otherwise.
+#define ZYT_CHILD(name)                                                                     \
+    static int Child_##name();                                                              \
+    static const bool g_isRegistered_##name = zyttest::RegisterChild(#name, Child_##name);  \
+    static int Child_##name()
+
+}  // namespace zyttest
+
+#endif  // ZYT_TESTS_SUPPORT_H

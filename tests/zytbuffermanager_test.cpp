@@ -1,0 +1,325 @@
+#include "zytbuffermanager/zytbuffermanager.h"
+
+#include <gmock/gmock.h>
+#include <hostdevice/hostdevice.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <optional>
+
+#include "logging/zytlogutil.h"
+#include "support.h"
+
+using hostdevice::Fault;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using zyttest::LogCapture;
+using zyttest::Text;
+
+namespace {
+
+std::string Line(char level, const std::string& rest) {
+    return std::string(1, level) + " [NodeA] zytbuffermanager.cpp " + rest;
+}
+
+ZYTImageBuffer Image(ZYTFormat format, uint32_t width, uint32_t height, uint32_t stride, uint32_t slice) {
+    ZYTImageBuffer image{};
+    image.format = format;
+    image.width = width;
+    image.height = height;
+    image.planeStride = stride;
+    image.sliceHeight = slice;
+    return image;
+}
+
+ZYTImageBuffer Nv12() { return Image(ZYT_FORMAT_YUV420NV12, 1920, 1080, 1920, 1088); }
+
+class Manager : public testing::Test {
+protected:
+    Manager() : m_manager(std::in_place, "NodeA") { m_log.Take(); }
+    void TearDown() override { hostdevice::ClearFaults(); }
+
+    // The manager's own lines; those of its pool have a test of their own.
+    std::vector<std::string> Take() {
+        std::vector<std::string> lines = m_log.Take();
+        lines.erase(std::remove_if(lines.begin(), lines.end(),
+                                   [](const std::string& line) { return line.find("[NodeA]") == std::string::npos; }),
+                    lines.end());
+        return lines;
+    }
+
+    LogCapture m_log;
+    std::optional<ZYTBufferManager> m_manager;
+    void* m_pBuf = nullptr;
+    int m_fd = 77;
+};
+
+ZYT_CHILD(StaticManagerAtExit) {
+    ZYTLogUtil::m_level = 5;
+    static ZYTBufferManager manager("Static");
+    void* pBuf = nullptr;
+    int fd = 0;
+    return manager.AllocBuffer(4096, &pBuf, fd, ZYT_BUFFER_TYPE_DMABUF) ? 0 : 1;
+}
+
+}  // namespace
+
+TEST_F(Manager, TakesAndFreesBuffersBySize) {
+    EXPECT_TRUE(m_manager->AllocBuffer(4096, &m_pBuf, m_fd, ZYT_BUFFER_TYPE_DMABUF));
+    EXPECT_GT(m_fd, 0);
+    EXPECT_THAT(Take(), ElementsAre(Line('I', Text("AllocBuffer() Alloc buffer success, get buffer from pool: %p",
+                                                   m_pBuf))));
+    ZYTBufferManager other("NodeB");
+    m_log.Take();
+    EXPECT_FALSE(other.FreeBuffer(m_pBuf));
+    EXPECT_THAT(m_log.Take(),
+                ElementsAre(Text("W [NodeB] zytbuffermanager.cpp FreeBuffer() Free buffer failed, this buffer not alloced "
+                                 "by this buffer manager, pBuf: %p, buffer manager name: NodeB", m_pBuf)));
+    EXPECT_TRUE(m_manager->FreeBuffer(m_pBuf));
+    EXPECT_THAT(Take(), ElementsAre(Line('D', Text("FreeBuffer() Free buffer: %p", m_pBuf))));
+    EXPECT_FALSE(m_manager->FreeBuffer(m_pBuf));
+    EXPECT_FALSE(m_manager->FreeBuffer(nullptr));
+    EXPECT_EQ(Take().back(), Line('W', "FreeBuffer() Free buffer is NULL!"));
+}
+
+TEST_F(Manager, SaysWhyNoBufferCameOfIt) {
+    m_pBuf = &m_fd;
+    EXPECT_FALSE(m_manager->AllocBuffer(0, &m_pBuf, m_fd, ZYT_BUFFER_TYPE_MALLOC));
+    EXPECT_FALSE(m_manager->AllocBuffer(16, nullptr, m_fd, ZYT_BUFFER_TYPE_MALLOC));
+    EXPECT_EQ(m_pBuf, &m_fd);
+    EXPECT_EQ(m_fd, 77);
+    const std::string invalid = Line('D', "AllocBuffer() Alloc buffer invaild args");
+    EXPECT_THAT(Take(), ElementsAre(invalid, invalid));
+
+    const std::string failed = Line('E', "AllocBuffer() Alloc buffer failed, get buffer from pool is NULL!");
+    for (const int type : {2, 3, -1}) {
+        m_pBuf = &m_fd;
+        m_fd = 77;
+        EXPECT_FALSE(m_manager->AllocBuffer(16, &m_pBuf, m_fd, static_cast<ZYTBufferType>(type)));
+        EXPECT_EQ(m_pBuf, nullptr);
+        EXPECT_EQ(m_fd, 0);
+        EXPECT_THAT(m_log.Take(), ElementsAre(failed)) << "the pool is not asked";
+    }
+    hostdevice::FailNth(Fault::kHeapAllocation, 1);
+    EXPECT_FALSE(m_manager->AllocBuffer(16, &m_pBuf, m_fd, ZYT_BUFFER_TYPE_DMABUF));
+    EXPECT_THAT(Take(), ElementsAre(failed));
+}
+
+TEST_F(Manager, RefusesAnAddressItHoldsAlready) {
+    // Two buffers whose mapping failed share the address of the failure.
+    for (int i = 0; i < 2; ++i) {
+        hostdevice::FailNth(Fault::kMapping, 1);
+        EXPECT_EQ(m_manager->AllocBuffer(4096, &m_pBuf, m_fd, ZYT_BUFFER_TYPE_DMABUF), i == 0);
+    }
+    EXPECT_EQ(m_pBuf, nullptr);
+    EXPECT_EQ(m_fd, 0);
+    EXPECT_EQ(Take().back(), Line('E', Text("AllocBuffer() Get repetitive buffer from buffer pool: %p",
+                                            static_cast<void*>(nullptr))));
+}
+
+TEST_F(Manager, TakesOneBufferAPlane) {
+    ZYTImageBuffer image = Nv12();
+    image.numberOfPlanes = 4;
+    image.pAddr[3] = reinterpret_cast<unsigned char*>(1);
+    image.pNativeHandle = this;
+    ASSERT_TRUE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_DMABUF));
+    EXPECT_EQ(image.numberOfPlanes, 2u);
+    std::memset(image.pAddr[0], 1, 2088960);
+    std::memset(image.pAddr[1], 1, 1044480);
+    EXPECT_EQ(image.pAddr[3], nullptr);
+    EXPECT_EQ(image.pNativeHandle, nullptr);
+    EXPECT_GT(image.fd[1], image.fd[0]);
+    EXPECT_EQ(Take().back(),
+              Line('D', Text("AllocBuffer() Alloc buffer success: type: 1, format: 0, width: 1920, height: 1080, "
+                             "planeStride: 1920, sliceHeight: 1088, numberOfPlanes: 2, Addr0: %p, Addr1: %p, Addr2: "
+                             "%p, Addr3: %p, pNativeHandle: %p, fd0: %d, fd1: %d, fd2: 0, fd3: 0",
+                             static_cast<void*>(image.pAddr[0]), static_cast<void*>(image.pAddr[1]),
+                             static_cast<void*>(nullptr), static_cast<void*>(nullptr), static_cast<void*>(nullptr),
+                             image.fd[0], image.fd[1])));
+    EXPECT_TRUE(m_manager->FreeBuffer(image));
+    Take();
+
+    ZYTImageBuffer raw = Image(ZYT_FORMAT_RAWMIPI10, 100, 10, 128, 10);
+    ASSERT_TRUE(m_manager->AllocBuffer(raw, ZYT_BUFFER_TYPE_MALLOC));
+    EXPECT_EQ(raw.numberOfPlanes, 1u);
+    EXPECT_EQ(raw.fd[0], 0);
+    EXPECT_TRUE(m_manager->FreeBuffer(raw));
+    Take();
+    m_manager.reset();
+    EXPECT_THAT(Take(), IsEmpty()) << "nothing was left behind";
+}
+
+TEST_F(Manager, TellsThePlanesOfEachFormat) {
+    struct Case {
+        int format;
+        ZYTBufferType type;
+        unsigned int capacity;
+        unsigned int count;
+        std::vector<unsigned int> sizes;
+    };
+    const Case cases[] = {
+        {ZYT_FORMAT_YUV420NV12, ZYT_BUFFER_TYPE_MALLOC, 4, 2, {33, 16, 9, 9}},
+        {ZYT_FORMAT_YUV420NV21, ZYT_BUFFER_TYPE_DMABUF, 2, 2, {33, 16, 9, 9}},
+        {ZYT_FORMAT_YUV420NV12, ZYT_BUFFER_TYPE_GRALLOC, 1, 1, {33, 16, 9, 9}},
+        {ZYT_FORMAT_YUV420NV12, ZYT_BUFFER_TYPE_MALLOC, 1, 0, {0, 9, 9, 9}},
+        {ZYT_FORMAT_YUV420NV21, ZYT_BUFFER_TYPE_GRALLOC, 0, 0, {9, 9, 9, 9}},
+        {ZYT_FORMAT_RAWMIPI14, ZYT_BUFFER_TYPE_GRALLOC, 1, 1, {33, 9, 9, 9}},
+        {ZYT_FORMAT_RAW16, ZYT_BUFFER_TYPE_MALLOC, 0, 0, {9, 9, 9, 9}},
+        {ZYT_FORMAT_YUV_P010, ZYT_BUFFER_TYPE_MALLOC, 4, 7, {9, 9, 9, 9}},
+        {ZYT_FORMAT_Y16, ZYT_BUFFER_TYPE_MALLOC, 4, 7, {9, 9, 9, 9}},
+        {11, ZYT_BUFFER_TYPE_MALLOC, 4, 7, {9, 9, 9, 9}},
+        {-1, ZYT_BUFFER_TYPE_MALLOC, 4, 7, {9, 9, 9, 9}},
+    };
+    for (const Case& c : cases) {
+        unsigned int count = 7;
+        std::vector<unsigned int> sizes(4, 9);
+        const ZYTImageBuffer image = Image(static_cast<ZYTFormat>(c.format), 10, 3, 11, 3);
+        m_manager->GetImgBufferSize(image, count, sizes.data(), c.capacity, c.type);
+        EXPECT_EQ(count, c.count) << c.format << " capacity " << c.capacity;
+        EXPECT_EQ(sizes, c.sizes) << c.format << " capacity " << c.capacity;
+        const bool isRefused = c.count == 7;
+        const std::string refusal =
+            Line('D', Text("GetImgBufferSize() Get img buffer size fail, unsupport format: %d", c.format));
+        EXPECT_EQ(Take(), isRefused ? std::vector<std::string>{refusal} : std::vector<std::string>{});
+    }
+    const ZYTImageBuffer huge = Image(ZYT_FORMAT_RAW16, 1, 1, 65536, 65536);
+    unsigned int count = 0;
+    unsigned int sizes[4];
+    EXPECT_EXIT(m_manager->GetImgBufferSize(huge, count, sizes, 4, ZYT_BUFFER_TYPE_MALLOC),
+                testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(Manager, LeavesTheRecordOfARefusedImageAlone) {
+    const ZYTImageBuffer good = Nv12();
+    for (uint32_t ZYTImageBuffer::*field : {&ZYTImageBuffer::width, &ZYTImageBuffer::height,
+                                            &ZYTImageBuffer::planeStride, &ZYTImageBuffer::sliceHeight}) {
+        ZYTImageBuffer image = good;
+        image.numberOfPlanes = 3;
+        image.*field = 0;
+        EXPECT_FALSE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_MALLOC));
+        EXPECT_EQ(image.numberOfPlanes, 3u);
+        EXPECT_THAT(m_log.Take(), ElementsAre(Line('D', "AllocBuffer() Alloc buffer fail, invalid size args")));
+    }
+    ZYTImageBuffer p010 = Image(ZYT_FORMAT_YUV_P010, 64, 64, 128, 64);
+    p010.numberOfPlanes = 3;
+    EXPECT_FALSE(m_manager->AllocBuffer(p010, ZYT_BUFFER_TYPE_MALLOC));
+    EXPECT_EQ(p010.numberOfPlanes, 3u);
+    EXPECT_THAT(m_log.Take(),
+                ElementsAre(Line('D', "GetImgBufferSize() Get img buffer size fail, unsupport format: 5"),
+                            Line('E', "AllocBuffer() Alloc buffer fail, get buffer size fail")));
+
+    for (const int type : {3, -1}) {
+        ZYTImageBuffer image = good;
+        image.pAddr[0] = reinterpret_cast<unsigned char*>(1);
+        image.fd[2] = 5;
+        image.pNativeHandle = this;
+        EXPECT_FALSE(m_manager->AllocBuffer(image, static_cast<ZYTBufferType>(type)));
+        EXPECT_EQ(image.numberOfPlanes, 2u);
+        EXPECT_EQ(image.pAddr[0], nullptr);
+        EXPECT_EQ(image.fd[2], 0);
+        EXPECT_EQ(image.pNativeHandle, nullptr);
+        EXPECT_THAT(m_log.Take(),
+                    ElementsAre(Line('E', Text("AllocBuffer() Alloc buffer fail, unsupport type: %d", type))));
+    }
+}
+
+TEST_F(Manager, KeepsTheFirstPlaneWhenTheSecondFails) {
+    ZYTImageBuffer image = Nv12();
+    hostdevice::FailNth(Fault::kHeapAllocation, 2);
+    EXPECT_FALSE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_DMABUF));
+    EXPECT_EQ(image.numberOfPlanes, 0u);
+    std::vector<std::string> lines = Take();
+    const std::string first = lines.front();
+    lines.erase(lines.begin());
+    EXPECT_THAT(lines, ElementsAre(Line('E', "AllocBuffer() Alloc buffer failed, get buffer from pool is NULL!"),
+                                   Line('E', "AllocBuffer() Alloc buffer fail, can not alloc new buf: size: 1044480, "
+                                             "type: 1"),
+                                   Line('W', "FreeBuffer() Free buffer is NULL!"),
+                                   Line('W', "FreeBuffer() Free buffer is NULL!")));
+    m_manager.reset();
+    const std::string address = first.substr(first.rfind(' ') + 1);
+    EXPECT_THAT(Take(), ElementsAre(Line('W', "~ZYTBufferManager() 1 buffer not free when buffer manager destroy, "
+                                              "release them forcibly"),
+                                    Line('W', "~ZYTBufferManager()   release buffer forcibly: " + address)));
+    EXPECT_EQ(hostdevice::CountLive().heapMappings, 0u);
+}
+
+TEST_F(Manager, NeverRecordsGrallocImages) {
+    ZYTImageBuffer image = Image(ZYT_FORMAT_YUV420NV12, 640, 480, 640, 480);
+    image.pAddr[1] = reinterpret_cast<unsigned char*>(1);
+    ASSERT_TRUE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_GRALLOC));
+    EXPECT_EQ(image.numberOfPlanes, 1u);
+    EXPECT_EQ(image.pAddr[1], nullptr);
+    EXPECT_GT(image.fd[0], 0);
+    EXPECT_EQ(static_cast<native_handle_t*>(image.pNativeHandle)->data[0], image.fd[0]);
+    Take();
+    EXPECT_TRUE(m_manager->FreeBuffer(image));
+    EXPECT_THAT(Take(), ElementsAre(HasSubstr("W [NodeA] zytbuffermanager.cpp FreeBuffer() Free buffer failed, this")));
+
+    hostdevice::FailNth(Fault::kGraphicBuffer, 1);
+    ZYTImageBuffer none = Image(ZYT_FORMAT_RAW16, 320, 240, 640, 240);
+    EXPECT_TRUE(m_manager->AllocBuffer(none, ZYT_BUFFER_TYPE_GRALLOC)) << "a buffer that cannot be had still succeeds";
+    EXPECT_EQ(none.pAddr[0], nullptr);
+    EXPECT_EQ(none.fd[0], 0);
+    EXPECT_EQ(none.pNativeHandle, nullptr);
+    Take();
+    m_manager.reset();
+    EXPECT_THAT(Take(), IsEmpty());
+}
+
+TEST_F(Manager, EndsTheProcessOnAFifthPlane) {
+    ZYTImageBuffer image = Nv12();
+    image.numberOfPlanes = 4;
+    EXPECT_TRUE(m_manager->FreeBuffer(image));
+    EXPECT_EQ(Take().size(), 4u);
+    image.numberOfPlanes = 5;
+    EXPECT_EXIT(m_manager->FreeBuffer(image), testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(Manager, SynchronisesTheFirstPlaneOnly) {
+    ZYTImageBuffer image = Nv12();
+    EXPECT_TRUE(m_manager->StartCPUSync(image, CPU_SYNC_READ));
+    EXPECT_TRUE(m_manager->EndCPUSync(image));
+    ASSERT_TRUE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_DMABUF));
+    Take();
+    const uint64_t before = hostdevice::SyncCount();
+    EXPECT_FALSE(m_manager->StartCPUSync(image, CPU_SYNC_WRITE));
+    EXPECT_EQ(hostdevice::LastSync().fd, image.fd[0]);
+    EXPECT_EQ(hostdevice::LastSync().result, 0) << "false although it was done";
+    EXPECT_FALSE(m_manager->EndCPUSync(image));
+    EXPECT_EQ(hostdevice::SyncCount(), before + 2);
+    EXPECT_THAT(Take(), ElementsAre(Line('I', Text("StartCPUSync() Start CPU Sync Buffer, fd: %d, sync type: 2, result: "
+                                                   "0", image.fd[0])),
+                                    Line('I', Text("EndCPUSync() End CPU Sync Buffer, fd: %d, result: 0",
+                                                   image.fd[0]))));
+    EXPECT_TRUE(m_manager->StartCPUSync(image.fd[1], static_cast<CPUSyncType>(9)));
+    EXPECT_TRUE(m_manager->EndCPUSync(image.fd[1]));
+    hostdevice::FailNth(Fault::kSync, 1);
+    EXPECT_FALSE(m_manager->EndCPUSync(image.fd[1]));
+    EXPECT_THAT(Take(), Contains(HasSubstr("sync type: 9")));
+    m_manager->FreeBuffer(image);
+}
+
+TEST_F(Manager, TagsItsLinesAndItsPoolsWithItsName) {
+    m_manager->SetManagerName("Renamed");
+    m_manager->AllocBuffer(64, &m_pBuf, m_fd, ZYT_BUFFER_TYPE_MALLOC);
+    m_manager->FreeBuffer(m_pBuf);
+    for (const std::string& line : m_log.Take()) {
+        EXPECT_TRUE(line.find("[Renamed] ") == 2 || line.find("[BufferPool-Renamed] ") == 2) << line;
+    }
+    ZYTBufferManager unnamed;
+    unnamed.FreeBuffer(nullptr);
+    EXPECT_THAT(m_log.Take(), ElementsAre(HasSubstr("W [UnknowBufferManager] ")));
+}
+
+TEST(ManagerAtExit, ReturnsWhatAStaticManagerHolds) {
+    const zyttest::ChildResult child = zyttest::RunChild("StaticManagerAtExit");
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_THAT(child.output, HasSubstr("1 buffer not free when buffer manager destroy, release them forcibly"));
+    EXPECT_THAT(child.output, HasSubstr("Buffer released: pBuf: "));
+    EXPECT_THAT(child.output, Not(HasSubstr("busy buffer")));
+}

@@ -1,0 +1,264 @@
+#include "zytsignaltask/zytsignaltask.h"
+
+#include <gmock/gmock.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+
+#include "base/zytsharedflag.h"
+#include "logging/zytlogsite.h"
+#include "support.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using zyttest::LogCapture;
+using zyttest::Text;
+using zyttest::WaitUntil;
+
+namespace {
+
+WrapperTask Wrap(std::function<void()> work) {
+    WrapperTask task;
+    task.m_task = std::move(work);
+    return task;
+}
+
+class SignalTask : public testing::Test {
+protected:
+    void TearDown() override { m_task.disconnect(); }
+
+    std::string Line(const char* function, const std::string& text) {
+        return Text("V zytsignaltask.cpp %s() [%p] ", function, static_cast<void*>(&m_task)) + text;
+    }
+
+    // Everything raised so far has been run once this returns.
+    void Settle() {
+        std::atomic<bool> isRun{false};
+        m_task.insert(~0ull, Wrap([&isRun] { isRun = true; }));
+        m_task.signal(~0ull);
+        ASSERT_TRUE(WaitUntil([&isRun] { return isRun.load(); }));
+    }
+
+    // Occupies the loop until told otherwise, so that what is raised stays pending.
+    void HoldLoop() {
+        std::atomic<bool> isHeld{false};
+        m_task.insert(~1ull, Wrap([this, &isHeld] {
+                          isHeld = true;
+                          WaitUntil([this] { return m_isReleased.load(); });
+                      }));
+        m_task.signal(~1ull);
+        ASSERT_TRUE(WaitUntil([&isHeld] { return isHeld.load(); }));
+    }
+
+    ZYTSignalTask& m_task = *ZYTSignalTask::instance();
+    std::atomic<bool> m_isReleased{false};
+};
+
+// Ends with work of every kind left over, while other threads go on raising signals and logging.
+ZYT_CHILD(ExitWithWorkPending) {
+    ZYTSignalTask* task = ZYTSignalTask::instance();
+    for (int t = 0; t < 2; ++t) {
+        std::thread([task] {
+            for (uint64_t id = 0;; ++id) {
+                task->insert(id % 8, Wrap([] {}));
+                task->signal(id % 8);
+                ZYTLogUtil::LogE("still running");
+                ZYTOfflineLog::ZYTOfflineLogE("still running");
+            }
+        }).detach();
+    }
+    for (uint64_t id = 0; id < 100; ++id) task->signal(id);
+    return 7;
+}
+
+ZYT_CHILD(ExitFromATask) {
+    ZYTSignalTask::instance()->insert(1, Wrap([] { std::exit(7); }));
+    ZYTSignalTask::instance()->signal(1);
+    WaitUntil([] { return false; });
+    return 1;
+}
+
+ZYT_CHILD(RunAnEmptyCallable) {
+    ZYTSignalTask::instance()->insert(1, WrapperTask());
+    ZYTSignalTask::instance()->signal(1);
+    WaitUntil([] { return false; });
+    return 1;
+}
+
+ZYT_CHILD(LogAtExit) {
+    ZYTLogUtil::m_level = 5;
+    ZYTSignalTask::instance();
+    return 0;
+}
+
+}  // namespace
+
+TEST_F(SignalTask, RunsAConnectedTaskOnceOnItsOwnThread) {
+    std::atomic<int> runs{0};
+    std::string threadName(16, '\0');
+    const WrapperTask task = Wrap([&] {
+        pthread_getname_np(pthread_self(), threadName.data(), threadName.size());
+        ++runs;
+    });
+    EXPECT_EQ(m_task.insert(5, WrapperTask(task)), 1u);
+    m_task.signal(5);
+    m_task.signal(6);  // nothing is connected: lost
+    Settle();
+    EXPECT_EQ(runs, 1);
+    EXPECT_STREQ(threadName.c_str(), "ZYTSignalTask");
+    EXPECT_TRUE(zyt::LoadFlag(*task.m_isDone));
+    EXPECT_TRUE(zyt::LoadFlag(*task.m_isAlive));
+    m_task.signal(5);
+    Settle();
+    EXPECT_EQ(runs, 1) << "a run uses up the connection";
+
+    m_task.insert(6, Wrap([&] { ++runs; }));
+    Settle();
+    EXPECT_EQ(runs, 1) << "the signal raised earlier is gone";
+}
+
+TEST_F(SignalTask, RunsInTheOrderOfRaisingAndNeverTwiceForAPendingSignal) {
+    std::vector<int> order;  // written on the loop thread, read when it has settled
+    for (int id = 1; id <= 3; ++id) {
+        m_task.insert(static_cast<uint64_t>(id), Wrap([&order, id] { order.push_back(id); }));
+    }
+    HoldLoop();
+    EXPECT_EQ(m_task.insert(3), 1u);
+    EXPECT_EQ(m_task.insert(1), 2u);
+    EXPECT_EQ(m_task.insert(2), 3u);
+    EXPECT_EQ(m_task.insert(3), 3u);
+    m_isReleased = true;
+    Settle();
+    EXPECT_THAT(order, ElementsAre(3, 1, 2));
+}
+
+TEST_F(SignalTask, DisconnectsSignalsAndTasks) {
+    std::atomic<int> runs{0};
+    std::shared_ptr<bool> isAlive;
+    std::shared_ptr<bool> isDone;
+    {
+        WrapperTask task = Wrap([&runs] { ++runs; });
+        isAlive = task.m_isAlive;
+        isDone = task.m_isDone;
+        m_task.insert(5, std::move(task));
+    }
+    EXPECT_TRUE(zyt::LoadFlag(*isAlive)) << "the connection is a copy";
+    m_task.disconnect(4);
+    m_task.insert(5);
+    m_task.disconnect(5);
+    Settle();
+    EXPECT_EQ(runs, 0);
+    EXPECT_FALSE(zyt::LoadFlag(*isAlive));
+    EXPECT_FALSE(zyt::LoadFlag(*isDone));
+
+    const WrapperTask kept = Wrap([&runs] { ++runs; });
+    m_task.insert(5, WrapperTask(kept));
+    m_task.disconnect();
+    EXPECT_TRUE(zyt::LoadFlag(*kept.m_isAlive)) << "a copy is left to connect again";
+}
+
+TEST_F(SignalTask, AReplacedConnectionKeepsItsFlags) {
+    std::atomic<int> runs{0};
+    std::shared_ptr<bool> replacedIsAlive;
+    {
+        WrapperTask first = Wrap([&runs] { runs += 10; });
+        replacedIsAlive = first.m_isAlive;
+        EXPECT_EQ(m_task.insert(5, std::move(first)), 1u);
+    }
+    EXPECT_EQ(m_task.insert(5, Wrap([&runs] { ++runs; })), 1u);
+    m_task.signal(5);
+    Settle();
+    EXPECT_EQ(runs, 1);
+    EXPECT_TRUE(zyt::LoadFlag(*replacedIsAlive));
+}
+
+TEST(Wrapper, AssignmentSharesAllFourMembersEvenFromATemporary) {
+    WrapperTask a;
+    WrapperTask b;
+    const std::shared_ptr<bool> oldAlive = a.m_isAlive;
+    b.m_task = [] {};
+    a = std::move(b);
+    EXPECT_EQ(a.m_isAlive, b.m_isAlive);
+    EXPECT_EQ(a.m_isDone, b.m_isDone);
+    EXPECT_EQ(a.m_token, b.m_token);
+    EXPECT_TRUE(a.m_task && b.m_task);
+    EXPECT_TRUE(*oldAlive) << "assignment is no destruction";
+
+    auto last = std::make_unique<WrapperTask>();
+    const std::shared_ptr<bool> isAlive = last->m_isAlive;
+    { WrapperTask copy(*last); }
+    EXPECT_TRUE(*isAlive);
+    *last->m_isDone = true;
+    last.reset();
+    EXPECT_TRUE(*isAlive) << "it has run";
+}
+
+TEST_F(SignalTask, LogsEachStep) {
+    Settle();
+    LogCapture log;
+    HoldLoop();
+    log.Take();
+    m_task.insert(5);
+    m_task.insert(5);
+    EXPECT_THAT(log.Take(), ElementsAre(Line("insert", "try signal 5"),
+                                        Line("insert", "success signal 5 with 1 signals left"),
+                                        Line("insert", "try signal 5")));
+    m_isReleased = true;
+    m_task.remove(5);
+    Settle();
+    log.Take();
+    m_task.insert(9, Wrap([] {}));
+    m_task.remove(9);
+    m_task.remove();
+    EXPECT_THAT(log.Take(), testing::IsSupersetOf({Line("insert", "try connect 9"),
+                                                   Line("insert", "success connect 9 with 1 tasks left"),
+                                                   Line("remove", "disconnect 9"), Line("remove", "disconnect all")}));
+    m_task.insert(9, Wrap([] {}));
+    m_task.signal(9);
+    const std::string done = Line("loop", "task 9 done");
+    std::vector<std::string> lines;
+    EXPECT_TRUE(WaitUntil([&] {
+        for (std::string& line : log.Take()) lines.push_back(std::move(line));
+        return !lines.empty() && lines.back() == Line("loop", "loop alive") &&
+               std::count(lines.begin(), lines.end(), done) == 1;
+    }));
+}
+
+TEST_F(SignalTask, TasksMayRaiseSignals) {
+    std::atomic<bool> isRun{false};
+    m_task.insert(2, Wrap([&isRun] { isRun = true; }));
+    m_task.insert(1, Wrap([this] { m_task.signal(2); }));
+    m_task.signal(1);
+    EXPECT_TRUE(WaitUntil([&isRun] { return isRun.load(); }));
+    Settle();
+}
+
+TEST(SignalTaskAtExit, NeverHangsWhateverIsPending) {
+    for (int i = 0; i < 50; ++i) {
+        const zyttest::ChildResult child = zyttest::RunChild("ExitWithWorkPending");
+        ASSERT_EQ(child.exitCode, 7) << child.signal << child.output.substr(0, 1000);
+    }
+}
+
+TEST(SignalTaskAtExit, EndsWhenATaskItselfExits) {
+    EXPECT_EQ(zyttest::RunChild("ExitFromATask").exitCode, 7);
+}
+
+TEST(SignalTaskAtExit, LogsItsEndAndStopsItsLoop) {
+    const zyttest::ChildResult child = zyttest::RunChild("LogAtExit");
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_THAT(child.output, HasSubstr("disconnect all"));
+    EXPECT_THAT(child.output, HasSubstr("loop stop"));
+}
+
+TEST(SignalTaskAtExit, AnEmptyCallableEndsTheProcess) {
+    const zyttest::ChildResult child = zyttest::RunChild("RunAnEmptyCallable");
+    EXPECT_EQ(child.signal, SIGABRT);
+    EXPECT_THAT(child.output, HasSubstr("bad_function_call"));
+}
