@@ -35,7 +35,9 @@ sp<GraphicBuffer> MakeGraphicBuffer(uint32_t width, uint32_t height) {
     return new GraphicBuffer(width, height, kImplementationDefined, 1, kUsage);
 }
 
-void* MapShared(int fd, size_t size) { return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0); }
+void* MapShared(int fd, size_t size) {
+    return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+}
 
 std::string GetProperty(const char* key, const char* defaultValue) {
     char value[PROPERTY_VALUE_MAX];
@@ -202,10 +204,15 @@ TEST_F(HostDeviceTest, LogLinesLookLikeThreadtime) {
 TEST_F(HostDeviceTest, LogSinkTakesOneMessageAtATime) {
     constexpr int kThreads = 4;
     constexpr int kMessages = 500;
-    int calls = 0;  // plain: the sink relies on being called by one thread at a time
+    int calls = 0;
+    int overlaps = 0;
+    std::atomic<bool> isInside{false};
     StderrWrites stderrWrites;
-    hostdevice::SetLogSink([&calls](int priority, const char* tag, const char* text) {
+    hostdevice::SetLogSink([&](int priority, const char* tag, const char* text) {
+        if (isInside.exchange(true)) ++overlaps;
+        std::this_thread::yield();
         if (priority == ANDROID_LOG_INFO && std::strcmp(tag, "tag") == 0 && std::strcmp(text, "text") == 0) ++calls;
+        isInside = false;
     });
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
@@ -217,6 +224,7 @@ TEST_F(HostDeviceTest, LogSinkTakesOneMessageAtATime) {
     hostdevice::SetLogSink({});
     __android_log_write(ANDROID_LOG_INFO, "tag", "text");
     EXPECT_EQ(calls, kThreads * kMessages);
+    EXPECT_EQ(overlaps, 0);
     EXPECT_EQ(stderrWrites.Take().size(), 1u);
 }
 
@@ -350,10 +358,13 @@ TEST_F(HostDeviceTest, StrongPointersDeleteWithTheLastReference) {
     moved = new Counted(alive);
     EXPECT_EQ(alive, 1);
 
+    constexpr int kThreads = 4;
+    std::atomic<int> arrived{0};
     std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([copy = moved] {
-            for (int round = 0; round < 10000; ++round) sp<Counted> another = copy;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([copy = moved, &arrived] {
+            for (++arrived; arrived < kThreads;) std::this_thread::yield();
+            for (int round = 0; round < 300000; ++round) sp<Counted> another = copy;
         });
     }
     moved.clear();

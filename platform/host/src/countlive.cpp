@@ -22,9 +22,8 @@ void CountDescriptors(LiveResources& live) {
     DIR* const directory = opendir("/proc/self/fd");
     if (directory == nullptr) return;
     while (const dirent* const entry = readdir(directory)) {
-        // "." and ".." read as descriptor 0, which this device never hands out.
-        const int fd = std::atoi(entry->d_name);
-        if (fd != 0) Count(KindOfDescriptor(fd), live.heapDescriptors, live.graphicDescriptors);
+        if (entry->d_name[0] == '.') continue;
+        Count(KindOfDescriptor(std::atoi(entry->d_name)), live.heapDescriptors, live.graphicDescriptors);
     }
     closedir(directory);
 }
