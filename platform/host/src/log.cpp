@@ -8,7 +8,6 @@
 #include <cstring>
 #include <mutex>
 #include <string>
-#include <utility>
 
 #include "internal.h"
 
@@ -81,7 +80,8 @@ void DeliverLog(int priority, const char* tag, const char* text) {
 void SetLogSink(LogSink function) {
     Sink& sink = Immortal<Sink>();
     const std::lock_guard<std::mutex> guard(sink.lock);
-    sink.function = std::move(function);
+    // The previous sink goes with the argument, outside the lock: what it holds may log when it is destroyed.
+    sink.function.swap(function);
 }
 
 }  // namespace hostdevice

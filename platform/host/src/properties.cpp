@@ -81,9 +81,9 @@ int property_get(const char* key, char* value, const char* default_value) {
 }
 
 int32_t property_get_int32(const char* key, int32_t default_value) {
+    const int savedErrno = errno;
     char text[PROPERTY_VALUE_MAX];
     property_get(key, text, nullptr);
-    const int savedErrno = errno;
     char* end = text;
     // Out of its own range it gives the nearest end of that range, which is out of ours as well.
     const intmax_t number = std::strtoimax(text, &end, 0);

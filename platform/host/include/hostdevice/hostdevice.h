@@ -55,7 +55,7 @@ enum class Fault {
 };
 
 /// Makes the n-th call from now fail (1: the next one), once. Replaces what was armed for this kind; 0 disarms.
-/// An allocation that fails for another reason does not count towards kMapping or kGraphicDescriptor.
+/// An allocation that an armed fault makes fail does not count towards kMapping or kGraphicDescriptor.
 HOSTDEVICE_EXPORT void FailNth(Fault fault, uint64_t n);
 
 /// Whether a fault is armed and has not fired yet.
