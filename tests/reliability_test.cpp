@@ -1,0 +1,198 @@
+// The library under load and on its way out. ZYT_EXIT_ROUNDS in the environment sets how many processes end under load.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <hostdevice/hostdevice.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "base/zytsharedflag.h"
+#include "logging/zytlogsite.h"
+#include "support.h"
+#include "zytbuffermanager/zytbuffermanager.h"
+#include "zytsignaltask/zytsignaltask.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A buffer with a mark at both ends that nobody else writes.
+struct Held {
+    unsigned char* pBuf;
+    uint32_t size;
+    uint64_t mark;
+
+    void Sign() const {
+        std::memcpy(pBuf, &mark, sizeof(mark));
+        std::memcpy(pBuf + size - sizeof(mark), &mark, sizeof(mark));
+    }
+
+    bool IsIntact() const {
+        return std::memcmp(pBuf, &mark, sizeof(mark)) == 0 &&
+               std::memcmp(pBuf + size - sizeof(mark), &mark, sizeof(mark)) == 0;
+    }
+};
+
+// One node after another: each has two managers, takes buffers of random sizes and kinds, holds them for a random time
+// and leaves some for its managers' destructors. Returns whether all contents survived.
+bool LiveAsNodes(uint64_t thread, uint64_t operations) {
+    std::mt19937_64 random(thread);
+    uint64_t mark = thread << 48;
+    bool isIntact = true;
+    while (operations > 0) {
+        ZYTBufferManager managers[2] = {ZYTBufferManager("Node"), ZYTBufferManager()};
+        std::vector<Held> held[2];
+        for (uint64_t left = std::min<uint64_t>(operations, 50 + random() % 500); left > 0; --left, --operations) {
+            const size_t m = random() % 2;
+            if (held[m].size() > random() % 24) {
+                const size_t i = random() % held[m].size();
+                isIntact = isIntact && held[m][i].IsIntact();
+                managers[m].FreeBuffer(held[m][i].pBuf);
+                held[m].erase(held[m].begin() + static_cast<ptrdiff_t>(i));
+                continue;
+            }
+            void* pBuf = nullptr;
+            int fd = 0;
+            const auto size = static_cast<uint32_t>(16 + random() % 40 * 1000);
+            if (!managers[m].AllocBuffer(size, &pBuf, fd, static_cast<ZYTBufferType>(random() % 2))) return false;
+            held[m].push_back({static_cast<unsigned char*>(pBuf), size, ++mark});
+            held[m].back().Sign();
+        }
+        for (const auto& buffers : held) {
+            for (const Held& buffer : buffers) isIntact = isIntact && buffer.IsIntact();
+        }
+    }
+    return isIntact;
+}
+
+// Everything that can be going on when a process ends.
+ZYT_CHILD(ExitWhileBusy) {
+    ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
+    zyt::StoreFlag(log.m_enable, true);
+    static ZYTBufferManager early("Early");
+    void* pBuf = nullptr;
+    int fd = 0;
+    early.AllocBuffer(4096, &pBuf, fd, ZYT_BUFFER_TYPE_DMABUF);
+    ZYTSignalTask* task = ZYTSignalTask::instance();
+    static ZYTBufferManager late("Late");
+    late.AllocBuffer(4096, &pBuf, fd, ZYT_BUFFER_TYPE_MALLOC);
+
+    for (int t = 0; t < 3; ++t) {
+        std::thread([task] {
+            for (uint64_t id = 0;; ++id) {
+                WrapperTask work;
+                work.m_task = [task, id] { task->signal(id + 1); };
+                task->insert(id % 16, std::move(work));
+                task->signal(id % 16);
+                ZYT_LOG(E, "Busy", "line %lu", id);
+            }
+        }).detach();
+    }
+    for (int i = 0; i < 3000; ++i) ZYT_LOG(E, "Main", "line %d", i);
+    for (uint64_t id = 0; id < 1000; ++id) task->signal(id);
+    return 7;
+}
+
+bool MountSmallDisk() {
+    const std::string uid = std::to_string(getuid());
+    if (unshare(CLONE_NEWNS) != 0) {
+        // Without root: as root of a user name space of its own.
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+        const int map = open("/proc/self/uid_map", O_WRONLY);
+        const std::string line = "0 " + uid + " 1";
+        const bool isMapped = write(map, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+        close(map);
+        if (!isMapped) return false;
+    }
+    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", ZYT_OFFLINE_LOG_DIR, "tmpfs", 0, "size=1m") == 0;
+}
+
+std::string WholeLog() {
+    std::string content;
+    for (const auto& entry : fs::directory_iterator(ZYT_OFFLINE_LOG_DIR)) content += zyttest::ReadFile(entry.path());
+    return content;
+}
+
+constexpr int kCannotMount = 77;
+
+ZYT_CHILD(LogToAFullDisk) {
+    if (!MountSmallDisk()) return kCannotMount;
+    ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
+    zyt::StoreFlag(log.m_enable, true);
+    const auto drain = [&log] {
+        log.m_threadPool.DeInit(false);
+        log.m_threadPool.Init(ZYTOfflineLog::kWorkerCount);
+    };
+    for (int i = 0; i < 1500; ++i) ZYTOfflineLog::ZYTOfflineLogE("filler %d %s", i, std::string(1000, 'x').c_str());
+    drain();
+    ZYTOfflineLog::ZYTOfflineLogE("%s", std::string(1900, 'y').c_str());
+    drain();
+    if (WholeLog().find(std::string(1900, 'y')) != std::string::npos) return 1;  // it was not full
+    for (const auto& entry : fs::directory_iterator(ZYT_OFFLINE_LOG_DIR)) fs::resize_file(entry.path(), 0);
+    ZYTOfflineLog::ZYTOfflineLogE("there is room again");
+    drain();
+    return WholeLog().find("there is room again\n") != std::string::npos ? 0 : 2;
+}
+
+}  // namespace
+
+TEST(Load, NoBufferHasTwoHoldersAndNothingIsLeft) {
+    constexpr uint64_t kThreads = 16;
+    constexpr uint64_t kOperations = 1000000;
+    std::atomic<bool> isIntact{true};
+    std::vector<std::thread> threads;
+    for (uint64_t t = 1; t <= kThreads; ++t) {
+        threads.emplace_back([t, &isIntact] {
+            if (!LiveAsNodes(t, kOperations / kThreads)) isIntact = false;
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_TRUE(isIntact);
+    const hostdevice::LiveResources live = hostdevice::CountLive();
+    EXPECT_EQ(live.heapDescriptors, 0u);
+    EXPECT_EQ(live.heapMappings, 0u);
+    EXPECT_TRUE(ZYTBufferPool::m_busyBufferList.empty());
+    for (const auto& list : ZYTBufferPool::m_freeBufferList) EXPECT_TRUE(list.empty());
+}
+
+TEST(Exit, IsCalmWhateverIsGoingOn) {
+    const char* setting = std::getenv("ZYT_EXIT_ROUNDS");
+    const int rounds = setting != nullptr ? std::atoi(setting) : 20;
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> burners;
+    for (unsigned int i = 0; i < std::thread::hardware_concurrency(); ++i) {
+        burners.emplace_back([&isOver] {
+            while (!isOver) {
+            }
+        });
+    }
+    int calm = 0;
+    for (int i = 0; i < rounds; ++i) {
+        const zyttest::ChildResult child = zyttest::RunChild("ExitWhileBusy");
+        EXPECT_EQ(child.exitCode, 7) << "signal " << child.signal << (child.timedOut ? ", hung" : "")
+                                     << child.output.substr(child.output.size() - std::min<size_t>(
+                                            child.output.size(), 3000));
+        if (child.exitCode != 7) break;
+        ++calm;
+    }
+    isOver = true;
+    for (std::thread& burner : burners) burner.join();
+    EXPECT_EQ(calm, rounds);
+    for (const auto& entry : fs::directory_iterator(ZYT_OFFLINE_LOG_DIR)) fs::remove(entry.path());
+}
+
+TEST(FullDisk, LosesLinesOnlyWhileThereIsNoRoom) {
+    const zyttest::ChildResult child = zyttest::RunChild("LogToAFullDisk");
+    if (child.exitCode == kCannotMount) GTEST_SKIP() << "this user may not mount a file system";
+    EXPECT_EQ(child.exitCode, 0) << child.output;
+}
