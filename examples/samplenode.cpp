@@ -1,5 +1,5 @@
-// An algorithm node from start to finish: it takes frames, moves them through every kind of image memory, maps and marks
-// the faces that were found in them, describes them to a vendor's library, and dumps them. Its "algorithm" is the
+// An algorithm node from start to finish: it takes frames, moves them through every kind of image memory, maps and
+// marks the faces that were found in them, describes them to a vendor's library, and dumps them. Its "algorithm" is the
 // marking; everything around it is what a real node does too.
 
 #include <hostdevice/hostdevice.h>
@@ -87,8 +87,7 @@ Options Parse(int argc, char** argv) {
     if (places.size() != 2) throw BadInput{"wants a file and a size, such as frame.nv12 1920x1080"};
     options.input = places[0];
     char rest = 0;
-    const bool isSize =
-        std::sscanf(places[1].c_str(), "%6ux%6u%c", &options.width, &options.height, &rest) == 2;
+    const bool isSize = std::sscanf(places[1].c_str(), "%6ux%6u%c", &options.width, &options.height, &rest) == 2;
     if (!isSize || options.width == 0 || options.height == 0 || options.width > kMaxSide || options.height > kMaxSide) {
         throw BadInput{"'" + places[1] + "' is no size from 1x1 to 16384x16384"};
     }
@@ -124,7 +123,8 @@ Faces ReadFaces(const std::string& path) {
         if (line.empty() || line[0] == '#') continue;
         char kind[8] = {};
         ZYTRect rect{};
-        if (std::sscanf(line.c_str(), "%7s %6u %6u %6u %6u", kind, &rect.top, &rect.left, &rect.width, &rect.height) != 5) {
+        if (std::sscanf(line.c_str(), "%7s %6u %6u %6u %6u", kind, &rect.top, &rect.left, &rect.width, &rect.height) !=
+            5) {
             throw BadInput{path + ": line " + std::to_string(number) + " is neither a crop nor a face"};
         }
         if (std::strcmp(kind, "crop") == 0) {
@@ -217,8 +217,7 @@ public:
         const std::string frameDump = Dump(plain, m_options.name + "-frame" + std::to_string(number));
 
         std::vector<ZYTRect> marks;
-        ZYTUtil::MapFaceROIToImageBuffer(m_faces.rects, marks, m_faces.crop,
-                                         {0, 0, m_options.width, m_options.height});
+        ZYTUtil::MapFaceROIToImageBuffer(m_faces.rects, marks, m_faces.crop, {0, 0, m_options.width, m_options.height});
         for (const ZYTRect& mark : marks) {
             ZYTUtil::DrawRect(&plain, mark, m_tuning.thickness);
             ZYTUtil::DrawPointer(&plain, mark.left + mark.width / 2, mark.top + mark.height / 2);
@@ -255,8 +254,8 @@ public:
         const ZYTProductInfo product = ZYTUtil::GetProductInfo();
         std::printf("heap          %s\n", hostdevice::HeapName());
         std::printf("device        %u, region %u\n", product.device, product.region);
-        std::printf("tuning        %s, thickness %u\n",
-                    m_tuning.path.empty() ? "built in" : m_tuning.path.c_str(), m_tuning.thickness);
+        std::printf("tuning        %s, thickness %u\n", m_tuning.path.empty() ? "built in" : m_tuning.path.c_str(),
+                    m_tuning.thickness);
         std::printf("frame         %ux%u %s, %zu bytes\n", m_options.width, m_options.height,
                     ZYTBufferUtil::GetBufferFormatString(m_options.format).c_str(), FrameBytes(m_options));
         std::printf("strides       DMA-BUF %u, gralloc %u, plain %u bytes\n", m_cameraStride, m_grallocStride,

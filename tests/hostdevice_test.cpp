@@ -35,9 +35,7 @@ sp<GraphicBuffer> MakeGraphicBuffer(uint32_t width, uint32_t height) {
     return new GraphicBuffer(width, height, kImplementationDefined, 1, kUsage);
 }
 
-void* MapShared(int fd, size_t size) {
-    return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-}
+void* MapShared(int fd, size_t size) { return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0); }
 
 std::string GetProperty(const char* key, const char* defaultValue) {
     char value[PROPERTY_VALUE_MAX];

@@ -180,8 +180,8 @@ TEST(Exit, IsCalmWhateverIsGoingOn) {
     for (int i = 0; i < rounds; ++i) {
         const zyttest::ChildResult child = zyttest::RunChild("ExitWhileBusy");
         EXPECT_EQ(child.exitCode, 7) << "signal " << child.signal << (child.timedOut ? ", hung" : "")
-                                     << child.output.substr(child.output.size() - std::min<size_t>(
-                                            child.output.size(), 3000));
+                                     << child.output.substr(child.output.size() -
+                                                            std::min<size_t>(child.output.size(), 3000));
         if (child.exitCode != 7) break;
         ++calm;
     }

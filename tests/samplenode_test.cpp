@@ -44,7 +44,8 @@ protected:
 }  // namespace
 
 TEST_F(SampleNode, DumpsTheFrameAsItCameAndThenItsFaces) {
-    WriteFile(m_dir / "faces", "# one of two is in the crop\ncrop 0 0 1000 600\nface 100 200 300 200\nface 900 0 50 50\n");
+    WriteFile(m_dir / "faces",
+              "# one of two is in the crop\ncrop 0 0 1000 600\nface 100 200 300 200\nface 900 0 50 50\n");
     std::filesystem::create_directory(m_dir / "tuning");
     WriteFile(m_dir / "tuning/samplenode_131.tuning", "thickness=1\n");
     WriteFile(m_dir / "tuning/samplenode_default.tuning", "thickness=9\n");
@@ -70,7 +71,8 @@ TEST_F(SampleNode, SaysWhatIsWrongInOneLine) {
     ExpectRefusal({m_dir / "missing", "100x60"}, "cannot find ");
     ExpectRefusal({m_dir.Path(), "100x60"}, "no regular file");
     ExpectRefusal({frame, "100x61"}, "is too short: 9000 bytes, a frame has 9100");
-    for (const char* size : {"0x60", "100x0", "100", "100x60x3", "-1x5", "99999x1"}) ExpectRefusal({frame, size}, "is no size");
+    for (const char* size : {"0x60", "100x0", "100", "100x60x3", "-1x5", "99999x1"})
+        ExpectRefusal({frame, size}, "is no size");
     ExpectRefusal({frame, "100x60", "--format", "YUV_P010"}, "unknown format 'YUV_P010'");
     ExpectRefusal({frame, "100x60", "--out", m_dir / "missing"}, "cannot write ");
     ExpectRefusal({frame, "100x60", "--tuning", m_dir / "missing"}, "cannot list ");

@@ -70,9 +70,9 @@ ChildResult RunChildWithProperties(const std::string& name, const std::map<std::
 bool RegisterChild(const char* name, int (*body)());
 
 /// Declares a body for RunChild; its result is the exit code, unless static destructors or exit() decide otherwise.
-#define ZYT_CHILD(name)                                                                     \
-    static int Child_##name();                                                              \
-    static const bool g_isRegistered_##name = zyttest::RegisterChild(#name, Child_##name);  \
+#define ZYT_CHILD(name)                                                                    \
+    static int Child_##name();                                                             \
+    static const bool g_isRegistered_##name = zyttest::RegisterChild(#name, Child_##name); \
     static int Child_##name()
 
 }  // namespace zyttest

@@ -71,14 +71,16 @@ ZYT_CHILD(StaticManagerAtExit) {
 TEST_F(Manager, TakesAndFreesBuffersBySize) {
     EXPECT_TRUE(m_manager->AllocBuffer(4096, &m_pBuf, m_fd, ZYT_BUFFER_TYPE_DMABUF));
     EXPECT_GT(m_fd, 0);
-    EXPECT_THAT(Take(), ElementsAre(Line('I', Text("AllocBuffer() Alloc buffer success, get buffer from pool: %p",
-                                                   m_pBuf))));
+    EXPECT_THAT(Take(),
+                ElementsAre(Line('I', Text("AllocBuffer() Alloc buffer success, get buffer from pool: %p", m_pBuf))));
     ZYTBufferManager other("NodeB");
     m_log.Take();
     EXPECT_FALSE(other.FreeBuffer(m_pBuf));
-    EXPECT_THAT(m_log.Take(),
-                ElementsAre(Text("W [NodeB] zytbuffermanager.cpp FreeBuffer() Free buffer failed, this buffer not alloced "
-                                 "by this buffer manager, pBuf: %p, buffer manager name: NodeB", m_pBuf)));
+    EXPECT_THAT(
+        m_log.Take(),
+        ElementsAre(Text("W [NodeB] zytbuffermanager.cpp FreeBuffer() Free buffer failed, this buffer not alloced "
+                         "by this buffer manager, pBuf: %p, buffer manager name: NodeB",
+                         m_pBuf)));
     EXPECT_TRUE(m_manager->FreeBuffer(m_pBuf));
     EXPECT_THAT(Take(), ElementsAre(Line('D', Text("FreeBuffer() Free buffer: %p", m_pBuf))));
     EXPECT_FALSE(m_manager->FreeBuffer(m_pBuf));
@@ -117,8 +119,8 @@ TEST_F(Manager, RefusesAnAddressItHoldsAlready) {
     }
     EXPECT_EQ(m_pBuf, nullptr);
     EXPECT_EQ(m_fd, 0);
-    EXPECT_EQ(Take().back(), Line('E', Text("AllocBuffer() Get repetitive buffer from buffer pool: %p",
-                                            static_cast<void*>(nullptr))));
+    EXPECT_EQ(Take().back(),
+              Line('E', Text("AllocBuffer() Get repetitive buffer from buffer pool: %p", static_cast<void*>(nullptr))));
 }
 
 TEST_F(Manager, TakesOneBufferAPlane) {
@@ -208,9 +210,8 @@ TEST_F(Manager, LeavesTheRecordOfARefusedImageAlone) {
     p010.numberOfPlanes = 3;
     EXPECT_FALSE(m_manager->AllocBuffer(p010, ZYT_BUFFER_TYPE_MALLOC));
     EXPECT_EQ(p010.numberOfPlanes, 3u);
-    EXPECT_THAT(m_log.Take(),
-                ElementsAre(Line('D', "GetImgBufferSize() Get img buffer size fail, unsupport format: 5"),
-                            Line('E', "AllocBuffer() Alloc buffer fail, get buffer size fail")));
+    EXPECT_THAT(m_log.Take(), ElementsAre(Line('D', "GetImgBufferSize() Get img buffer size fail, unsupport format: 5"),
+                                          Line('E', "AllocBuffer() Alloc buffer fail, get buffer size fail")));
 
     for (const int type : {3, -1}) {
         ZYTImageBuffer image = good;
@@ -236,14 +237,16 @@ TEST_F(Manager, KeepsTheFirstPlaneWhenTheSecondFails) {
     const std::string first = lines.front();
     lines.erase(lines.begin());
     EXPECT_THAT(lines, ElementsAre(Line('E', "AllocBuffer() Alloc buffer failed, get buffer from pool is NULL!"),
-                                   Line('E', "AllocBuffer() Alloc buffer fail, can not alloc new buf: size: 1044480, "
-                                             "type: 1"),
+                                   Line('E',
+                                        "AllocBuffer() Alloc buffer fail, can not alloc new buf: size: 1044480, "
+                                        "type: 1"),
                                    Line('W', "FreeBuffer() Free buffer is NULL!"),
                                    Line('W', "FreeBuffer() Free buffer is NULL!")));
     m_manager.reset();
     const std::string address = first.substr(first.rfind(' ') + 1);
-    EXPECT_THAT(Take(), ElementsAre(Line('W', "~ZYTBufferManager() 1 buffer not free when buffer manager destroy, "
-                                              "release them forcibly"),
+    EXPECT_THAT(Take(), ElementsAre(Line('W',
+                                         "~ZYTBufferManager() 1 buffer not free when buffer manager destroy, "
+                                         "release them forcibly"),
                                     Line('W', "~ZYTBufferManager()   release buffer forcibly: " + address)));
     EXPECT_EQ(hostdevice::CountLive().heapMappings, 0u);
 }
@@ -292,10 +295,11 @@ TEST_F(Manager, SynchronisesTheFirstPlaneOnly) {
     EXPECT_EQ(hostdevice::LastSync().result, 0) << "false although it was done";
     EXPECT_FALSE(m_manager->EndCPUSync(image));
     EXPECT_EQ(hostdevice::SyncCount(), before + 2);
-    EXPECT_THAT(Take(), ElementsAre(Line('I', Text("StartCPUSync() Start CPU Sync Buffer, fd: %d, sync type: 2, result: "
-                                                   "0", image.fd[0])),
-                                    Line('I', Text("EndCPUSync() End CPU Sync Buffer, fd: %d, result: 0",
-                                                   image.fd[0]))));
+    EXPECT_THAT(Take(),
+                ElementsAre(Line('I', Text("StartCPUSync() Start CPU Sync Buffer, fd: %d, sync type: 2, result: "
+                                           "0",
+                                           image.fd[0])),
+                            Line('I', Text("EndCPUSync() End CPU Sync Buffer, fd: %d, result: 0", image.fd[0]))));
     EXPECT_TRUE(m_manager->StartCPUSync(image.fd[1], static_cast<CPUSyncType>(9)));
     EXPECT_TRUE(m_manager->EndCPUSync(image.fd[1]));
     hostdevice::FailNth(Fault::kSync, 1);

@@ -73,15 +73,18 @@ TEST_F(Pool, MakesABufferOnDemandAndReusesTheLastReturned) {
     EXPECT_THAT(m_log.Take(),
                 ElementsAre(Line('I', Text("AllocBuffer() Alloc buffer success: type: 1, size: 4096, pBuf: %p", a)),
                             Line('I', Text("GetBufferFromPool() Get buffer type: 1, size: 4096, pBuf: %p. Free buf num "
-                                           "this size: 0", a))));
+                                           "this size: 0",
+                                           a))));
     void* b = Get(4096);
     const int fdB = m_fd;
     m_log.Take();
     m_pool->PutBufferToPool(a);
-    EXPECT_THAT(m_log.Take(),
-                ElementsAre(Line('V', Text("PutBufferToPool() Put buffer to pool: %p", a)),
-                            Line('I', Text("PutBufferToPool() Put buffer to pool success: pBuf: %p, size: 4096, fd: %d, "
-                                           "type: 1", a, fdA))));
+    EXPECT_THAT(
+        m_log.Take(),
+        ElementsAre(Line('V', Text("PutBufferToPool() Put buffer to pool: %p", a)),
+                    Line('I', Text("PutBufferToPool() Put buffer to pool success: pBuf: %p, size: 4096, fd: %d, "
+                                   "type: 1",
+                                   a, fdA))));
     m_pool->PutBufferToPool(b);
     EXPECT_EQ(Get(4096), b);
     EXPECT_EQ(m_fd, fdB);
@@ -151,21 +154,24 @@ TEST_F(Pool, HandsOutGrallocBuffersByGeometry) {
     ASSERT_NE(m_handle, &m_fd);
     EXPECT_EQ(static_cast<native_handle_t*>(m_handle)->data[0], m_fd);
     EXPECT_THAT(m_log.Take(), ElementsAre(Line('I', Text("GetBufferFromPool() Get buffer type: 2, width: 640, height: "
-                                                         "480, pBuf: %p. Free buf num this size: 0", pBuf))));
+                                                         "480, pBuf: %p. Free buf num this size: 0",
+                                                         pBuf))));
     const int fd = m_fd;
     EXPECT_NE(GetGralloc(480, 640), pBuf);
     m_log.Take();
     m_pool->PutBufferToPool(pBuf);
     EXPECT_EQ(m_log.Take()[1], Line('I', Text("PutBufferToPool() Put gralloc buffer to pool success: pBuf: %p, width: "
-                                              "640, height: 480, fd: %d, type: 2", pBuf, fd)));
+                                              "640, height: 480, fd: %d, type: 2",
+                                              pBuf, fd)));
     EXPECT_EQ(m_pool->GetBufferFromPool(640, 480, m_fd, nullptr, ZYT_BUFFER_TYPE_GRALLOC), pBuf);
     m_log.Take();
 
     hostdevice::FailNth(Fault::kGraphicBuffer, 1);
     EXPECT_EQ(GetGralloc(320, 240), nullptr);
     EXPECT_EQ(m_fd, 0);
-    EXPECT_THAT(m_log.Take(), ElementsAre(Line('E', "GetBufferFromPool() Get buffer type: 2, width: 320, height: 240, "
-                                                    "size: 76800 failed!")));
+    EXPECT_THAT(m_log.Take(), ElementsAre(Line('E',
+                                               "GetBufferFromPool() Get buffer type: 2, width: 320, height: 240, "
+                                               "size: 76800 failed!")));
     EXPECT_EQ(ZYTBufferPool::m_freeGrallocBufferList.count({320, 240}), 1u);
     const bool widthComesFirst = ZYTGrallocBufferKey{1, 9} < ZYTGrallocBufferKey{2, 0};
     EXPECT_TRUE(widthComesFirst && ZYTGrallocBufferKey({2, 0}) < ZYTGrallocBufferKey({2, 1}));
@@ -174,7 +180,8 @@ TEST_F(Pool, HandsOutGrallocBuffersByGeometry) {
 TEST_F(Pool, EndsTheProcessWhenAnAreaOverflows) {
     EXPECT_EXIT(GetGralloc(65536, 65536), testing::KilledBySignal(SIGABRT), "");
     EXPECT_EXIT(m_pool->GetBufferFromPool(1u << 31, 2, m_fd, nullptr, static_cast<ZYTBufferType>(9)),
-                testing::KilledBySignal(SIGABRT), "") << "before any other check";
+                testing::KilledBySignal(SIGABRT), "")
+        << "before any other check";
 }
 
 TEST_F(Pool, RefusesWhatIsNotOut) {
@@ -198,7 +205,8 @@ TEST_F(Pool, KeepsTenFreeBuffersOfASize) {
     EXPECT_THAT(m_log.Take(),
                 ElementsAre(Line('V', Text("PutBufferToPool() Put buffer to pool: %p", buffers[10])),
                             Line('I', Text("PutBufferToPool() Buffer num this size is more than threshold, release "
-                                           "buffer, pBuf: %p, size: 4096, fd: %d, type: 1, ", buffers[10], m_fd)),
+                                           "buffer, pBuf: %p, size: 4096, fd: %d, type: 1, ",
+                                           buffers[10], m_fd)),
                             Line('I', Text("ReleaseBuffer() Release buffer: %p", buffers[10]))));
     EXPECT_EQ(hostdevice::CountLive().heapMappings, 10u);
     EXPECT_EQ(hostdevice::CountLive().heapDescriptors, 10u);
@@ -248,7 +256,8 @@ TEST_F(Pool, ReleasesEverythingWithItsLastClient) {
                                         freeGralloc, freeGrallocFd))));
     EXPECT_EQ(hostdevice::CountLive().heapMappings, 0u);
     EXPECT_EQ(hostdevice::CountLive().graphicBuffers, 1u) << "the one that is out stays";
-    EXPECT_EQ(hostdevice::CountLive().graphicMappings, m_graphicMappingsBefore + 2) << "gralloc mappings are never undone";
+    EXPECT_EQ(hostdevice::CountLive().graphicMappings, m_graphicMappingsBefore + 2)
+        << "gralloc mappings are never undone";
 
     m_pool = std::make_unique<ZYTBufferPool>();
     m_pool->SetClientName("NodeA");
@@ -256,7 +265,8 @@ TEST_F(Pool, ReleasesEverythingWithItsLastClient) {
     EXPECT_THAT(m_log.Take(),
                 ElementsAre(Line('V', Text("PutBufferToPool() Put buffer to pool: %p", busyGralloc)),
                             Line('E', Text("PutBufferToPool() Wrong gralloc buffer when put buffer to pool, pBuf: %p, "
-                                           "width: 32, height: 16, fd: %d, type: 2, release it!", busyGralloc, m_fd)),
+                                           "width: 32, height: 16, fd: %d, type: 2, release it!",
+                                           busyGralloc, m_fd)),
                             Line('I', Text("ReleaseBuffer() Release buffer: %p", busyGralloc))));
     EXPECT_EQ(hostdevice::CountLive().graphicBuffers, 0u);
 }
@@ -272,7 +282,8 @@ TEST_F(Pool, ReleasesABufferWhosePoolIsGone) {
     EXPECT_THAT(m_log.Take(),
                 ElementsAre(Line('V', Text("PutBufferToPool() Put buffer to pool: %p", pBuf)),
                             Line('E', Text("PutBufferToPool() Wrong buffer size when put buffer to pool, pBuf: %p, "
-                                           "size: 4096, fd: %d, type: 1, release it!", pBuf, m_fd)),
+                                           "size: 4096, fd: %d, type: 1, release it!",
+                                           pBuf, m_fd)),
                             Line('I', Text("ReleaseBuffer() Release buffer: %p", pBuf))));
 }
 

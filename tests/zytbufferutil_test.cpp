@@ -72,10 +72,9 @@ struct PlaneCase {
 
 // For a width of 21 pixels.
 constexpr PlaneCase kPlaneCases[] = {
-    {0, 21, 21, true},   {1, 21, 21, true},   {2, 26, 26, false},  {3, 31, 31, false},
-    {4, 36, 36, false},  {5, 42, 42, true},   {6, 42, 21, false},  {7, 42, 42, false},
-    {8, 42, 42, false},  {9, 42, 42, false},  {10, 42, 42, false}, {11, 42, 0, false},
-    {-1, 42, 0, false},
+    {0, 21, 21, true},   {1, 21, 21, true},  {2, 26, 26, false}, {3, 31, 31, false}, {4, 36, 36, false},
+    {5, 42, 42, true},   {6, 42, 21, false}, {7, 42, 42, false}, {8, 42, 42, false}, {9, 42, 42, false},
+    {10, 42, 42, false}, {11, 42, 0, false}, {-1, 42, 0, false},
 };
 
 }  // namespace
@@ -211,8 +210,9 @@ TEST(OffScreen, KnowsTheVendorsRawCodes) {
 }
 
 TEST(FormatName, IsSpelledAsLogsKnowIt) {
-    const char* const names[] = {"Unknow", "YUV420NV12", "YUV420NV21", "RawMipi10", "RawMipi12", "RawMipi14", "YUV_P010",
-                                 "Y16",    "Raw10",      "Raw12",      "Raw14",     "Raw16",     "Unknow"};
+    const char* const names[] = {"Unknow",    "YUV420NV12", "YUV420NV21", "RawMipi10", "RawMipi12",
+                                 "RawMipi14", "YUV_P010",   "Y16",        "Raw10",     "Raw12",
+                                 "Raw14",     "Raw16",      "Unknow"};
     for (int format = -1; format <= 11; ++format) {
         ZYTImageBuffer image{};
         image.format = static_cast<ZYTFormat>(format);

@@ -78,8 +78,8 @@ TEST(LogSite, NamesItsPlace) {
     LogCapture log;
     ZYT_LOG(W, "Name", "value %d", 7);
     ZYT_LOG_AT(I, &log, "plain");
-    EXPECT_THAT(log.Take(), ElementsAre("W [Name] zytlogutil_test.cpp TestBody() value 7",
-                                        zyttest::Text("I zytlogutil_test.cpp TestBody() [%p] plain",
-                                                      static_cast<void*>(&log))));
+    EXPECT_THAT(log.Take(),
+                ElementsAre("W [Name] zytlogutil_test.cpp TestBody() value 7",
+                            zyttest::Text("I zytlogutil_test.cpp TestBody() [%p] plain", static_cast<void*>(&log))));
     static_assert(*zyt::BaseName("plain.cpp") == 'p' && *zyt::BaseName("/a/b.cpp") == 'b');
 }

@@ -125,8 +125,8 @@ TEST_F(OfflineLog, StampsALineAndKeepsEveryLevel) {
     ASSERT_EQ(lines.size(), letters.size());
     for (size_t i = 0; i < lines.size(); ++i) {
         const std::string ids = zyttest::Text("  %4d  %4d ", getpid(), gettid());
-        EXPECT_THAT(lines[i], MatchesRegex("[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}:[0-9]{9}" + ids +
-                                           letters[i] + " ZYT: text " + std::to_string(i + 1)));
+        EXPECT_THAT(lines[i], MatchesRegex("[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}:[0-9]{9}" + ids + letters[i] +
+                                           " ZYT: text " + std::to_string(i + 1)));
     }
 }
 

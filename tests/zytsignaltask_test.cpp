@@ -49,9 +49,9 @@ protected:
     void HoldLoop() {
         std::atomic<bool> isHeld{false};
         m_task.insert(~1ull, Wrap([this, &isHeld] {
-                          isHeld = true;
-                          WaitUntil([this] { return m_isReleased.load(); });
-                      }));
+            isHeld = true;
+            WaitUntil([this] { return m_isReleased.load(); });
+        }));
         m_task.signal(~1ull);
         ASSERT_TRUE(WaitUntil([&isHeld] { return isHeld.load(); }));
     }
@@ -206,9 +206,9 @@ TEST_F(SignalTask, LogsEachStep) {
     log.Take();
     m_task.insert(5);
     m_task.insert(5);
-    EXPECT_THAT(log.Take(), ElementsAre(Line("insert", "try signal 5"),
-                                        Line("insert", "success signal 5 with 1 signals left"),
-                                        Line("insert", "try signal 5")));
+    EXPECT_THAT(log.Take(),
+                ElementsAre(Line("insert", "try signal 5"), Line("insert", "success signal 5 with 1 signals left"),
+                            Line("insert", "try signal 5")));
     m_isReleased = true;
     m_task.remove(5);
     Settle();
@@ -246,9 +246,7 @@ TEST(SignalTaskAtExit, NeverHangsWhateverIsPending) {
     }
 }
 
-TEST(SignalTaskAtExit, EndsWhenATaskItselfExits) {
-    EXPECT_EQ(zyttest::RunChild("ExitFromATask").exitCode, 7);
-}
+TEST(SignalTaskAtExit, EndsWhenATaskItselfExits) { EXPECT_EQ(zyttest::RunChild("ExitFromATask").exitCode, 7); }
 
 TEST(SignalTaskAtExit, LogsItsEndAndStopsItsLoop) {
     const zyttest::ChildResult child = zyttest::RunChild("LogAtExit");

@@ -165,9 +165,14 @@ TEST(FileName, IsCopiedWithItsTerminatorOnlyWhereItFitsAndASlashWasSeen) {
         std::string written;
     };
     const Case cases[] = {
-        {"/a/b/c.yuv", 64, {"c.yuv\0", 6}}, {"/a/b/c.yuv", 6, {"c.yuv\0", 6}}, {"/a/b/c.yuv", 3, "c.y"},
-        {"/a/b/", 64, {"\0", 1}},           {"name", 64, "name"},              {"name", 2, "na"},
-        {"", 64, ""},                       {"/a", 0, ""},
+        {"/a/b/c.yuv", 64, {"c.yuv\0", 6}},
+        {"/a/b/c.yuv", 6, {"c.yuv\0", 6}},
+        {"/a/b/c.yuv", 3, "c.y"},
+        {"/a/b/", 64, {"\0", 1}},
+        {"name", 64, "name"},
+        {"name", 2, "na"},
+        {"", 64, ""},
+        {"/a", 0, ""},
     };
     for (const Case& c : cases) {
         std::string name(64, '#');
@@ -228,13 +233,19 @@ TEST(Product, IsReadOnceFromTheProperties) {
 
 TEST(Clock, ConvertsBetweenNanosecondsAndTicks) {
     const unsigned long long max = ULLONG_MAX;
-    const unsigned long long ticks[][2] = {{0, 0},         {1, 0},           {52, 0},
-                                           {53, 1},        {1000, 19},       {1000000, 19200},
-                                           {1000000000, 19200000}, {max, 354177486215223391ull}};
+    const unsigned long long ticks[][2] = {{0, 0},
+                                           {1, 0},
+                                           {52, 0},
+                                           {53, 1},
+                                           {1000, 19},
+                                           {1000000, 19200},
+                                           {1000000000, 19200000},
+                                           {max, 354177486215223391ull}};
     for (const auto& c : ticks) EXPECT_EQ(ZYTUtil::QtimerNanoToQtimerTicks(c[0]), c[1]) << c[0];
-    const unsigned long long nanos[][2] = {{0, 0},         {1, 52},       {12, 625},
-                                           {19, 989},      {192, 10000},  {19200000, 1000000000},
-                                           {max, max},     {354177486215223296, 18446744073709546666ull}};
+    const unsigned long long nanos[][2] = {{0, 0},       {1, 52},
+                                           {12, 625},    {19, 989},
+                                           {192, 10000}, {19200000, 1000000000},
+                                           {max, max},   {354177486215223296, 18446744073709546666ull}};
     for (const auto& c : nanos) EXPECT_EQ(ZYTUtil::QtimerTicksToQtimerNano(c[0]), c[1]) << c[0];
     // Beyond 2^53 the argument is rounded to a double first.
     EXPECT_EQ(ZYTUtil::QtimerNanoToQtimerTicks((1ull << 53) + 1), ZYTUtil::QtimerNanoToQtimerTicks(1ull << 53));

@@ -19,11 +19,11 @@ constexpr const char* BaseName(const char* path) {
 
 /// Writes one message twice: to the platform log, then to the offline log. Each log evaluates the arguments anew, as
 /// two calls written by hand would.
-#define ZYT_LOG_TWICE(letter, ...)                          \
-    do {                                                    \
+#define ZYT_LOG_TWICE(letter, ...)                               \
+    do {                                                         \
         constexpr const char* zytFile = zyt::BaseName(__FILE__); \
-        ZYTLogUtil::Log##letter(__VA_ARGS__);               \
-        ZYTOfflineLog::ZYTOfflineLog##letter(__VA_ARGS__);  \
+        ZYTLogUtil::Log##letter(__VA_ARGS__);                    \
+        ZYTOfflineLog::ZYTOfflineLog##letter(__VA_ARGS__);       \
     } while (false)
 
 /// A log site of an object with a name (a const char*): "[name] file:line function() message".
@@ -31,8 +31,8 @@ constexpr const char* BaseName(const char* path) {
     ZYT_LOG_TWICE(letter, "[%s] %s:%d %s() " format, name, zytFile, __LINE__, __func__, ##__VA_ARGS__)
 
 /// A log site of an object known by its address: "file:line function() [address] message".
-#define ZYT_LOG_AT(letter, object, format, ...)                                                          \
-    ZYT_LOG_TWICE(letter, "%s:%d %s() [%p] " format, zytFile, __LINE__, __func__, \
-                  static_cast<const void*>(object), ##__VA_ARGS__)
+#define ZYT_LOG_AT(letter, object, format, ...)                                                                     \
+    ZYT_LOG_TWICE(letter, "%s:%d %s() [%p] " format, zytFile, __LINE__, __func__, static_cast<const void*>(object), \
+                  ##__VA_ARGS__)
 
 #endif  // ZYT_LOG_SITE_H

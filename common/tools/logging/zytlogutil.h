@@ -28,13 +28,13 @@ public:
     ZYT_EXPORT static int m_previewLevel;
     ZYT_EXPORT static int m_captureLevel;
 
-#define ZYT_PLATFORM_LOG_FUNCTION(name, threshold, priority)                            \
+#define ZYT_PLATFORM_LOG_FUNCTION(name, threshold, priority)                                 \
     __attribute__((format(printf, 1, 2))) inline static void name(const char* format, ...) { \
-        if (m_level < (threshold)) return;                                              \
-        va_list args;                                                                   \
-        va_start(args, format);                                                         \
-        Write(priority, format, args);                                                  \
-        va_end(args);                                                                   \
+        if (m_level < (threshold)) return;                                                   \
+        va_list args;                                                                        \
+        va_start(args, format);                                                              \
+        Write(priority, format, args);                                                       \
+        va_end(args);                                                                        \
     }
 
     ZYT_PLATFORM_LOG_FUNCTION(LogE, 1, ANDROID_LOG_ERROR)

@@ -5,6 +5,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -42,16 +43,17 @@ std::string NextFileName() {
     return name;
 }
 
-std::string LineHeader(ZYTOfflineLogLevel level) {
+// Writes the stamp at the start of a line and returns its length.
+size_t StampLine(char (&line)[sizeof(ZYTOfflineLogParameter)], ZYTOfflineLogLevel level) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     tm local{};
     localtime_r(&now.tv_sec, &local);
-    char header[128] = {};
-    std::snprintf(header, sizeof(header), "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s ZYT: ", local.tm_mon + 1,
+    constexpr size_t kHeaderSize = 128;
+    std::snprintf(line, kHeaderSize, "%02d-%02d %02d:%02d:%02d:%09ld  %4d  %4d %s ZYT: ", local.tm_mon + 1,
                   local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(now.tv_nsec), getpid(),
                   gettid(), LevelLetter(level));
-    return header;
+    return std::strlen(line);
 }
 
 }  // namespace
@@ -95,12 +97,16 @@ bool ZYTOfflineLog::ReadEnableFromOverrideSettingsFile() {
 void ZYTOfflineLog::PushLogToLogPool(const char* log, ZYTOfflineLogLevel level) {
     zyt::ExitGate::Pass pass(g_gate);
     if (!pass) return;
-    const std::string line = LineHeader(level) + log + "\n";
     auto* param = static_cast<ZYTOfflineLogParameter*>(std::malloc(sizeof(ZYTOfflineLogParameter)));
     if (param == nullptr) return;
-    // Fills the rest of the block with zeros; the last byte stays a NUL whatever the length.
-    std::strncpy(param->logLine, line.c_str(), sizeof(param->logLine));
-    param->logLine[sizeof(param->logLine) - 1] = '\0';
+    constexpr size_t kLongest = sizeof(param->logLine) - 1;
+    char* line = param->logLine;
+    size_t length = StampLine(param->logLine, level);
+    const size_t messageLength = std::min(std::strlen(log), kLongest - length);
+    std::memcpy(line + length, log, messageLength);
+    length += messageLength;
+    if (length < kLongest) line[length++] = '\n';
+    std::memset(line + length, 0, sizeof(param->logLine) - length);
     m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, SaveLog, param, sizeof(ZYTOfflineLogParameter)});
 }
 

@@ -44,14 +44,14 @@ public:
     /// The instance, created on the first call.
     static ZYTOfflineLog& GetInstance();
 
-#define ZYT_OFFLINE_LOG_FUNCTION(letter)                                                               \
+#define ZYT_OFFLINE_LOG_FUNCTION(letter)                                                                      \
     __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLog##letter(const char* format, ...) { \
-        ZYTOfflineLog& log = GetInstance();                                                            \
-        if (!zyt::LoadFlag(log.m_enable)) return;                                                      \
-        va_list args;                                                                                  \
-        va_start(args, format);                                                                        \
-        log.Write(ZYTOfflineLogLevel::letter, format, args);                                       \
-        va_end(args);                                                                                  \
+        ZYTOfflineLog& log = GetInstance();                                                                   \
+        if (!zyt::LoadFlag(log.m_enable)) return;                                                             \
+        va_list args;                                                                                         \
+        va_start(args, format);                                                                               \
+        log.Write(ZYTOfflineLogLevel::letter, format, args);                                                  \
+        va_end(args);                                                                                         \
     }
 
     /// Write a message of that level, whatever ZYTLogUtil::m_level is: only the switch decides.

@@ -27,7 +27,9 @@ constexpr size_t kPathSize = 2048;
 // was not. Called through this pointer, it sees nothing.
 int (*volatile g_closeDirectory)(DIR*) = closedir;
 
-bool IsSameDirectory(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
+bool IsSameDirectory(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
 
 }  // namespace
 
@@ -130,11 +132,11 @@ constexpr NamedValue kRegions[] = {
 };
 
 constexpr NamedValue kDevices[] = {
-    {"kivo", ZYT_DEVICE_KIVO},         {"datu", ZYT_DEVICE_DATU},         {"lembrova", ZYT_DEVICE_LEMBROVA},
-    {"ovanel", ZYT_DEVICE_OVANEL},     {"tressim", ZYT_DEVICE_TRESSIM},   {"gavrilot", ZYT_DEVICE_GAVRILOT},
-    {"plesk", ZYT_DEVICE_PLESK},       {"ziroa", ZYT_DEVICE_ZIROA},       {"brisko", ZYT_DEVICE_BRISKO},
-    {"yoma", ZYT_DEVICE_YOMA},         {"caskeln", ZYT_DEVICE_CASKELN},   {"drovatin", ZYT_DEVICE_DROVATIN},
-    {"fenraluk", ZYT_DEVICE_FENRALUK}, {"seba", ZYT_DEVICE_SEBA},         {"zad", ZYT_DEVICE_ZAD},
+    {"kivo", ZYT_DEVICE_KIVO},         {"datu", ZYT_DEVICE_DATU},       {"lembrova", ZYT_DEVICE_LEMBROVA},
+    {"ovanel", ZYT_DEVICE_OVANEL},     {"tressim", ZYT_DEVICE_TRESSIM}, {"gavrilot", ZYT_DEVICE_GAVRILOT},
+    {"plesk", ZYT_DEVICE_PLESK},       {"ziroa", ZYT_DEVICE_ZIROA},     {"brisko", ZYT_DEVICE_BRISKO},
+    {"yoma", ZYT_DEVICE_YOMA},         {"caskeln", ZYT_DEVICE_CASKELN}, {"drovatin", ZYT_DEVICE_DROVATIN},
+    {"fenraluk", ZYT_DEVICE_FENRALUK}, {"seba", ZYT_DEVICE_SEBA},       {"zad", ZYT_DEVICE_ZAD},
 };
 
 class Property {

@@ -78,9 +78,9 @@ public:
     /// The same string with 'A' to 'Z' lowered and every other byte kept, whatever the locale.
     static std::string ToLowerCaseStr(const char* str);
 
-    /// Reads a whole file into a block that FreeFileData releases, without a terminator. Null with size 0 when it cannot
-    /// be opened; null with the file's length in size when there is no memory. Lengths are cut to 32 bits, and a read
-    /// that ends early is not detected.
+    /// Reads a whole file into a block that FreeFileData releases, without a terminator. Null with size 0 when it
+    /// cannot be opened; null with the file's length in size when there is no memory. Lengths are cut to 32 bits, and a
+    /// read that ends early is not detected.
     static char* ReadFileData(const char* path, unsigned int& size);
     /// Releases a block of ReadFileData; null is allowed.
     static void FreeFileData(char* data);
@@ -111,9 +111,9 @@ public:
     static ZYTRect TranslateCropInfo(ZYTRect rect, uint32_t inWidth, uint32_t inHeight, uint32_t outWidth,
                                      uint32_t outHeight);
 
-    /// Appends to mapped each face that lies wholly inside crop, moved to where it is once crop has been scaled to cover
-    /// dst's size, with the overflow of the longer axis cut evenly on both sides. dst's position is not used. Nothing
-    /// for an empty crop.
+    /// Appends to mapped each face that lies wholly inside crop, moved to where it is once crop has been scaled to
+    /// cover dst's size, with the overflow of the longer axis cut evenly on both sides. dst's position is not used.
+    /// Nothing for an empty crop.
     static void MapFaceROIToImageBuffer(const std::vector<ZYTRect>& faces, std::vector<ZYTRect>& mapped, ZYTRect crop,
                                         ZYTRect dst) noexcept;
 

@@ -39,8 +39,8 @@ ZYTBufferPool::ZYTBufferPool() {
 }
 
 ZYTBufferPool::ZYTBufferPool(std::string name) {
-    // Clients rely on a named pool starting from a clean process-wide pool when it is the first: this short-lived client
-    // is then the last one to leave and takes all free buffers with it.
+    // Clients rely on a named pool starting from a clean process-wide pool when it is the first: this short-lived
+    // client is then the last one to leave and takes all free buffers with it.
     { ZYTBufferPool passing; }
     SetClientName(std::move(name));
 }
@@ -259,8 +259,7 @@ void ZYTBufferPool::PutBufferToPool(void* pBuf) {
     }
     const auto buffers = m_freeBufferList[plain.type].find(plain.size);
     if (buffers == m_freeBufferList[plain.type].end()) {
-        ZYT_LOG(E, tag,
-                "Wrong buffer size when put buffer to pool, pBuf: %p, size: %u, fd: %d, type: %d, release it!",
+        ZYT_LOG(E, tag, "Wrong buffer size when put buffer to pool, pBuf: %p, size: %u, fd: %d, type: %d, release it!",
                 plain.pBuf, plain.size, plain.fd, plain.type);
         ReleaseBuffer(plain);
     } else if (buffers->second.size() >= kFreeBuffersPerSize) {

@@ -69,8 +69,8 @@ bool ZYTBufferUtil::ZYTBufferDump(const ZYTImageBuffer* pImage, const char* path
     if (file == nullptr) return false;
     if (const zyt::FormatLayout* layout = zyt::FindFormatLayout(pImage->format)) {
         // Y16 keeps the one byte a pixel that offline tools were written for.
-        const int rowBytes = layout->kind == zyt::FormatKind::kGrey ? zyt::CheckedInt(pImage->width)
-                                                                    : layout->RowBytes(pImage->width);
+        const int rowBytes =
+            layout->kind == zyt::FormatKind::kGrey ? zyt::CheckedInt(pImage->width) : layout->RowBytes(pImage->width);
         const int stride = Signed(pImage->planeStride);
         ZYTDumpPlane(file, pImage->pAddr[0], rowBytes, Signed(pImage->height), stride);
         if (layout->HasChroma() && pImage->height >= 2) {

@@ -31,16 +31,11 @@ struct FormatLayout {
 };
 
 inline constexpr FormatLayout kFormatLayouts[] = {
-    {"YUV420NV12", FormatKind::kYuv420, 1, 1},
-    {"YUV420NV21", FormatKind::kYuv420, 1, 1},
-    {"RawMipi10", FormatKind::kRaw, 10, 8},
-    {"RawMipi12", FormatKind::kRaw, 12, 8},
-    {"RawMipi14", FormatKind::kRaw, 14, 8},
-    {"YUV_P010", FormatKind::kP010, 2, 1},
-    {"Y16", FormatKind::kGrey, 2, 1},
-    {"Raw10", FormatKind::kRaw, 2, 1},
-    {"Raw12", FormatKind::kRaw, 2, 1},
-    {"Raw14", FormatKind::kRaw, 2, 1},
+    {"YUV420NV12", FormatKind::kYuv420, 1, 1}, {"YUV420NV21", FormatKind::kYuv420, 1, 1},
+    {"RawMipi10", FormatKind::kRaw, 10, 8},    {"RawMipi12", FormatKind::kRaw, 12, 8},
+    {"RawMipi14", FormatKind::kRaw, 14, 8},    {"YUV_P010", FormatKind::kP010, 2, 1},
+    {"Y16", FormatKind::kGrey, 2, 1},          {"Raw10", FormatKind::kRaw, 2, 1},
+    {"Raw12", FormatKind::kRaw, 2, 1},         {"Raw14", FormatKind::kRaw, 2, 1},
     {"Raw16", FormatKind::kRaw, 2, 1},
 };
 static_assert(sizeof(kFormatLayouts) / sizeof(kFormatLayouts[0]) == ZYT_FORMAT_RAW16 + 1);
@@ -58,9 +53,7 @@ inline bool IsYuv420(ZYTFormat format) {
 }
 
 /// Bytes reserved for the first plane: planeStride * sliceHeight.
-inline uint32_t FirstPlaneSize(const ZYTImageBuffer& image) {
-    return CheckedMul(image.planeStride, image.sliceHeight);
-}
+inline uint32_t FirstPlaneSize(const ZYTImageBuffer& image) { return CheckedMul(image.planeStride, image.sliceHeight); }
 
 }  // namespace zyt
 

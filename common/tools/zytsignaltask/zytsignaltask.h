@@ -88,7 +88,8 @@ private:
     std::atomic<bool> m_isStop{false};
     std::list<std::thread> m_threadList;  // exactly one; touched only while the object is made and destroyed
     std::condition_variable m_cond;
-    [[maybe_unused]] std::mutex m_threadLock;  // no operation takes it; kept for the layout that clients were built with
+    [[maybe_unused]] std::mutex
+        m_threadLock;  // no operation takes it; kept for the layout that clients were built with
     std::mutex m_taskMapLock;
     std::mutex m_signalListLock;
     bool m_isTaskRunning = false;  // touched on the loop thread only

@@ -92,13 +92,9 @@ int BufferAllocator::CpuSyncEnd(unsigned int dmabuf_fd, SyncType type, const Cus
 
 namespace hostdevice {
 
-bool UsesKernelHeap() {
-    return HeapDevice() >= 0;
-}
+bool UsesKernelHeap() { return HeapDevice() >= 0; }
 
-const char* HeapName() {
-    return UsesKernelHeap() ? kKernelHeap : "memfd";
-}
+const char* HeapName() { return UsesKernelHeap() ? kKernelHeap : "memfd"; }
 
 SyncCall LastSync() {
     SyncLog& log = Immortal<SyncLog>();

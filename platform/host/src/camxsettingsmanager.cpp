@@ -15,16 +15,12 @@ SettingsManager* SettingsManager::GetInstance(const void* /*pStaticSettings*/) {
     return &manager;
 }
 
-const StaticSettings* SettingsManager::GetStaticSettings() const {
-    return &g_settings;
-}
+const StaticSettings* SettingsManager::GetStaticSettings() const { return &g_settings; }
 
 }  // namespace CamX
 
 namespace hostdevice {
 
-void SetOfflineLogSwitch(bool on) {
-    g_settings.enableOfflineLog = on;
-}
+void SetOfflineLogSwitch(bool on) { g_settings.enableOfflineLog = on; }
 
 }  // namespace hostdevice

@@ -9,9 +9,7 @@ namespace {
 // Calls left until the fault fires; 0 when it is not armed. One a Fault, in the enumeration's order.
 std::atomic<uint64_t> g_callsLeft[static_cast<size_t>(Fault::kSync) + 1];
 
-std::atomic<uint64_t>& CallsLeft(Fault fault) {
-    return g_callsLeft[static_cast<size_t>(fault)];
-}
+std::atomic<uint64_t>& CallsLeft(Fault fault) { return g_callsLeft[static_cast<size_t>(fault)]; }
 
 }  // namespace
 
@@ -23,13 +21,9 @@ bool TakeFault(Fault fault) {
     return left == 1;
 }
 
-void FailNth(Fault fault, uint64_t n) {
-    CallsLeft(fault) = n;
-}
+void FailNth(Fault fault, uint64_t n) { CallsLeft(fault) = n; }
 
-bool FaultPending(Fault fault) {
-    return CallsLeft(fault) != 0;
-}
+bool FaultPending(Fault fault) { return CallsLeft(fault) != 0; }
 
 void ClearFaults() {
     for (std::atomic<uint64_t>& callsLeft : g_callsLeft) callsLeft = 0;

@@ -75,12 +75,8 @@ status_t GraphicBuffer::Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t i
 
 namespace hostdevice {
 
-uint64_t CountGraphicBuffers() {
-    return g_liveBuffers;
-}
+uint64_t CountGraphicBuffers() { return g_liveBuffers; }
 
-void SetStrideAlignment(uint32_t pixels) {
-    g_strideAlignment = std::max(pixels, 1u);
-}
+void SetStrideAlignment(uint32_t pixels) { g_strideAlignment = std::max(pixels, 1u); }
 
 }  // namespace hostdevice

@@ -19,9 +19,7 @@ constexpr char kMemfdPrefix[] = "/memfd:";
 // By MemoryKind.
 constexpr const char* kPathPrefixes[] = {"/memfd:hostdevice-heap", "/memfd:hostdevice-graphic", "/dmabuf:"};
 
-uint64_t PageSize() {
-    return static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-}
+uint64_t PageSize() { return static_cast<uint64_t>(sysconf(_SC_PAGESIZE)); }
 
 // Fixes the size, as a DMA-BUF's is fixed. Here the kMapping fault strikes too.
 int Seal(int fd) {
@@ -47,9 +45,7 @@ MemoryKind KindOfDescriptor(int fd) {
     return KindOfPath(target);
 }
 
-bool FitsMachine(uint64_t bytes) {
-    return bytes <= PageSize() * static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES));
-}
+bool FitsMachine(uint64_t bytes) { return bytes <= PageSize() * static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)); }
 
 int CreateMemory(MemoryKind kind, uint64_t bytes) {
     if (!FitsMachine(bytes)) return -ENOMEM;

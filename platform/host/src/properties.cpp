@@ -66,9 +66,7 @@ private:
     std::map<std::string, std::string> m_values;
 };
 
-PropertyStore& Properties() {
-    return hostdevice::Immortal<PropertyStore>();
-}
+PropertyStore& Properties() { return hostdevice::Immortal<PropertyStore>(); }
 
 }  // namespace
 
@@ -100,13 +98,9 @@ int property_set(const char* key, const char* value) {
 
 namespace hostdevice {
 
-void SetProperty(const std::string& key, const std::string& value) {
-    Properties().Set(key, value);
-}
+void SetProperty(const std::string& key, const std::string& value) { Properties().Set(key, value); }
 
 // An empty value is what the platform reads of a property that is unset.
-void ClearProperty(const std::string& key) {
-    Properties().Set(key, {});
-}
+void ClearProperty(const std::string& key) { Properties().Set(key, {}); }
 
 }  // namespace hostdevice
