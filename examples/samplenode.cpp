@@ -272,7 +272,7 @@ private:
     }
 
     std::string Dump(const ZYTImageBuffer& image, const std::string& name) const {
-        const std::string path = m_options.out + "/" + name + "_" + std::to_string(image.width) + "x" +
+        std::string path = m_options.out + "/" + name + "_" + std::to_string(image.width) + "x" +
                                  std::to_string(image.height) + "_" + ZYTBufferUtil::GetBufferFormatString(&image) +
                                  ".raw";
         if (!ZYTBufferUtil::ZYTBufferDump(&image, path.c_str())) throw BadInput{"cannot write " + path};
@@ -295,19 +295,20 @@ private:
 
 // Runs the node on the signal task's thread when the camera raises the frame's number, and waits for it.
 void RunOnSignal(SampleNode& node, unsigned int number, unsigned char* pixels) {
-    const auto done = std::make_shared<std::promise<void>>();
+    const auto failure = std::make_shared<std::promise<std::string>>();
     WrapperTask task;
-    task.m_task = [&node, number, pixels, done] {
+    task.m_task = [&node, number, pixels, failure] {
         try {
             node.Process(number, pixels);
-            done->set_value();
-        } catch (...) {
-            done->set_exception(std::current_exception());
+            failure->set_value("");
+        } catch (const BadInput& bad) {
+            failure->set_value(bad.message);
         }
     };
     ZYTSignalTask::instance()->insert(number, std::move(task));
     ZYTSignalTask::instance()->signal(number);
-    done->get_future().get();
+    const std::string message = failure->get_future().get();
+    if (!message.empty()) throw BadInput{message};
 }
 
 void PrintPool() {

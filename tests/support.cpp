@@ -33,6 +33,9 @@ std::map<std::string, int (*)()>& Children() {
 
 char PriorityLetter(int priority) { return priority >= 2 && priority <= 6 ? "VDIWE"[priority - 2] : '?'; }
 
+// Other threads may be logging.
+void SetLevel(int level) { __atomic_store_n(&ZYTLogUtil::m_level, level, __ATOMIC_RELAXED); }
+
 std::string Self() { return std::filesystem::read_symlink("/proc/self/exe").string(); }
 
 }  // namespace
@@ -49,7 +52,7 @@ std::string Text(const char* format, ...) {
 LogCapture::LogCapture() : m_savedLevel(ZYTLogUtil::m_level) {
     // A process's first log site starts the offline log's workers, and these announce themselves.
     ZYTOfflineLog::GetInstance();
-    ZYTLogUtil::m_level = 5;
+    SetLevel(5);
     hostdevice::SetLogSink([this](int priority, const char*, const char* text) {
         static const std::regex kSourceLine("(\\.cpp):[0-9]+ ");
         std::lock_guard<std::mutex> lock(m_lock);
@@ -60,7 +63,7 @@ LogCapture::LogCapture() : m_savedLevel(ZYTLogUtil::m_level) {
 
 LogCapture::~LogCapture() {
     hostdevice::SetLogSink({});
-    ZYTLogUtil::m_level = m_savedLevel;
+    SetLevel(m_savedLevel);
 }
 
 std::vector<std::string> LogCapture::Take() {

@@ -59,6 +59,13 @@ protected:
         m_log.m_threadPool.Init(ZYTOfflineLog::kWorkerCount);
     }
 
+    void WaitUntilQueueIsEmpty() {
+        EXPECT_TRUE(zyttest::WaitUntil([this] {
+            std::lock_guard<std::mutex> lock(m_log.m_threadPool.m_taskListLock);
+            return m_log.m_threadPool.m_taskList.empty();
+        }));
+    }
+
     void SetFileSize(uint32_t size) {
         std::lock_guard<std::mutex> lock(m_log.m_logFileLock);
         m_log.m_curLogFileSize = size;
@@ -96,9 +103,12 @@ ZYT_CHILD(PrintSwitch) {
     return 0;
 }
 
-ZYT_CHILD(CountThreadsAfterFirstCall) {
+ptrdiff_t CountThreads() { return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()); }
+
+ZYT_CHILD(CountThreadsOfFirstCall) {
+    const ptrdiff_t before = CountThreads();
     ZYTOfflineLog::ZYTOfflineLogV("starts the workers, although it is off");
-    std::cout << std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+    std::cout << CountThreads() - before;
     return 0;
 }
 
@@ -174,7 +184,10 @@ TEST_F(OfflineLog, KeepsEachLineOnceAndWholeAcrossRollOvers) {
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([this, t] {
             for (int i = 0; i < kLinesEach; ++i) {
-                if (i % 16 == 0) SetFileSize(ZYTOfflineLog::kFileSizeLimit - 300);
+                if (i % 16 == 0) {
+                    WaitUntilQueueIsEmpty();  // so that what follows is written after the next line
+                    SetFileSize(ZYTOfflineLog::kFileSizeLimit - 300);
+                }
                 ZYTOfflineLog::ZYTOfflineLogI("<%d:%d %s>", t, i, std::string(static_cast<size_t>(i), 'x').c_str());
             }
         });
@@ -258,5 +271,5 @@ TEST(OfflineLogSwitch, IsThePropertyAndWithoutItTheFrameworks) {
 }
 
 TEST(OfflineLogSwitch, StartsTenWorkersEvenWhenOff) {
-    EXPECT_EQ(RunChildWithProperties("CountThreadsAfterFirstCall", {}).output, "11");
+    EXPECT_EQ(RunChildWithProperties("CountThreadsOfFirstCall", {}).output, "10");
 }

@@ -22,7 +22,8 @@ extern ZYT_EXPORT int ZYTNodeLogLevel;
 /// formatted.
 class ZYTLogUtil {
 public:
-    /// The level all log functions compare against. Writing it takes effect on the next call.
+    /// The level all log functions compare against. Writing it takes effect on the next call; while other threads log,
+    /// write it atomically.
     ZYT_EXPORT static int m_level;
     /// Levels for callers' own preview and capture paths; the library reads neither.
     ZYT_EXPORT static int m_previewLevel;
@@ -30,7 +31,7 @@ public:
 
 #define ZYT_PLATFORM_LOG_FUNCTION(name, threshold, priority)                                 \
     __attribute__((format(printf, 1, 2))) inline static void name(const char* format, ...) { \
-        if (m_level < (threshold)) return;                                                   \
+        if (Level() < (threshold)) return;                                                   \
         va_list args;                                                                        \
         va_start(args, format);                                                              \
         Write(priority, format, args);                                                       \
@@ -46,6 +47,9 @@ public:
 #undef ZYT_PLATFORM_LOG_FUNCTION
 
 private:
+    // The same instruction as a plain load, but defined when another thread changes the level meanwhile.
+    static int Level() { return __atomic_load_n(&m_level, __ATOMIC_RELAXED); }
+
     __attribute__((format(printf, 2, 0))) static void Write(int priority, const char* format, va_list args) {
         char message[1024] = {};
         std::vsnprintf(message, sizeof(message), format, args);
