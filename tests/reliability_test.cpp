@@ -102,16 +102,22 @@ ZYT_CHILD(ExitWhileBusy) {
     return 7;
 }
 
+bool WriteWhole(const char* path, const std::string& text) {
+    const int fd = open(path, O_WRONLY | O_CLOEXEC);
+    const bool isWritten = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(fd);
+    return isWritten;
+}
+
 bool MountSmallDisk() {
-    const std::string uid = std::to_string(getuid());
+    const std::string user = "0 " + std::to_string(getuid()) + " 1";
+    const std::string group = "0 " + std::to_string(getgid()) + " 1";
     if (unshare(CLONE_NEWNS) != 0) {
         // Without root: as root of a user name space of its own.
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
-        const int map = open("/proc/self/uid_map", O_WRONLY);
-        const std::string line = "0 " + uid + " 1";
-        const bool isMapped = write(map, line.data(), line.size()) == static_cast<ssize_t>(line.size());
-        close(map);
-        if (!isMapped) return false;
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !WriteWhole("/proc/self/setgroups", "deny") ||
+            !WriteWhole("/proc/self/uid_map", user) || !WriteWhole("/proc/self/gid_map", group)) {
+            return false;
+        }
     }
     return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("tmpfs", ZYT_OFFLINE_LOG_DIR, "tmpfs", 0, "size=1m") == 0;
@@ -135,6 +141,7 @@ ZYT_CHILD(LogToAFullDisk) {
     };
     for (int i = 0; i < 1500; ++i) ZYTOfflineLog::ZYTOfflineLogE("filler %d %s", i, std::string(1000, 'x').c_str());
     drain();
+    if (WholeLog().size() < 900000) return 3;
     ZYTOfflineLog::ZYTOfflineLogE("%s", std::string(1900, 'y').c_str());
     drain();
     if (WholeLog().find(std::string(1900, 'y')) != std::string::npos) return 1;  // it was not full

@@ -145,12 +145,11 @@ TEST(FileSearch, MatchesWholeBaseNames) {
 }
 
 TEST(FileSearch, EndsTheProcessOnAnIllFormedPatternWhateverIsCaught) {
-    TempDir dir;
     std::vector<std::string> files;
     EXPECT_EXIT(
         {
             try {
-                ZYTUtil::SearchFileByName(dir.Path().c_str(), "cfg(", files, false);
+                ZYTUtil::SearchFileByName("/proc/self/task", "cfg(", files, false);
             } catch (...) {
                 std::_Exit(0);
             }
