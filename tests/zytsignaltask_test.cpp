@@ -133,8 +133,12 @@ TEST_F(SignalTask, DisconnectsSignalsAndTasks) {
     }
     EXPECT_TRUE(zyt::LoadFlag(*isAlive)) << "the connection is a copy";
     m_task.disconnect(4);
-    m_task.insert(5);
-    m_task.disconnect(5);
+    HoldLoop();
+    EXPECT_EQ(m_task.insert(5), 1u);
+    std::thread disconnecting([this] { m_task.disconnect(5); });  // will wait for the held task's lock
+    EXPECT_TRUE(WaitUntil([this] { return m_task.insert(7) == 1; })) << "the pending signal goes first";
+    m_isReleased = true;
+    disconnecting.join();
     Settle();
     EXPECT_EQ(runs, 0);
     EXPECT_FALSE(zyt::LoadFlag(*isAlive));

@@ -68,10 +68,11 @@ void ZYTThreadPool::DeInit(bool isFlush) {
 }
 
 bool ZYTThreadPool::GetTaskFromList(ZYTThreadPoolTask& task) {
+    std::list<ZYTThreadPoolTask> node;  // freed after the lock has been let go
     zyt::Lock lock(m_taskListLock);
     while (m_taskList.empty()) m_taskCond.wait(lock.Native());
-    task = m_taskList.front();
-    m_taskList.pop_front();
+    node.splice(node.end(), m_taskList, m_taskList.begin());
+    task = node.front();
     return true;
 }
 

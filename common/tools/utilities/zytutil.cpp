@@ -251,7 +251,17 @@ struct Span {
 };
 
 void Mark(unsigned char* row, Span span) {
-    if (span.first <= span.last) std::memset(row + span.first, 255, static_cast<size_t>(span.last) - span.first + 1);
+    if (span.first > span.last) return;
+    unsigned char* start = row + span.first;
+    const size_t length = static_cast<size_t>(span.last) - span.first + 1;
+    constexpr uint64_t kMarks = ~uint64_t{0};
+    if (length >= sizeof(kMarks) && length <= 2 * sizeof(kMarks)) {
+        // The usual line: two stores that may overlap cost less than a call, and there are two lines in most rows.
+        std::memcpy(start, &kMarks, sizeof(kMarks));
+        std::memcpy(start + length - sizeof(kMarks), &kMarks, sizeof(kMarks));
+    } else {
+        std::memset(start, 255, length);
+    }
 }
 
 unsigned char* LumaRow(const ZYTImageBuffer& image, uint32_t y) {

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <optional>
 
 #include "base/zytexitgate.h"
 #include "base/zytsharedflag.h"
@@ -167,16 +168,17 @@ void ZYTSignalTask::loop() {
         ZYT_LOG_AT(V, this, "loop alive");
         uint64_t id = 0;
         if (!WaitForSignal(id)) break;
-        WrapperTask task;
+        std::optional<WrapperTask>
+            task;  // goes after the lock has been let go: its callable's captures are the caller's
         zyt::Lock lock(m_taskMapLock);
         const auto connection = m_taskMap.find(id);
         if (connection == m_taskMap.end()) continue;
-        task = connection->second;
+        task.emplace(connection->second);
         m_taskMap.erase(connection);
         m_isTaskRunning = true;
-        task.m_task();
+        task->m_task();
         m_isTaskRunning = false;
-        zyt::StoreFlag(*task.m_isDone, true);
+        zyt::StoreFlag(*task->m_isDone, true);
         ZYT_LOG_AT(V, this, "task %lu done", id);
     }
     ZYT_LOG_AT(V, this, "loop stop");

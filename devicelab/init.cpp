@@ -1,0 +1,340 @@
+// The device's first process. It stands in for everything between the kernel and the tests: it mounts what they
+// need, runs every test in a process of its own, then the demo, sends the results home and powers off.
+//
+// device.sh packs it, statically linked, together with
+//   /tests/*_test        GoogleTest executables
+//   /vendor/build.prop   the properties that the emulated device answers the tests with
+//   /demo/run            one command line per line, words split at blanks; files left in /demo/out are sent home
+//   /demo/build.prop     the properties while the demo runs
+//   /devicelab.conf      seconds that one process may take, then a regular expression that picks tests (may be empty)
+// and reads from its console the lines that begin with "device: ".
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/klog.h>
+#include <sys/mount.h>
+#include <sys/reboot.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "cpioarchive.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr char kOfflineLogDir[] = "/data/vendor/camera/offlinelog";
+constexpr char kResultPort[] = "/dev/vport0p1";
+constexpr size_t kTestsAtOnce = 2;
+
+[[noreturn]] void PowerOff() {
+    std::fflush(stdout);
+    tcdrain(STDOUT_FILENO);
+    reboot(RB_POWER_OFF);
+    _exit(1);  // Only if the kernel refuses; init's end makes it panic, which device.sh reports.
+}
+
+[[noreturn]] void Fatal(const std::string& why) {
+    std::printf("device: fatal: %s\n", why.c_str());
+    PowerOff();
+}
+
+[[noreturn]] void FatalErrno(const std::string& what) { Fatal(what + ": " + std::strerror(errno)); }
+
+std::string ReadAll(int fd) {
+    std::string text;
+    char buffer[65536];
+    for (ssize_t got; (got = pread(fd, buffer, sizeof(buffer), static_cast<off_t>(text.size()))) > 0;) {
+        text.append(buffer, static_cast<size_t>(got));
+    }
+    return text;
+}
+
+// Prefixed, so that nothing a test prints can pass for a line of init's own.
+void PrintIndented(const std::string& text) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::printf("    | %s\n", line.c_str());
+    }
+}
+
+// Fresh, empty /tmp and /data, with the offline log's directory made as a device's boot makes it.
+bool MountStorage() {
+    return mount("tmpfs", "/tmp", "tmpfs", 0, "size=512m,mode=1777") == 0 &&
+           mount("tmpfs", "/data", "tmpfs", 0, "size=512m,mode=0771") == 0 && mkdir("/data/vendor", 0771) == 0 &&
+           mkdir("/data/vendor/camera", 0770) == 0 && mkdir(kOfflineLogDir, 0770) == 0;
+}
+
+struct Command {
+    std::string title;
+    std::vector<std::string> argv;
+    const char* workDir = "/tmp";
+    bool freshStorage = false;  // a /tmp and a /data that no other process sees
+    bool captureStderr = true;  // otherwise it goes to the console, apart from the output
+};
+
+struct Outcome {
+    bool hung;
+    int status;  // as waitpid() gives it
+    double seconds;
+    std::string output;
+
+    bool Succeeded() const { return !hung && status == 0; }
+    std::string Describe() const {
+        if (hung) return "hung, killed after " + std::to_string(static_cast<int>(seconds)) + " s";
+        if (WIFSIGNALED(status)) return std::string("killed by a signal: ") + strsignal(WTERMSIG(status));
+        return "exit " + std::to_string(WEXITSTATUS(status));
+    }
+};
+
+[[noreturn]] void Exec(const Command& command, int outputFd) {
+    setsid();  // a group of its own, so that a hung process is killed with all its children
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+    dup2(outputFd, STDOUT_FILENO);
+    if (command.captureStderr) dup2(outputFd, STDERR_FILENO);
+
+    if (command.freshStorage && (unshare(CLONE_NEWNS) != 0 || !MountStorage())) {
+        std::perror("fresh storage");
+        _exit(126);
+    }
+    std::vector<char*> argv;
+    for (const std::string& word : command.argv) argv.push_back(const_cast<char*>(word.c_str()));
+    argv.push_back(nullptr);
+    if (chdir(command.workDir) == 0) execv(argv[0], argv.data());
+    std::perror(argv[0]);
+    _exit(127);
+}
+
+// Runs the commands in order, `slots` at a time, and tells `done` of each as it ends. Reaps orphans on the way.
+void RunAll(const std::vector<Command>& commands, size_t slots, std::chrono::seconds limit,
+            const std::function<void(size_t index, const Outcome& outcome)>& done) {
+    struct Job {
+        size_t index;
+        pid_t pid;
+        int outputFd;
+        Clock::time_point start;
+        bool hung;
+    };
+    std::vector<Job> running;
+    sigset_t child;
+    sigemptyset(&child);
+    sigaddset(&child, SIGCHLD);
+
+    for (size_t next = 0; next < commands.size() || !running.empty();) {
+        while (running.size() < slots && next < commands.size()) {
+            int outputFd = open("/run", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+            if (outputFd < 0) FatalErrno("cannot make an output file");
+            pid_t pid = fork();
+            if (pid < 0) FatalErrno("cannot fork");
+            if (pid == 0) Exec(commands[next], outputFd);
+            running.push_back({next++, pid, outputFd, Clock::now(), false});
+        }
+
+        timespec tick{0, 100'000'000};
+        sigtimedwait(&child, nullptr, &tick);
+        int status;
+        for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+            auto job = std::find_if(running.begin(), running.end(), [pid](const Job& j) { return j.pid == pid; });
+            if (job == running.end()) continue;
+            kill(-pid, SIGKILL);  // whatever it left running behind it
+            std::chrono::duration<double> taken = Clock::now() - job->start;
+            Outcome outcome{job->hung, status, taken.count(), ReadAll(job->outputFd)};
+            close(job->outputFd);
+            size_t index = job->index;
+            running.erase(job);
+            done(index, outcome);
+        }
+        for (Job& job : running) {
+            if (job.hung || Clock::now() - job.start < limit) continue;
+            job.hung = true;
+            // Named before it is dead: one that sits in the kernel may never be.
+            std::printf("device: %s hangs, killing it\n", commands[job.index].title.c_str());
+            kill(-job.pid, SIGKILL);
+        }
+    }
+}
+
+// One line per test and demo command: verdict, seconds, title, detail; device.sh counts and names from it.
+void Report(std::string& results, const char* verdict, const Command& command, const Outcome& outcome,
+            const std::string& detail = "") {
+    char seconds[32];
+    std::snprintf(seconds, sizeof(seconds), "%.2f", outcome.seconds);
+    results += std::string(verdict) + "\t" + seconds + "\t" + command.title + "\t" + detail + "\n";
+    std::printf("%-8s %s (%s s)%s%s\n", verdict, command.title.c_str(), seconds, detail.empty() ? "" : ": ",
+                detail.c_str());
+}
+
+// Reads what --gtest_list_tests prints: "Suite." at the margin, its tests indented, "# ..." comments behind either.
+std::vector<Command> ParseList(const std::string& executable, const std::string& list) {
+    auto disabled = [](const std::string& name) { return ("/" + name).find("/DISABLED_") != std::string::npos; };
+    std::vector<Command> tests;
+    std::string suite;
+    std::istringstream lines(list);
+    for (std::string line; std::getline(lines, line);) {
+        line.resize(std::min(line.find('#'), line.size()));
+        line.resize(line.find_last_not_of(' ') + 1);
+        if (line.rfind("  ", 0) != 0) {
+            suite = !line.empty() && line.back() == '.' ? line : "";
+        } else if (!suite.empty() && !disabled(suite) && !disabled(line.substr(2))) {
+            const std::string name = suite + line.substr(2);
+            tests.push_back(
+                {executable + " " + name, {"/tests/" + executable, "--gtest_filter=" + name}, "/tmp", true});
+        }
+    }
+    return tests;
+}
+
+std::vector<Command> ListTests(std::chrono::seconds limit, std::string& results) {
+    std::vector<Command> listings;
+    for (const auto& file : std::filesystem::directory_iterator("/tests")) {
+        const std::string name = file.path().filename();
+        listings.push_back({name, {file.path(), "--gtest_list_tests"}, "/tmp", true, false});
+    }
+    std::sort(listings.begin(), listings.end(), [](const Command& a, const Command& b) { return a.title < b.title; });
+
+    std::vector<std::vector<Command>> lists(listings.size());
+    RunAll(listings, kTestsAtOnce, limit, [&](size_t index, const Outcome& outcome) {
+        if (outcome.Succeeded()) lists[index] = ParseList(listings[index].title, outcome.output);
+        // An executable that hides its tests must not make the suite look smaller and sound.
+        if (lists[index].empty()) {
+            Report(results, "failed", listings[index], outcome, "lists no tests: " + outcome.Describe());
+        }
+    });
+    std::vector<Command> tests;
+    for (const auto& list : lists) tests.insert(tests.end(), list.begin(), list.end());
+    return tests;
+}
+
+void RunTests(const std::vector<Command>& tests, std::chrono::seconds limit, std::string& results) {
+    RunAll(tests, kTestsAtOnce, limit, [&](size_t index, const Outcome& outcome) {
+        auto printed = [&](const char* text) { return outcome.output.find(text) != std::string::npos; };
+        if (outcome.Succeeded() && printed("[  PASSED  ] 1 test.")) {
+            Report(results, "passed", tests[index], outcome);
+        } else if (outcome.Succeeded() && printed("[  SKIPPED ] 1 test")) {
+            Report(results, "skipped", tests[index], outcome);
+        } else {
+            // Exit 0 alone is not enough: code under test that calls exit() would pass for a finished test.
+            Report(results, outcome.hung ? "hung" : "failed", tests[index], outcome,
+                   outcome.Succeeded() ? "ended before the test did" : outcome.Describe());
+            PrintIndented(outcome.output);
+        }
+    });
+}
+
+// In order, and no further than the first that fails: each works on what the ones before it left.
+void RunDemo(std::chrono::seconds limit, std::string& results) {
+    setenv("HOSTDEVICE_PROPERTIES", "/demo/build.prop", 1);
+    std::ifstream script("/demo/run");
+    bool sound = true;
+    for (std::string line; sound && std::getline(script, line);) {
+        std::istringstream words(line);
+        Command command{line, {}, "/demo"};
+        for (std::string word; words >> word;) command.argv.push_back(word);
+        if (command.argv.empty()) continue;
+        RunAll({command}, 1, limit, [&](size_t, const Outcome& outcome) {
+            sound = outcome.Succeeded();
+            Report(results, sound ? "demo-ok" : "demo-bad", command, outcome, sound ? "" : outcome.Describe());
+            PrintIndented(outcome.output);
+        });
+    }
+}
+
+void AddDirectory(CpioArchive& archive, const std::string& name, const std::string& dir) {
+    std::error_code error;  // a directory that is not there holds nothing to send
+    for (const auto& file : std::filesystem::recursive_directory_iterator(dir, error)) {
+        if (!file.is_regular_file()) continue;
+        int fd = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) FatalErrno("cannot read " + file.path().string());
+        archive.Add(name + "/" + std::filesystem::relative(file.path(), dir).string(), ReadAll(fd));
+        close(fd);
+    }
+}
+
+void SetUp() {
+    klogctl(8, nullptr, 4);  // from here on the kernel speaks only of errors, so that it cuts no line of ours in two
+    const struct {
+        const char *type, *target, *options;
+    } mounts[] = {
+        {"proc", "/proc", ""}, {"sysfs", "/sys", ""}, {"devtmpfs", "/dev", ""}, {"tmpfs", "/run", "size=256m"}};
+    for (const auto& m : mounts) {
+        mkdir(m.target, 0755);
+        if (mount(m.type, m.target, m.type, 0, m.options) != 0) FatalErrno(std::string("cannot mount ") + m.target);
+    }
+    mkdir("/tmp", 0755);
+    mkdir("/data", 0755);
+    if (!MountStorage()) FatalErrno("cannot make /tmp and /data");
+    if (access("/dev/dma_heap/system", R_OK) != 0) FatalErrno("the kernel's heap is missing, /dev/dma_heap/system");
+
+    clearenv();
+    setenv("PATH", "/tests", 1);
+    setenv("HOME", "/tmp", 1);
+    setenv("TMPDIR", "/tmp", 1);
+    setenv("HOSTDEVICE_PROPERTIES", "/vendor/build.prop", 1);
+    sigset_t child;
+    sigemptyset(&child);
+    sigaddset(&child, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &child, nullptr);  // RunAll() waits for it
+}
+
+}  // namespace
+
+int main() {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    SetUp();
+    utsname kernel;
+    uname(&kernel);
+    std::printf("device: up: Linux %s %s, %ld processors, the kernel's DMA-BUF heap\n", kernel.release, kernel.machine,
+                sysconf(_SC_NPROCESSORS_ONLN));
+
+    std::ifstream config("/devicelab.conf");
+    std::string seconds, filter;
+    std::getline(config, seconds);
+    std::getline(config, filter);
+    const std::chrono::seconds limit(std::atoi(seconds.c_str()));
+    if (limit.count() <= 0) Fatal("no time limit in /devicelab.conf");
+
+    CpioArchive archive(kResultPort);
+    if (!archive.IsSound()) FatalErrno(std::string("no way to send results, ") + kResultPort);
+    std::string results;
+    std::vector<Command> tests = ListTests(limit, results);
+    try {
+        const std::regex wanted(filter);
+        auto unwanted = [&](const Command& test) { return !std::regex_search(test.title, wanted); };
+        tests.erase(std::remove_if(tests.begin(), tests.end(), unwanted), tests.end());
+    } catch (const std::regex_error& error) {
+        Fatal("the filter '" + filter + "' is no regular expression: " + error.what());
+    }
+    if (tests.empty()) Fatal("no test" + (filter.empty() ? "s to run" : " matches '" + filter + "'"));
+    std::printf("device: %zu tests\n", tests.size());
+    RunTests(tests, limit, results);
+    if (filter.empty()) RunDemo(limit, results);
+
+    archive.Add("results", results);
+    AddDirectory(archive, "out", "/demo/out");
+    AddDirectory(archive, "offlinelog", kOfflineLogDir);
+    if (!archive.Finish()) Fatal("cannot send the results");
+    std::printf("device: done\n");
+    PowerOff();
+}
