@@ -244,42 +244,67 @@ bool IsWithin(uint32_t start, uint32_t length, uint32_t low, uint32_t high) {
     return zyt::CheckedAdd(start, length) <= high;
 }
 
-// The pixels of one band, first and last inclusive; none when last is the smaller.
+// The rows or columns of a band, first and last inclusive; none when last is the smaller. Signed and wide, so that
+// neighbours of 0 and of the largest coordinate can be named.
 struct Span {
-    uint32_t first;
-    uint32_t last;
+    int64_t first;
+    int64_t last;
 };
-
-void Mark(unsigned char* row, Span span) {
-    if (span.first > span.last) return;
-    unsigned char* start = row + span.first;
-    const size_t length = static_cast<size_t>(span.last) - span.first + 1;
-    constexpr uint64_t kMarks = ~uint64_t{0};
-    if (length >= sizeof(kMarks) && length <= 2 * sizeof(kMarks)) {
-        // The usual line: two stores that may overlap cost less than a call, and there are two lines in most rows.
-        std::memcpy(start, &kMarks, sizeof(kMarks));
-        std::memcpy(start + length - sizeof(kMarks), &kMarks, sizeof(kMarks));
-    } else {
-        std::memset(start, 255, length);
-    }
-}
 
 unsigned char* LumaRow(const ZYTImageBuffer& image, uint32_t y) {
     return image.pAddr[0] + zyt::CheckedMul(image.planeStride, y);
 }
 
-// One axis of an outline: from the near band's start to the far band's end, clipped to the image.
+// Marks from sizeof(Word) to twice as many pixels with two stores that may overlap.
+template <typename Word>
+void MarkEnds(unsigned char* start, size_t length) {
+    constexpr auto kMarks = static_cast<Word>(~Word{0});
+    std::memcpy(start, &kMarks, sizeof(kMarks));
+    std::memcpy(start + length - sizeof(kMarks), &kMarks, sizeof(kMarks));
+}
+
+// Marks the columns of a span in one row. Lines of the usual widths go without a call, which would cost more than they.
+inline void Mark(unsigned char* row, Span columns) {
+    if (columns.first > columns.last) return;
+    unsigned char* start = row + columns.first;
+    const auto length = static_cast<size_t>(columns.last - columns.first + 1);
+    if (length > 16 || length < 4) {
+        std::memset(start, 255, length);
+    } else if (length >= 8) {
+        MarkEnds<uint64_t>(start, length);
+    } else {
+        MarkEnds<uint32_t>(start, length);
+    }
+}
+
+constexpr Span kNothing = {0, -1};
+
+// Marks two spans of columns in a run of rows. Row by row, because the end of one row lies next to the start of the
+// next.
+void Mark(const ZYTImageBuffer& image, Span rows, Span columns, Span moreColumns = kNothing) {
+    if (rows.first > rows.last) return;
+    unsigned char* const last = LumaRow(image, static_cast<uint32_t>(rows.last));
+    for (unsigned char* row = LumaRow(image, static_cast<uint32_t>(rows.first)); row <= last;
+         row += image.planeStride) {
+        Mark(row, columns);
+        Mark(row, moreColumns);
+    }
+}
+
+// One axis of an outline: the bands around its near and its far edge and what lies between, clipped to the image.
 struct OutlineAxis {
     Span whole;
-    uint32_t nearEnd;   // the near band reaches up to here
-    uint32_t farStart;  // the far band starts here
+    Span nearBand;
+    Span between;
+    Span farBand;
 
     OutlineAxis(uint32_t start, uint32_t length, uint32_t reach, uint32_t imageLength) {
         const uint32_t end = zyt::CheckedAdd(start, length);
         const uint32_t imageLast = zyt::CheckedSub(imageLength, 1);
         whole = {zyt::ClippedSub(start, reach), std::min(zyt::CheckedAdd(end, reach), imageLast)};
-        nearEnd = std::min(zyt::CheckedAdd(start, reach), imageLast);
-        farStart = zyt::ClippedSub(end, reach);
+        nearBand = {whole.first, std::min(zyt::CheckedAdd(start, reach), imageLast)};
+        farBand = {std::max<int64_t>(zyt::ClippedSub(end, reach), nearBand.last + 1), whole.last};
+        between = {nearBand.last + 1, std::min(farBand.first - 1, whole.last)};
     }
 };
 
@@ -328,16 +353,7 @@ void ZYTUtil::DrawRect(ZYTImageBuffer* pImage, ZYTRect rect, uint32_t thickness)
     const OutlineAxis columns(rect.left, rect.width, reach, pImage->width);
     if (!zyt::IsYuv420(pImage->format)) return;
 
-    const bool bandsMeet = columns.farStart <= columns.nearEnd;
-    const Span nearBand = {columns.whole.first, columns.nearEnd};
-    const Span farBand = {std::max(columns.farStart, columns.whole.first), columns.whole.last};
-    for (uint64_t y = rows.whole.first; y <= rows.whole.last; ++y) {
-        unsigned char* row = LumaRow(*pImage, static_cast<uint32_t>(y));
-        if (bandsMeet || y <= rows.nearEnd || y >= rows.farStart) {
-            Mark(row, columns.whole);
-        } else {
-            Mark(row, nearBand);
-            Mark(row, farBand);
-        }
-    }
+    Mark(*pImage, rows.nearBand, columns.whole);
+    Mark(*pImage, rows.between, columns.nearBand, columns.farBand);
+    Mark(*pImage, rows.farBand, columns.whole);
 }
