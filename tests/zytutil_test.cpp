@@ -379,6 +379,13 @@ TEST(Drawing, OutlinesAsARuleAppliedPixelByPixel) {
     }
 }
 
+TEST(Drawing, EndsForAnImageWhoseRowsAllLieInOnePlace) {
+    Canvas canvas(ZYT_FORMAT_YUV420NV12, 30, 20);
+    canvas.image.planeStride = 0;
+    ZYTUtil::DrawRect(&canvas.image, {0, 0, 29, 19}, 1);
+    EXPECT_EQ(std::count(canvas.Bytes().begin(), canvas.Bytes().end(), 255), 30);
+}
+
 TEST(Drawing, MarksPointsInsideTheImage) {
     Canvas canvas(ZYT_FORMAT_YUV420NV12, 30, 20);
     ZYTUtil::DrawPointer(&canvas.image, 30, 0);

@@ -74,9 +74,9 @@ step_fma() {
     configure_and_build fma "-DCMAKE_CXX_FLAGS=-O2 -mfma -ffp-contract=fast" && run_suite build/check-fma -R 'Crop|Face|Clock|Drawing'
 }
 
-# Address and undefined-behaviour sanitizers, with leaks. What is suppressed, and why, stands in the file.
+# Address and undefined-behaviour sanitizers, with leaks. Nothing is suppressed.
 step_address() {
-    ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 LSAN_OPTIONS=suppressions=$PWD/tests/leaks.supp:print_suppressions=0 \
+    ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 \
         UBSAN_OPTIONS=print_stacktrace=1 build_and_test address -DZYT_SANITIZE=address,undefined
 }
 
@@ -100,6 +100,9 @@ step_tidy() {
     git ls-files -- 'common/**.cpp' 'platform/**.cpp' 'examples/**.cpp' | grep -v aosp |
         xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p build/check-clang 2>/dev/null
 }
+
+# What a device's build lists against what is here.
+step_soong() { python3 device/check.py; }
 
 # The shared library exports its classes and nothing else, and nothing of the standard library.
 step_exports() {
@@ -131,10 +134,10 @@ step_package() {
 
 steps=("$@")
 [[ ${#steps[@]} -gt 0 ]] ||
-    steps=(format gcc exports package clang locks tidy aosp fma address thread exits)
+    steps=(format soong gcc exports package clang locks tidy aosp fma address thread exits)
 
 need g++ cmake make googletest clang libc++-14-dev libc++abi-14-dev clang-format clang-tidy pkgconf \
-    android-liblog-dev android-libutils-dev git
+    android-liblog-dev android-libutils-dev git python3
 for step in "${steps[@]}"; do
     declare -F "step_$step" >/dev/null || { echo "check: no step $step" >&2; exit 2; }
     start=$SECONDS

@@ -283,9 +283,9 @@ constexpr Span kNothing = {0, -1};
 // next.
 void Mark(const ZYTImageBuffer& image, Span rows, Span columns, Span moreColumns = kNothing) {
     if (rows.first > rows.last) return;
-    unsigned char* const last = LumaRow(image, static_cast<uint32_t>(rows.last));
-    for (unsigned char* row = LumaRow(image, static_cast<uint32_t>(rows.first)); row <= last;
-         row += image.planeStride) {
+    static_cast<void>(LumaRow(image, static_cast<uint32_t>(rows.last)));  // ends the process if it is out of reach
+    unsigned char* row = LumaRow(image, static_cast<uint32_t>(rows.first));
+    for (int64_t y = rows.first; y <= rows.last; ++y, row += image.planeStride) {
         Mark(row, columns);
         Mark(row, moreColumns);
     }
