@@ -1,0 +1,59 @@
+#!/bin/sh
+# Builds the benchmarks optimised, runs each subject beside its peer and prints one table; the same goes to
+# build/bench/bench.json. With --update-docs it also rewrites the figures and plots of docs/performance.md.
+# Fails when something could not be run. A missed target is only reported.
+set -eu
+
+cd "$(dirname "$0")/.."
+build=build/bench
+docs=no
+case "${1-}" in
+    "") ;;
+    --update-docs) docs=yes ;;
+    *) echo "usage: bench.sh [--update-docs]" >&2; exit 2 ;;
+esac
+
+needed="g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev libboost-dev python3-matplotlib"
+missing=
+for package in $needed; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
+done
+if [ -n "$missing" ]; then
+    if [ "$(id -u)" -eq 0 ]; then
+        apt-get update >/dev/null
+        # shellcheck disable=SC2086
+        apt-get install -y --no-install-recommends $missing >/dev/null
+    elif [ "$missing" = " python3-matplotlib" ]; then
+        echo "no plots: python3-matplotlib is not installed" >&2
+    else
+        echo "not installed, and only root can:$missing" >&2
+        exit 1
+    fi
+fi
+
+mkdir -p "$build"
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" \
+    -DZYT_BUILD_BENCHMARKS=ON -DZYT_BUILD_TESTS=OFF -DZYT_BUILD_EXAMPLES=OFF \
+    -DZYT_OFFLINE_LOG_DIR="$PWD/$build/offlinelog/" >"$build/configure.log"
+cmake --build "$build" -j "$(nproc)" >"$build/build.log" || { tail -n 30 "$build/build.log" >&2; exit 1; }
+strip -o "$build/libzyttools.stripped.so" "$build/common/tools/libzyttools.so"
+
+# A desk's own properties could switch the logs on.
+unset HOSTDEVICE_PROPERTIES
+rm -f "$build"/round-*.json
+# Several processes, each with several repetitions in random order: what one process draws by chance, such as where its
+# memory lies, is drawn anew in the next. One process an area, so that a subject and its peer run within a second or two.
+for round in 1 2 3 4 5 6 7 8 9; do
+    for area in pool/ pool_sizes manager log_site offline copy_nv12 copy_p010 dump outline tasks signal; do
+        "$build/benchmarks/zytbench" --benchmark_filter="^$area" --benchmark_min_time=0.015 \
+            --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
+            --benchmark_out="$build/round-$round-${area%/}.json" >"$build/run.log" 2>&1 ||
+            { tail -n 30 "$build/run.log" >&2; exit 1; }
+    done
+    "$build/benchmarks/zytmemory" >"$build/round-$round-memory.json"
+done
+
+python3 benchmarks/report.py "$build" "$docs"
+if [ "$docs" = yes ]; then
+    /usr/bin/python3 benchmarks/plot.py "$build/bench.json" docs/performance
+fi

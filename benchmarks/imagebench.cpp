@@ -1,0 +1,139 @@
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <libyuv.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "utilities/zytutil.h"
+#include "zytbuffermanager/zytbufferutil.h"
+
+namespace {
+
+constexpr size_t kPageSize = 4096;
+constexpr char kDumpPath[] = ZYT_BENCH_SCRATCH "dump.raw";
+
+uint32_t AlignUp(uint32_t value, uint32_t alignment) { return (value + alignment - 1) / alignment * alignment; }
+
+// Subject and peer work on the same pages: where an image lies in memory decides more about a copy than who makes it.
+// Aligned as the mappings are that images live in, and written once before anything is measured.
+unsigned char* Arena(int index) {
+    constexpr size_t kSize = 160u << 20;
+    static unsigned char* const arenas[] = {static_cast<unsigned char*>(std::aligned_alloc(kPageSize, kSize)),
+                                            static_cast<unsigned char*>(std::aligned_alloc(kPageSize, kSize))};
+    static const bool isTouched = [] {
+        for (unsigned char* arena : arenas) std::memset(arena, 1, kSize);
+        return true;
+    }();
+    benchmark::DoNotOptimize(isTouched);
+    return arenas[index];
+}
+
+struct Image : ZYTImageBuffer {
+    Image(int arena, ZYTFormat pixelFormat, const benchmark::State& state, uint32_t alignment) : ZYTImageBuffer{} {
+        format = pixelFormat;
+        width = static_cast<uint32_t>(state.range(0));
+        height = static_cast<uint32_t>(state.range(1));
+        planeStride = AlignUp(RowBytes(), alignment);
+        sliceHeight = height;
+        numberOfPlanes = 2;
+        pAddr[0] = Arena(arena);
+        pAddr[1] = pAddr[0] + size_t{planeStride} * sliceHeight;
+    }
+
+    uint32_t RowBytes() const { return format == ZYT_FORMAT_YUV_P010 ? width * 2 : width; }
+    size_t Bytes() const { return size_t{RowBytes()} * (height + height / 2); }
+};
+
+template <ZYTFormat kFormat>
+void Copy(benchmark::State& state) {
+    const Image src(0, kFormat, state, 64);
+    Image dst(1, kFormat, state, 512);
+    for (auto _ : state) {
+        ZYTBufferUtil::ZYTBufferCopy(&dst, &src);
+        benchmark::ClobberMemory();
+    }
+}
+
+template <ZYTFormat kFormat>
+void CopyPeer(benchmark::State& state) {
+    const Image src(0, kFormat, state, 64);
+    const Image dst(1, kFormat, state, 512);
+    const auto height = static_cast<int>(src.height);
+    for (auto _ : state) {
+        for (int plane = 0; plane < 2; ++plane) {
+            libyuv::CopyPlane(src.pAddr[plane], static_cast<int>(src.planeStride), dst.pAddr[plane],
+                              static_cast<int>(dst.planeStride), static_cast<int>(src.RowBytes()),
+                              plane == 0 ? height : height / 2);
+        }
+        benchmark::ClobberMemory();
+    }
+}
+
+// A new file each time: file systems write a file out early when it is truncated and closed, which would measure the
+// disk.
+void RemoveDump(benchmark::State& state) {
+    state.PauseTiming();
+    unlink(kDumpPath);
+    state.ResumeTiming();
+}
+
+void Dump(benchmark::State& state) {
+    const Image image(0, ZYT_FORMAT_YUV420NV12, state, 64);
+    for (auto _ : state) {
+        if (!ZYTBufferUtil::ZYTBufferDump(&image, kDumpPath)) state.SkipWithError("cannot open the file");
+        RemoveDump(state);
+    }
+}
+
+void DumpPeer(benchmark::State& state) {
+    const Image image(0, ZYT_FORMAT_YUV420NV12, state, 64);
+    for (auto _ : state) {
+        const int fd = open(kDumpPath, O_RDWR | O_CREAT | O_TRUNC, 0666);
+        if (write(fd, image.pAddr[0], image.Bytes()) != static_cast<ssize_t>(image.Bytes())) {
+            state.SkipWithError("cannot write the file");
+        }
+        close(fd);
+        RemoveDump(state);
+    }
+}
+
+constexpr uint32_t kThickness = 9;
+
+void Outline(benchmark::State& state) {
+    Image image(0, ZYT_FORMAT_YUV420NV12, state, 64);
+    const ZYTRect around{0, 0, image.width, image.height};
+    for (auto _ : state) {
+        ZYTUtil::DrawRect(&image, around, kThickness);
+        benchmark::ClobberMemory();
+    }
+}
+
+// As many bytes in each row as the outline has there, without asking where they belong.
+void OutlinePeer(benchmark::State& state) {
+    const Image image(0, ZYT_FORMAT_YUV420NV12, state, 64);
+    const uint32_t reach = kThickness / 2;
+    for (auto _ : state) {
+        for (uint32_t y = 0; y < image.height; ++y) {
+            const bool isWhole = y <= reach || y >= image.height - reach;
+            std::memset(image.pAddr[0] + size_t{y} * image.planeStride, 255, isWhole ? image.width : kThickness);
+        }
+        benchmark::ClobberMemory();
+    }
+}
+
+void ImageSizes(benchmark::internal::Benchmark* benchmark) {
+    benchmark->Args({640, 480})->Args({1920, 1080})->Args({4000, 3000})->Args({8000, 6000})->UseRealTime();
+}
+
+BENCHMARK_TEMPLATE(Copy, ZYT_FORMAT_YUV420NV12)->Name("copy_nv12/ours")->Apply(ImageSizes);
+BENCHMARK_TEMPLATE(CopyPeer, ZYT_FORMAT_YUV420NV12)->Name("copy_nv12/peer")->Apply(ImageSizes);
+BENCHMARK_TEMPLATE(Copy, ZYT_FORMAT_YUV_P010)->Name("copy_p010/ours")->Apply(ImageSizes);
+BENCHMARK_TEMPLATE(CopyPeer, ZYT_FORMAT_YUV_P010)->Name("copy_p010/peer")->Apply(ImageSizes);
+BENCHMARK(Dump)->Name("dump/ours")->Apply(ImageSizes);
+BENCHMARK(DumpPeer)->Name("dump/peer")->Apply(ImageSizes);
+BENCHMARK(Outline)->Name("outline/ours")->Apply(ImageSizes);
+BENCHMARK(OutlinePeer)->Name("outline/peer")->Apply(ImageSizes);
+
+}  // namespace

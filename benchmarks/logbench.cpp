@@ -1,0 +1,181 @@
+#include <benchmark/benchmark.h>
+#include <spdlog/async.h>
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/sinks/null_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "logging/zytlogsite.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The line that a node's frame loop writes most, in both dialects.
+#define BENCH_FORMAT "Get buffer type: %d, size: %u, pBuf: %p. Free buf num this size: %u"
+#define BENCH_PEER_FORMAT "[{}] {}:{} {}() Get buffer type: {}, size: {}, pBuf: {}. Free buf num this size: {}"
+
+struct Arguments {
+    const char* name = "BufferPool-Node";
+    int type = 1;
+    uint32_t size = 12000000;
+    void* buffer = &size;
+    uint32_t left = 3;
+};
+
+void LogSite(benchmark::State& state) {
+    Arguments a;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(a);
+        ZYT_LOG(D, a.name, BENCH_FORMAT, a.type, a.size, a.buffer, a.left);
+        benchmark::ClobberMemory();
+    }
+}
+
+void LogSitePeer(benchmark::State& state) {
+    spdlog::logger logger("peer", std::make_shared<spdlog::sinks::null_sink_mt>());
+    logger.set_level(spdlog::level::err);
+    Arguments a;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(a);
+        logger.debug(BENCH_PEER_FORMAT, a.name, "logbench.cpp", __LINE__, __func__, a.type, a.size, a.buffer, a.left);
+        benchmark::ClobberMemory();
+    }
+}
+
+// The peer's queue takes a whole burst, so that neither caller ever waits for a place; ours has no bound.
+constexpr int kBurst = 2000;
+constexpr size_t kQueueSize = 8192;
+constexpr int kBursts = 10;  // timed by hand, so the count is fixed too
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Returns once the workers are done with everything queued so far: each of them is held at a barrier behind it.
+class WorkerBarrier {
+public:
+    explicit WorkerBarrier(ZYTThreadPool& pool) {
+        WorkerBarrier* self = this;
+        for (unsigned int i = 0; i < ZYTOfflineLog::kWorkerCount; ++i) {
+            void* data = std::malloc(sizeof(self));
+            std::memcpy(data, &self, sizeof(self));
+            pool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, Arrive, data, sizeof(self)});
+        }
+        // All have left, not only arrived: the last one still notifies through this object.
+        std::unique_lock<std::mutex> lock(m_lock);
+        m_changed.wait(lock, [this] { return m_left == ZYTOfflineLog::kWorkerCount; });
+    }
+
+private:
+    static void Arrive(void* data, unsigned int) {
+        WorkerBarrier* self = nullptr;
+        std::memcpy(&self, data, sizeof(self));
+        std::unique_lock<std::mutex> lock(self->m_lock);
+        if (++self->m_arrived == ZYTOfflineLog::kWorkerCount) self->m_changed.notify_all();
+        self->m_changed.wait(lock, [self] { return self->m_arrived == ZYTOfflineLog::kWorkerCount; });
+        ++self->m_left;
+        self->m_changed.notify_all();
+    }
+
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    unsigned int m_arrived = 0;
+    unsigned int m_left = 0;
+};
+
+// Writes bursts to files of their own and reports seconds a line, for the caller alone or until all are in the file.
+void WriteOfflineBursts(benchmark::State& state, bool untilWritten) {
+    ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
+    const Arguments a;
+    log.m_enable = true;
+    for (auto _ : state) {
+        {
+            const zyt::Lock lock(log.m_logFileLock);
+            log.m_curLogFileSize = ZYTOfflineLog::kFileSizeLimit;  // the next line starts a file
+        }
+        const auto start = Clock::now();
+        for (int i = 0; i < kBurst; ++i) {
+            ZYTOfflineLog::ZYTOfflineLogI("[%s] %s:%d %s() " BENCH_FORMAT, a.name, "logbench.cpp", i, __func__, a.type,
+                                          a.size, a.buffer, a.left);
+        }
+        const auto queued = Clock::now();
+        { WorkerBarrier barrier(log.m_threadPool); }
+        const auto written = Clock::now();
+        state.SetIterationTime(std::chrono::duration<double>((untilWritten ? written : queued) - start).count() /
+                               kBurst);
+
+        const zyt::Lock lock(log.m_logFileLock);
+        const std::string text = ReadFile(log.m_curLogFileName);
+        if (std::count(text.begin(), text.end(), '\n') != kBurst) state.SkipWithError("lines are missing");
+        std::remove(log.m_curLogFileName.c_str());
+    }
+    log.m_enable = false;
+}
+
+void OfflineCaller(benchmark::State& state) { WriteOfflineBursts(state, false); }
+void OfflineWriter(benchmark::State& state) { WriteOfflineBursts(state, true); }
+
+void OfflineCallerPeer(benchmark::State& state) {
+    const std::string path = ZYT_BENCH_SCRATCH "peer_async.txt";
+    const Arguments a;
+    for (auto _ : state) {
+        auto pool = std::make_shared<spdlog::details::thread_pool>(kQueueSize, 1);
+        auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true);
+        auto logger = std::make_shared<spdlog::async_logger>("peer", sink, pool, spdlog::async_overflow_policy::block);
+        logger->set_pattern("%m-%d %H:%M:%S:%F  %P  %t %L ZYT: %v");
+        const auto start = Clock::now();
+        for (int i = 0; i < kBurst; ++i) {
+            logger->info(BENCH_PEER_FORMAT, a.name, "logbench.cpp", i, __func__, a.type, a.size, a.buffer, a.left);
+        }
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count() / kBurst);
+        logger.reset();
+        pool.reset();  // joins the worker, which empties the queue first
+        sink.reset();
+        const std::string text = ReadFile(path);
+        if (std::count(text.begin(), text.end(), '\n') != kBurst) state.SkipWithError("lines are missing");
+    }
+    std::remove(path.c_str());
+}
+
+void OfflineWriterPeer(benchmark::State& state) {
+    const std::string path = ZYT_BENCH_SCRATCH "peer_lines.txt";
+    const std::string line =
+        "11-21 03:41:07:123456789  12345  12345 I ZYT: [BufferPool-Node] logbench.cpp:1000 WriteOfflineBursts() Get "
+        "buffer type: 1, size: 12000000, pBuf: 0x7ffd12345678. Free buf num this size: 3\n";
+    for (auto _ : state) {
+        const auto start = Clock::now();
+        for (int i = 0; i < kBurst; ++i) {
+            FILE* file = std::fopen(path.c_str(), "a");
+            if (file == nullptr) {
+                state.SkipWithError("cannot open the file");
+                break;
+            }
+            std::fwrite(line.data(), 1, line.size(), file);
+            std::fclose(file);
+        }
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count() / kBurst);
+        std::remove(path.c_str());
+    }
+}
+
+BENCHMARK(LogSite)->Name("log_site/ours");
+BENCHMARK(LogSitePeer)->Name("log_site/peer");
+BENCHMARK(OfflineCaller)->Name("offline_caller/ours")->UseManualTime()->Iterations(kBursts);
+BENCHMARK(OfflineCallerPeer)->Name("offline_caller/peer")->UseManualTime()->Iterations(kBursts);
+BENCHMARK(OfflineWriter)->Name("offline_writer/ours")->UseManualTime()->Iterations(kBursts);
+BENCHMARK(OfflineWriterPeer)->Name("offline_writer/peer")->UseManualTime()->Iterations(kBursts);
+
+}  // namespace

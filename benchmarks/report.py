@@ -1,0 +1,182 @@
+"""Turns the rounds of a benchmark run into one table and bench.json, and rewrites the figures in docs/performance.md."""
+
+import collections
+import glob
+import json
+import os
+import re
+import statistics
+import subprocess
+import sys
+
+# Subject, peer, benchmark, highest ratio.
+ROWS = [
+    ("pool: take and return one buffer", "the bare work", "pool/threads:1", 2.0),
+    ("manager: NV12 4000 x 3000 taken and freed", "fresh memory", "manager/4000/3000", 1 / 3000),
+    ("pool with 1 thread", "the bare work, same locks", "pool/threads:1", 2.0),
+    ("pool with 2 threads on their own sizes", "the bare work, same locks", "pool/threads:2", 2.0),
+    ("pool with 4 threads on their own sizes", "the bare work, same locks", "pool/threads:4", 2.0),
+    ("pool with 8 threads on their own sizes", "the bare work, same locks", "pool/threads:8", 2.0),
+    ("log site below both thresholds", "spdlog, filtered", "log_site", 0.5),
+    ("offline log, a line for the caller", "spdlog, asynchronous", "offline_caller", 1.0),
+    ("offline log, a line until it is written", "open, append, close", "offline_writer", 1.0),
+    ("copy of NV12 1920 x 1080", "libyuv CopyPlane", "copy_nv12/1920/1080", 1.0),
+    ("copy of P010 4000 x 3000", "libyuv CopyPlane", "copy_p010/4000/3000", 1.0),
+    ("dump of NV12 4000 x 3000", "one write", "dump/4000/3000", 1.15),
+    ("outline of 9 around 4000 x 3000", "as many bytes by rows", "outline/4000/3000", 1.5),
+    ("thread pool, a task of four producers", "boost::asio::thread_pool", "tasks/4", 1.0),
+    ("signal raised to task run", "boost::asio::post", "signal", 1.0),
+]
+# What grows with what: title, label of the axis, benchmarks of one point a parameter. "{}" is the parameter.
+IMAGES = ["640/480", "1920/1080", "4000/3000", "8000/6000"]
+GROWTH = {
+    "threads": ("Threads", [1, 2, 3, 4, 6, 8], {"pool, take and return": "pool/threads:{}"}),
+    "workers": ("Workers", [1, 2, 4, 8], {"thread pool, a task": "tasks/{}"}),
+    "images": ("Image", IMAGES, {"manager, take and free": "manager/{}", "copy of NV12": "copy_nv12/{}",
+                                 "copy of P010": "copy_p010/{}", "dump": "dump/{}", "outline": "outline/{}"}),
+    "sizes": ("Sizes in the pool", [10, 100, 1000], {"pool, take and return": "pool_sizes/{}"}),
+}
+
+
+def read_rounds(build):
+    """Nanoseconds of every repetition, by benchmark, side and round, and what the memory probe said."""
+    times = collections.defaultdict(lambda: {"ours": {}, "peer": {}})
+    probes = []
+    for path in sorted(glob.glob(f"{build}/round-*.json")):
+        with open(path, encoding="utf-8") as file:
+            data = json.load(file)
+        if "before" in data:
+            probes.append(data)
+            continue
+        round_number = re.search(r"round-([0-9]+)", path).group(1)
+        scale = {"ns": 1, "us": 1e3, "ms": 1e6}
+        for run in data["benchmarks"]:
+            if run.get("error_occurred"):
+                sys.exit(f"{run['name']}: {run['error_message']}")
+            if run["run_type"] != "iteration":
+                continue
+            area, side, *rest = run["run_name"].split("/")
+            rest = [part for part in rest if not re.match(r"(real_time|manual_time|iterations:.*)$", part)]
+            rounds = times["/".join([area, *rest])][side]
+            rounds.setdefault(round_number, []).append(run["real_time"] * scale[run["time_unit"]])
+    return times, probes
+
+
+def medians(times, name):
+    """The medians of both sides, and of their ratio within each round, so that what slows a whole round cancels out."""
+    sides = times[name]
+    if not sides["ours"] or sides["ours"].keys() != sides["peer"].keys():
+        sys.exit(f"{name} was not run")
+    rounds = {side: {number: statistics.median(values) for number, values in rounds.items()}
+              for side, rounds in sides.items()}
+    result = {side: statistics.median(values.values()) for side, values in rounds.items()}
+    result["ratio"] = statistics.median(rounds["ours"][number] / peer for number, peer in rounds["peer"].items())
+    return result
+
+
+def show_time(nanos):
+    for unit, size in (("ms", 1e6), ("us", 1e3)):
+        if nanos >= size:
+            return f"{nanos / size:.1f} {unit}"
+    return f"{nanos:.2f} ns" if nanos < 10 else f"{nanos:.0f} ns"
+
+
+def show_ratio(ratio):
+    return f"{ratio:.2f}" if ratio >= 0.01 else f"1/{1 / ratio:.0f}"
+
+
+def make_rows(times, probes, build):
+    keys = ("subject", "ours", "peer", "against", "ratio", "target", "met")
+    rows = []
+    for subject, against, name, limit in ROWS:
+        point = medians(times, name)
+        ratio = round(point["ratio"], 2) if limit >= 0.01 else point["ratio"]  # more digits than shown are noise
+        rows.append((subject, show_time(point["ours"]), show_time(point["peer"]), against, show_ratio(ratio),
+                     show_ratio(limit), ratio <= limit))
+    if not probes:
+        sys.exit("the memory probe was not run")
+    before, after = (statistics.median(probe[key] for probe in probes) for key in ("before", "after"))
+    rows.append(("resident after the first log call, off", f"{after:.0f} KiB", f"{before:.0f} KiB", "before it",
+                 f"+{after - before:.0f} KiB", "+1024 KiB", after - before <= 1024))
+    size = os.path.getsize(f"{build}/libzyttools.stripped.so") / 1024
+    rows.append(("stripped shared library", f"{size:.1f} KiB", "", "", "", "200 KiB", size <= 200))
+    return [dict(zip(keys, row)) for row in rows]
+
+
+def make_growth(times):
+    growth = {}
+    for key, (axis, parameters, subjects) in GROWTH.items():
+        series = {}
+        for subject, pattern in subjects.items():
+            points = [medians(times, pattern.format(parameter)) for parameter in parameters]
+            series[subject] = {key: [point[key] for point in points] for key in ("ours", "peer", "ratio")}
+        growth[key] = {"axis": axis, "parameters": [str(p).replace("/", " x ") for p in parameters], "series": series}
+    return growth
+
+
+def describe_machine():
+    def ask(command):
+        return subprocess.run(command, shell=True, capture_output=True, text=True, check=True).stdout.strip()
+
+    return {
+        "processors": ask("nproc") + " x " + ask("lscpu | sed -n 's/^Model name: *//p'"),
+        "memory": ask("awk '/^MemTotal/ { printf \"%.0f GiB\", $2 / 2^20 }' /proc/meminfo"),
+        "kernel": ask("uname -srm") + ask("grep -qw hypervisor /proc/cpuinfo && echo ', virtual machine' || true"),
+        "system": ask('. /etc/os-release && echo "$PRETTY_NAME"'),
+        "compiler": ask("c++ --version | head -n 1") + ", -O2",
+        "file system": ask("df --output=fstype . | tail -n 1"),
+        "heap": "/dev/dma_heap/system" if os.path.exists("/dev/dma_heap/system") else "memfd",
+    }
+
+
+def print_table(rows):
+    heads = ("subject", "ours", "peer", "ratio", "target", "")
+    lines = [heads] + [(r["subject"], r["ours"], f"{r['peer']}  {r['against']}".strip(), r["ratio"], r["target"],
+                        "met" if r["met"] else "MISSED") for r in rows]
+    widths = [max(len(line[column]) for line in lines) for column in range(len(heads))]
+    for line in lines:
+        print("  ".join(cell.ljust(width) for cell, width in zip(line, widths)).rstrip())
+    missed = sum(not row["met"] for row in rows)
+    print(f"\n{len(rows) - missed} targets met, {missed} missed")
+
+
+def markdown(rows, growth, machine):
+    """The three generated sections: absolute times stay out, since they say nothing about another machine."""
+    yield "machine", [f"- {key}: {value}" for key, value in machine.items()]
+    yield "table", ["| subject | peer | ratio | target | |", "|---|---|---|---|---|"] + [
+        f"| {r['subject']} | {r['against']} | {r['ratio'] or r['ours']} | {r['target']} | "
+        f"{'met' if r['met'] else '**missed**'} |" for r in rows]
+    lines = []
+    for part in growth.values():
+        lines += [f"| {part['axis']} | " + " | ".join(part["parameters"]) + " |",
+                  "|---" * (len(part["parameters"]) + 1) + "|"]
+        for subject, sides in part["series"].items():
+            cells = [f"x{ours / sides['ours'][0]:.2f} ({show_ratio(ratio)})"
+                     for ours, ratio in zip(sides["ours"], sides["ratio"])]
+            lines.append(f"| {subject} | " + " | ".join(cells) + " |")
+        lines.append("")
+    yield "growth", lines[:-1]
+
+
+def update_docs(path, sections):
+    with open(path, encoding="utf-8") as file:
+        text = file.read()
+    for name, lines in sections:
+        begin, end = f"<!-- {name} -->", f"<!-- end of {name} -->"
+        text = "\n".join([text.split(begin)[0] + begin, *lines, end + text.split(end)[1]])
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+def main():
+    build, docs = sys.argv[1:]
+    times, probes = read_rounds(build)
+    rows, growth, machine = make_rows(times, probes, build), make_growth(times), describe_machine()
+    with open(f"{build}/bench.json", "w", encoding="utf-8") as file:
+        json.dump({"machine": machine, "rows": rows, "growth": growth, "nanoseconds": times}, file, indent=1)
+    print_table(rows)
+    if docs == "yes":
+        update_docs("docs/performance.md", markdown(rows, growth, machine))
+
+
+main()
