@@ -1,10 +1,11 @@
-#!/bin/sh
+#!/usr/bin/env bash
 # Builds the benchmarks optimised, runs each subject beside its peer and prints one table; the same goes to
 # build/bench/bench.json. With --update-docs it also rewrites the figures and plots of docs/performance.md.
 # Fails when something could not be run. A missed target is only reported.
-set -eu
+set -euo pipefail
 
-cd "$(dirname "$0")/.."
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+source tools/need.sh
 build=build/bench
 docs=no
 case "${1-}" in
@@ -13,23 +14,7 @@ case "${1-}" in
     *) echo "usage: bench.sh [--update-docs]" >&2; exit 2 ;;
 esac
 
-needed="g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev libboost-dev python3-matplotlib"
-missing=
-for package in $needed; do
-    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
-done
-if [ -n "$missing" ]; then
-    if [ "$(id -u)" -eq 0 ]; then
-        apt-get update >/dev/null
-        # shellcheck disable=SC2086
-        apt-get install -y --no-install-recommends $missing >/dev/null
-    elif [ "$missing" = " python3-matplotlib" ]; then
-        echo "no plots: python3-matplotlib is not installed" >&2
-    else
-        echo "not installed, and only root can:$missing" >&2
-        exit 1
-    fi
-fi
+need g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev libboost-dev python3-matplotlib
 
 mkdir -p "$build"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" \

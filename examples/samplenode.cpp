@@ -273,8 +273,7 @@ private:
 
     std::string Dump(const ZYTImageBuffer& image, const std::string& name) const {
         std::string path = m_options.out + "/" + name + "_" + std::to_string(image.width) + "x" +
-                                 std::to_string(image.height) + "_" + ZYTBufferUtil::GetBufferFormatString(&image) +
-                                 ".raw";
+                           std::to_string(image.height) + "_" + ZYTBufferUtil::GetBufferFormatString(&image) + ".raw";
         if (!ZYTBufferUtil::ZYTBufferDump(&image, path.c_str())) throw BadInput{"cannot write " + path};
         // The dump itself ignores write errors, as on a full disk.
         struct stat status {};
