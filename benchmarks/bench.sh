@@ -27,7 +27,7 @@ strip -o "$build/libzyttools.stripped.so" "$build/common/tools/libzyttools.so"
 unset HOSTDEVICE_PROPERTIES
 rm -f "$build"/round-*.json
 # Several processes, each with several repetitions in random order: what one process draws by chance, such as where its
-# memory lies, is drawn anew in the next. One process an area, so that a subject and its peer run within a second or two.
+# memory lies, is drawn anew in the next. One process an area, so that a subject and its peer run close together.
 for round in 1 2 3 4 5 6 7 8 9; do
     for area in pool/ pool_sizes manager log_site offline copy_nv12 copy_p010 dump outline tasks signal; do
         "$build/benchmarks/zytbench" --benchmark_filter="^$area" --benchmark_min_time=0.015 \

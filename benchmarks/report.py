@@ -1,4 +1,4 @@
-"""Turns the rounds of a benchmark run into one table and bench.json, and rewrites the figures in docs/performance.md."""
+"""Turns the rounds of a benchmark run into one table and bench.json, and rewrites the figures of the documentation."""
 
 import collections
 import glob

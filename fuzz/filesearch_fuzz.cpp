@@ -32,7 +32,7 @@ bool ListByRule(const std::string& dir, bool recursive, std::vector<std::string>
 
 // Names stay so short, and patterns so simple, that a backtracking matcher comes to an end.
 std::string Name(FuzzedDataProvider& data) {
-    std::string name = UpToNul(data.ConsumeRandomLengthString(12));
+    std::string name = UpToNul(data.ConsumeRandomLengthString(10));
     std::replace(name.begin(), name.end(), '/', '_');
     return name.empty() || name == "." || name == ".." ? name + "x" : name;
 }
@@ -40,7 +40,7 @@ std::string Name(FuzzedDataProvider& data) {
 // An ill-formed pattern ends the process by design.
 bool Compile(const std::string& pattern, std::regex& expression) {
     const auto repeats = [](char c) { return std::strchr("*+?{", c) != nullptr; };
-    if (std::count_if(pattern.begin(), pattern.end(), repeats) > 3) return false;
+    if (std::count_if(pattern.begin(), pattern.end(), repeats) > 2) return false;
     try {
         expression = pattern;
     } catch (const std::regex_error&) {

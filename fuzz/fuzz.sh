@@ -53,7 +53,7 @@ run_target() {
         printf '%-11s%s: no finding\n' "$name" "$counts"
         return 0
     fi
-    why=$(grep -am1 -E '^FUZZ_CHECK|runtime error|ERROR: ' "$log") || why="status $status"
+    why=$(grep -am1 -E '^FUZZ_CHECK|runtime error|ERROR: |run interrupted' "$log") || why="status $status"
     printf '%-11s%s: FINDING: %s\n%11ssee %s\n' "$name" "${counts:-0 runs}" "$why" '' "$log"
     sed -nE "s|^.*Test unit written to (.*)|           again with: (cd build/fuzz \&\& $target \1)|p" "$log"
     return 1
