@@ -15,15 +15,25 @@ constexpr const char* BaseName(const char* path) {
     return name;
 }
 
+/// Stands in for a log call that would write nothing, so that its arguments are evaluated all the same.
+template <typename... Args>
+inline void EvaluateOnly(Args...) {}
+
 }  // namespace zyt
 
 /// Writes one message twice: to the platform log, then to the offline log. Each log evaluates the arguments anew, as
-/// two calls written by hand would.
-#define ZYT_LOG_TWICE(letter, ...)                               \
-    do {                                                         \
-        constexpr const char* zytFile = zyt::BaseName(__FILE__); \
-        ZYTLogUtil::Log##letter(__VA_ARGS__);                    \
-        ZYTOfflineLog::ZYTOfflineLog##letter(__VA_ARGS__);       \
+/// two calls written by hand would. Whether either log wants the line is asked here first, because compilers do not
+/// inline functions with variable arguments: a line that neither wants then costs no call at all.
+#define ZYT_LOG_TWICE(letter, ...)                                   \
+    do {                                                             \
+        constexpr const char* zytFile = zyt::BaseName(__FILE__);     \
+        if (ZYTLogUtil::Is##letter##On() || ZYTOfflineLog::IsOn()) { \
+            ZYTLogUtil::Log##letter(__VA_ARGS__);                    \
+            ZYTOfflineLog::ZYTOfflineLog##letter(__VA_ARGS__);       \
+        } else {                                                     \
+            zyt::EvaluateOnly(__VA_ARGS__);                          \
+            zyt::EvaluateOnly(__VA_ARGS__);                          \
+        }                                                            \
     } while (false)
 
 /// A log site of an object with a name (a const char*): "[name] file:line function() message".

@@ -29,20 +29,22 @@ public:
     ZYT_EXPORT static int m_previewLevel;
     ZYT_EXPORT static int m_captureLevel;
 
-#define ZYT_PLATFORM_LOG_FUNCTION(name, threshold, priority)                                 \
-    __attribute__((format(printf, 1, 2))) inline static void name(const char* format, ...) { \
-        if (Level() < (threshold)) return;                                                   \
-        va_list args;                                                                        \
-        va_start(args, format);                                                              \
-        Write(priority, format, args);                                                       \
-        va_end(args);                                                                        \
+    // The first of each pair tells a log site whether the second would write.
+#define ZYT_PLATFORM_LOG_FUNCTION(letter, threshold, priority)                                      \
+    inline static bool Is##letter##On() { return Level() >= (threshold); }                          \
+    __attribute__((format(printf, 1, 2))) inline static void Log##letter(const char* format, ...) { \
+        if (!Is##letter##On()) return;                                                              \
+        va_list args;                                                                               \
+        va_start(args, format);                                                                     \
+        Write(priority, format, args);                                                              \
+        va_end(args);                                                                               \
     }
 
-    ZYT_PLATFORM_LOG_FUNCTION(LogE, 1, ANDROID_LOG_ERROR)
-    ZYT_PLATFORM_LOG_FUNCTION(LogW, 2, ANDROID_LOG_WARN)
-    ZYT_PLATFORM_LOG_FUNCTION(LogD, 3, ANDROID_LOG_DEBUG)
-    ZYT_PLATFORM_LOG_FUNCTION(LogI, 4, ANDROID_LOG_INFO)
-    ZYT_PLATFORM_LOG_FUNCTION(LogV, 5, ANDROID_LOG_VERBOSE)
+    ZYT_PLATFORM_LOG_FUNCTION(E, 1, ANDROID_LOG_ERROR)
+    ZYT_PLATFORM_LOG_FUNCTION(W, 2, ANDROID_LOG_WARN)
+    ZYT_PLATFORM_LOG_FUNCTION(D, 3, ANDROID_LOG_DEBUG)
+    ZYT_PLATFORM_LOG_FUNCTION(I, 4, ANDROID_LOG_INFO)
+    ZYT_PLATFORM_LOG_FUNCTION(V, 5, ANDROID_LOG_VERBOSE)
 
 #undef ZYT_PLATFORM_LOG_FUNCTION
 

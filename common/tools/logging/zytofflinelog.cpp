@@ -85,6 +85,8 @@ size_t StampLine(char (&line)[sizeof(ZYTOfflineLogParameter)], ZYTOfflineLogLeve
 
 }  // namespace
 
+ZYTOfflineLog* ZYTOfflineLog::m_instance = nullptr;
+
 ZYTOfflineLog& ZYTOfflineLog::GetInstance() {
     static ZYTOfflineLog instance;
     return instance;
@@ -99,6 +101,7 @@ ZYTOfflineLog::ZYTOfflineLog() {
     zyt::Lock lock(m_logFileLock);
     m_curLogFileName.clear();
     m_curLogFileSize = kFileSizeLimit;  // full, so that the first line starts a file
+    __atomic_store_n(&m_instance, this, __ATOMIC_RELEASE);
 }
 
 ZYTOfflineLog::~ZYTOfflineLog() {

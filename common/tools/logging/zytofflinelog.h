@@ -44,13 +44,19 @@ public:
     /// The instance, created on the first call.
     static ZYTOfflineLog& GetInstance();
 
+    /// Whether the log functions write. Creates the instance, as they do.
+    inline static bool IsOn() {
+        const ZYTOfflineLog* log = __atomic_load_n(&m_instance, __ATOMIC_ACQUIRE);
+        if (log == nullptr) log = &GetInstance();
+        return zyt::LoadFlag(log->m_enable);
+    }
+
 #define ZYT_OFFLINE_LOG_FUNCTION(letter)                                                                      \
     __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLog##letter(const char* format, ...) { \
-        ZYTOfflineLog& log = GetInstance();                                                                   \
-        if (!zyt::LoadFlag(log.m_enable)) return;                                                             \
+        if (!IsOn()) return;                                                                                  \
         va_list args;                                                                                         \
         va_start(args, format);                                                                               \
-        log.Write(ZYTOfflineLogLevel::letter, format, args);                                                  \
+        GetInstance().Write(ZYTOfflineLogLevel::letter, format, args);                                        \
         va_end(args);                                                                                         \
     }
 
@@ -101,6 +107,10 @@ public:
     std::string m_curLogFileName ZYT_GUARDED_BY(m_logFileLock);
 
 private:
+    // Set at the end of the constructor and never taken back: once it is there, a log site finds out without a call
+    // into the library that its line is not wanted. The switch in the static storage behind it outlives the instance.
+    static ZYTOfflineLog* m_instance;
+
     ZYTOfflineLog();
     ~ZYTOfflineLog();
 

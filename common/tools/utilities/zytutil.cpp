@@ -13,7 +13,6 @@
 #include <cstring>
 #include <fstream>
 #include <limits>
-#include <regex>
 
 #include "base/zytchecked.h"
 #include "zytbuffermanager/zytimagelayout.h"
@@ -63,20 +62,6 @@ int32_t ZYTUtil::GetFileListInDir(const char* dir, std::vector<std::string>& fil
     }
     g_closeDirectory(stream);
     return result;
-}
-
-int32_t ZYTUtil::SearchFileByName(const char* dir, const char* pattern, std::vector<std::string>& files,
-                                  bool recursive) noexcept {
-    if (dir == nullptr || pattern == nullptr) return 1;
-    std::vector<std::string> listed;
-    if (GetFileListInDir(dir, listed, recursive) != 0) return 1;
-    const std::regex expression(pattern);
-    char name[kPathSize] = {};
-    for (const std::string& path : listed) {
-        GetFileNameFromFilePath(path.c_str(), name, sizeof(name));
-        if (std::regex_match(name, expression)) files.push_back(path);
-    }
-    return 0;
 }
 
 void ZYTUtil::GetFileNameFromFilePath(const char* path, char* name, unsigned int size) {

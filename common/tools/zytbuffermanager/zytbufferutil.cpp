@@ -4,10 +4,14 @@
 #include <cstddef>
 #include <cstring>
 #include <iterator>
+#include <memory>
+#include <new>
 
 #include "zytbuffermanager/zytimagelayout.h"
 
 namespace {
+
+constexpr size_t kDumpBufferSize = 512u << 10;
 
 // What a copy between unlike images moves: the first plane, as if it were 16-bit raw.
 constexpr zyt::FormatLayout kUnlikeLayout = {"", zyt::FormatKind::kGrey, 2, 1};
@@ -67,6 +71,10 @@ void ZYTBufferUtil::ZYTDumpPlane(FILE* fp, const unsigned char* pData, int rowBy
 bool ZYTBufferUtil::ZYTBufferDump(const ZYTImageBuffer* pImage, const char* path) {
     FILE* file = std::fopen(path, "wb+");
     if (file == nullptr) return false;
+    // The stream's own buffer holds about a row, and a file system takes many small writes several times as long as a
+    // few large ones. Without memory for a larger one the dump is as good, only slower.
+    const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kDumpBufferSize]);
+    if (buffer != nullptr) std::setvbuf(file, buffer.get(), _IOFBF, kDumpBufferSize);
     if (const zyt::FormatLayout* layout = zyt::FindFormatLayout(pImage->format)) {
         // Y16 keeps the one byte a pixel that offline tools were written for.
         const int rowBytes =
