@@ -68,11 +68,10 @@ void ZYTThreadPool::DeInit(bool isFlush) {
 }
 
 bool ZYTThreadPool::GetTaskFromList(ZYTThreadPoolTask& task) {
-    std::list<ZYTThreadPoolTask> node;  // freed after the lock has been let go
     zyt::Lock lock(m_taskListLock);
     while (m_taskList.empty()) m_taskCond.wait(lock.Native());
-    node.splice(node.end(), m_taskList, m_taskList.begin());
-    task = node.front();
+    task = m_taskList.front();
+    m_taskList.pop_front();
     return true;
 }
 

@@ -49,10 +49,9 @@ public:
 
     /// Appends a task to the queue and wakes one worker.
     void QueueTask(const ZYTThreadPoolTask& task) ZYT_EXCLUDES(m_taskListLock) {
-        std::list<ZYTThreadPoolTask> node(1, task);  // made before the lock is taken: everybody wants that one
         {
             zyt::Lock lock(m_taskListLock);
-            m_taskList.splice(m_taskList.end(), node);
+            m_taskList.push_back(task);
         }
         m_taskCond.notify_one();
     }
