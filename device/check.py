@@ -8,7 +8,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 # Tests that Soong does not build; Android.bp says why.
-LEFT_OUT = {"faultsweep", "reliability", "samplenode"}
+LEFT_OUT = {"faultsweep", "reliability", "samplenode", "zytview"}
 # The platform's headers, and where the vendor module gets them from.
 PLATFORM = {
     "android/log.h": "liblog",

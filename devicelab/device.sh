@@ -87,7 +87,7 @@ build_project() {
     echo 'building for 64-bit Arm'
     logged configure 'configuring the project' cmake -S . -B "$build" \
         -DCMAKE_TOOLCHAIN_FILE=devicelab/aarch64-linux-gnu.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DZYT_BUILD_TESTS=ON -DZYT_BUILD_EXAMPLES=ON
+        -DZYT_BUILD_TESTS=ON -DZYT_BUILD_EXAMPLES=ON -DZYT_BUILD_TOOLS=OFF
     logged build 'building the project' cmake --build "$build" --parallel "$(nproc)"
     logged init 'building init' \
         aarch64-linux-gnu-g++ -std=c++17 -O2 -static -Wall -Wextra -o "$build/init" devicelab/init.cpp

@@ -124,7 +124,7 @@ ChildResult RunCommand(const std::vector<std::string>& command, const std::map<s
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
     pid_t pid = 0;
     ChildResult result;
-    const int error = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+    const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     close(ends[1]);
     if (error != 0) {

@@ -100,7 +100,7 @@ step_format() { cxx_files | xargs clang-format --dry-run -Werror; }
 step_tidy() {
     [[ -e build/check-clang/compile_commands.json ]] ||
         cmake -S . -B build/check-clang "${clang[@]}" >/dev/null || return 1
-    git ls-files -- 'common/**.cpp' 'platform/**.cpp' 'examples/**.cpp' | grep -v aosp |
+    git ls-files -- 'common/**.cpp' 'platform/**.cpp' 'examples/**.cpp' 'tools/**.cpp' | grep -v aosp |
         xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p build/check-clang 2>/dev/null
 }
 
@@ -139,7 +139,7 @@ steps=("$@")
 [[ ${#steps[@]} -gt 0 ]] ||
     steps=(format soong gcc exports package clang locks tidy aosp fma address thread exits)
 
-need g++ cmake make googletest clang libc++-14-dev libc++abi-14-dev clang-format clang-tidy pkgconf \
+need g++ cmake make googletest clang libc++-14-dev libc++abi-14-dev clang-format clang-tidy pkgconf libpng-dev ffmpeg \
     android-liblog-dev android-libutils-dev git python3
 for step in "${steps[@]}"; do
     declare -F "step_$step" >/dev/null || { echo "check: no step $step" >&2; exit 2; }

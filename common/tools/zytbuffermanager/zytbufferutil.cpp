@@ -14,7 +14,7 @@ namespace {
 constexpr size_t kDumpBufferSize = 512u << 10;
 
 // What a copy between unlike images moves: the first plane, as if it were 16-bit raw.
-constexpr zyt::FormatLayout kUnlikeLayout = {"", zyt::FormatKind::kGrey, 2, 1};
+constexpr zyt::FormatLayout kUnlikeLayout = {"", zyt::FormatKind::kGrey, 16, 2, 1};
 
 bool SizesMatch(const ZYTImageBuffer& a, const ZYTImageBuffer& b) {
     return (a.width == b.width && a.height == b.height) || (a.width == b.height && a.height == b.width);

@@ -19,11 +19,14 @@ enum class FormatKind {
 struct FormatLayout {
     const char* name;
     FormatKind kind;
+    uint32_t bits;          // that count of a sample
     uint32_t rowNumerator;  // bytes a row = width * rowNumerator / rowDenominator, rounded down
     uint32_t rowDenominator;
 
     /// P010 and Y16 come from other allocators; the manager describes, copies and dumps them but never makes them.
     constexpr bool IsAllocatable() const { return kind == FormatKind::kYuv420 || kind == FormatKind::kRaw; }
+    /// Samples that share bytes, instead of a container each.
+    constexpr bool IsPacked() const { return rowDenominator == 8; }
     constexpr bool HasChroma() const { return kind == FormatKind::kYuv420 || kind == FormatKind::kP010; }
 
     /// Bytes of pixel data in a row of that many pixels; a length that does not fit a signed 32-bit ends the process.
@@ -31,12 +34,12 @@ struct FormatLayout {
 };
 
 inline constexpr FormatLayout kFormatLayouts[] = {
-    {"YUV420NV12", FormatKind::kYuv420, 1, 1}, {"YUV420NV21", FormatKind::kYuv420, 1, 1},
-    {"RawMipi10", FormatKind::kRaw, 10, 8},    {"RawMipi12", FormatKind::kRaw, 12, 8},
-    {"RawMipi14", FormatKind::kRaw, 14, 8},    {"YUV_P010", FormatKind::kP010, 2, 1},
-    {"Y16", FormatKind::kGrey, 2, 1},          {"Raw10", FormatKind::kRaw, 2, 1},
-    {"Raw12", FormatKind::kRaw, 2, 1},         {"Raw14", FormatKind::kRaw, 2, 1},
-    {"Raw16", FormatKind::kRaw, 2, 1},
+    {"YUV420NV12", FormatKind::kYuv420, 8, 1, 1}, {"YUV420NV21", FormatKind::kYuv420, 8, 1, 1},
+    {"RawMipi10", FormatKind::kRaw, 10, 10, 8},   {"RawMipi12", FormatKind::kRaw, 12, 12, 8},
+    {"RawMipi14", FormatKind::kRaw, 14, 14, 8},   {"YUV_P010", FormatKind::kP010, 10, 2, 1},
+    {"Y16", FormatKind::kGrey, 16, 2, 1},         {"Raw10", FormatKind::kRaw, 10, 2, 1},
+    {"Raw12", FormatKind::kRaw, 12, 2, 1},        {"Raw14", FormatKind::kRaw, 14, 2, 1},
+    {"Raw16", FormatKind::kRaw, 16, 2, 1},
 };
 static_assert(sizeof(kFormatLayouts) / sizeof(kFormatLayouts[0]) == ZYT_FORMAT_RAW16 + 1);
 
