@@ -116,28 +116,9 @@ step_exports() {
     [[ -z $foreign ]] || { echo "exported besides the library's own: $foreign"; return 1; }
 }
 
-# The README's node, built by somebody who has only the installed package.
-step_package() {
-    configure_and_build gcc $strict || return 1
-    local dir=$PWD/build/check-package
-    rm -rf "$dir" && mkdir -p "$dir" && cd "$dir" || return 1
-    cmake --install ../check-gcc --prefix "$dir/prefix" >/dev/null
-    sed -n '/^```cpp$/,/^```$/p' ../../README.md | sed '/^```/d' >node.cpp
-    printf '%s\n' 'cmake_minimum_required(VERSION 3.20)' 'project(node CXX)' 'find_package(zyttools REQUIRED)' \
-        'add_executable(node node.cpp)' 'target_link_libraries(node zyttools::zyttools)' >CMakeLists.txt
-    cmake -S . -B by-cmake -DCMAKE_PREFIX_PATH="$dir/prefix" >/dev/null && cmake --build by-cmake >/dev/null &&
-        by-cmake/node || return 1
-    local lib
-    lib=$(dirname "$(find "$dir/prefix" -name libzyttools.so)")
-    PKG_CONFIG_PATH=$lib/pkgconfig g++ -std=c++17 node.cpp -o by-pkgconfig \
-        $(PKG_CONFIG_PATH=$lib/pkgconfig pkg-config --cflags --libs zyttools) &&
-        LD_LIBRARY_PATH=$lib ./by-pkgconfig || return 1
-    [[ $(stat -c %s mynode_1920x1080_YUV420NV12.raw) == 3110400 ]]
-}
-
 steps=("$@")
 [[ ${#steps[@]} -gt 0 ]] ||
-    steps=(format soong gcc exports package clang locks tidy aosp fma address thread exits)
+    steps=(format soong gcc exports clang locks tidy aosp fma address thread exits)
 
 need g++ cmake make googletest clang libc++-14-dev libc++abi-14-dev clang-format clang-tidy pkgconf libpng-dev ffmpeg \
     android-liblog-dev android-libutils-dev git python3

@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Installs into a clean prefix, moves that elsewhere, and builds with it what the documents show, as somebody would who
+# has nothing else: the guide's project by find_package, the guide's and the README's nodes by pkg-config.
+# usage: package.sh BUILD-DIRECTORY COMPILER FLAGS
+set -euo pipefail
+tree=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build=$1
+export CXX=$2 CXXFLAGS="$3 -Wall -Wextra -Wconversion -Wshadow -Werror"
+dir=$(mktemp -d)
+trap 'rm -rf "$dir"' EXIT
+
+# Writes the blocks of a document that begin with a comment that names a file, "continued" in later blocks.
+extract() {
+    awk '/^```/ { file = ""; isFirst = !isOpen; isOpen = !isOpen; next }
+         isFirst && /^(\/\/|#) [A-Za-z]+\.[a-z]+(, continued)?$/ { file = $2; sub(/,$/, "", file) }
+         { isFirst = 0 }
+         file { print > file }' "$1"
+}
+
+# run PROGRAM EXPECTED-LINE
+run() {
+    local seen
+    seen=$("$1" 2>"$dir/log") && [[ $seen == "$2" ]] || {
+        cat "$dir/log"
+        echo "package: $1 said '$seen', not '$2'"
+        exit 1
+    } >&2
+}
+
+cmake --install "$build" --prefix "$dir/first" >/dev/null
+mv "$dir/first" "$dir/prefix"
+libraries=$(dirname "$(find "$dir/prefix" -name libzyttools.so.1)")
+
+mkdir "$dir/guide" "$dir/readme"
+cd "$dir/guide"
+extract "$tree/docs/guide.md"
+cmake -S . -B build -DCMAKE_PREFIX_PATH="$dir/prefix" >/dev/null
+cmake --build build >"$dir/log" 2>&1 || { cat "$dir/log" >&2; exit 1; }
+run build/brightnode bright_640x480_YUV420NV12.raw
+[[ $(stat -c %s bright_640x480_YUV420NV12.raw) == $((640 * 480 * 3 / 2)) ]]
+run build/brightnode_test passed
+
+export PKG_CONFIG_PATH=$libraries/pkgconfig LD_LIBRARY_PATH=$libraries
+sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$tree/README.md" >"$dir/readme/main.cpp"
+for node in guide readme; do
+    cd "$dir/$node"
+    # shellcheck disable=SC2046,SC2086
+    $CXX -std=c++17 $CXXFLAGS main.cpp -o by-pkgconfig $(pkg-config --cflags --libs zyttools)
+done
+(cd "$dir/guide" && run ./by-pkgconfig bright_640x480_YUV420NV12.raw)
+run ./by-pkgconfig ''
+[[ $(stat -c %s mynode_1920x1080_YUV420NV12.raw) == $((1920 * 1080 * 3 / 2)) ]]
