@@ -1,6 +1,9 @@
 #ifndef ZYT_LOG_SITE_H
 #define ZYT_LOG_SITE_H
 
+/// @file
+/// The log site: one message for both logs, with where it comes from.
+
 #include "logging/zytlogutil.h"
 #include "logging/zytofflinelog.h"
 
@@ -21,9 +24,10 @@ inline void EvaluateOnly(Args...) {}
 
 }  // namespace zyt
 
-/// Writes one message twice: to the platform log, then to the offline log. Each log evaluates the arguments anew, as
-/// two calls written by hand would. Whether either log wants the line is asked here first, because compilers do not
-/// inline functions with variable arguments: a line that neither wants then costs no call at all.
+/// Writes one message twice: to the platform log, then to the offline log; letter is E, W, D, I or V. Each log
+/// evaluates the arguments anew, as two calls written by hand would. Whether either log wants the line is asked here
+/// first, because compilers do not inline functions with variable arguments: a line that neither wants then costs no
+/// call at all.
 #define ZYT_LOG_TWICE(letter, ...)                                   \
     do {                                                             \
         constexpr const char* zytFile = zyt::BaseName(__FILE__);     \

@@ -1,6 +1,9 @@
 #ifndef ZYT_LOG_UTIL_H
 #define ZYT_LOG_UTIL_H
 
+/// @file
+/// The platform log, by level.
+
 #include <android/log.h>
 
 #include <cstdarg>
@@ -25,19 +28,21 @@ public:
     /// The level all log functions compare against. Writing it takes effect on the next call; while other threads log,
     /// write it atomically.
     ZYT_EXPORT static int m_level;
-    /// Levels for callers' own preview and capture paths; the library reads neither.
+    /// A level for callers' own preview paths, read from the same property; the library does not use it.
     ZYT_EXPORT static int m_previewLevel;
+    /// A level for callers' own capture paths, as m_previewLevel.
     ZYT_EXPORT static int m_captureLevel;
 
-    // The first of each pair tells a log site whether the second would write.
-#define ZYT_PLATFORM_LOG_FUNCTION(letter, threshold, priority)                                      \
-    inline static bool Is##letter##On() { return Level() >= (threshold); }                          \
-    __attribute__((format(printf, 1, 2))) inline static void Log##letter(const char* format, ...) { \
-        if (!Is##letter##On()) return;                                                              \
-        va_list args;                                                                               \
-        va_start(args, format);                                                                     \
-        Write(priority, format, args);                                                              \
-        va_end(args);                                                                               \
+#define ZYT_PLATFORM_LOG_FUNCTION(letter, threshold, priority)                                                \
+    /** Tells a log site whether a message of level letter would be written: m_level is threshold or more. */ \
+    inline static bool Is##letter##On() { return Level() >= (threshold); }                                    \
+    /** Writes a message of level letter if m_level is threshold or more; formatted as by printf. */          \
+    __attribute__((format(printf, 1, 2))) inline static void Log##letter(const char* format, ...) {           \
+        if (!Is##letter##On()) return;                                                                        \
+        va_list args;                                                                                         \
+        va_start(args, format);                                                                               \
+        Write(priority, format, args);                                                                        \
+        va_end(args);                                                                                         \
     }
 
     ZYT_PLATFORM_LOG_FUNCTION(E, 1, ANDROID_LOG_ERROR)

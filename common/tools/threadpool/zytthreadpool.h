@@ -1,6 +1,9 @@
 #ifndef ZYT_THREAD_POOL_H
 #define ZYT_THREAD_POOL_H
 
+/// @file
+/// Worker threads that serve one queue of tasks.
+
 #include <condition_variable>
 #include <cstdint>
 #include <list>
@@ -10,18 +13,18 @@
 #include "base/zytexport.h"
 #include "base/zytthreadsafety.h"
 
+/// What a worker does with a task. Any other value is reported, and the task's data left alone.
 enum ZYTThreadPoolTaskType : int32_t {
-    ZYT_THREAD_POOL_TASK_NORMAL = 0,  // run func
-    ZYT_THREAD_POOL_TASK_STOP = 1,    // the worker that takes it ends
+    ZYT_THREAD_POOL_TASK_NORMAL = 0,  ///< Runs func and frees data.
+    ZYT_THREAD_POOL_TASK_STOP = 1,    ///< Ends the worker that takes it; data is left alone.
 };
 
-/// One unit of work. data is a malloc block (or null) that belongs to the pool once the task is queued; size is its
-/// length in bytes. A task runs only when data and size are both set or both empty.
+/// One unit of work. It runs only when func is set, and data and size are both set or both empty.
 struct ZYTThreadPoolTask {
-    ZYTThreadPoolTaskType type;
-    void (*func)(void* data, unsigned int size);
-    void* data;
-    unsigned int size;
+    ZYTThreadPoolTaskType type;                   ///< What the worker does.
+    void (*func)(void* data, unsigned int size);  ///< Called on a worker with the two below, which stay the pool's.
+    void* data;                                   ///< A malloc block, the pool's once the task is queued, or null.
+    unsigned int size;                            ///< Bytes at data.
 };
 
 /// A fixed set of POSIX threads that serve one first-in, first-out queue.
@@ -34,7 +37,7 @@ class ZYT_EXPORT ZYTThreadPool {
 public:
     /// Starts no thread.
     ZYTThreadPool();
-    /// DeInit(true).
+    /// Does DeInit(true).
     ~ZYTThreadPool();
     ZYTThreadPool(const ZYTThreadPool&) = delete;
     ZYTThreadPool& operator=(const ZYTThreadPool&) = delete;
@@ -65,10 +68,16 @@ public:
     /// Body of a worker: serves the queue until it takes a stop task.
     static void WorkerCore(ZYTThreadPool* pool);
 
+    /// Guards m_threadIdList; held while workers are started and joined.
     std::mutex m_threadListLock;
-    std::vector<int64_t> m_threadIdList ZYT_GUARDED_BY(m_threadListLock);  // pthread_t values, in start order
+    /// The workers that DeInit() stops: pthread_t values, in start order.
+    std::vector<int64_t> m_threadIdList ZYT_GUARDED_BY(m_threadListLock);
+
+    /// Queued tasks, oldest first.
     std::list<ZYTThreadPoolTask> m_taskList ZYT_GUARDED_BY(m_taskListLock);
+    /// Guards m_taskList.
     std::mutex m_taskListLock;
+    /// What idle workers wait on; a producer notifies it once for each task.
     std::condition_variable m_taskCond;
 };
 

@@ -1,6 +1,9 @@
 #ifndef ZYT_BUFFER_ALLOCATOR_H
 #define ZYT_BUFFER_ALLOCATOR_H
 
+/// @file
+/// The platform's sources of image memory.
+
 #include <BufferAllocator/BufferAllocator.h>
 #include <ui/GraphicBuffer.h>
 
@@ -17,7 +20,9 @@
 /// may run at once on several threads as far as the platform's allocator allows.
 class ZYT_EXPORT ZYTBufferAllocator {
 public:
+    /// Makes the platform's allocator. Without memory for it AllocDMABuffer fails, and nothing may be synchronised.
     ZYTBufferAllocator();
+    /// Releases no buffer: each belongs to whoever asked for it.
     ~ZYTBufferAllocator();
     ZYTBufferAllocator(const ZYTBufferAllocator&) = delete;
     ZYTBufferAllocator& operator=(const ZYTBufferAllocator&) = delete;
@@ -33,7 +38,8 @@ public:
 
     /// Makes a graphic buffer (width and height in pixels, the platform's format and usage values) and maps the first
     /// descriptor of its handle over stride * height bytes, the stride in pixels as gralloc reports it. *ppBuf is null
-    /// and fd 0 when there is no such descriptor. The result keeps the buffer alive; the mapping outlives it.
+    /// and fd 0 when there is no such descriptor. The result keeps the buffer alive; the mapping outlives it. A length
+    /// beyond 32 bits ends the process.
     android::sp<android::GraphicBuffer> AllocGraphicBuffer(unsigned int width, unsigned int height, int format,
                                                            unsigned int usage, char** ppBuf, int& fd);
 

@@ -1,6 +1,9 @@
 #ifndef ZYT_BUFFER_MANAGER_H
 #define ZYT_BUFFER_MANAGER_H
 
+/// @file
+/// What a node includes for its memory: the manager and, with it, the pool, the allocator and the image record.
+
 #include <mutex>
 #include <set>
 #include <string>
@@ -36,20 +39,22 @@ public:
     void SetManagerName(const std::string& name);
 
     /// Takes a malloc or DMA-BUF buffer of size bytes; gralloc is refused. fd becomes its descriptor, 0 for malloc.
-    /// On failure *ppBuf is null and fd 0; for size 0 or a null ppBuf they are left alone.
+    /// On failure *ppBuf is null and fd 0; for size 0 or a null ppBuf they are left alone. An address of MAP_FAILED is
+    /// no failure but a DMA-BUF that the kernel refused to map: check for it.
     bool AllocBuffer(unsigned int size, void** ppBuf, int& fd, ZYTBufferType type);
 
     /// Takes memory for an image whose format, width, height, planeStride and sliceHeight are set, and fills in its
     /// other fields: one buffer for each plane, or a single one for gralloc. P010 and Y16 cannot be allocated.
     ///
-    /// A record is left alone on failure, except for a type beyond gralloc, which clears its planes. When a later plane
-    /// cannot be had, the earlier ones stay recorded until they are freed or the manager goes. A gralloc image whose
-    /// buffer cannot be had still succeeds, with a null pAddr[0]: check it. A size beyond 32 bits ends the process.
+    /// A record is left alone on failure, except for a type beyond gralloc, which clears its planes but sets their
+    /// number. When a later plane cannot be had, the earlier ones stay recorded until the manager goes. A gralloc image
+    /// whose buffer cannot be had still succeeds, with a null pAddr[0]: check it. A size beyond 32 bits ends the
+    /// process.
     bool AllocBuffer(ZYTImageBuffer& image, ZYTBufferType type);
 
     /// The planes that AllocBuffer would take and the bytes of each. planeSizes has room for capacity entries, and for
-    /// two at least with NV12 and NV21. planeCount becomes 0 when capacity is too small; both are left alone for a
-    /// format that cannot be allocated.
+    /// two at least with NV12 and NV21. planeCount and the entries become 0 when capacity is too small; both are left
+    /// alone for a format that cannot be allocated.
     void GetImgBufferSize(const ZYTImageBuffer& image, unsigned int& planeCount, unsigned int* planeSizes,
                           unsigned int capacity, ZYTBufferType type);
 
@@ -59,13 +64,15 @@ public:
     /// Frees every plane and always returns true. More than 4 planes end the process after the fourth.
     bool FreeBuffer(const ZYTImageBuffer& image);
 
-    /// Opens or closes a CPU access to a DMA-BUF; true when the platform did so. Any descriptor will do.
+    /// Opens a CPU access to a DMA-BUF; true when the platform did so. Any descriptor will do.
     bool StartCPUSync(int fd, CPUSyncType type);
+    /// Closes a CPU access, always in the read direction; true when the platform did so.
     bool EndCPUSync(int fd);
 
-    /// The same for an image, but only its first plane is synchronised and the result is false, whatever happened, or
-    /// true for an image without planes. Existing nodes are written against both: synchronise fd by fd instead.
+    /// Opens a CPU access to the first plane alone. The result is false, whatever happened, or true for an image
+    /// without planes. Existing nodes are written against both oddities: synchronise descriptor by descriptor instead.
     bool StartCPUSync(const ZYTImageBuffer& image, CPUSyncType type);
+    /// Closes a CPU access to the first plane alone, with the same results.
     bool EndCPUSync(const ZYTImageBuffer& image);
 
 private:

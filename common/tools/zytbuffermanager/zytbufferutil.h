@@ -1,6 +1,9 @@
 #ifndef ZYT_BUFFER_UTIL_H
 #define ZYT_BUFFER_UTIL_H
 
+/// @file
+/// What can be done with a whole image; see ZYTBufferUtil.
+
 #include <asvloffscreen.h>
 
 #include <cstdio>
@@ -9,6 +12,7 @@
 #include "base/zytexport.h"
 #include "zytbuffermanager/zytimagebuffer.h"
 
+/// The vendor's image descriptor, by the name that its users write.
 using ASVL_OFFSCREEN = ASVLOFFSCREEN;
 
 /// Copies, dumps, names and describes images.
@@ -26,8 +30,8 @@ public:
     /// Copies the pixels of an image, row for row by the source's geometry, each side with its own stride. False, with
     /// nothing copied, unless the sizes are equal or transposed (a transposed copy is not rotated).
     ///
-    /// Where the formats differ, the first plane alone is copied, as 16-bit pixels; a P010 source is copied whole into
-    /// any destination.
+    /// Where the formats differ or the source's is unknown, the first plane alone is copied, as 16-bit pixels; a P010
+    /// source is copied whole into any destination.
     static bool ZYTBufferCopy(ZYTImageBuffer* pDst, const ZYTImageBuffer* pSrc);
 
     /// Writes rows of rowBytes bytes to fp, which stays open. Write errors are ignored.
@@ -48,6 +52,7 @@ public:
 
     /// The format's name, "Unknow" for a value outside the enumeration.
     static std::string GetBufferFormatString(ZYTFormat format);
+    /// The name of the image's format, in the same way.
     static std::string GetBufferFormatString(const ZYTImageBuffer* pImage);
 };
 

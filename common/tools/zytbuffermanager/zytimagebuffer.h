@@ -1,35 +1,38 @@
 #ifndef ZYT_IMAGE_BUFFER_H
 #define ZYT_IMAGE_BUFFER_H
 
+/// @file
+/// The image record, by which all image code of the library speaks of images, and its enumerations.
+
 #include <cstdint>
 
 /// What the pixels of an image are. The values are shared with other processes' records and never change.
 enum ZYTFormat : int32_t {
-    ZYT_FORMAT_YUV420NV12 = 0,  // 8-bit YUV 4:2:0, luma plane, then interleaved U/V plane
-    ZYT_FORMAT_YUV420NV21 = 1,  // the same with V/U order
-    ZYT_FORMAT_RAWMIPI10 = 2,   // Bayer raw, 10 bits a pixel, packed
-    ZYT_FORMAT_RAWMIPI12 = 3,   // Bayer raw, 12 bits a pixel, packed
-    ZYT_FORMAT_RAWMIPI14 = 4,   // Bayer raw, 14 bits a pixel, packed
-    ZYT_FORMAT_YUV_P010 = 5,    // YUV 4:2:0 in 16-bit containers, luma plane, then interleaved chroma plane
-    ZYT_FORMAT_Y16 = 6,         // one 16-bit plane
-    ZYT_FORMAT_RAW10 = 7,       // Bayer raw, 10 bits in a 16-bit container
-    ZYT_FORMAT_RAW12 = 8,       // Bayer raw, 12 bits in a 16-bit container
-    ZYT_FORMAT_RAW14 = 9,       // Bayer raw, 14 bits in a 16-bit container
-    ZYT_FORMAT_RAW16 = 10,      // Bayer raw, 16 bits a pixel
+    ZYT_FORMAT_YUV420NV12 = 0,  ///< 8-bit YUV 4:2:0, luma plane, then interleaved U/V plane.
+    ZYT_FORMAT_YUV420NV21 = 1,  ///< The same with V/U order.
+    ZYT_FORMAT_RAWMIPI10 = 2,   ///< Bayer raw, 10 bits a pixel, packed.
+    ZYT_FORMAT_RAWMIPI12 = 3,   ///< Bayer raw, 12 bits a pixel, packed.
+    ZYT_FORMAT_RAWMIPI14 = 4,   ///< Bayer raw, 14 bits a pixel, packed.
+    ZYT_FORMAT_YUV_P010 = 5,    ///< YUV 4:2:0 in 16-bit containers, luma plane, then interleaved chroma plane.
+    ZYT_FORMAT_Y16 = 6,         ///< One 16-bit plane.
+    ZYT_FORMAT_RAW10 = 7,       ///< Bayer raw, 10 bits in a 16-bit container.
+    ZYT_FORMAT_RAW12 = 8,       ///< Bayer raw, 12 bits in a 16-bit container.
+    ZYT_FORMAT_RAW14 = 9,       ///< Bayer raw, 14 bits in a 16-bit container.
+    ZYT_FORMAT_RAW16 = 10,      ///< Bayer raw, 16 bits a pixel.
 };
 
 /// What memory backs a buffer.
 enum ZYTBufferType : int32_t {
-    ZYT_BUFFER_TYPE_MALLOC = 0,   // process memory, no descriptor
-    ZYT_BUFFER_TYPE_DMABUF = 1,   // DMA-BUF from the system heap, mapped, with a descriptor
-    ZYT_BUFFER_TYPE_GRALLOC = 2,  // gralloc buffer, mapped, with a descriptor and a native handle
+    ZYT_BUFFER_TYPE_MALLOC = 0,   ///< Process memory, no descriptor.
+    ZYT_BUFFER_TYPE_DMABUF = 1,   ///< DMA-BUF from the system heap, mapped, with a descriptor.
+    ZYT_BUFFER_TYPE_GRALLOC = 2,  ///< Gralloc buffer, mapped, with a descriptor and a native handle.
 };
 
 /// Direction of a CPU access to a DMA-BUF; the values are the kernel's direction bits. Any other value means both.
 enum CPUSyncType : int32_t {
-    CPU_SYNC_READ = 1,
-    CPU_SYNC_WRITE = 2,
-    CPU_SYNC_READ_WRITE = 3,
+    CPU_SYNC_READ = 1,        ///< The processor will read.
+    CPU_SYNC_WRITE = 2,       ///< The processor will write.
+    CPU_SYNC_READ_WRITE = 3,  ///< The processor will do both.
 };
 
 /// Describes one image. The record belongs to the caller; the memory behind pAddr belongs to whoever filled it in.
@@ -37,15 +40,15 @@ enum CPUSyncType : int32_t {
 /// The caller sets the first five fields, and nothing in the library derives or aligns any of them. The others are
 /// filled by ZYTBufferManager::AllocBuffer, or by a caller who describes memory of its own.
 struct ZYTImageBuffer {
-    ZYTFormat format;
-    uint32_t width;           // pixels a row
-    uint32_t height;          // rows of the first plane
-    uint32_t planeStride;     // bytes from one row to the next, in every plane
-    uint32_t sliceHeight;     // rows reserved for the first plane; in a single buffer the second plane follows them
-    uint32_t numberOfPlanes;  // planes in use, 0 to 4
-    unsigned char* pAddr[4];  // start of each plane; null from numberOfPlanes on
-    int fd[4];                // descriptor behind each plane; 0 where there is none
-    void* pNativeHandle;      // native handle of a gralloc image, else null
+    ZYTFormat format;         ///< What the pixels are.
+    uint32_t width;           ///< Pixels a row.
+    uint32_t height;          ///< Rows of the first plane.
+    uint32_t planeStride;     ///< Bytes from one row to the next, in every plane.
+    uint32_t sliceHeight;     ///< Rows reserved for the first plane; in a single buffer the second plane follows them.
+    uint32_t numberOfPlanes;  ///< Planes in use, 0 to 4.
+    unsigned char* pAddr[4];  ///< Start of each plane; null from numberOfPlanes on.
+    int fd[4];                ///< Descriptor behind each plane; 0 where there is none.
+    void* pNativeHandle;      ///< Native handle of a gralloc image, owned by its graphic buffer; null for others.
 };
 
 #endif  // ZYT_IMAGE_BUFFER_H

@@ -1,6 +1,9 @@
 #ifndef ZYT_SIGNAL_TASK_H
 #define ZYT_SIGNAL_TASK_H
 
+/// @file
+/// Tasks that run when their identifiers are signalled.
+
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
@@ -24,16 +27,19 @@
 /// null.
 class ZYT_EXPORT WrapperTask {
 public:
+    /// A task of its own that is alive, not done, and has no callable yet.
     WrapperTask();
+    /// Shares the flags and copies the callable, from a temporary too.
     WrapperTask(const WrapperTask& other) = default;
-    /// Shares all four members, from a temporary too.
+    /// Shares the other's flags from now on and copies its callable, from a temporary too.
     WrapperTask& operator=(const WrapperTask& other);
+    /// Clears the value of m_isAlive when this is the last copy and the task has not run.
     ~WrapperTask();
 
-    std::shared_ptr<bool> m_isAlive;
-    std::shared_ptr<bool> m_isDone;
-    std::shared_ptr<bool> m_token;  // its use count is the number of copies; its value means nothing
-    std::function<void()> m_task;
+    std::shared_ptr<bool> m_isAlive;  ///< False once the task will never run.
+    std::shared_ptr<bool> m_isDone;   ///< True once the task has run.
+    std::shared_ptr<bool> m_token;    ///< Its use count is the number of copies; its value means nothing.
+    std::function<void()> m_task;     ///< What runs on the loop thread.
 };
 
 /// Runs connected tasks on one thread of the process, "ZYTSignalTask", when their identifiers are signalled.
@@ -52,13 +58,13 @@ public:
     /// The one object. Throws std::system_error when its thread cannot be started; a later call tries again.
     static ZYTSignalTask* instance();
 
-    /// insert(id), then wakes the loop.
+    /// Does insert(id), then wakes the loop.
     void signal(uint64_t id);
     /// Wakes the loop.
     void notify();
-    /// remove(id), then wakes the loop.
+    /// Does remove(id), then wakes the loop.
     void disconnect(uint64_t id);
-    /// remove(), then wakes the loop.
+    /// Does remove(), then wakes the loop.
     void disconnect();
 
     /// Queues a signal without waking the loop. Returns the number of pending signals.

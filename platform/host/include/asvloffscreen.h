@@ -1,15 +1,19 @@
 #ifndef HOSTDEVICE_ASVLOFFSCREEN_H
 #define HOSTDEVICE_ASVLOFFSCREEN_H
 
+/// @file
+/// The vendor's image descriptor and pixel-array codes, as published.
+
 #include <stdint.h>
 
-typedef uint8_t MUInt8;
-typedef int32_t MInt32;
-typedef uint32_t MUInt32;
+typedef uint8_t MUInt8;    ///< The vendor's unsigned byte.
+typedef int32_t MInt32;    ///< The vendor's signed 32-bit number.
+typedef uint32_t MUInt32;  ///< The vendor's unsigned 32-bit number.
 
-/// 8-bit YUV 4:2:0 with interleaved chroma: U first (NV12), V first (NV21).
-#define ASVL_PAF_NV12 0x801
-#define ASVL_PAF_NV21 0x802
+#define ASVL_PAF_NV12 0x801  ///< 8-bit YUV 4:2:0 with interleaved chroma, U first.
+#define ASVL_PAF_NV21 0x802  ///< 8-bit YUV 4:2:0 with interleaved chroma, V first.
+
+/// @{
 
 /// Raw samples in 16-bit words, by depth and Bayer order.
 #define ASVL_PAF_RAW10_RGGB_16B 0xD09
@@ -32,13 +36,15 @@ typedef uint32_t MUInt32;
 #define ASVL_PAF_RAW16_GBRG_16B 0xD23
 #define ASVL_PAF_RAW16_BGGR_16B 0xD24
 
-/// An image as ArcSoft's algorithms take it. Borrows the planes; pitches in bytes.
+/// @}
+
+/// An image as ArcSoft's algorithms take it. Borrows the planes.
 typedef struct __tag_ASVL_OFFSCREEN {
-    MUInt32 u32PixelArrayFormat;
-    MInt32 i32Width;
-    MInt32 i32Height;
-    MUInt8* ppu8Plane[4];
-    MInt32 pi32Pitch[4];
-} ASVLOFFSCREEN, *LPASVLOFFSCREEN;
+    MUInt32 u32PixelArrayFormat;    ///< An ASVL_PAF_ code.
+    MInt32 i32Width;                ///< Pixels a row.
+    MInt32 i32Height;               ///< Rows of the first plane.
+    MUInt8* ppu8Plane[4];           ///< Start of each plane.
+    MInt32 pi32Pitch[4];            ///< Bytes from one row to the next, for each plane.
+} ASVLOFFSCREEN, *LPASVLOFFSCREEN;  ///< The record and a pointer to it, by the vendor's names.
 
 #endif  // HOSTDEVICE_ASVLOFFSCREEN_H

@@ -1,17 +1,21 @@
 #ifndef HOSTDEVICE_CAMXSETTINGSMANAGER_H
 #define HOSTDEVICE_CAMXSETTINGSMANAGER_H
 
+/// @file
+/// The camera framework's settings.
+
 #include <cstddef>
 #include <cstdint>
 
 #include "hostdevice/export.h"
 
+/// The camera framework's namespace.
 namespace CamX {
 
 /// The camera framework's settings, as far as this device has any: one switch.
 struct StaticSettings {
-    uint8_t otherSettings[15];
-    bool enableOfflineLog;
+    uint8_t otherSettings[15];  ///< Keeps the switch in its place; all zeros.
+    bool enableOfflineLog;      ///< Whether off-line logs are wanted where no property says so.
 };
 
 // Clients of the framework read the switch by its position.

@@ -1,6 +1,9 @@
 #ifndef HOSTDEVICE_BUFFERALLOCATOR_H
 #define HOSTDEVICE_BUFFERALLOCATOR_H
 
+/// @file
+/// The platform's DMA-BUF heap.
+
 #include <linux/dma-buf.h>
 
 #include <cstddef>
@@ -10,9 +13,9 @@
 
 /// What the processor is about to do with a buffer, or has done.
 enum SyncType {
-    kSyncRead = DMA_BUF_SYNC_READ,
-    kSyncWrite = DMA_BUF_SYNC_WRITE,
-    kSyncReadWrite = DMA_BUF_SYNC_RW,
+    kSyncRead = DMA_BUF_SYNC_READ,     ///< Read it.
+    kSyncWrite = DMA_BUF_SYNC_WRITE,   ///< Write it.
+    kSyncReadWrite = DMA_BUF_SYNC_RW,  ///< Both.
 };
 
 /// Synchronises a buffer of the kernel's old ION interface, which this device does not have: never called.
@@ -33,11 +36,12 @@ public:
     /// for the platform's signature.
     int AllocSystem(bool cpu_access, size_t len, unsigned int heap_flags = 0, size_t legacy_align = 0);
 
-    /// Brackets access by the processor. 0, or a negative errno: -EINVAL for a negative descriptor, -EBADF for a closed
+    /// Opens an access by the processor. 0, or a negative errno: -EINVAL for a negative descriptor, -EBADF for a closed
     /// one, -ENOTTY for one that is neither of this device's memory nor a DMA-BUF. On memfd memory there is no cache
-    /// to maintain and nothing is done.
+    /// to maintain and nothing is done. `custom` and `custom_data` are not used.
     int CpuSyncStart(unsigned int dmabuf_fd, SyncType type = kSyncRead, const CustomCpuSyncLegacyIon& custom = nullptr,
                      void* custom_data = nullptr);
+    /// Closes the access, with the same results.
     int CpuSyncEnd(unsigned int dmabuf_fd, SyncType type = kSyncRead, const CustomCpuSyncLegacyIon& custom = nullptr,
                    void* custom_data = nullptr);
 };

@@ -1,12 +1,16 @@
 #ifndef HOSTDEVICE_CUTILS_PROPERTIES_H
 #define HOSTDEVICE_CUTILS_PROPERTIES_H
 
+/// @file
+/// The platform's system properties.
+
 #include <stdint.h>
 
 #include "hostdevice/export.h"
 
-/// Sizes that include the terminating NUL. Only the value's is a limit: keys have been free of theirs for long.
+/// Size of a key with its terminating NUL, as it was limited once; keys have been free of it for long.
 #define PROPERTY_KEY_MAX 32
+/// Size of the longest value with its terminating NUL.
 #define PROPERTY_VALUE_MAX 92
 
 #ifdef __cplusplus

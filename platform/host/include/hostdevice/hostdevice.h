@@ -1,6 +1,9 @@
 #ifndef HOSTDEVICE_HOSTDEVICE_H
 #define HOSTDEVICE_HOSTDEVICE_H
 
+/// @file
+/// The controls of the emulated device.
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -80,10 +83,10 @@ HOSTDEVICE_EXPORT LiveResources CountLive();
 
 /// One call of CpuSyncStart or CpuSyncEnd.
 struct SyncCall {
-    int fd;
+    int fd;         ///< As the caller gave it.
     int direction;  ///< A SyncType value: 1 read, 2 write, 3 both; 0 when there was no call yet.
-    bool isStart;
-    int result;  ///< 0 or a negative errno.
+    bool isStart;   ///< CpuSyncStart, not CpuSyncEnd.
+    int result;     ///< 0 or a negative errno.
 };
 
 /// The latest synchronisation of the process, refused and failed ones included.

@@ -1,6 +1,9 @@
 #ifndef HOSTDEVICE_UI_GRAPHICBUFFER_H
 #define HOSTDEVICE_UI_GRAPHICBUFFER_H
 
+/// @file
+/// The platform's graphic buffers.
+
 #include <nativebase/nativebase.h>
 #include <utils/RefBase.h>
 
@@ -9,10 +12,11 @@
 
 #include "hostdevice/export.h"
 
+/// The platform's own namespace: here graphic buffers and the pointers that hold them.
 namespace android {
 
-using status_t = int32_t;
-using PixelFormat = int32_t;
+using status_t = int32_t;     ///< 0 or a negative errno.
+using PixelFormat = int32_t;  ///< A value of the platform's graphics interface; the emulated memory suits all.
 
 /// An image buffer as gralloc makes them, on memfd memory, held by android::sp and immutable once made.
 ///
@@ -29,12 +33,12 @@ public:
     /// 0, or the negative errno of the allocation; the handle is then null and all sizes are 0.
     status_t initCheck() const { return mInitCheck; }
 
-    uint32_t getWidth() const { return static_cast<uint32_t>(width); }
-    uint32_t getHeight() const { return static_cast<uint32_t>(height); }
-    uint32_t getStride() const { return static_cast<uint32_t>(stride); }  ///< In pixels.
-    uint64_t getUsage() const { return usage; }
-    PixelFormat getPixelFormat() const { return format; }
-    uint32_t getLayerCount() const { return static_cast<uint32_t>(layerCount); }
+    uint32_t getWidth() const { return static_cast<uint32_t>(width); }            ///< In pixels, without padding.
+    uint32_t getHeight() const { return static_cast<uint32_t>(height); }          ///< In rows.
+    uint32_t getStride() const { return static_cast<uint32_t>(stride); }          ///< In pixels.
+    uint64_t getUsage() const { return usage; }                                   ///< As asked for.
+    PixelFormat getPixelFormat() const { return format; }                         ///< As asked for.
+    uint32_t getLayerCount() const { return static_cast<uint32_t>(layerCount); }  ///< As asked for.
 
     /// The record above; lives as long as the buffer.
     ANativeWindowBuffer* getNativeBuffer() const { return const_cast<GraphicBuffer*>(this); }

@@ -1,22 +1,26 @@
 #ifndef HOSTDEVICE_ANDROID_LOG_H
 #define HOSTDEVICE_ANDROID_LOG_H
 
+/// @file
+/// The platform's log.
+
 #include "hostdevice/export.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
+/// Priorities, with the letters that they are printed with. Any other value is printed as unknown.
 typedef enum android_LogPriority {
-    ANDROID_LOG_UNKNOWN = 0,
-    ANDROID_LOG_DEFAULT,
-    ANDROID_LOG_VERBOSE,
-    ANDROID_LOG_DEBUG,
-    ANDROID_LOG_INFO,
-    ANDROID_LOG_WARN,
-    ANDROID_LOG_ERROR,
-    ANDROID_LOG_FATAL,
-    ANDROID_LOG_SILENT,
+    ANDROID_LOG_UNKNOWN = 0,  ///< "?".
+    ANDROID_LOG_DEFAULT,      ///< "?".
+    ANDROID_LOG_VERBOSE,      ///< "V".
+    ANDROID_LOG_DEBUG,        ///< "D".
+    ANDROID_LOG_INFO,         ///< "I".
+    ANDROID_LOG_WARN,         ///< "W".
+    ANDROID_LOG_ERROR,        ///< "E".
+    ANDROID_LOG_FATAL,        ///< "F".
+    ANDROID_LOG_SILENT,       ///< "S"; for filters, but printed here like the others.
 } android_LogPriority;
 
 /// Writes a message to the device's log: to stderr in logcat's threadtime format, or to the sink set with

@@ -1,6 +1,9 @@
 #ifndef HOSTDEVICE_CUTILS_NATIVE_HANDLE_H
 #define HOSTDEVICE_CUTILS_NATIVE_HANDLE_H
 
+/// @file
+/// What stands behind a graphic buffer.
+
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpedantic"
 
@@ -9,11 +12,11 @@ typedef struct native_handle {
     int version;  ///< sizeof(native_handle_t)
     int numFds;   ///< Descriptors at &data[0].
     int numInts;  ///< Integers at &data[numFds].
-    int data[0];
+    int data[0];  ///< The descriptors, then the integers.
 } native_handle_t;
 
 #pragma GCC diagnostic pop
 
-typedef const native_handle_t* buffer_handle_t;
+typedef const native_handle_t* buffer_handle_t;  ///< A handle that somebody else owns.
 
 #endif  // HOSTDEVICE_CUTILS_NATIVE_HANDLE_H

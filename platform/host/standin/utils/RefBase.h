@@ -1,6 +1,9 @@
 #ifndef HOSTDEVICE_UTILS_REFBASE_H
 #define HOSTDEVICE_UTILS_REFBASE_H
 
+/// @file
+/// The platform's counted objects.
+
 #include <utils/StrongPointer.h>
 
 #include <atomic>
@@ -15,8 +18,9 @@ public:
     RefBase(const RefBase&) = delete;
     RefBase& operator=(const RefBase&) = delete;
 
-    /// `id` names the holder in the platform's debugging aids, which are not here.
+    /// Counts one more holder. `id` names it in the platform's debugging aids, which are not here.
     void incStrong(const void* /*id*/) const { mStrong.fetch_add(1, std::memory_order_relaxed); }
+    /// Counts one less, and deletes the object with the last.
     void decStrong(const void* /*id*/) const {
         // The last holder must see what every other one did to the object before letting go of it.
         if (mStrong.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;

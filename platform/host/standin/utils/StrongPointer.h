@@ -1,6 +1,9 @@
 #ifndef HOSTDEVICE_UTILS_STRONGPOINTER_H
 #define HOSTDEVICE_UTILS_STRONGPOINTER_H
 
+/// @file
+/// The platform's pointers to counted objects.
+
 #include <cstddef>
 #include <utility>
 
@@ -13,37 +16,49 @@ namespace android {
 template <typename T>
 class sp {
 public:
+    /// Holds nothing.
     sp() = default;
+    /// Holds an object or, for null, nothing.
     sp(T* other) : m_ptr(other) {  // NOLINT(google-explicit-constructor): as on the platform
         if (m_ptr != nullptr) m_ptr->incStrong(this);
     }
+    /// Holds what the other one holds.
     sp(const sp& other) : sp(other.m_ptr) {}
+    /// Takes over what the other one holds, which is empty then.
     sp(sp&& other) noexcept : m_ptr(std::exchange(other.m_ptr, nullptr)) {}
+    /// Holds an object of another class, cast to T.
     template <typename U>
     sp(U* other) : sp(static_cast<T*>(other)) {}  // NOLINT(google-explicit-constructor)
+    /// Holds what a pointer to another class holds, cast to T.
     template <typename U>
     sp(const sp<U>& other) : sp(static_cast<T*>(other.get())) {}  // NOLINT(google-explicit-constructor)
+    /// Does clear().
     ~sp() { clear(); }
 
+    /// Holds what the other one holds, and drops what it held.
     sp& operator=(sp other) noexcept {
         std::swap(m_ptr, other.m_ptr);
         return *this;
     }
 
-    /// Null before the reference is dropped, so that a destructor which comes back to this pointer finds it empty.
+    /// Holds nothing any more. Null before the reference is dropped, so that a destructor which comes back to this
+    /// pointer finds it empty.
     void clear() {
         if (T* const old = std::exchange(m_ptr, nullptr)) old->decStrong(this);
     }
 
-    T& operator*() const { return *m_ptr; }
-    T* operator->() const { return m_ptr; }
-    T* get() const { return m_ptr; }
-    explicit operator bool() const { return m_ptr != nullptr; }
+    T& operator*() const { return *m_ptr; }                      ///< The object; undefined when there is none.
+    T* operator->() const { return m_ptr; }                      ///< The object, or null.
+    T* get() const { return m_ptr; }                             ///< The object, or null.
+    explicit operator bool() const { return m_ptr != nullptr; }  ///< Whether there is an object.
 
 private:
     T* m_ptr = nullptr;
 };
 
+/// @{
+
+/// Compares what the pointers hold, by address.
 template <typename T, typename U>
 bool operator==(const sp<T>& a, const sp<U>& b) {
     return a.get() == b.get();
@@ -60,6 +75,8 @@ template <typename T, typename U>
 bool operator!=(const sp<T>& a, const U& b) {
     return !(a == b);
 }
+
+/// @}
 
 }  // namespace android
 
