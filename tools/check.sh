@@ -107,6 +107,9 @@ step_tidy() {
 # What a device's build lists against what is here.
 step_soong() { python3 device/check.py; }
 
+# Every public declaration is documented, and every link between pages leads somewhere.
+step_docs() { ./dev docs; }
+
 # The shared library exports its classes and nothing else, and nothing of the standard library.
 step_exports() {
     configure_and_build gcc $strict || return 1
@@ -118,10 +121,10 @@ step_exports() {
 
 steps=("$@")
 [[ ${#steps[@]} -gt 0 ]] ||
-    steps=(format soong gcc exports clang locks tidy aosp fma address thread exits)
+    steps=(format soong docs gcc exports clang locks tidy aosp fma address thread exits)
 
-need g++ cmake make googletest clang libc++-14-dev libc++abi-14-dev clang-format clang-tidy pkgconf libpng-dev ffmpeg \
-    android-liblog-dev android-libutils-dev git python3
+need g++ cmake make googletest clang libc++-14-dev libc++abi-14-dev clang-format clang-tidy doxygen pkgconf libpng-dev \
+    ffmpeg android-liblog-dev android-libutils-dev git python3
 for step in "${steps[@]}"; do
     declare -F "step_$step" >/dev/null || { echo "check: no step $step" >&2; exit 2; }
     start=$SECONDS
