@@ -19,8 +19,8 @@
 ///
 /// The pool owns every buffer; the manager borrows it, remembers what it handed out and gives back, with a warning,
 /// whatever is left when it is destroyed. It frees only what it handed out itself. Gralloc images are the exception:
-/// they are never recorded, so freeing one is refused and it stays out until the pool's own clean-up, because consumers
-/// outside the node may still hold it.
+/// they are never recorded, because consumers outside the node may still hold them. Freeing one is refused, and it
+/// stays out, even beyond the pool's own clean-up, until somebody hands it to ZYTBufferPool::PutBufferToPool.
 ///
 /// Any thread may call any operation; one manager may be shared. A failure is a false result and a line in both logs,
 /// tagged with the manager's name. Lock order: the manager's, then the pool's.
