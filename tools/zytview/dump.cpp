@@ -95,7 +95,7 @@ Dump::Dump(const std::string& path, const Geometry& geometry)
 uint16_t Dump::Sample(const unsigned char* row, uint32_t x) const {
     if (m_layout.kind == zyt::FormatKind::kYuv420) return row[x];
     if (m_layout.IsPacked()) return PackedSample(row, m_rowBytes, x, m_layout.bits);
-    const auto container = static_cast<uint16_t>(row[2 * x] | row[2 * x + 1] << 8);
+    const auto container = static_cast<uint16_t>(row[size_t{2} * x] | row[size_t{2} * x + 1] << 8);
     // P010 has its bits at the upper end, raw formats have them at the lower.
     return m_layout.kind == zyt::FormatKind::kP010 ? static_cast<uint16_t>(container >> (16 - m_layout.bits))
                                                    : container;

@@ -175,7 +175,7 @@ void Write(Picture& picture, const Rect& crop, uint32_t divisor, const std::stri
             const uint32_t pixels = rows * std::min(divisor, crop.width - x * divisor);
             for (uint32_t channel = 0; channel < channels; ++channel) {
                 const size_t i = size_t{x} * channels + channel;
-                values[i] = static_cast<uint16_t>((sums[i] + pixels / 2) / pixels);
+                values[i] = Mean(sums[i], pixels);
             }
         }
     });

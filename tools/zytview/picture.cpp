@@ -61,7 +61,7 @@ void Picture::ReadYuvRow(uint32_t y, uint16_t* values) {
     m_dump.ReadRow(y, luma);
     m_dump.ReadChroma(y, chroma);
     for (uint32_t x = 0; x < Width(); ++x, values += 3) {
-        const uint16_t* pair = chroma + x / 2 * 2;
+        const uint16_t* pair = chroma + (x & ~1u);
         const int64_t u = pair[isVFirst] - middle;
         const int64_t v = pair[!isVFirst] - middle;
         const int64_t grey = m_luma * (luma[x] - black);

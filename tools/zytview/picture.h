@@ -14,6 +14,11 @@ struct Look {
     std::optional<uint32_t> bayer;  // colour order of raw formats: 0 RGGB, 1 GRBG, 2 GBRG, 3 BGGR; grey without
 };
 
+/// The rounded mean of count values, of which there is at least one.
+inline uint16_t Mean(uint32_t sum, uint32_t count) {
+    return static_cast<uint16_t>((sum + count / 2) / count);  // NOLINT(clang-analyzer-core.DivideZero): never 0
+}
+
 /// A dump as rows of grey or RGB.
 class Picture {
 public:
@@ -22,8 +27,8 @@ public:
     uint32_t Width() const { return m_dump.Width(); }
     uint32_t Height() const { return m_dump.Height(); }
     uint32_t Channels() const { return m_look.bayer || m_dump.Layout().HasChroma() ? 3 : 1; }
-    /// Bits of each channel, 8 or 16. Grey and raw samples with fewer are spread over the whole range by repeating their
-    /// upper bits below, so that a shift to the right gives each back as it was.
+    /// Bits of each channel, 8 or 16. Grey and raw samples with fewer are spread over the whole range by repeating
+    /// their upper bits below, so that a shift to the right gives each back as it was.
     uint32_t Depth() const { return m_dump.Layout().bits == 8 ? 8 : 16; }
 
     /// Reads row y, Width() * Channels() values. Chroma is that of the sample, without interpolation; a colour that a
