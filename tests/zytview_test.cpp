@@ -175,7 +175,10 @@ TEST_F(ZytView, KeepsEveryBitOfGreyAndRawSamples) {
     Samples samples(kWidth * kHeight, 1023);
     samples[7] = 1024;
     EXPECT_EQ(View(NewDump("high_48x32_Raw10.raw", Containers(samples)), "gray16le")[7], 65535u);
-    EXPECT_THAT(m_notes, HasSubstr("1 samples had more than 10 bits"));
+    for (const Words& options : {Words{}, Words{"--bayer", "bggr"}}) {
+        View(m_dir / "high_48x32_Raw10.raw", "gray16le", options);
+        EXPECT_THAT(m_notes, HasSubstr("samples of more than 10 bits, shown as the largest value: 1\n"));
+    }
 }
 
 TEST_F(ZytView, ShowsBayerAsFfmpegDoes) {

@@ -192,8 +192,8 @@ void Run(Options options) {
                      options.dump.c_str(), dump.Width(), options.geometry.width);
     }
     if (picture.ExcessiveSamples() > 0) {
-        std::fprintf(stderr, "zytview: %llu samples had more than %u bits and are shown as the largest value\n",
-                     static_cast<unsigned long long>(picture.ExcessiveSamples()), dump.Layout().bits);
+        std::fprintf(stderr, "zytview: samples of more than %u bits, shown as the largest value: %llu\n",
+                     dump.Layout().bits, static_cast<unsigned long long>(picture.ExcessiveSamples()));
     }
     std::puts(options.png.c_str());
 }

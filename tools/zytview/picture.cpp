@@ -79,7 +79,9 @@ void Picture::ReadBayerRow(uint32_t y, uint16_t* values) {
     };
     const uint32_t top = y - std::min(y, 1u);
     const uint32_t bottom = std::min(y + 1, Height() - 1);
-    for (uint32_t row = top; row <= bottom; ++row) ReadSpreadRow(row, m_rows[row % 3].data());
+    for (m_nextRow = std::max(m_nextRow, top); m_nextRow <= bottom; ++m_nextRow) {
+        ReadSpreadRow(m_nextRow, m_rows[m_nextRow % 3].data());
+    }
     for (uint32_t x = 0; x < Width(); ++x, values += 3) {
         uint32_t sum[3] = {};
         uint32_t count[3] = {};
@@ -92,8 +94,7 @@ void Picture::ReadBayerRow(uint32_t y, uint16_t* values) {
         }
         const uint16_t own = m_rows[y % 3][x];
         for (uint32_t channel = 0; channel < 3; ++channel) {
-            values[channel] =
-                count[channel] == 0 ? own : static_cast<uint16_t>((sum[channel] + count[channel] / 2) / count[channel]);
+            values[channel] = count[channel] == 0 ? own : Mean(sum[channel], count[channel]);
         }
         values[channelAt(x, y)] = own;
     }

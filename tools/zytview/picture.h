@@ -31,8 +31,9 @@ public:
     /// their upper bits below, so that a shift to the right gives each back as it was.
     uint32_t Depth() const { return m_dump.Layout().bits == 8 ? 8 : 16; }
 
-    /// Reads row y, Width() * Channels() values. Chroma is that of the sample, without interpolation; a colour that a
-    /// Bayer pixel lacks is the mean of that colour among the pixels around it.
+    /// Reads row y, Width() * Channels() values. Each call is for the row below the one before. Chroma is that of the
+    /// sample, without interpolation; a colour that a Bayer pixel lacks is the mean of that colour among the pixels
+    /// around it.
     void ReadRow(uint32_t y, uint16_t* values);
 
     /// How many samples of the rows read so far did not fit the format's bits and are shown as the largest value.
@@ -47,6 +48,7 @@ private:
     const Look m_look;
     uint64_t m_excessive = 0;
     std::vector<uint16_t> m_rows[3];
+    uint32_t m_nextRow = 0;  // the first that was not read yet
     // Fixed-point factors of the YUV conversion.
     int64_t m_luma = 0, m_redV = 0, m_greenU = 0, m_greenV = 0, m_blueU = 0;
 };
