@@ -64,7 +64,8 @@ public:
     /// Frees every plane and always returns true. More than 4 planes end the process after the fourth.
     bool FreeBuffer(const ZYTImageBuffer& image);
 
-    /// Opens a CPU access to a DMA-BUF; true when the platform did so. Any descriptor will do.
+    /// Opens a CPU access to a DMA-BUF; true when the platform did so. Any descriptor may be given,
+    /// not only those handed out here.
     bool StartCPUSync(int fd, CPUSyncType type);
     /// Closes a CPU access, always in the read direction; true when the platform did so.
     bool EndCPUSync(int fd);
