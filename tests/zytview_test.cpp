@@ -195,7 +195,8 @@ TEST_F(ZytView, ShowsBayerAsFfmpegDoes) {
 }
 
 TEST_F(ZytView, ReadsWhatTheLibraryDumps) {
-    const std::string memory = std::string(kWidth * 4 * kHeight, '\x35');
+    const Samples samples = RandomSamples(16 * kHeight, 0, 65535);
+    std::string memory = Containers(samples);
     for (int format = ZYT_FORMAT_YUV420NV12; format <= ZYT_FORMAT_RAW16; ++format) {
         ZYTImageBuffer image{};
         image.format = static_cast<ZYTFormat>(format);
@@ -203,12 +204,16 @@ TEST_F(ZytView, ReadsWhatTheLibraryDumps) {
         image.height = 7;
         image.planeStride = 32;
         image.numberOfPlanes = 2;
-        for (auto& address : image.pAddr) address = reinterpret_cast<unsigned char*>(const_cast<char*>(memory.data()));
+        for (auto& address : image.pAddr) address = reinterpret_cast<unsigned char*>(memory.data());
         const std::string name = ZYTBufferUtil::GetBufferFormatString(&image);
         const std::string dump = m_dir / "lib_13x7_" + name + ".raw";
         ASSERT_TRUE(ZYTBufferUtil::ZYTBufferDump(&image, dump.c_str()));
         const bool isHalf = format == ZYT_FORMAT_Y16;
-        EXPECT_EQ(View(dump, "rgb24").size(), (isHalf ? 6u : 13u) * 7 * 3) << name;
+        const Samples seen = View(dump, "gray16le");
+        ASSERT_EQ(seen.size(), (isHalf ? 6u : 13u) * 7) << name;
+        if (isHalf) {
+            EXPECT_EQ(Samples(seen.end() - 6, seen.end()), Samples(&samples[6 * 16], &samples[6 * 16 + 6]));
+        }
         EXPECT_EQ(m_notes.find("left 6 of 13 columns") != std::string::npos, isHalf) << m_notes;
     }
 }
@@ -264,6 +269,8 @@ TEST_F(ZytView, CropsAndScales) {
     EXPECT_EQ(eighth[1], (sum + 4) / 8);
     EXPECT_EQ(eighth[3], samples[8 * kWidth + 8]);
 
+    EXPECT_EQ(View(NewDump("m_2x1_Raw16.raw", Containers({1, 2})), "gray16le", {"--scale", "1/2"}), Samples{2});
+
     // Colours come from the whole picture, also beside the cut.
     const Samples colours = View(dump, "rgb48le", {"--bayer", "gbrg"});
     EXPECT_EQ(
@@ -296,6 +303,7 @@ TEST_F(ZytView, SaysWhatIsWrongAndLosesNothing) {
              {{"--stride", "8x"}, "--stride is a number from 1"},
              {{"--size", "4"}, "--size is WxH"},
              {{"--size", "4x999999"}, "--size is WxH"},
+             {{"--size", "4x0"}, "--size is WxH"},
              {{"--format", "Raw11"}, "unknown format 'Raw11'"},
              {{"--scale", "1/3"}, "--scale is 1/1 or 1/2 or 1/4 or 1/8, not '1/3'"},
              {{"--crop", "2x2"}, "--crop is WxH+X+Y"},
