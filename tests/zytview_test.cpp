@@ -293,10 +293,11 @@ TEST_F(ZytView, TakesSizeAndFormatFromTheNameUnlessTold) {
 
 TEST_F(ZytView, SaysWhatIsWrongAndLosesNothing) {
     const std::string dump = NewDump("x_4x3_NV12.raw", std::string(17, 'x'));
-    ExpectRefusal({dump}, "expected 16 or 20 bytes for 4x3 YUV420NV12, found 17");
+    ExpectRefusal({dump}, "expected 16 or 20 bytes for 4x3 YUV420NV12, found 17\n");
     const std::string raw = NewDump("x_4x3_Raw10.raw", std::string(24, '\0'));
     for (const auto& [options, reason] : std::vector<std::pair<Words, std::string>>{
              {{"--format", "Y16", "--size", "4x4"}, "expected 16 or 32 bytes"},
+             {{"--size", "4x2"}, "expected 16 bytes for 4x2 Raw10, found 24; --stride and --slice-height"},
              {{"--format", "Y16", "--size", "1x24"}, "holds half a pixel a row"},
              {{"--stride", "7"}, "a stride of 7 is less than the picture's 8"},
              {{"--slice-height", "2"}, "a slice height of 2 is less than the picture's 3"},
@@ -319,10 +320,12 @@ TEST_F(ZytView, SaysWhatIsWrongAndLosesNothing) {
         ExpectRefusal(arguments, reason);
     }
     ExpectRefusal({}, "wants a dump");
-    ExpectRefusal({raw, raw}, "the PNG would replace the dump");
-    ExpectRefusal({m_dir / "missing_4x3_Raw10.raw"}, "no file that can be read");
-    ExpectRefusal({m_dir.Path(), "--size", "4x3", "--format", "Raw10"}, "no file that can be read");
-    EXPECT_FALSE(std::filesystem::exists(m_dir / "x_4x3_Raw10.png"));
+    ExpectRefusal({raw, dump}, "x_4x3_NV12.raw is no name for a PNG");
+    ExpectRefusal({NewDump("x_4x3_Raw10.png", std::string(24, '\0'))}, "the PNG would replace the dump");
+    ExpectRefusal({m_dir / "missing_4x3_Raw10.raw"}, "No such file or directory");
+    ExpectRefusal({m_dir.Path(), "--size", "4x3", "--format", "Raw10"}, "Is a directory");
+    EXPECT_EQ(ReadFile(dump).size(), 17u);
+    EXPECT_EQ(ReadFile(m_dir / "x_4x3_Raw10.png").size(), 24u);
 
     for (const std::string& png : {m_dir / "missing/x.png", std::string("/dev/full")}) {
         const ChildResult result = Run({raw, png});

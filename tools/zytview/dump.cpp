@@ -67,14 +67,17 @@ Dump::Dump(const std::string& path, const Geometry& geometry)
 
     std::error_code error;
     const uint64_t length = std::filesystem::file_size(path, error);
-    if (error || !std::filesystem::is_regular_file(path, error)) throw BadInput(path + " is no file that can be read");
+    if (error) throw BadInput("cannot read " + path + ": " + error.message());
+    if (!std::filesystem::is_regular_file(path, error)) throw BadInput(path + " is no regular file");
     std::set<uint64_t> lengths = Lengths(m_rowBytes, m_stride, m_height, sliceHeight, m_layout.HasChroma());
     const uint64_t bytesOfHalf = uint64_t{m_width} * m_height;
     const bool mayBeHalf = m_layout.kind == zyt::FormatKind::kGrey && !geometry.stride && !geometry.sliceHeight;
     if (mayBeHalf) lengths.insert(bytesOfHalf);
     if (lengths.count(length) == 0) {
+        const bool mayHaveSlack = length > *lengths.rbegin() && !geometry.stride && !geometry.sliceHeight;
         throw BadInput(path + ": expected " + Join(lengths) + " bytes for " + std::to_string(m_width) + "x" +
-                       std::to_string(m_height) + " " + m_layout.name + ", found " + std::to_string(length));
+                       std::to_string(m_height) + " " + m_layout.name + ", found " + std::to_string(length) +
+                       (mayHaveSlack ? "; --stride and --slice-height tell of slack that it kept" : ""));
     }
     if (mayBeHalf && length == bytesOfHalf) {
         if (m_width == 1) throw BadInput(path + " holds half a pixel a row");

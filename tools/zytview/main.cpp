@@ -18,7 +18,8 @@ constexpr const char* kUsage =
     "usage: zytview [options] DUMP [PNG]\n"
     "\n"
     "Turns a raw dump into a PNG, DUMP's name with .png unless another is given, and prints its name. Size and format\n"
-    "come from the dump's name, such as night_4000x3000_RawMipi10.raw, where no option tells them.\n"
+    "come from the dump's name, such as night_4000x3000_RawMipi10.raw, where no option tells them; of several the "
+    "last.\n"
     "\n"
     "  --size WxH               pixels\n"
     "  --format NAME            YUV420NV12, YUV420NV21 (or NV12, NV21), YUV_P010 (or P010), Y16,\n"
@@ -30,8 +31,8 @@ constexpr const char* kUsage =
     "  --bayer rggb|grbg|gbrg|bggr\n"
     "                           raw formats in colour, without white balance; in grey unless told so\n"
     "  --crop WxH+X+Y           that part only, in the dump's pixels\n"
-    "  --scale 1/2|1/4|1/8      each pixel the mean of a square of pixels\n"
-    "  --help, --version\n"
+    "  --scale 1/1|1/2|1/4|1/8  each pixel the mean of a square of pixels\n"
+    "  -h, --help, --version\n"
     "\n"
     "All but 8-bit YUV becomes a 16-bit PNG. Raw samples lie in its upper bits, so that a shift gives each back. Exit "
     "codes:\n"
@@ -112,7 +113,7 @@ Options Parse(int argc, char** argv) {
     };
     Options options;
     int index = 0;
-    for (int found = 0; (found = getopt_long(argc, argv, "", kOptions, &index)) != -1;) {
+    for (int found = 0; (found = getopt_long(argc, argv, "h", kOptions, &index)) != -1;) {
         if (found == '?') std::exit(2);  // getopt_long has said why
         if (found == 'h') std::exit(std::fputs(kUsage, stdout) < 0);
         if (found == 'v') std::exit(std::puts("zytview " ZYTVIEW_VERSION) < 0);
@@ -141,8 +142,12 @@ void Complete(Options& options) {
     if (options.hasYuvOption && !geometry.layout->HasChroma()) {
         throw BadInput("--matrix and --range are for YUV formats, and " + name + " is none");
     }
+    // Two dumps on the command line must not cost the second one its content.
+    const std::filesystem::path png = options.png;
     std::error_code error;
-    if (std::filesystem::equivalent(options.dump, options.png, error)) throw BadInput("the PNG would replace the dump");
+    const bool isDevice = std::filesystem::is_other(png, error);
+    if (png.extension() != ".png" && !isDevice) throw BadInput(options.png + " is no name for a PNG, such as x.png");
+    if (std::filesystem::equivalent(options.dump, png, error)) throw BadInput("the PNG would replace the dump");
 }
 
 void CheckCrop(Rect& crop, const Dump& dump) {

@@ -47,9 +47,10 @@ public:
     /// other fields: one buffer for each plane, or a single one for gralloc. P010 and Y16 cannot be allocated.
     ///
     /// A record is left alone on failure, except for a type beyond gralloc, which clears its planes but sets their
-    /// number. When a later plane cannot be had, the earlier ones stay recorded until the manager goes. A gralloc image
-    /// whose buffer cannot be had still succeeds, with a null pAddr[0]: check it. A size beyond 32 bits ends the
-    /// process.
+    /// number. When a later plane cannot be had, the earlier ones stay recorded until the manager goes. Two things are
+    /// no failure and have to be checked for: a gralloc image whose buffer cannot be had, with a null pAddr[0], and a
+    /// plane that the kernel refused to map, at the address MAP_FAILED. Strides and slice heights are taken as they
+    /// are, also where they leave less memory than the image needs. A size beyond 32 bits ends the process.
     bool AllocBuffer(ZYTImageBuffer& image, ZYTBufferType type);
 
     /// The planes that AllocBuffer would take and the bytes of each. planeSizes has room for capacity entries, and for
@@ -64,8 +65,7 @@ public:
     /// Frees every plane and always returns true. More than 4 planes end the process after the fourth.
     bool FreeBuffer(const ZYTImageBuffer& image);
 
-    /// Opens a CPU access to a DMA-BUF; true when the platform did so. Any descriptor may be given,
-    /// not only those handed out here.
+    /// Opens a CPU access to a DMA-BUF, which need not be one of this manager's; true when the platform did so.
     bool StartCPUSync(int fd, CPUSyncType type);
     /// Closes a CPU access, always in the read direction; true when the platform did so.
     bool EndCPUSync(int fd);

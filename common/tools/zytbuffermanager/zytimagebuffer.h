@@ -7,17 +7,23 @@
 #include <cstdint>
 
 /// What the pixels of an image are. The values are shared with other processes' records and never change.
+///
+/// The library moves bytes and never looks inside a pixel, but for the marks that ZYTUtil draws. The layouts are those
+/// of the camera's interfaces, and zytview reads them so. Packed rows are MIPI CSI-2's: of each group of pixels first
+/// the upper 8 bits of each, then the lower bits of all, those of the first pixel lowest. A row is width * bits / 8
+/// bytes; where that cuts a group short, the lower bits of its pixels are not in a copy or dump. 16-bit containers are
+/// little-endian.
 enum ZYTFormat : int32_t {
     ZYT_FORMAT_YUV420NV12 = 0,  ///< 8-bit YUV 4:2:0, luma plane, then interleaved U/V plane.
     ZYT_FORMAT_YUV420NV21 = 1,  ///< The same with V/U order.
-    ZYT_FORMAT_RAWMIPI10 = 2,   ///< Bayer raw, 10 bits a pixel, packed.
-    ZYT_FORMAT_RAWMIPI12 = 3,   ///< Bayer raw, 12 bits a pixel, packed.
-    ZYT_FORMAT_RAWMIPI14 = 4,   ///< Bayer raw, 14 bits a pixel, packed.
-    ZYT_FORMAT_YUV_P010 = 5,    ///< YUV 4:2:0 in 16-bit containers, luma plane, then interleaved chroma plane.
+    ZYT_FORMAT_RAWMIPI10 = 2,   ///< Bayer raw, 10 bits a pixel, packed: 4 pixels in 5 bytes.
+    ZYT_FORMAT_RAWMIPI12 = 3,   ///< Bayer raw, 12 bits a pixel, packed: 2 pixels in 3 bytes.
+    ZYT_FORMAT_RAWMIPI14 = 4,   ///< Bayer raw, 14 bits a pixel, packed: 4 pixels in 7 bytes.
+    ZYT_FORMAT_YUV_P010 = 5,    ///< YUV 4:2:0, the upper 10 bits of 16, luma plane, then interleaved U/V plane.
     ZYT_FORMAT_Y16 = 6,         ///< One 16-bit plane.
-    ZYT_FORMAT_RAW10 = 7,       ///< Bayer raw, 10 bits in a 16-bit container.
-    ZYT_FORMAT_RAW12 = 8,       ///< Bayer raw, 12 bits in a 16-bit container.
-    ZYT_FORMAT_RAW14 = 9,       ///< Bayer raw, 14 bits in a 16-bit container.
+    ZYT_FORMAT_RAW10 = 7,       ///< Bayer raw, the lower 10 bits of a 16-bit container.
+    ZYT_FORMAT_RAW12 = 8,       ///< Bayer raw, the lower 12 bits of a 16-bit container.
+    ZYT_FORMAT_RAW14 = 9,       ///< Bayer raw, the lower 14 bits of a 16-bit container.
     ZYT_FORMAT_RAW16 = 10,      ///< Bayer raw, 16 bits a pixel.
 };
 
