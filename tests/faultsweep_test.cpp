@@ -24,15 +24,7 @@ using zyttest::Text;
 
 namespace {
 
-ZYTImageBuffer Image(ZYTFormat format, uint32_t rowBytes) {
-    ZYTImageBuffer image{};
-    image.format = format;
-    image.width = 64;
-    image.height = 32;
-    image.planeStride = rowBytes;
-    image.sliceHeight = 32;
-    return image;
-}
+ZYTImageBuffer Image(ZYTFormat format, uint32_t stride) { return zyttest::Image(format, 64, 32, stride, 32); }
 
 bool IsUsable(const void* pBuf) { return pBuf != nullptr && pBuf != MAP_FAILED; }
 

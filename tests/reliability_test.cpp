@@ -1,6 +1,5 @@
 // The library under load and on its way out. ZYT_EXIT_ROUNDS in the environment sets how many processes end under load.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <hostdevice/hostdevice.h>
 #include <sched.h>
@@ -27,19 +26,15 @@ namespace fs = std::filesystem;
 
 // A buffer with a mark at both ends that nobody else writes.
 struct Held {
-    unsigned char* pBuf;
-    uint32_t size;
+    uint64_t* pFirst;
+    uint64_t* pLast;
     uint64_t mark;
 
-    void Sign() const {
-        std::memcpy(pBuf, &mark, sizeof(mark));
-        std::memcpy(pBuf + size - sizeof(mark), &mark, sizeof(mark));
+    Held(void* pBuf, size_t size, uint64_t newMark)
+        : pFirst(static_cast<uint64_t*>(pBuf)), pLast(pFirst + size / sizeof(mark) - 1), mark(newMark) {
+        *pFirst = *pLast = mark;
     }
-
-    bool IsIntact() const {
-        return std::memcmp(pBuf, &mark, sizeof(mark)) == 0 &&
-               std::memcmp(pBuf + size - sizeof(mark), &mark, sizeof(mark)) == 0;
-    }
+    bool IsIntact() const { return *pFirst == mark && *pLast == mark; }
 };
 
 // One node after another: each has two managers, takes buffers of random sizes and kinds, holds them for a random time
@@ -56,7 +51,7 @@ bool LiveAsNodes(uint64_t thread, uint64_t operations) {
             if (held[m].size() > random() % 24) {
                 const size_t i = random() % held[m].size();
                 isIntact = isIntact && held[m][i].IsIntact();
-                managers[m].FreeBuffer(held[m][i].pBuf);
+                managers[m].FreeBuffer(held[m][i].pFirst);
                 held[m].erase(held[m].begin() + static_cast<ptrdiff_t>(i));
                 continue;
             }
@@ -64,8 +59,7 @@ bool LiveAsNodes(uint64_t thread, uint64_t operations) {
             int fd = 0;
             const auto size = static_cast<uint32_t>(16 + random() % 40 * 1000);
             if (!managers[m].AllocBuffer(size, &pBuf, fd, static_cast<ZYTBufferType>(random() % 2))) return false;
-            held[m].push_back({static_cast<unsigned char*>(pBuf), size, ++mark});
-            held[m].back().Sign();
+            held[m].emplace_back(pBuf, size, ++mark);
         }
         for (const auto& buffers : held) {
             for (const Held& buffer : buffers) isIntact = isIntact && buffer.IsIntact();
@@ -102,22 +96,15 @@ ZYT_CHILD(ExitWhileBusy) {
     return 7;
 }
 
-bool WriteWhole(const char* path, const std::string& text) {
-    const int fd = open(path, O_WRONLY | O_CLOEXEC);
-    const bool isWritten = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    close(fd);
-    return isWritten;
-}
-
 bool MountSmallDisk() {
     const std::string user = "0 " + std::to_string(getuid()) + " 1";
     const std::string group = "0 " + std::to_string(getgid()) + " 1";
     if (unshare(CLONE_NEWNS) != 0) {
         // Without root: as root of a user name space of its own.
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !WriteWhole("/proc/self/setgroups", "deny") ||
-            !WriteWhole("/proc/self/uid_map", user) || !WriteWhole("/proc/self/gid_map", group)) {
-            return false;
-        }
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+        zyttest::WriteFile("/proc/self/setgroups", "deny");
+        zyttest::WriteFile("/proc/self/uid_map", user);
+        zyttest::WriteFile("/proc/self/gid_map", group);
     }
     return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("tmpfs", ZYT_OFFLINE_LOG_DIR, "tmpfs", 0, "size=1m") == 0;
@@ -165,9 +152,8 @@ TEST(Load, NoBufferHasTwoHoldersAndNothingIsLeft) {
     }
     for (std::thread& thread : threads) thread.join();
     EXPECT_TRUE(isIntact);
-    const hostdevice::LiveResources live = hostdevice::CountLive();
-    EXPECT_EQ(live.heapDescriptors, 0u);
-    EXPECT_EQ(live.heapMappings, 0u);
+    EXPECT_EQ(hostdevice::CountLive().heapDescriptors, 0u);
+    EXPECT_EQ(hostdevice::CountLive().heapMappings, 0u);
     EXPECT_TRUE(ZYTBufferPool::m_busyBufferList.empty());
     for (const auto& list : ZYTBufferPool::m_freeBufferList) EXPECT_TRUE(list.empty());
 }
@@ -186,9 +172,8 @@ TEST(Exit, IsCalmWhateverIsGoingOn) {
     int calm = 0;
     for (int i = 0; i < rounds; ++i) {
         const zyttest::ChildResult child = zyttest::RunChild("ExitWhileBusy");
-        EXPECT_EQ(child.exitCode, 7) << "signal " << child.signal << (child.timedOut ? ", hung" : "")
-                                     << child.output.substr(child.output.size() -
-                                                            std::min<size_t>(child.output.size(), 3000));
+        const size_t shown = std::min<size_t>(child.output.size(), 3000);
+        EXPECT_EQ(child.exitCode, 7) << "signal " << child.signal << child.output.substr(child.output.size() - shown);
         if (child.exitCode != 7) break;
         ++calm;
     }

@@ -9,7 +9,6 @@ using testing::HasSubstr;
 using testing::Not;
 using zyttest::ChildResult;
 using zyttest::ReadFile;
-using zyttest::RunCommand;
 using zyttest::TempDir;
 using zyttest::WriteFile;
 
@@ -17,10 +16,9 @@ namespace {
 
 class SampleNode : public testing::Test {
 protected:
-    ChildResult Run(std::vector<std::string> arguments) {
-        const auto tests = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-        arguments.insert(arguments.begin(), (tests.parent_path() / "examples/samplenode").string());
-        return RunCommand(arguments, {{"HOSTDEVICE_PROPERTIES", m_dir / "device.prop"}});
+    ChildResult Run(const std::vector<std::string>& arguments) {
+        return zyttest::RunBuilt("examples/samplenode", arguments,
+                                 {"HOSTDEVICE_PROPERTIES=" + (m_dir / "device.prop")});
     }
 
     void ExpectRefusal(const std::vector<std::string>& arguments, const std::string& reason) {

@@ -58,11 +58,7 @@ std::string Join(const Words& words) {
 
 class ZytView : public testing::Test {
 protected:
-    static ChildResult Run(Words arguments) {
-        const auto tests = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-        arguments.insert(arguments.begin(), (tests.parent_path() / "tools/zytview/zytview").string());
-        return RunCommand(arguments);
-    }
+    static ChildResult Run(const Words& arguments) { return zyttest::RunBuilt("tools/zytview/zytview", arguments); }
 
     // The picture's channels, one after the other.
     Samples View(const std::string& dump, const std::string& pixelFormat, Words options = {}) {
