@@ -43,12 +43,9 @@ run_target() {
     mkdir -p "$build/corpus" "$build/logs" "$findings"
     make_seeds "$name" "$corpus"
     # The outer limit is for a target that does not come to its own.
-    (cd "$scratch" && exec timeout --kill-after=10 $((seconds + 300)) "$target" -max_total_time="$seconds" -timeout=20 \
-        -max_len="${longest[$name]:-4096}" -len_control=0 -use_value_profile=1 -artifact_prefix="$findings/" \
-        "$corpus" "$findings") >"$log" 2>&1 &
-    running=$!
-    wait "$running" || status=$?
-    running=''
+    (cd "$scratch" && timeout --foreground --kill-after=10 $((seconds + 300)) "$target" -max_total_time="$seconds" \
+        -timeout=20 -max_len="${longest[$name]:-4096}" -len_control=0 -use_value_profile=1 \
+        -artifact_prefix="$findings/" "$corpus" "$findings") >"$log" 2>&1 || status=$?
     counts=$(sed -nE 's/^#([0-9]+).*cov: ([0-9]+) ft: ([0-9]+) .*/\1 runs, \2 edges, \3 features/p' "$log" | tail -n 1)
     if ((status == 0)) && grep -qE '^#[0-9]+\s+DONE' "$log"; then
         printf '%-11s%s: no finding\n' "$name" "$counts"
@@ -66,14 +63,7 @@ exec {lock}>"$build/lock"
 flock --nonblock "$lock" || die "another run is at work in $build"
 # Some targets make many small files: in memory where there is such a place.
 scratch=$(mktemp -d -p "$([[ -w /dev/shm ]] && echo /dev/shm || echo "${TMPDIR:-/tmp}")" zyttools-fuzz-XXXXXX)
-running=''
-cleanup() {
-    [[ -z $running ]] || { kill "$running" && wait "$running"; } 2>/dev/null || true
-    rm -rf "$scratch"
-}
-trap cleanup EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
+trap 'rm -rf "$scratch"' EXIT
 build_targets
 total=0 bad=0
 for source in fuzz/*_fuzz.cpp; do

@@ -2,9 +2,9 @@
 #include <hostdevice/hostdevice.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <functional>
 
 #include "faults.h"
 #include "logging/zytofflinelog.h"
@@ -93,86 +93,64 @@ Outcome UseEverything(const TempDir& dir) {
     return outcome;
 }
 
-struct Sweep {
-    const char* name;
-    std::function<void(uint64_t)> failNth;
-    std::function<bool()> isPending;
-    char level;
-    std::vector<std::string> lines;  // one of these stands in the log at that level, unless a file was concerned
-    bool isSeen;                     // whether a fault always makes a step fail
-};
-
-Sweep DeviceSweep(const char* name, Fault fault, char level, std::vector<std::string> lines, bool isSeen = true) {
-    return {name,
-            [fault](uint64_t n) { hostdevice::FailNth(fault, n); },
-            [fault] { return hostdevice::FaultPending(fault); },
-            level,
-            std::move(lines),
-            isSeen};
-}
-
-Sweep LibcSweep(const char* name, LibcCall call, std::vector<std::string> lines) {
-    return {name,
-            [call](uint64_t n) { zyttest::FailNth(call, n); },
-            [call] { return zyttest::FaultPending(call); },
-            'E',
-            std::move(lines),
-            true};
-}
-
 bool StandsIn(const std::vector<std::string>& log, char level, const std::vector<std::string>& lines) {
-    for (const std::string& logged : log) {
-        for (const std::string& line : lines) {
-            if (logged[0] == level && logged.find(line) != std::string::npos) return true;
-        }
-    }
-    return false;
+    return std::any_of(log.begin(), log.end(), [&](const std::string& logged) {
+        return logged[0] == level && std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+                   return logged.find(line) != std::string::npos;
+               });
+    });
 }
+
+// Makes the n-th call of a kind (a Fault or a LibcCall) fail, for n = 1, 2, 3 ... until none does. Then one of the
+// lines stands in the log at that level, unless a file was concerned. isSeen: a fault always makes a step fail.
+template <typename Call>
+void Sweep(Call call, char level, const std::vector<std::string>& lines, bool isSeen = true) {
+    const TempDir dir;
+    uint64_t n = 1;
+    for (;; ++n) {
+        SCOPED_TRACE(n);
+        const uint64_t graphicMappings = hostdevice::CountLive().graphicMappings;
+        LogCapture log;
+        FailNth(call, n);
+        const Outcome outcome = UseEverything(dir);
+        const bool hasFired = !FaultPending(call);
+        FailNth(call, 0);
+
+        const hostdevice::LiveResources live = hostdevice::CountLive();
+        EXPECT_EQ(live.heapDescriptors, 0u);
+        EXPECT_EQ(live.heapMappings, 0u);
+        EXPECT_EQ(live.graphicBuffers, 0u);
+        EXPECT_EQ(live.graphicDescriptors, 0u);
+        // The pool never unmaps gralloc memory, and the scenario takes one such buffer.
+        EXPECT_LE(live.graphicMappings, graphicMappings + 1);
+        if (!hasFired) {
+            EXPECT_EQ(outcome, Outcome::kGood);
+            break;
+        }
+        EXPECT_TRUE(!isSeen || outcome != Outcome::kGood);
+        EXPECT_TRUE(outcome == Outcome::kFileFailed || StandsIn(log.Take(), level, lines));
+    }
+    EXPECT_GT(n, 1u) << "no step makes this call";
+}
+
+const std::string kNoBuffer = "AllocBuffer() Alloc buffer failed! Type: ";
+const std::string kNoGraphic = "GetBufferFromPool() Get buffer type: 2, width: 64, height: 48, size: 3072 failed!";
 
 }  // namespace
 
-TEST(FaultSweep, EveryFailedCallIsReportedAndNothingIsLost) {
-    const std::string noBuffer = "AllocBuffer() Alloc buffer failed! Type: ";
-    const std::string noGraphic = "GetBufferFromPool() Get buffer type: 2, width: 64, height: 48, size: 3072 failed!";
-    const Sweep sweeps[] = {
-        DeviceSweep("heap", Fault::kHeapAllocation, 'E', {noBuffer + "1, size: "}),
-        // The kernel refuses the mapping: passed on as an address that a node has to test for.
-        DeviceSweep("mapping", Fault::kMapping, 'I', {"pBuf: 0xffffffffffffffff"}, false),
-        DeviceSweep("graphic buffer", Fault::kGraphicBuffer, 'E', {noGraphic}),
-        DeviceSweep("graphic descriptor", Fault::kGraphicDescriptor, 'E', {noGraphic}),
-        DeviceSweep("synchronisation", Fault::kSync, 'I', {Text(", result: %d", -EIO)}, false),
-        LibcSweep("null mapping", LibcCall::kMmap, {noBuffer + "1, size: ", noGraphic}),
-        LibcSweep("memory", LibcCall::kMalloc, {noBuffer + "0, size: "}),
-        LibcSweep("file opening", LibcCall::kFopen, {}),
-    };
-    TempDir dir;
-    for (const Sweep& sweep : sweeps) {
-        uint64_t n = 1;
-        for (;; ++n) {
-            SCOPED_TRACE(testing::Message() << sweep.name << " " << n);
-            const uint64_t graphicMappings = hostdevice::CountLive().graphicMappings;
-            LogCapture log;
-            sweep.failNth(n);
-            const Outcome outcome = UseEverything(dir);
-            const bool hasFired = !sweep.isPending();
-            sweep.failNth(0);
+TEST(FaultSweep, EveryFailedDeviceCallIsReportedAndNothingIsLost) {
+    Sweep(Fault::kHeapAllocation, 'E', {kNoBuffer + "1, size: "});
+    // The kernel refuses the mapping: passed on as an address that a node has to test for.
+    Sweep(Fault::kMapping, 'I', {"pBuf: 0xffffffffffffffff"}, false);
+    Sweep(Fault::kGraphicBuffer, 'E', {kNoGraphic});
+    Sweep(Fault::kGraphicDescriptor, 'E', {kNoGraphic});
+    Sweep(Fault::kSync, 'I', {Text(", result: %d", -EIO)}, false);
+}
 
-            const hostdevice::LiveResources live = hostdevice::CountLive();
-            EXPECT_EQ(live.heapDescriptors, 0u);
-            EXPECT_EQ(live.heapMappings, 0u);
-            EXPECT_EQ(live.graphicBuffers, 0u);
-            EXPECT_EQ(live.graphicDescriptors, 0u);
-            // The pool never unmaps gralloc memory, and the scenario takes one such buffer.
-            EXPECT_LE(live.graphicMappings, graphicMappings + 1);
-            if (!hasFired) {
-                EXPECT_EQ(outcome, Outcome::kGood);
-                break;
-            }
-            EXPECT_TRUE(!sweep.isSeen || outcome != Outcome::kGood);
-            EXPECT_TRUE(outcome == Outcome::kFileFailed || StandsIn(log.Take(), sweep.level, sweep.lines));
-        }
-        EXPECT_GT(n, 1u) << sweep.name << " is called by no step";
-    }
+TEST(FaultSweep, EveryFailedLibraryCallIsReportedAndNothingIsLost) {
+    Sweep(LibcCall::kMmap, 'E', {kNoBuffer + "1, size: ", kNoGraphic});  // null, where a refused one is not
+    Sweep(LibcCall::kMalloc, 'E', {kNoBuffer + "0, size: "});
+    Sweep(LibcCall::kFopen, 'E', {});
 }
 
 TEST(Faults, FilesThatDoNotFitMemoryKeepTheirLength) {

@@ -2,9 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <hostdevice/hostdevice.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -96,48 +93,6 @@ ZYT_CHILD(ExitWhileBusy) {
     return 7;
 }
 
-bool MountSmallDisk() {
-    const std::string user = "0 " + std::to_string(getuid()) + " 1";
-    const std::string group = "0 " + std::to_string(getgid()) + " 1";
-    if (unshare(CLONE_NEWNS) != 0) {
-        // Without root: as root of a user name space of its own.
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
-        zyttest::WriteFile("/proc/self/setgroups", "deny");
-        zyttest::WriteFile("/proc/self/uid_map", user);
-        zyttest::WriteFile("/proc/self/gid_map", group);
-    }
-    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", ZYT_OFFLINE_LOG_DIR, "tmpfs", 0, "size=1m") == 0;
-}
-
-std::string WholeLog() {
-    std::string content;
-    for (const auto& entry : fs::directory_iterator(ZYT_OFFLINE_LOG_DIR)) content += zyttest::ReadFile(entry.path());
-    return content;
-}
-
-constexpr int kCannotMount = 77;
-
-ZYT_CHILD(LogToAFullDisk) {
-    if (!MountSmallDisk()) return kCannotMount;
-    ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
-    zyt::StoreFlag(log.m_enable, true);
-    const auto drain = [&log] {
-        log.m_threadPool.DeInit(false);
-        log.m_threadPool.Init(ZYTOfflineLog::kWorkerCount);
-    };
-    for (int i = 0; i < 1500; ++i) ZYTOfflineLog::ZYTOfflineLogE("filler %d %s", i, std::string(1000, 'x').c_str());
-    drain();
-    if (WholeLog().size() < 900000) return 3;
-    ZYTOfflineLog::ZYTOfflineLogE("%s", std::string(1900, 'y').c_str());
-    drain();
-    if (WholeLog().find(std::string(1900, 'y')) != std::string::npos) return 1;  // it was not full
-    for (const auto& entry : fs::directory_iterator(ZYT_OFFLINE_LOG_DIR)) fs::resize_file(entry.path(), 0);
-    ZYTOfflineLog::ZYTOfflineLogE("there is room again");
-    drain();
-    return WholeLog().find("there is room again\n") != std::string::npos ? 0 : 2;
-}
-
 }  // namespace
 
 TEST(Load, NoBufferHasTwoHoldersAndNothingIsLeft) {
@@ -181,10 +136,4 @@ TEST(Exit, IsCalmWhateverIsGoingOn) {
     for (std::thread& burner : burners) burner.join();
     EXPECT_EQ(calm, rounds);
     for (const auto& entry : fs::directory_iterator(ZYT_OFFLINE_LOG_DIR)) fs::remove(entry.path());
-}
-
-TEST(FullDisk, LosesLinesOnlyWhileThereIsNoRoom) {
-    const zyttest::ChildResult child = zyttest::RunChild("LogToAFullDisk");
-    if (child.exitCode == kCannotMount) GTEST_SKIP() << "this user may not mount a file system";
-    EXPECT_EQ(child.exitCode, 0) << child.output;
 }

@@ -76,6 +76,7 @@ TEST_F(Allocator, MapsTheStrideOfAGraphicBuffer) {
 
     m_allocator.DeallocGraphicBuffer(buffer);
     EXPECT_EQ(hostdevice::CountLive().graphicBuffers, 1u) << "one reference of two was dropped";
+    EXPECT_EQ(hostdevice::CountLive().graphicDescriptors, 1u);
     buffer.clear();
     EXPECT_EQ(hostdevice::CountLive().graphicBuffers, 0u);
     EXPECT_EQ(hostdevice::CountLive().graphicMappings, 1u) << "the mapping outlives the buffer";

@@ -120,8 +120,11 @@ TEST(Copy, KnowsSmallAndImpossibleHeights) {
 
     ZYTImageBuffer none{};
     EXPECT_TRUE(ZYTBufferUtil::ZYTBufferCopy(&none, &none));
-    unsigned char byte = 0;
-    ZYTBufferUtil::ZYTCopyPlane(&byte, nullptr, 1, -1, 1, 1);
+    const unsigned char rows[] = {1, 2, 3};
+    unsigned char upwards[3] = {};
+    ZYTBufferUtil::ZYTCopyPlane(upwards, rows + 2, 1, 3, 1, -1);
+    ZYTBufferUtil::ZYTCopyPlane(upwards, nullptr, 1, -1, 1, 1);
+    EXPECT_TRUE(upwards[0] == 3 && upwards[1] == 2 && upwards[2] == 1);
 
     for (const ZYTFormat format : {ZYT_FORMAT_RAW16, ZYT_FORMAT_RAWMIPI10}) {
         const ZYTImageBuffer wide = zyttest::Image(format, 0x40000000, 1, 0, 0);

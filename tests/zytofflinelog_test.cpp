@@ -230,6 +230,17 @@ TEST_F(OfflineLog, LosesALineThatCannotBeWrittenAndTriesAgain) {
     EXPECT_EQ(Files().size(), 1u);
 }
 
+TEST_F(OfflineLog, LosesLinesOnAFullDiskOnly) {
+    ASSERT_TRUE(WriteLine("first\n"));
+    fs::rename(Files()[0], Files()[0] + ".aside");
+    fs::create_symlink("/dev/full", Files()[0]);
+    EXPECT_TRUE(WriteLine("lost\n")) << "a write that fails counts as one";
+    EXPECT_EQ(FileSize(), 11u);
+    fs::rename(Files()[0] + ".aside", Files()[0]);
+    EXPECT_TRUE(WriteLine("kept\n"));
+    EXPECT_EQ(zyttest::ReadFile(Files()[0]), "first\nkept\n");
+}
+
 TEST_F(OfflineLog, FlushesThePoolToAFileOfItsOwn) {
     ASSERT_TRUE(WriteLine("line\n"));
     const std::string content = "what a client left in the pool";

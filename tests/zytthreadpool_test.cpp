@@ -131,13 +131,3 @@ TEST_F(ThreadPool, ReportsAnUnknownTaskAndLeavesItsDataAlone) {
     EXPECT_EQ(g_runs, 1) << "the worker goes on serving";
     EXPECT_THAT(m_log.Take(), ElementsAre("W Unsupport Task Type!", kStopped, StartsWith("D Join Thread[0]: ")));
 }
-
-TEST_F(ThreadPool, GivesATaskToWhoeverWaits) {
-    std::thread producer([this] { m_pool.QueueTask(TaskWithValue(RecordValue, 42)); });
-    ZYTThreadPoolTask task{};
-    EXPECT_TRUE(m_pool.GetTaskFromList(task));
-    producer.join();
-    task.func(task.data, task.size);
-    std::free(task.data);
-    EXPECT_THAT(g_order, ElementsAre(42));
-}
