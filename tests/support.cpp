@@ -149,12 +149,14 @@ ChildResult RunBuilt(const std::string& program, std::vector<std::string> argume
     return RunCommand(arguments, settings);
 }
 
-void ExpectRefusal(const std::string& program, const std::vector<std::string>& arguments, const std::string& reason) {
+std::string ExpectRefusal(const std::string& program, const std::vector<std::string>& arguments,
+                          const std::string& reason) {
     const ChildResult result = RunBuilt(program, arguments);
     EXPECT_EQ(result.exitCode, 2) << result.output;
     const std::string line = result.output.substr(result.output.rfind(program.substr(program.rfind('/') + 1) + ": "));
     EXPECT_NE(line.find(reason), std::string::npos) << line;
     EXPECT_EQ(line.find('\n'), line.size() - 1) << "in one line";
+    return result.output;
 }
 
 ChildResult RunChild(const std::string& name, const std::map<std::string, std::string>& properties) {

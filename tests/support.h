@@ -76,8 +76,10 @@ ChildResult RunCommand(const std::vector<std::string>& command, const std::vecto
 ChildResult RunBuilt(const std::string& program, std::vector<std::string> arguments,
                      const std::vector<std::string>& settings = {});
 
-/// That a program of the build tree ends with status 2, and that its last words are one line with the reason.
-void ExpectRefusal(const std::string& program, const std::vector<std::string>& arguments, const std::string& reason);
+/// That a program of the build tree ends with status 2, and that its last words are one line with the reason. Returns
+/// all that it said.
+std::string ExpectRefusal(const std::string& program, const std::vector<std::string>& arguments,
+                          const std::string& reason);
 
 /// Runs a body declared with ZYT_CHILD in a fresh process of this executable: load, static initialisers, and exit are
 /// those of a new process, with these system properties and no others. SIGALRM ends one that hangs.

@@ -99,7 +99,7 @@ protected:
     }
 
     static void ExpectRefusal(const Words& arguments, const std::string& reason) {
-        zyttest::ExpectRefusal("tools/zytview/zytview", arguments, reason);
+        EXPECT_EQ(zyttest::ExpectRefusal("tools/zytview/zytview", arguments, reason).rfind("zytview: "), 0u);
     }
 
     TempDir m_dir;
