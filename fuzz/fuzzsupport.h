@@ -9,8 +9,6 @@
 #include <filesystem>
 #include <string>
 
-/// What the fuzz targets share. Each compares the library with a slow reference, most of them with one of the suite's.
-
 #define FUZZ_CHECK(condition)                                                            \
     do {                                                                                 \
         if (condition) break;                                                            \
@@ -28,8 +26,5 @@ inline std::string Scratch(const char* name) {
     std::filesystem::create_directory("fuzz.tmp");
     return std::string("fuzz.tmp/") + name;
 }
-
-/// Bytes as far as a C function sees them.
-inline std::string UpToNul(const std::string& bytes) { return bytes.c_str(); }
 
 #endif  // ZYT_FUZZ_FUZZSUPPORT_H

@@ -1,12 +1,14 @@
 #include <gmock/gmock.h>
 #include <hostdevice/hostdevice.h>
+#include <pthread.h>
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
-#include "faults.h"
 #include "logging/zytofflinelog.h"
 #include "support.h"
 #include "threadpool/zytthreadpool.h"
@@ -17,10 +19,57 @@
 using hostdevice::Fault;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using zyttest::LibcCall;
 using zyttest::LogCapture;
 using zyttest::TempDir;
 using zyttest::Text;
+
+namespace {
+
+// Faults in the C library's calls. This executable holds the library's objects themselves and the linker wraps these
+// calls, so that only the library's own (and the test's) can fail, never those of the standard library. The emulated
+// device stages all others.
+enum class LibcCall { kMalloc, kFopen, kMmap, kPthreadCreate };
+
+std::atomic<uint64_t> g_callsLeft[4];
+
+// As for the device's faults: the n-th such call from now fails, once; 0 disarms. A failing mmap returns null.
+void FailNth(LibcCall call, uint64_t n) { g_callsLeft[static_cast<int>(call)] = n; }
+
+bool FaultPending(LibcCall call) { return g_callsLeft[static_cast<int>(call)] != 0; }
+
+bool Fails(LibcCall call) {
+    std::atomic<uint64_t>& left = g_callsLeft[static_cast<int>(call)];
+    uint64_t count = left;
+    while (count != 0 && !left.compare_exchange_weak(count, count - 1)) {
+    }
+    return count == 1;
+}
+
+}  // namespace
+
+// The names that the linker's --wrap looks for.
+extern "C" {
+
+void* __real_malloc(size_t size);
+FILE* __real_fopen(const char* path, const char* mode);
+void* __real_mmap(void* hint, size_t size, int protection, int flags, int fd, off_t offset);
+int __real_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*body)(void*), void* argument);
+
+void* __wrap_malloc(size_t size) { return Fails(LibcCall::kMalloc) ? nullptr : __real_malloc(size); }
+
+FILE* __wrap_fopen(const char* path, const char* mode) {
+    return Fails(LibcCall::kFopen) ? nullptr : __real_fopen(path, mode);
+}
+
+void* __wrap_mmap(void* hint, size_t size, int protection, int flags, int fd, off_t offset) {
+    return Fails(LibcCall::kMmap) ? nullptr : __real_mmap(hint, size, protection, flags, fd, offset);
+}
+
+int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) {
+    return Fails(LibcCall::kPthreadCreate) ? EAGAIN : __real_pthread_create(id, attributes, body, argument);
+}
+
+}  // extern "C"
 
 namespace {
 
@@ -156,7 +205,7 @@ TEST(FaultSweep, EveryFailedLibraryCallIsReportedAndNothingIsLost) {
 TEST(Faults, FilesThatDoNotFitMemoryKeepTheirLength) {
     TempDir dir;
     zyttest::WriteFile(dir / "file", "12345");
-    zyttest::FailNth(LibcCall::kMalloc, 1);
+    FailNth(LibcCall::kMalloc, 1);
     unsigned int size = 0;
     EXPECT_EQ(ZYTUtil::ReadFileData((dir / "file").c_str(), size), nullptr);
     EXPECT_EQ(size, 5u);
@@ -165,7 +214,7 @@ TEST(Faults, FilesThatDoNotFitMemoryKeepTheirLength) {
 TEST(Faults, ALineWithoutMemoryIsDropped) {
     ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
     log.m_threadPool.DeInit(false);
-    zyttest::FailNth(LibcCall::kMalloc, 1);
+    FailNth(LibcCall::kMalloc, 1);
     log.PushLogToLogPool("dropped", ZYTOfflineLogLevel::E);
     EXPECT_TRUE(log.m_threadPool.m_taskList.empty());
     log.PushLogToLogPool("queued", ZYTOfflineLogLevel::E);
@@ -176,7 +225,7 @@ TEST(Faults, ALineWithoutMemoryIsDropped) {
 TEST(Faults, AWorkerThatCannotStartEndsInit) {
     LogCapture log;
     ZYTThreadPool pool;
-    zyttest::FailNth(LibcCall::kPthreadCreate, 2);
+    FailNth(LibcCall::kPthreadCreate, 2);
     EXPECT_FALSE(pool.Init(3));
     EXPECT_EQ(pool.m_threadIdList.size(), 1u) << "the first keeps running";
     EXPECT_THAT(log.Take(), ElementsAre(HasSubstr("D Create New Thread[0] Success: "),

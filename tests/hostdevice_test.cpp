@@ -261,6 +261,7 @@ TEST_F(HostDeviceTest, GraphicRowsArePaddedAndMemoryHoldsTwoBytesAPixel) {
     const struct {
         uint32_t alignment, width, stride;
     } kCases[] = {{64, 1, 64}, {64, 64, 64}, {64, 65, 128}, {1024, 1000, 1024}, {48, 100, 144}, {0, 1001, 1001}};
+    EXPECT_EQ(MakeGraphicBuffer(65, 1)->getStride(), 128u);
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.width);
         hostdevice::SetStrideAlignment(c.alignment);

@@ -67,7 +67,7 @@ TEST_F(Allocator, ReleasesWhatItIsGiven) {
 
 TEST_F(Allocator, MapsTheStrideOfAGraphicBuffer) {
     hostdevice::SetStrideAlignment(1024);
-    android::sp<android::GraphicBuffer> buffer = m_allocator.AllocGraphicBuffer(1000, 10, 34, 0x201ff, &m_pBuf, m_fd);
+    android::sp<android::GraphicBuffer> buffer = m_allocator.AllocGraphicBuffer(600, 10, 34, 0x201ff, &m_pBuf, m_fd);
     EXPECT_EQ(buffer->getStride(), 1024u);
     EXPECT_EQ(buffer->getPixelFormat(), 34);
     EXPECT_EQ(buffer->getUsage(), 0x201ffu);

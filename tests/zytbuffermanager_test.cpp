@@ -72,6 +72,7 @@ TEST_F(Manager, TakesAndFreesBuffersBySize) {
                          m_pBuf)));
     EXPECT_TRUE(m_manager->FreeBuffer(m_pBuf));
     EXPECT_THAT(Take(), ElementsAre(Line('D', "FreeBuffer() Free buffer: %p", m_pBuf)));
+    EXPECT_TRUE(ZYTBufferPool::m_busyBufferList.empty()) << "it is back in the pool";
     EXPECT_FALSE(m_manager->FreeBuffer(m_pBuf));
     EXPECT_FALSE(m_manager->FreeBuffer(nullptr));
     EXPECT_EQ(Take().back(), Line('W', "FreeBuffer() Free buffer is NULL!"));
@@ -283,6 +284,8 @@ TEST_F(Manager, SynchronisesTheFirstPlaneOnly) {
     EXPECT_TRUE(m_manager->EndCPUSync(image.fd[1]));
     hostdevice::FailNth(Fault::kSync, 1);
     EXPECT_FALSE(m_manager->EndCPUSync(image.fd[1]));
+    hostdevice::FailNth(Fault::kSync, 1);
+    EXPECT_FALSE(m_manager->StartCPUSync(image.fd[1], CPU_SYNC_READ));
     EXPECT_THAT(Take(), Contains(HasSubstr("sync type: 9")));
     m_manager->FreeBuffer(image);
 }

@@ -142,6 +142,9 @@ TEST_F(Pool, HandsOutGrallocBuffersByGeometry) {
                                                "GetBufferFromPool() Get buffer type: 2, width: 640, height: 480, pBuf: "
                                                "%p. Free buf num this size: 0",
                                                pBuf)));
+    const android::GraphicBuffer& made = *ZYTBufferPool::m_busyGrallocBufferList.at(pBuf).graphicBuffer;
+    EXPECT_EQ(made.getPixelFormat(), 34);
+    EXPECT_EQ(made.getUsage(), 0x201ffu);
     const int fd = m_fd;
     EXPECT_NE(GetGralloc(480, 640), pBuf);
     EXPECT_THAT(Put(pBuf), ElementsAre(Line('I',

@@ -35,6 +35,13 @@ protected:
         return zyttest::Text("V zytsignaltask.cpp %s() [%p] %s", function, static_cast<void*>(&m_task), text);
     }
 
+    // Connects a task of which no other copy is left, and returns its flags: alive and done.
+    std::pair<std::shared_ptr<bool>, std::shared_ptr<bool>> Connect(uint64_t id, const std::function<void()>& work) {
+        WrapperTask task = Wrap(work);
+        EXPECT_EQ(m_task.insert(id, WrapperTask(task)), 1u);
+        return {task.m_isAlive, task.m_isDone};
+    }
+
     // Returns when the loop runs this task, after everything that was raised before.
     void RunNow(uint64_t id, const std::function<void()>& work) {
         std::atomic<bool> isRunning{false};
@@ -120,14 +127,7 @@ TEST_F(SignalTask, RunsInTheOrderOfRaisingAndNeverTwiceForAPendingSignal) {
 
 TEST_F(SignalTask, DisconnectsSignalsAndTasks) {
     std::atomic<int> runs{0};
-    std::shared_ptr<bool> isAlive;
-    std::shared_ptr<bool> isDone;
-    {
-        WrapperTask task = Wrap([&runs] { ++runs; });
-        isAlive = task.m_isAlive;
-        isDone = task.m_isDone;
-        m_task.insert(5, std::move(task));
-    }
+    const auto [isAlive, isDone] = Connect(5, [&runs] { ++runs; });
     EXPECT_TRUE(zyt::LoadFlag(*isAlive)) << "the connection is a copy";
     m_task.disconnect(4);
     HoldLoop();
@@ -149,12 +149,7 @@ TEST_F(SignalTask, DisconnectsSignalsAndTasks) {
 
 TEST_F(SignalTask, AReplacedConnectionKeepsItsFlags) {
     std::atomic<int> runs{0};
-    std::shared_ptr<bool> replacedIsAlive;
-    {
-        WrapperTask first = Wrap([&runs] { runs += 10; });
-        replacedIsAlive = first.m_isAlive;
-        EXPECT_EQ(m_task.insert(5, std::move(first)), 1u);
-    }
+    const std::shared_ptr<bool> replacedIsAlive = Connect(5, [&runs] { runs += 10; }).first;
     EXPECT_EQ(m_task.insert(5, Wrap([&runs] { ++runs; })), 1u);
     m_task.signal(5);
     Settle();

@@ -68,6 +68,12 @@ TEST(FileList, FollowsADirectorysOwnOrderAndDescendsOnRequest) {
     files.clear();
     EXPECT_EQ(List(dir / "", files, true), 0);
     EXPECT_THAT(files, UnorderedElementsAre(dir / "/a", dir / "/fifo", dir / "/link", dir / "/s/f"));
+    std::vector<std::string> inOrder;
+    for (const auto& entry : fs::recursive_directory_iterator(dir.Path())) {
+        if (!entry.is_directory() && fs::exists(entry))
+            inOrder.push_back(dir / "" + entry.path().string().substr(dir.Path().size()));
+    }
+    EXPECT_EQ(files, inOrder);
 }
 
 TEST(FileList, FailsForWhatIsNoDirectoryAndKeepsWhatItFound) {
