@@ -55,19 +55,19 @@ protected:
 };
 
 TEST_F(HostDeviceTest, IntegerPropertiesFollowCPrefixRules) {
-    errno = 0;
     const auto read = [](const std::vector<const char*>& values) {
         std::vector<int32_t> numbers;
         for (const char* value : values) {
             hostdevice::SetProperty("test.int", value);
+            errno = 0;
             numbers.push_back(property_get_int32("test.int", 77));
+            EXPECT_EQ(errno, 0) << value;
         }
         return numbers;
     };
     EXPECT_EQ(read({"3", "-2", "+5", "  4", "3abc", "0x10", "010", "2147483647", "-2147483648"}),
               (std::vector<int32_t>{3, -2, 5, 4, 3, 16, 8, INT32_MAX, INT32_MIN}));
     EXPECT_EQ(read({"2147483648", "-2147483649", "99999999999999999999", "abc", "-", ""}), std::vector<int32_t>(6, 77));
-    EXPECT_EQ(errno, 0);
     EXPECT_EQ(property_get_int32("test.unset", -1), -1);
     EXPECT_EQ(property_get_int32(nullptr, 8), 8);
 }

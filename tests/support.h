@@ -69,17 +69,15 @@ struct ChildResult {
     std::string output;  // stdout and stderr
 };
 
-/// Runs a command without a shell. Settings ("NAME=value") come before this process's environment.
-ChildResult RunCommand(const std::vector<std::string>& command, const std::vector<std::string>& settings = {});
+/// Runs a command, words with blanks between, without a shell. Settings ("NAME=value") come before this process's
+/// environment.
+ChildResult RunCommand(const std::string& command, const std::vector<std::string>& settings = {});
 
-/// The same for a program of the build tree.
-ChildResult RunBuilt(const std::string& program, std::vector<std::string> arguments,
-                     const std::vector<std::string>& settings = {});
+/// The same for a program of the build tree, given by its path there.
+ChildResult RunBuilt(const std::string& command, const std::vector<std::string>& settings = {});
 
-/// That a program of the build tree ends with status 2, and that its last words are one line with the reason. Returns
-/// all that it said.
-std::string ExpectRefusal(const std::string& program, const std::vector<std::string>& arguments,
-                          const std::string& reason);
+/// That such a program ends with status 2, and that its last line has its name and the reason. Returns all it said.
+std::string ExpectRefusal(const std::string& command, const std::string& reason);
 
 /// Runs a body declared with ZYT_CHILD in a fresh process of this executable: load, static initialisers, and exit are
 /// those of a new process, with these system properties and no others. SIGALRM ends one that hangs.
