@@ -63,7 +63,7 @@ std::string LinesOf::operator()(char level, const char* format, ...) const {
     va_start(args, format);
     const std::string text = Print(format, args);
     va_end(args);
-    return std::string(1, level) + " " + prefix + text;
+    return std::string(1, level) + " " + source + " " + function + "() " + text;
 }
 
 LogCapture::LogCapture() : m_savedLevel(ZYTLogUtil::m_level) {

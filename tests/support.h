@@ -20,9 +20,10 @@ namespace zyttest {
 /// printf into a string, for expected log lines.
 __attribute__((format(printf, 1, 2))) std::string Text(const char* format, ...);
 
-/// Expected log lines that share the words between the level's letter and the message.
+/// Expected log lines of one function.
 struct LinesOf {
-    const char* prefix;
+    const char* source;  // what stands before the function's name
+    const char* function;
     __attribute__((format(printf, 3, 4))) std::string operator()(char level, const char* format, ...) const;
 };
 

@@ -22,7 +22,13 @@ using zyttest::Text;
 
 namespace {
 
-constexpr zyttest::LinesOf Line = {"[NodeA] zytbuffermanager.cpp "};
+constexpr const char* kSource = "[NodeA] zytbuffermanager.cpp";
+constexpr zyttest::LinesOf InAlloc = {kSource, "AllocBuffer"};
+constexpr zyttest::LinesOf InFree = {kSource, "FreeBuffer"};
+constexpr zyttest::LinesOf InSize = {kSource, "GetImgBufferSize"};
+constexpr zyttest::LinesOf InStart = {kSource, "StartCPUSync"};
+constexpr zyttest::LinesOf InEnd = {kSource, "EndCPUSync"};
+constexpr zyttest::LinesOf InDestructor = {kSource, "~ZYTBufferManager"};
 
 ZYTImageBuffer Nv12() { return Image(ZYT_FORMAT_YUV420NV12, 1920, 1080, 1920, 1088); }
 
@@ -61,21 +67,20 @@ ZYT_CHILD(StaticManagerAtExit) {
 TEST_F(Manager, TakesAndFreesBuffersBySize) {
     EXPECT_TRUE(m_manager->AllocBuffer(4096, &m_pBuf, m_fd, ZYT_BUFFER_TYPE_DMABUF));
     EXPECT_GT(m_fd, 0);
-    EXPECT_THAT(Take(), ElementsAre(Line('I', "AllocBuffer() Alloc buffer success, get buffer from pool: %p", m_pBuf)));
+    EXPECT_THAT(Take(), ElementsAre(InAlloc('I', "Alloc buffer success, get buffer from pool: %p", m_pBuf)));
     ZYTBufferManager other("NodeB");
     m_log.Take();
     EXPECT_FALSE(other.FreeBuffer(m_pBuf));
-    EXPECT_THAT(
-        m_log.Take(),
-        ElementsAre(Text("W [NodeB] zytbuffermanager.cpp FreeBuffer() Free buffer failed, this buffer not alloced "
-                         "by this buffer manager, pBuf: %p, buffer manager name: NodeB",
-                         m_pBuf)));
+    EXPECT_THAT(m_log.Take(),
+                ElementsAre(Text("W [NodeB] zytbuffermanager.cpp FreeBuffer() Free buffer failed, this buffer not "
+                                 "alloced by this buffer manager, pBuf: %p, buffer manager name: NodeB",
+                                 m_pBuf)));
     EXPECT_TRUE(m_manager->FreeBuffer(m_pBuf));
-    EXPECT_THAT(Take(), ElementsAre(Line('D', "FreeBuffer() Free buffer: %p", m_pBuf)));
+    EXPECT_THAT(Take(), ElementsAre(InFree('D', "Free buffer: %p", m_pBuf)));
     EXPECT_TRUE(ZYTBufferPool::m_busyBufferList.empty()) << "it is back in the pool";
     EXPECT_FALSE(m_manager->FreeBuffer(m_pBuf));
     EXPECT_FALSE(m_manager->FreeBuffer(nullptr));
-    EXPECT_EQ(Take().back(), Line('W', "FreeBuffer() Free buffer is NULL!"));
+    EXPECT_EQ(Take().back(), InFree('W', "Free buffer is NULL!"));
 }
 
 TEST_F(Manager, SaysWhyNoBufferCameOfIt) {
@@ -84,10 +89,10 @@ TEST_F(Manager, SaysWhyNoBufferCameOfIt) {
     EXPECT_FALSE(m_manager->AllocBuffer(16, nullptr, m_fd, ZYT_BUFFER_TYPE_MALLOC));
     EXPECT_EQ(m_pBuf, &m_fd);
     EXPECT_EQ(m_fd, 77);
-    const std::string invalid = Line('D', "AllocBuffer() Alloc buffer invaild args");
+    const std::string invalid = InAlloc('D', "Alloc buffer invaild args");
     EXPECT_THAT(Take(), ElementsAre(invalid, invalid));
 
-    const std::string failed = Line('E', "AllocBuffer() Alloc buffer failed, get buffer from pool is NULL!");
+    const std::string failed = InAlloc('E', "Alloc buffer failed, get buffer from pool is NULL!");
     for (const int type : {2, 3, -1}) {
         m_pBuf = &m_fd;
         m_fd = 77;
@@ -109,8 +114,7 @@ TEST_F(Manager, RefusesAnAddressItHoldsAlready) {
     }
     EXPECT_EQ(m_pBuf, nullptr);
     EXPECT_EQ(m_fd, 0);
-    EXPECT_EQ(Take().back(),
-              Line('E', "AllocBuffer() Get repetitive buffer from buffer pool: %p", static_cast<void*>(nullptr)));
+    EXPECT_EQ(Take().back(), InAlloc('E', "Get repetitive buffer from buffer pool: %p", static_cast<void*>(nullptr)));
 }
 
 TEST_F(Manager, TakesOneBufferAPlane) {
@@ -126,13 +130,12 @@ TEST_F(Manager, TakesOneBufferAPlane) {
     EXPECT_EQ(image.pNativeHandle, nullptr);
     EXPECT_GT(image.fd[1], image.fd[0]);
     void* const none = nullptr;
-    EXPECT_EQ(Take().back(),
-              Line('D',
-                   "AllocBuffer() Alloc buffer success: type: 1, format: 0, width: 1920, height: 1080, planeStride: "
-                   "1920, sliceHeight: 1088, numberOfPlanes: 2, Addr0: %p, Addr1: %p, Addr2: %p, Addr3: %p, "
-                   "pNativeHandle: %p, fd0: %d, fd1: %d, fd2: 0, fd3: 0",
-                   static_cast<void*>(image.pAddr[0]), static_cast<void*>(image.pAddr[1]), none, none, none,
-                   image.fd[0], image.fd[1]));
+    EXPECT_EQ(Take().back(), InAlloc('D',
+                                     "Alloc buffer success: type: 1, format: 0, width: 1920, height: 1080, "
+                                     "planeStride: 1920, sliceHeight: 1088, numberOfPlanes: 2, Addr0: %p, Addr1: %p, "
+                                     "Addr2: %p, Addr3: %p, pNativeHandle: %p, fd0: %d, fd1: %d, fd2: 0, fd3: 0",
+                                     static_cast<void*>(image.pAddr[0]), static_cast<void*>(image.pAddr[1]), none, none,
+                                     none, image.fd[0], image.fd[1]));
     EXPECT_TRUE(m_manager->FreeBuffer(image));
     Take();
 
@@ -176,7 +179,7 @@ TEST_F(Manager, TellsThePlanesOfEachFormat) {
         EXPECT_EQ(sizes, c.sizes) << c.format << " capacity " << c.capacity;
         std::vector<std::string> lines;
         if (c.count == 7) {
-            lines = {Line('D', "GetImgBufferSize() Get img buffer size fail, unsupport format: %d", c.format)};
+            lines = {InSize('D', "Get img buffer size fail, unsupport format: %d", c.format)};
         }
         EXPECT_EQ(Take(), lines);
     }
@@ -195,14 +198,14 @@ TEST_F(Manager, LeavesTheRecordOfARefusedImageAlone) {
         const ZYTImageBuffer before = image;
         EXPECT_FALSE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_MALLOC));
         EXPECT_TRUE(AreSame(image, before));
-        EXPECT_THAT(m_log.Take(), ElementsAre(Line('D', "AllocBuffer() Alloc buffer fail, invalid size args")));
+        EXPECT_THAT(m_log.Take(), ElementsAre(InAlloc('D', "Alloc buffer fail, invalid size args")));
     }
     ZYTImageBuffer p010 = Image(ZYT_FORMAT_YUV_P010, 64, 64, 128, 64);
     p010.numberOfPlanes = 3;
     EXPECT_FALSE(m_manager->AllocBuffer(p010, ZYT_BUFFER_TYPE_MALLOC));
     EXPECT_EQ(p010.numberOfPlanes, 3u);
-    EXPECT_THAT(m_log.Take(), ElementsAre(Line('D', "GetImgBufferSize() Get img buffer size fail, unsupport format: 5"),
-                                          Line('E', "AllocBuffer() Alloc buffer fail, get buffer size fail")));
+    EXPECT_THAT(m_log.Take(), ElementsAre(InSize('D', "Get img buffer size fail, unsupport format: 5"),
+                                          InAlloc('E', "Alloc buffer fail, get buffer size fail")));
 
     for (const int type : {3, -1}) {
         ZYTImageBuffer image = Nv12(), emptied = image;
@@ -212,7 +215,7 @@ TEST_F(Manager, LeavesTheRecordOfARefusedImageAlone) {
         image.pNativeHandle = this;
         EXPECT_FALSE(m_manager->AllocBuffer(image, static_cast<ZYTBufferType>(type)));
         EXPECT_TRUE(AreSame(image, emptied));
-        EXPECT_THAT(m_log.Take(), ElementsAre(Line('E', "AllocBuffer() Alloc buffer fail, unsupport type: %d", type)));
+        EXPECT_THAT(m_log.Take(), ElementsAre(InAlloc('E', "Alloc buffer fail, unsupport type: %d", type)));
     }
 }
 
@@ -221,17 +224,16 @@ TEST_F(Manager, KeepsTheFirstPlaneWhenTheSecondFails) {
     hostdevice::FailNth(Fault::kHeapAllocation, 2);
     EXPECT_FALSE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_DMABUF));
     EXPECT_EQ(image.numberOfPlanes, 0u);
-    const std::string nothing = Line('W', "FreeBuffer() Free buffer is NULL!");
+    const std::string nothing = InFree('W', "Free buffer is NULL!");
     const std::vector<std::string> lines = Take();
-    EXPECT_THAT(lines,
-                ElementsAre(testing::_, Line('E', "AllocBuffer() Alloc buffer failed, get buffer from pool is NULL!"),
-                            Line('E', "AllocBuffer() Alloc buffer fail, can not alloc new buf: size: 1044480, type: 1"),
-                            nothing, nothing));
+    EXPECT_THAT(lines, ElementsAre(testing::_, InAlloc('E', "Alloc buffer failed, get buffer from pool is NULL!"),
+                                   InAlloc('E', "Alloc buffer fail, can not alloc new buf: size: 1044480, type: 1"),
+                                   nothing, nothing));
     m_manager.reset();
     const std::string address = lines[0].substr(lines[0].rfind(' ') + 1);
-    const char* const left = "~ZYTBufferManager() 1 buffer not free when buffer manager destroy, release them forcibly";
-    EXPECT_THAT(Take(), ElementsAre(Line('W', "%s", left),
-                                    Line('W', "~ZYTBufferManager()   release buffer forcibly: %s", address.c_str())));
+    const char* const left = "1 buffer not free when buffer manager destroy, release them forcibly";
+    EXPECT_THAT(Take(), ElementsAre(InDestructor('W', "%s", left),
+                                    InDestructor('W', "  release buffer forcibly: %s", address.c_str())));
     EXPECT_EQ(hostdevice::CountLive().heapMappings, 0u);
 }
 
@@ -277,9 +279,8 @@ TEST_F(Manager, SynchronisesTheFirstPlaneOnly) {
     EXPECT_EQ(hostdevice::LastSync().result, 0) << "false although it was done";
     EXPECT_FALSE(m_manager->EndCPUSync(image));
     EXPECT_EQ(hostdevice::SyncCount(), before + 2);
-    EXPECT_THAT(Take(), ElementsAre(Line('I', "StartCPUSync() Start CPU Sync Buffer, fd: %d, sync type: 2, result: 0",
-                                         image.fd[0]),
-                                    Line('I', "EndCPUSync() End CPU Sync Buffer, fd: %d, result: 0", image.fd[0])));
+    EXPECT_THAT(Take(), ElementsAre(InStart('I', "Start CPU Sync Buffer, fd: %d, sync type: 2, result: 0", image.fd[0]),
+                                    InEnd('I', "End CPU Sync Buffer, fd: %d, result: 0", image.fd[0])));
     EXPECT_TRUE(m_manager->StartCPUSync(image.fd[1], static_cast<CPUSyncType>(9)));
     EXPECT_TRUE(m_manager->EndCPUSync(image.fd[1]));
     hostdevice::FailNth(Fault::kSync, 1);

@@ -17,7 +17,12 @@ using zyttest::LogCapture;
 
 namespace {
 
-constexpr zyttest::LinesOf Line = {"[BufferPool-NodeA] zytbufferpool.cpp "};
+constexpr const char* kSource = "[BufferPool-NodeA] zytbufferpool.cpp";
+constexpr zyttest::LinesOf InAlloc = {kSource, "AllocBuffer"};
+constexpr zyttest::LinesOf InGet = {kSource, "GetBufferFromPool"};
+constexpr zyttest::LinesOf InPut = {kSource, "PutBufferToPool"};
+constexpr zyttest::LinesOf InRelease = {kSource, "ReleaseBuffer"};
+constexpr zyttest::LinesOf InDestructor = {kSource, "~ZYTBufferPool"};
 
 uint32_t Clients() {
     std::lock_guard<std::mutex> lock(ZYTBufferPool::m_bufferPoolClientNumLock);
@@ -57,7 +62,7 @@ protected:
         m_log.Take();
         m_pool->PutBufferToPool(pBuf);
         std::vector<std::string> lines = m_log.Take();
-        EXPECT_EQ(lines.front(), Line('V', "PutBufferToPool() Put buffer to pool: %p", pBuf));
+        EXPECT_EQ(lines.front(), InPut('V', "Put buffer to pool: %p", pBuf));
         lines.erase(lines.begin());
         return lines;
     }
@@ -76,16 +81,13 @@ TEST_F(Pool, MakesABufferOnDemandAndReusesTheLastReturned) {
     ASSERT_NE(a, nullptr);
     const int fdA = m_fd;
     EXPECT_GT(fdA, 0);
-    EXPECT_THAT(
-        m_log.Take(),
-        ElementsAre(
-            Line('I', "AllocBuffer() Alloc buffer success: type: 1, size: 4096, pBuf: %p", a),
-            Line('I', "GetBufferFromPool() Get buffer type: 1, size: 4096, pBuf: %p. Free buf num this size: 0", a)));
+    EXPECT_THAT(m_log.Take(),
+                ElementsAre(InAlloc('I', "Alloc buffer success: type: 1, size: 4096, pBuf: %p", a),
+                            InGet('I', "Get buffer type: 1, size: 4096, pBuf: %p. Free buf num this size: 0", a)));
     void* b = Get(4096);
     const int fdB = m_fd;
-    EXPECT_THAT(Put(a), ElementsAre(Line(
-                            'I', "PutBufferToPool() Put buffer to pool success: pBuf: %p, size: 4096, fd: %d, type: 1",
-                            a, fdA)));
+    EXPECT_THAT(Put(a),
+                ElementsAre(InPut('I', "Put buffer to pool success: pBuf: %p, size: 4096, fd: %d, type: 1", a, fdA)));
     Put(b);
     EXPECT_EQ(Get(4096), b);
     EXPECT_EQ(m_fd, fdB);
@@ -104,7 +106,7 @@ TEST_F(Pool, RefusesSizesAndTypesItDoesNotHandOut) {
     const auto expectRefusal = [this](const void* pBuf) {
         EXPECT_EQ(pBuf, nullptr);
         EXPECT_EQ(std::exchange(m_fd, 77), 0);
-        EXPECT_THAT(m_log.Take(), ElementsAre(Line('D', "GetBufferFromPool() Invalid args, get buffer failed!")));
+        EXPECT_THAT(m_log.Take(), ElementsAre(InGet('D', "Invalid args, get buffer failed!")));
     };
     expectRefusal(Get(0));
     for (const int type : {2, 3, -1}) expectRefusal(Get(16, type));
@@ -116,8 +118,8 @@ TEST_F(Pool, RefusesSizesAndTypesItDoesNotHandOut) {
     std::lock_guard<std::mutex> lock(ZYTBufferPool::m_freeBufferListLock);
     EXPECT_EQ(m_pool->AllocBuffer(1, 1, 1, static_cast<ZYTBufferType>(5)), nullptr);
     m_pool->ReleaseBuffer(ZYTBufferPoolBufferInfo{ZYT_BUFFER_TYPE_GRALLOC, &m_fd, m_fd, 4});
-    EXPECT_THAT(m_log.Take(), ElementsAre(Line('E', "AllocBuffer() Unsupport alloc buffer type: 5!"),
-                                          Line('E', "ReleaseBuffer() Unsupport release buffer type: 2!")));
+    EXPECT_THAT(m_log.Take(), ElementsAre(InAlloc('E', "Unsupport alloc buffer type: 5!"),
+                                          InRelease('E', "Unsupport release buffer type: 2!")));
     for (const auto& list : ZYTBufferPool::m_freeBufferList) EXPECT_TRUE(list.empty());
 }
 
@@ -125,8 +127,8 @@ TEST_F(Pool, KeepsTheKeyOfAFailedSizeAndTriesAgain) {
     hostdevice::FailNth(Fault::kHeapAllocation, 1);
     EXPECT_EQ(Get(77), nullptr);
     EXPECT_EQ(m_fd, 0);
-    EXPECT_THAT(m_log.Take(), ElementsAre(Line('E', "AllocBuffer() Alloc buffer failed! Type: 1, size: 77"),
-                                          Line('E', "GetBufferFromPool() Get buffer type: 1, size: 77 failed!")));
+    EXPECT_THAT(m_log.Take(), ElementsAre(InAlloc('E', "Alloc buffer failed! Type: 1, size: 77"),
+                                          InGet('E', "Get buffer type: 1, size: 77 failed!")));
     EXPECT_EQ(ZYTBufferPool::m_freeBufferList[1].count(77), 1u);
     void* pBuf = Get(77);
     EXPECT_NE(pBuf, nullptr);
@@ -138,28 +140,26 @@ TEST_F(Pool, HandsOutGrallocBuffersByGeometry) {
     ASSERT_NE(pBuf, nullptr);
     ASSERT_NE(m_handle, &m_fd);
     EXPECT_EQ(static_cast<native_handle_t*>(m_handle)->data[0], m_fd);
-    EXPECT_THAT(m_log.Take(), ElementsAre(Line('I',
-                                               "GetBufferFromPool() Get buffer type: 2, width: 640, height: 480, pBuf: "
-                                               "%p. Free buf num this size: 0",
-                                               pBuf)));
+    EXPECT_THAT(m_log.Take(),
+                ElementsAre(InGet(
+                    'I', "Get buffer type: 2, width: 640, height: 480, pBuf: %p. Free buf num this size: 0", pBuf)));
     const android::GraphicBuffer& made = *ZYTBufferPool::m_busyGrallocBufferList.at(pBuf).graphicBuffer;
     EXPECT_EQ(made.getPixelFormat(), 34);
     EXPECT_EQ(made.getUsage(), 0x201ffu);
     const int fd = m_fd;
     EXPECT_NE(GetGralloc(480, 640), pBuf);
-    EXPECT_THAT(Put(pBuf), ElementsAre(Line('I',
-                                            "PutBufferToPool() Put gralloc buffer to pool success: pBuf: %p, width: "
-                                            "640, height: 480, fd: %d, type: 2",
-                                            pBuf, fd)));
+    EXPECT_THAT(
+        Put(pBuf),
+        ElementsAre(InPut('I', "Put gralloc buffer to pool success: pBuf: %p, width: 640, height: 480, fd: %d, type: 2",
+                          pBuf, fd)));
     EXPECT_EQ(m_pool->GetBufferFromPool(640, 480, m_fd, nullptr, ZYT_BUFFER_TYPE_GRALLOC), pBuf);
     m_log.Take();
 
     hostdevice::FailNth(Fault::kGraphicBuffer, 1);
     EXPECT_EQ(GetGralloc(320, 240), nullptr);
     EXPECT_EQ(m_fd, 0);
-    EXPECT_THAT(
-        m_log.Take(),
-        ElementsAre(Line('E', "GetBufferFromPool() Get buffer type: 2, width: 320, height: 240, size: 76800 failed!")));
+    EXPECT_THAT(m_log.Take(),
+                ElementsAre(InGet('E', "Get buffer type: 2, width: 320, height: 240, size: 76800 failed!")));
     EXPECT_EQ(ZYTBufferPool::m_freeGrallocBufferList.count({320, 240}), 1u);
     const bool widthComesFirst = ZYTGrallocBufferKey{1, 9} < ZYTGrallocBufferKey{2, 0};
     EXPECT_TRUE(widthComesFirst && ZYTGrallocBufferKey({2, 0}) < ZYTGrallocBufferKey({2, 1}));
@@ -176,10 +176,10 @@ TEST_F(Pool, EndsTheProcessWhenAnAreaOrTheClientCountOverflows) {
 
 TEST_F(Pool, RefusesWhatIsNotOut) {
     m_pool->PutBufferToPool(nullptr);
-    EXPECT_THAT(m_log.Take(), ElementsAre(Line('W', "PutBufferToPool() Put NULL buffer to pool!")));
+    EXPECT_THAT(m_log.Take(), ElementsAre(InPut('W', "Put NULL buffer to pool!")));
     void* pBuf = Get(4096);
     Put(pBuf);
-    EXPECT_THAT(Put(pBuf), ElementsAre(Line('W', "PutBufferToPool() Wrong buffer pointer: %p", pBuf)));
+    EXPECT_THAT(Put(pBuf), ElementsAre(InPut('W', "Wrong buffer pointer: %p", pBuf)));
 }
 
 TEST_F(Pool, KeepsTenFreeBuffersOfASize) {
@@ -187,22 +187,24 @@ TEST_F(Pool, KeepsTenFreeBuffersOfASize) {
     for (void*& pBuf : buffers) pBuf = Get(4096);
     for (size_t i = 0; i < 10; ++i) Put(buffers[i]);
     EXPECT_EQ(CountLive().heapMappings, 11u);
-    EXPECT_THAT(Put(buffers[10]),
-                ElementsAre(Line('I',
-                                 "PutBufferToPool() Buffer num this size is more than threshold, release buffer, pBuf: "
-                                 "%p, size: 4096, fd: %d, type: 1, ",
-                                 buffers[10], m_fd),
-                            Line('I', "ReleaseBuffer() Release buffer: %p", buffers[10])));
+    EXPECT_THAT(
+        Put(buffers[10]),
+        ElementsAre(
+            InPut(
+                'I',
+                "Buffer num this size is more than threshold, release buffer, pBuf: %p, size: 4096, fd: %d, type: 1, ",
+                buffers[10], m_fd),
+            InRelease('I', "Release buffer: %p", buffers[10])));
     EXPECT_EQ(CountLive().heapMappings, 10u);
     EXPECT_EQ(CountLive().heapDescriptors, 10u);
 
     for (void*& pBuf : buffers) pBuf = GetGralloc(64, 64);
     for (size_t i = 0; i < 10; ++i) Put(buffers[i]);
-    EXPECT_EQ(Put(buffers[10]).front(),
-              Line('I',
-                   "PutBufferToPool() Gralloc buffer num this size is more than threshold, release buffer, pBuf: %p, "
-                   "width: 64, height: 64, fd: %d, type: 2, ",
-                   buffers[10], m_fd));
+    EXPECT_THAT(Put(buffers[10]), ElementsAre(InPut('I',
+                                                    "Gralloc buffer num this size is more than threshold, release "
+                                                    "buffer, pBuf: %p, width: 64, height: 64, fd: %d, type: 2, ",
+                                                    buffers[10], m_fd),
+                                              InRelease('I', "Release buffer: %p", buffers[10])));
     EXPECT_EQ(CountLive().graphicBuffers, 10u);
 }
 
@@ -220,20 +222,19 @@ TEST_F(Pool, ReleasesEverythingWithItsLastClient) {
     Put(freeGralloc);
     m_pool.reset();
     const std::vector<std::string> lines = {
-        Line('D', "~ZYTBufferPool() All client disconnect, release buffer in pool"),
-        Line('W', "~ZYTBufferPool() All client disconnect, but there are 2 busy buffer in list:"),
-        Line('W', "~ZYTBufferPool()    busy buffer[0]: pBuf: %p, size: 4096, fd, %d, type: 1", busy, busyFd),
-        Line('W', "~ZYTBufferPool()    busy buffer[1]: pBuf: %p, width: 32, height: 16, fd, %d, type: 2", busyGralloc,
-             m_fd),
-        Line('V', "PutBufferToPool() Put buffer to pool: %p", busy),
-        Line('I', "PutBufferToPool() Put buffer to pool success: pBuf: %p, size: 4096, fd: %d, type: 1", busy, busyFd),
-        Line('I', "ReleaseBuffer() Release buffer: %p", freed),
-        Line('I', "~ZYTBufferPool() Buffer released: pBuf: %p, size: 100, fd: 0, type: 0", freed),
-        Line('I', "ReleaseBuffer() Release buffer: %p", busy),
-        Line('I', "~ZYTBufferPool() Buffer released: pBuf: %p, size: 4096, fd: %d, type: 1", busy, busyFd),
-        Line('I', "ReleaseBuffer() Release buffer: %p", freeGralloc),
-        Line('I', "~ZYTBufferPool() Buffer released: pBuf: %p, width: 16, height: 16, fd: %d, type: 2", freeGralloc,
-             freeGrallocFd)};
+        InDestructor('D', "All client disconnect, release buffer in pool"),
+        InDestructor('W', "All client disconnect, but there are 2 busy buffer in list:"),
+        InDestructor('W', "   busy buffer[0]: pBuf: %p, size: 4096, fd, %d, type: 1", busy, busyFd),
+        InDestructor('W', "   busy buffer[1]: pBuf: %p, width: 32, height: 16, fd, %d, type: 2", busyGralloc, m_fd),
+        InPut('V', "Put buffer to pool: %p", busy),
+        InPut('I', "Put buffer to pool success: pBuf: %p, size: 4096, fd: %d, type: 1", busy, busyFd),
+        InRelease('I', "Release buffer: %p", freed),
+        InDestructor('I', "Buffer released: pBuf: %p, size: 100, fd: 0, type: 0", freed),
+        InRelease('I', "Release buffer: %p", busy),
+        InDestructor('I', "Buffer released: pBuf: %p, size: 4096, fd: %d, type: 1", busy, busyFd),
+        InRelease('I', "Release buffer: %p", freeGralloc),
+        InDestructor('I', "Buffer released: pBuf: %p, width: 16, height: 16, fd: %d, type: 2", freeGralloc,
+                     freeGrallocFd)};
     EXPECT_EQ(m_log.Take(), lines);
     EXPECT_EQ(CountLive().heapMappings, 0u);
     EXPECT_EQ(CountLive().graphicBuffers, 1u) << "the one that is out stays";
@@ -241,12 +242,11 @@ TEST_F(Pool, ReleasesEverythingWithItsLastClient) {
 
     m_pool = std::make_unique<ZYTBufferPool>();
     m_pool->SetClientName("NodeA");
-    EXPECT_THAT(Put(busyGralloc),
-                ElementsAre(Line('E',
-                                 "PutBufferToPool() Wrong gralloc buffer when put buffer to pool, pBuf: %p, width: 32, "
-                                 "height: 16, fd: %d, type: 2, release it!",
-                                 busyGralloc, m_fd),
-                            Line('I', "ReleaseBuffer() Release buffer: %p", busyGralloc)));
+    EXPECT_THAT(Put(busyGralloc), ElementsAre(InPut('E',
+                                                    "Wrong gralloc buffer when put buffer to pool, pBuf: %p, width: "
+                                                    "32, height: 16, fd: %d, type: 2, release it!",
+                                                    busyGralloc, m_fd),
+                                              InRelease('I', "Release buffer: %p", busyGralloc)));
     EXPECT_EQ(CountLive().graphicBuffers, 0u);
 }
 
@@ -256,11 +256,12 @@ TEST_F(Pool, ReleasesABufferWhosePoolIsGone) {
         std::lock_guard<std::mutex> lock(ZYTBufferPool::m_freeBufferListLock);
         ZYTBufferPool::m_freeBufferList[1].clear();  // as a release of the pool leaves it
     }
-    EXPECT_THAT(Put(pBuf), ElementsAre(Line('E',
-                                            "PutBufferToPool() Wrong buffer size when put buffer to pool, pBuf: %p, "
-                                            "size: 4096, fd: %d, type: 1, release it!",
-                                            pBuf, m_fd),
-                                       Line('I', "ReleaseBuffer() Release buffer: %p", pBuf)));
+    EXPECT_THAT(
+        Put(pBuf),
+        ElementsAre(
+            InPut('E', "Wrong buffer size when put buffer to pool, pBuf: %p, size: 4096, fd: %d, type: 1, release it!",
+                  pBuf, m_fd),
+            InRelease('I', "Release buffer: %p", pBuf)));
 }
 
 TEST_F(Pool, NamedClientsNeverRegister) {
