@@ -126,19 +126,23 @@ TEST_F(SignalTask, RunsInTheOrderOfRaisingAndNeverTwiceForAPendingSignal) {
 
 TEST_F(SignalTask, DisconnectsSignalsAndTasks) {
     std::atomic<int> runs{0};
-    const auto [isAlive, isDone] = Connect(5, [&runs] { ++runs; });
-    EXPECT_TRUE(zyt::LoadFlag(*isAlive)) << "the connection is a copy";
-    m_task.disconnect(4);
-    HoldLoop();
-    EXPECT_EQ(m_task.insert(5), 1u);
-    std::thread disconnecting([this] { m_task.disconnect(5); });  // will wait for the held task's lock
-    EXPECT_TRUE(WaitUntil([this] { return m_task.insert(7) == 1; })) << "the pending signal goes first";
-    m_isReleased = true;
-    disconnecting.join();
-    Settle();
-    EXPECT_EQ(runs, 0);
-    EXPECT_FALSE(zyt::LoadFlag(*isAlive));
-    EXPECT_FALSE(zyt::LoadFlag(*isDone));
+    for (const bool isAll : {false, true}) {
+        const auto [isAlive, isDone] = Connect(5, [&runs] { ++runs; });
+        EXPECT_TRUE(zyt::LoadFlag(*isAlive)) << "the connection is a copy";
+        m_task.disconnect(4);
+        m_isReleased = false;
+        HoldLoop();
+        EXPECT_EQ(m_task.insert(5), 1u);
+        // Will wait for the held task's lock.
+        std::thread disconnecting([this, isAll] { isAll ? m_task.disconnect() : m_task.disconnect(5); });
+        EXPECT_TRUE(WaitUntil([this] { return m_task.insert(7) == 1; })) << "the pending signal goes first";
+        m_isReleased = true;
+        disconnecting.join();
+        Settle();
+        EXPECT_EQ(runs, 0);
+        EXPECT_FALSE(zyt::LoadFlag(*isAlive));
+        EXPECT_FALSE(zyt::LoadFlag(*isDone));
+    }
 
     const WrapperTask kept = Wrap([&runs] { ++runs; });
     m_task.insert(5, WrapperTask(kept));
