@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <thread>
@@ -28,7 +29,10 @@ WrapperTask Wrap(std::function<void()> work) {
 
 class SignalTask : public testing::Test {
 protected:
-    void TearDown() override { m_task.disconnect(); }
+    void TearDown() override {
+        m_isReleased = true;
+        m_task.disconnect();
+    }
 
     std::string Line(const char* function, const char* text) {
         return zyttest::Text("V zytsignaltask.cpp %s() [%p] %s", function, static_cast<void*>(&m_task), text);
@@ -56,9 +60,11 @@ protected:
         RunNow(~0ull, [] {});
     }
 
-    // Occupies the loop until told otherwise, so that what is raised stays pending.
+    // Occupies the loop until told otherwise, so that what is raised stays pending; longer than any test waits.
     void HoldLoop() {
-        RunNow(~1ull, [this] { WaitUntil([this] { return m_isReleased.load(); }); });
+        RunNow(~1ull, [this] {
+            while (!m_isReleased) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        });
     }
 
     ZYTSignalTask& m_task = *ZYTSignalTask::instance();
