@@ -1,12 +1,14 @@
 #include <gmock/gmock.h>
 #include <hostdevice/hostdevice.h>
+#include <pthread.h>
 #include <sys/mman.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <functional>
 
-#include "faults.h"
 #include "logging/zytofflinelog.h"
 #include "support.h"
 #include "threadpool/zytthreadpool.h"
@@ -17,22 +19,61 @@
 using hostdevice::Fault;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using zyttest::LibcCall;
 using zyttest::LogCapture;
 using zyttest::TempDir;
 using zyttest::Text;
 
 namespace {
 
-ZYTImageBuffer Image(ZYTFormat format, uint32_t rowBytes) {
-    ZYTImageBuffer image{};
-    image.format = format;
-    image.width = 64;
-    image.height = 32;
-    image.planeStride = rowBytes;
-    image.sliceHeight = 32;
-    return image;
+// Faults in the C library's calls. This executable holds the library's objects themselves and the linker wraps these
+// calls, so that only the library's own (and the test's) can fail, never those of the standard library. The emulated
+// device stages all others.
+enum class LibcCall { kMalloc, kFopen, kMmap, kPthreadCreate };
+
+std::atomic<uint64_t> g_callsLeft[4];
+
+// As for the device's faults: the n-th such call from now fails, once; 0 disarms. A failing mmap returns null.
+void FailNth(LibcCall call, uint64_t n) { g_callsLeft[static_cast<int>(call)] = n; }
+
+bool FaultPending(LibcCall call) { return g_callsLeft[static_cast<int>(call)] != 0; }
+
+bool Fails(LibcCall call) {
+    std::atomic<uint64_t>& left = g_callsLeft[static_cast<int>(call)];
+    uint64_t count = left;
+    while (count != 0 && !left.compare_exchange_weak(count, count - 1)) {
+    }
+    return count == 1;
 }
+
+}  // namespace
+
+// The names that the linker's --wrap looks for.
+extern "C" {
+
+void* __real_malloc(size_t size);
+FILE* __real_fopen(const char* path, const char* mode);
+void* __real_mmap(void* hint, size_t size, int protection, int flags, int fd, off_t offset);
+int __real_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*body)(void*), void* argument);
+
+void* __wrap_malloc(size_t size) { return Fails(LibcCall::kMalloc) ? nullptr : __real_malloc(size); }
+
+FILE* __wrap_fopen(const char* path, const char* mode) {
+    return Fails(LibcCall::kFopen) ? nullptr : __real_fopen(path, mode);
+}
+
+void* __wrap_mmap(void* hint, size_t size, int protection, int flags, int fd, off_t offset) {
+    return Fails(LibcCall::kMmap) ? nullptr : __real_mmap(hint, size, protection, flags, fd, offset);
+}
+
+int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) {
+    return Fails(LibcCall::kPthreadCreate) ? EAGAIN : __real_pthread_create(id, attributes, body, argument);
+}
+
+}  // extern "C"
+
+namespace {
+
+ZYTImageBuffer Image(ZYTFormat format, uint32_t stride) { return zyttest::Image(format, 64, 32, stride, 32); }
 
 bool IsUsable(const void* pBuf) { return pBuf != nullptr && pBuf != MAP_FAILED; }
 
@@ -101,92 +142,70 @@ Outcome UseEverything(const TempDir& dir) {
     return outcome;
 }
 
-struct Sweep {
-    const char* name;
-    std::function<void(uint64_t)> failNth;
-    std::function<bool()> isPending;
-    char level;
-    std::vector<std::string> lines;  // one of these stands in the log at that level, unless a file was concerned
-    bool isSeen;                     // whether a fault always makes a step fail
-};
-
-Sweep DeviceSweep(const char* name, Fault fault, char level, std::vector<std::string> lines, bool isSeen = true) {
-    return {name,
-            [fault](uint64_t n) { hostdevice::FailNth(fault, n); },
-            [fault] { return hostdevice::FaultPending(fault); },
-            level,
-            std::move(lines),
-            isSeen};
-}
-
-Sweep LibcSweep(const char* name, LibcCall call, std::vector<std::string> lines) {
-    return {name,
-            [call](uint64_t n) { zyttest::FailNth(call, n); },
-            [call] { return zyttest::FaultPending(call); },
-            'E',
-            std::move(lines),
-            true};
-}
-
 bool StandsIn(const std::vector<std::string>& log, char level, const std::vector<std::string>& lines) {
-    for (const std::string& logged : log) {
-        for (const std::string& line : lines) {
-            if (logged[0] == level && logged.find(line) != std::string::npos) return true;
-        }
-    }
-    return false;
+    return std::any_of(log.begin(), log.end(), [&](const std::string& logged) {
+        return logged[0] == level && std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+                   return logged.find(line) != std::string::npos;
+               });
+    });
 }
+
+// Makes the n-th call of a kind (a Fault or a LibcCall) fail, for n = 1, 2, 3 ... until none does. Then one of the
+// lines stands in the log at that level, unless a file was concerned. isSeen: a fault always makes a step fail.
+template <typename Call>
+void Sweep(Call call, char level, const std::vector<std::string>& lines, bool isSeen = true) {
+    const TempDir dir;
+    uint64_t n = 1;
+    for (;; ++n) {
+        SCOPED_TRACE(n);
+        const uint64_t graphicMappings = hostdevice::CountLive().graphicMappings;
+        LogCapture log;
+        FailNth(call, n);
+        const Outcome outcome = UseEverything(dir);
+        const bool hasFired = !FaultPending(call);
+        FailNth(call, 0);
+
+        const hostdevice::LiveResources live = hostdevice::CountLive();
+        EXPECT_EQ(live.heapDescriptors, 0u);
+        EXPECT_EQ(live.heapMappings, 0u);
+        EXPECT_EQ(live.graphicBuffers, 0u);
+        EXPECT_EQ(live.graphicDescriptors, 0u);
+        // The pool never unmaps gralloc memory, and the scenario takes one such buffer.
+        EXPECT_LE(live.graphicMappings, graphicMappings + 1);
+        if (!hasFired) {
+            EXPECT_EQ(outcome, Outcome::kGood);
+            break;
+        }
+        EXPECT_TRUE(!isSeen || outcome != Outcome::kGood);
+        EXPECT_TRUE(outcome == Outcome::kFileFailed || StandsIn(log.Take(), level, lines));
+    }
+    EXPECT_GT(n, 1u) << "no step makes this call";
+}
+
+const std::string kNoBuffer = "AllocBuffer() Alloc buffer failed! Type: ";
+const std::string kNoGraphic = "GetBufferFromPool() Get buffer type: 2, width: 64, height: 48, size: 3072 failed!";
 
 }  // namespace
 
-TEST(FaultSweep, EveryFailedCallIsReportedAndNothingIsLost) {
-    const std::string noBuffer = "AllocBuffer() Alloc buffer failed! Type: ";
-    const std::string noGraphic = "GetBufferFromPool() Get buffer type: 2, width: 64, height: 48, size: 3072 failed!";
-    const Sweep sweeps[] = {
-        DeviceSweep("heap", Fault::kHeapAllocation, 'E', {noBuffer + "1, size: "}),
-        // The kernel refuses the mapping: passed on as an address that a node has to test for.
-        DeviceSweep("mapping", Fault::kMapping, 'I', {"pBuf: 0xffffffffffffffff"}, false),
-        DeviceSweep("graphic buffer", Fault::kGraphicBuffer, 'E', {noGraphic}),
-        DeviceSweep("graphic descriptor", Fault::kGraphicDescriptor, 'E', {noGraphic}),
-        DeviceSweep("synchronisation", Fault::kSync, 'I', {Text(", result: %d", -EIO)}, false),
-        LibcSweep("null mapping", LibcCall::kMmap, {noBuffer + "1, size: ", noGraphic}),
-        LibcSweep("memory", LibcCall::kMalloc, {noBuffer + "0, size: "}),
-        LibcSweep("file opening", LibcCall::kFopen, {}),
-    };
-    TempDir dir;
-    for (const Sweep& sweep : sweeps) {
-        uint64_t n = 1;
-        for (;; ++n) {
-            SCOPED_TRACE(testing::Message() << sweep.name << " " << n);
-            const uint64_t graphicMappings = hostdevice::CountLive().graphicMappings;
-            LogCapture log;
-            sweep.failNth(n);
-            const Outcome outcome = UseEverything(dir);
-            const bool hasFired = !sweep.isPending();
-            sweep.failNth(0);
+TEST(FaultSweep, EveryFailedDeviceCallIsReportedAndNothingIsLost) {
+    Sweep(Fault::kHeapAllocation, 'E', {kNoBuffer + "1, size: "});
+    // The kernel refuses the mapping: passed on as an address that a node has to test for.
+    Sweep(Fault::kMapping, 'I', {"pBuf: 0xffffffffffffffff"}, false);
+    Sweep(Fault::kGraphicBuffer, 'E', {kNoGraphic});
+    Sweep(Fault::kGraphicDescriptor, 'E', {kNoGraphic});
+    Sweep(Fault::kSync, 'I', {Text(", result: %d", -EIO)}, false);
+}
 
-            const hostdevice::LiveResources live = hostdevice::CountLive();
-            EXPECT_EQ(live.heapDescriptors, 0u);
-            EXPECT_EQ(live.heapMappings, 0u);
-            EXPECT_EQ(live.graphicBuffers, 0u);
-            EXPECT_EQ(live.graphicDescriptors, 0u);
-            // The pool never unmaps gralloc memory, and the scenario takes one such buffer.
-            EXPECT_LE(live.graphicMappings, graphicMappings + 1);
-            if (!hasFired) {
-                EXPECT_EQ(outcome, Outcome::kGood);
-                break;
-            }
-            EXPECT_TRUE(!sweep.isSeen || outcome != Outcome::kGood);
-            EXPECT_TRUE(outcome == Outcome::kFileFailed || StandsIn(log.Take(), sweep.level, sweep.lines));
-        }
-        EXPECT_GT(n, 1u) << sweep.name << " is called by no step";
-    }
+TEST(FaultSweep, EveryFailedLibraryCallIsReportedAndNothingIsLost) {
+    Sweep(LibcCall::kMmap, 'E', {kNoBuffer + "1, size: ", kNoGraphic});  // null, where a refused one is not
+    Sweep(LibcCall::kMalloc, 'E', {kNoBuffer + "0, size: "});
+    Sweep(LibcCall::kFopen, 'E', {});
 }
 
 TEST(Faults, FilesThatDoNotFitMemoryKeepTheirLength) {
     TempDir dir;
     zyttest::WriteFile(dir / "file", "12345");
-    zyttest::FailNth(LibcCall::kMalloc, 1);
+    FailNth(LibcCall::kMalloc, 1);
     unsigned int size = 0;
     EXPECT_EQ(ZYTUtil::ReadFileData((dir / "file").c_str(), size), nullptr);
     EXPECT_EQ(size, 5u);
@@ -195,7 +214,7 @@ TEST(Faults, FilesThatDoNotFitMemoryKeepTheirLength) {
 TEST(Faults, ALineWithoutMemoryIsDropped) {
     ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
     log.m_threadPool.DeInit(false);
-    zyttest::FailNth(LibcCall::kMalloc, 1);
+    FailNth(LibcCall::kMalloc, 1);
     log.PushLogToLogPool("dropped", ZYTOfflineLogLevel::E);
     EXPECT_TRUE(log.m_threadPool.m_taskList.empty());
     log.PushLogToLogPool("queued", ZYTOfflineLogLevel::E);
@@ -206,7 +225,7 @@ TEST(Faults, ALineWithoutMemoryIsDropped) {
 TEST(Faults, AWorkerThatCannotStartEndsInit) {
     LogCapture log;
     ZYTThreadPool pool;
-    zyttest::FailNth(LibcCall::kPthreadCreate, 2);
+    FailNth(LibcCall::kPthreadCreate, 2);
     EXPECT_FALSE(pool.Init(3));
     EXPECT_EQ(pool.m_threadIdList.size(), 1u) << "the first keeps running";
     EXPECT_THAT(log.Take(), ElementsAre(HasSubstr("D Create New Thread[0] Success: "),

@@ -2,10 +2,8 @@
 
 #include <BufferAllocator/BufferAllocator.h>
 #include <android/log.h>
-#include <camxsettingsmanager.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <ui/GraphicBuffer.h>
@@ -17,10 +15,10 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
+
+#include "support.h"
 
 namespace {
 
@@ -45,23 +43,8 @@ std::string GetProperty(const char* key, const char* defaultValue) {
     return value;
 }
 
-// A file that leaves nothing behind, to be opened by the path, also by a child process.
-class ScratchFile {
-public:
-    explicit ScratchFile(const std::string& text) : m_fd(memfd_create("scratch", 0)) {
-        EXPECT_EQ(write(m_fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    }
-    ~ScratchFile() { close(m_fd); }
-    std::string Path() const { return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(m_fd); }
-
-private:
-    int m_fd;
-};
-
 class HostDeviceTest : public testing::Test {
 protected:
-    // Children that start afresh see the device before its first use, and may be made while other threads run.
-    HostDeviceTest() { testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
     ~HostDeviceTest() override {
         hostdevice::ClearFaults();
         hostdevice::SetStrideAlignment(64);
@@ -72,33 +55,19 @@ protected:
 };
 
 TEST_F(HostDeviceTest, IntegerPropertiesFollowCPrefixRules) {
-    const struct {
-        const char* value;
-        int32_t expected;
-    } kCases[] = {
-        {"3", 3},
-        {"-2", -2},
-        {"+5", 5},
-        {"  4", 4},
-        {"3abc", 3},
-        {"0x10", 16},
-        {"010", 8},
-        {"2147483647", INT32_MAX},
-        {"-2147483648", INT32_MIN},
-        {"2147483648", 77},
-        {"-2147483649", 77},
-        {"99999999999999999999", 77},
-        {"abc", 77},
-        {"-", 77},
-        {"", 77},
+    const auto read = [](const std::vector<const char*>& values) {
+        std::vector<int32_t> numbers;
+        for (const char* value : values) {
+            hostdevice::SetProperty("test.int", value);
+            errno = 0;
+            numbers.push_back(property_get_int32("test.int", 77));
+            EXPECT_EQ(errno, 0) << value;
+        }
+        return numbers;
     };
-    for (const auto& c : kCases) {
-        SCOPED_TRACE(c.value);
-        hostdevice::SetProperty("test.int", c.value);
-        errno = 0;
-        EXPECT_EQ(property_get_int32("test.int", 77), c.expected);
-        EXPECT_EQ(errno, 0);
-    }
+    EXPECT_EQ(read({"3", "-2", "+5", "  4", "3abc", "0x10", "010", "2147483647", "-2147483648"}),
+              (std::vector<int32_t>{3, -2, 5, 4, 3, 16, 8, INT32_MAX, INT32_MIN}));
+    EXPECT_EQ(read({"2147483648", "-2147483649", "99999999999999999999", "abc", "-", ""}), std::vector<int32_t>(6, 77));
     EXPECT_EQ(property_get_int32("test.unset", -1), -1);
     EXPECT_EQ(property_get_int32(nullptr, 8), 8);
 }
@@ -125,9 +94,11 @@ TEST_F(HostDeviceTest, PropertyValuesAreCutAndDefaulted) {
 }
 
 TEST_F(HostDeviceTest, PropertyFileIsReadBeforeTheFirstProperty) {
-    const ScratchFile file(
+    const zyttest::TempDir dir;
+    zyttest::WriteFile(
+        dir / "prop",
         "# comment = 1\n\n  test.spaced \t=  a = b \r\ntest.kept=file\nnonsense\ntest.overridden=1\ntest.last=end");
-    setenv("HOSTDEVICE_PROPERTIES", file.Path().c_str(), 1);
+    setenv("HOSTDEVICE_PROPERTIES", (dir / "prop").c_str(), 1);
     const auto check = [] {
         hostdevice::SetProperty("test.overridden", "2");
         const bool isRight = GetProperty("test.spaced", "") == "a = b" && GetProperty("test.kept", "") == "file" &&
@@ -144,33 +115,24 @@ TEST_F(HostDeviceTest, PropertyFileIsReadBeforeTheFirstProperty) {
     unsetenv("HOSTDEVICE_PROPERTIES");
 }
 
-// What is written to stderr while it lives, one string a write call.
-class StderrWrites {
-public:
-    StderrWrites() : m_saved(dup(STDERR_FILENO)) {
-        EXPECT_EQ(pipe2(m_pipe, O_DIRECT | O_CLOEXEC), 0);  // packet mode keeps the writes apart
-        dup2(m_pipe[1], STDERR_FILENO);
-        close(m_pipe[1]);
+// What is written to stderr meanwhile, one string a write call.
+std::vector<std::string> StderrWrites(const std::function<void()>& body) {
+    const int saved = dup(STDERR_FILENO);
+    int ends[2];
+    EXPECT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);  // packet mode keeps the writes apart
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
+    body();
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    std::vector<std::string> writes;
+    char packet[4096];
+    for (ssize_t size; (size = read(ends[0], packet, sizeof packet)) > 0;) {
+        writes.emplace_back(packet, static_cast<size_t>(size));
     }
-    ~StderrWrites() {
-        if (m_saved >= 0) Take();
-    }
-    std::vector<std::string> Take() {
-        dup2(m_saved, STDERR_FILENO);
-        close(std::exchange(m_saved, -1));
-        std::vector<std::string> writes;
-        char packet[4096];
-        for (ssize_t size; (size = read(m_pipe[0], packet, sizeof packet)) > 0;) {
-            writes.emplace_back(packet, static_cast<size_t>(size));
-        }
-        close(m_pipe[0]);
-        return writes;
-    }
-
-private:
-    int m_saved;
-    int m_pipe[2];
-};
+    close(ends[0]);
+    return writes;
+}
 
 std::string WithoutStamp(const std::string& line) {
     tm time{};
@@ -181,49 +143,45 @@ std::string WithoutStamp(const std::string& line) {
 
 TEST_F(HostDeviceTest, LogLinesLookLikeThreadtime) {
     long tid = 0;
-    StderrWrites stderrWrites;
-    std::thread([&tid] {
-        tid = syscall(SYS_gettid);
-        __android_log_write(ANDROID_LOG_VERBOSE, "ZYT", "short tag");
-        __android_log_write(ANDROID_LOG_ERROR, "LongerThanEight", "two\nlines\n");
-    }).join();
-    const std::vector<std::string> writes = stderrWrites.Take();
+    const std::vector<std::string> writes = StderrWrites([&tid] {
+        std::thread([&tid] {
+            tid = syscall(SYS_gettid);
+            __android_log_write(ANDROID_LOG_VERBOSE, "ZYT", "short tag");
+            __android_log_write(ANDROID_LOG_ERROR, "LongerThanEight", "two\nlines\n");
+        }).join();
+    });
     ASSERT_EQ(writes.size(), 2u);
 
-    char ids[32];
-    snprintf(ids, sizeof ids, " %5d %5ld ", getpid(), tid);
-    const std::string error = std::string(ids) + "E LongerThanEight: ";
+    const std::string ids = zyttest::Text(" %5d %5ld ", getpid(), tid);
+    const std::string error = ids + "E LongerThanEight: ";
     const size_t secondLine = writes[1].find('\n') + 1;
-    EXPECT_EQ(WithoutStamp(writes[0]), std::string(ids) + "V ZYT     : short tag\n");
+    EXPECT_EQ(WithoutStamp(writes[0]), ids + "V ZYT     : short tag\n");
     EXPECT_EQ(WithoutStamp(writes[1].substr(0, secondLine)), error + "two\n");
     EXPECT_EQ(WithoutStamp(writes[1].substr(secondLine)), error + "lines\n");
 }
 
 TEST_F(HostDeviceTest, LogSinkTakesOneMessageAtATime) {
-    constexpr int kThreads = 4;
-    constexpr int kMessages = 500;
     int calls = 0;
     int overlaps = 0;
     std::atomic<bool> isInside{false};
-    StderrWrites stderrWrites;
     hostdevice::SetLogSink([&](int priority, const char* tag, const char* text) {
         if (isInside.exchange(true)) ++overlaps;
         std::this_thread::yield();
         if (priority == ANDROID_LOG_INFO && std::strcmp(tag, "tag") == 0 && std::strcmp(text, "text") == 0) ++calls;
         isInside = false;
     });
+    const auto log = [] { __android_log_write(ANDROID_LOG_INFO, "tag", "text"); };
     std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([] {
-            for (int message = 0; message < kMessages; ++message) __android_log_write(ANDROID_LOG_INFO, "tag", "text");
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&log] {
+            for (int message = 0; message < 500; ++message) log();
         });
     }
     for (std::thread& thread : threads) thread.join();
     hostdevice::SetLogSink({});
-    __android_log_write(ANDROID_LOG_INFO, "tag", "text");
-    EXPECT_EQ(calls, kThreads * kMessages);
+    EXPECT_EQ(StderrWrites(log).size(), 1u);
+    EXPECT_EQ(calls, 4 * 500);
     EXPECT_EQ(overlaps, 0);
-    EXPECT_EQ(stderrWrites.Take().size(), 1u);
 }
 
 TEST_F(HostDeviceTest, DeviceServesLateDestructorsAtExit) {
@@ -283,21 +241,17 @@ TEST_F(HostDeviceTest, SyncAcceptsTheDevicesMemoryOnly) {
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     const int closed = dup(null);
     close(closed);
-    const struct {
-        int fd;
-        int expected;
-    } kCases[] = {
-        {heap, 0}, {buffer->handle->data[0], 0}, {foreign, -ENOTTY}, {null, -ENOTTY}, {closed, -EBADF}, {-3, -EINVAL},
-    };
-    for (const auto& c : kCases) {
-        SCOPED_TRACE(c.fd);
+    const std::pair<int, int> kCases[] = {
+        {heap, 0}, {buffer->handle->data[0], 0}, {foreign, -ENOTTY}, {null, -ENOTTY}, {closed, -EBADF}, {-3, -EINVAL}};
+    for (const auto& [fd, expected] : kCases) {
+        SCOPED_TRACE(fd);
         const uint64_t before = hostdevice::SyncCount();
-        EXPECT_EQ(m_allocator.CpuSyncStart(static_cast<unsigned>(c.fd), kSyncWrite), c.expected);
+        EXPECT_EQ(m_allocator.CpuSyncStart(static_cast<unsigned>(fd), kSyncWrite), expected);
         hostdevice::SyncCall last = hostdevice::LastSync();
-        EXPECT_TRUE(last.fd == c.fd && last.direction == 2 && last.isStart && last.result == c.expected);
-        EXPECT_EQ(m_allocator.CpuSyncEnd(static_cast<unsigned>(c.fd)), c.expected);
+        EXPECT_TRUE(last.fd == fd && last.direction == 2 && last.isStart && last.result == expected);
+        EXPECT_EQ(m_allocator.CpuSyncEnd(static_cast<unsigned>(fd)), expected);
         last = hostdevice::LastSync();
-        EXPECT_TRUE(last.fd == c.fd && last.direction == 1 && !last.isStart && last.result == c.expected);
+        EXPECT_TRUE(last.fd == fd && last.direction == 1 && !last.isStart && last.result == expected);
         EXPECT_EQ(hostdevice::SyncCount(), before + 2);
     }
     for (const int fd : {heap, foreign, null}) close(fd);
@@ -307,6 +261,7 @@ TEST_F(HostDeviceTest, GraphicRowsArePaddedAndMemoryHoldsTwoBytesAPixel) {
     const struct {
         uint32_t alignment, width, stride;
     } kCases[] = {{64, 1, 64}, {64, 64, 64}, {64, 65, 128}, {1024, 1000, 1024}, {48, 100, 144}, {0, 1001, 1001}};
+    EXPECT_EQ(MakeGraphicBuffer(65, 1)->getStride(), 128u);
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.width);
         hostdevice::SetStrideAlignment(c.alignment);
@@ -322,7 +277,7 @@ TEST_F(HostDeviceTest, GraphicRowsArePaddedAndMemoryHoldsTwoBytesAPixel) {
         EXPECT_EQ(native->usage, kUsage);
         EXPECT_EQ(native->handle, buffer->handle);
     }
-    for (const auto& [width, height] : {std::pair(UINT32_MAX, 1u), std::pair(1u, UINT32_MAX), {1u << 30, 1u << 30}}) {
+    for (const auto& [width, height] : {std::pair(UINT32_MAX, 1u), {1u, UINT32_MAX}, {1u << 30, 1u << 30}}) {
         const sp<GraphicBuffer> tooLarge = MakeGraphicBuffer(width, height);
         EXPECT_EQ(tooLarge->initCheck(), -ENOMEM);
         EXPECT_EQ(tooLarge->handle, nullptr);
@@ -330,146 +285,53 @@ TEST_F(HostDeviceTest, GraphicRowsArePaddedAndMemoryHoldsTwoBytesAPixel) {
     }
 }
 
-class Counted : public android::RefBase {
-public:
-    explicit Counted(std::atomic<int>& alive) : m_alive(alive) { ++m_alive; }
-
-protected:
-    ~Counted() override { --m_alive; }
-
-private:
-    std::atomic<int>& m_alive;
-};
-
 TEST_F(HostDeviceTest, StrongPointersDeleteWithTheLastReference) {
-    std::atomic<int> alive{0};
-    sp<Counted> pointer = new Counted(alive);
+    const auto alive = [] { return hostdevice::CountLive().graphicBuffers; };
+    sp<GraphicBuffer> pointer = MakeGraphicBuffer(1, 1);
     sp<android::RefBase> base = pointer;
     EXPECT_TRUE(base == pointer);
-    sp<Counted> moved = std::move(pointer);
+    sp<GraphicBuffer> moved = std::move(pointer);
     EXPECT_TRUE(pointer == nullptr);  // NOLINT(bugprone-use-after-move): an empty pointer is what a move leaves
     base = nullptr;
-    EXPECT_EQ(alive, 1);
-    sp<Counted>& alias = moved;
+    EXPECT_EQ(alive(), 1u);
+    sp<GraphicBuffer>& alias = moved;
     moved = alias;
-    EXPECT_EQ(alive, 1);
-    moved = new Counted(alive);
-    EXPECT_EQ(alive, 1);
+    EXPECT_EQ(alive(), 1u);
+    moved = MakeGraphicBuffer(2, 2);
+    EXPECT_EQ(alive(), 1u);
 
-    constexpr int kThreads = 4;
-    std::atomic<int> arrived{0};
     std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([copy = moved, &arrived] {
-            for (++arrived; arrived < kThreads;) std::this_thread::yield();
-            for (int round = 0; round < 300000; ++round) sp<Counted> another = copy;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([copy = moved] {
+            for (int round = 0; round < 300000; ++round) sp<GraphicBuffer> another = copy;
         });
     }
     moved.clear();
     for (std::thread& thread : threads) thread.join();
     threads.clear();
-    EXPECT_EQ(alive, 0);
+    EXPECT_EQ(alive(), 0u);
 }
 
+// What each fault does is seen where the library meets it.
 TEST_F(HostDeviceTest, FaultsFireOnceAtTheNthCall) {
-    const int standardInput = fcntl(STDIN_FILENO, F_GETFD);
     const int target = m_allocator.AllocSystem(true, 1);
-    const auto isHeapFailing = [this] {
-        const int fd = m_allocator.AllocSystem(true, 1);
-        if (fd >= 0) close(fd);
-        return fd == -ENOMEM;
-    };
-    const auto isMappingFailing = [](int fd) {
-        void* const mapping = MapShared(fd, 1);
-        if (mapping != MAP_FAILED) munmap(mapping, 1);
-        return mapping == MAP_FAILED;
-    };
-    const struct {
-        Fault fault;
-        std::function<bool()> isFailing;
-    } kCases[] = {
-        {Fault::kHeapAllocation, isHeapFailing},
-        {Fault::kGraphicBuffer,
-         [] {
-             const sp<GraphicBuffer> buffer = MakeGraphicBuffer(8, 8);
-             return buffer->initCheck() == -ENOMEM && buffer->handle == nullptr && buffer->getStride() == 0;
-         }},
-        {Fault::kGraphicDescriptor,
-         [] {
-             const sp<GraphicBuffer> buffer = MakeGraphicBuffer(8, 8);
-             return buffer->initCheck() == 0 && buffer->handle->data[0] == 0 && buffer->getStride() == 64;
-         }},
-        {Fault::kMapping,
-         [&] {
-             const int fd = m_allocator.AllocSystem(true, 1);
-             const bool isFailing = isMappingFailing(fd);
-             close(fd);
-             return isFailing;
-         }},
-        {Fault::kMapping, [&] { return isMappingFailing(MakeGraphicBuffer(8, 8)->handle->data[0]); }},
-        {Fault::kSync, [&] { return m_allocator.CpuSyncStart(static_cast<unsigned>(target)) == -EIO; }},
-        {Fault::kSync, [&] { return m_allocator.CpuSyncEnd(static_cast<unsigned>(target)) == -EIO; }},
-    };
-    for (const auto& c : kCases) {
-        SCOPED_TRACE(static_cast<int>(c.fault));
-        hostdevice::FailNth(c.fault, 3);
-        std::string outcome;
-        for (int call = 0; call < 6; ++call) {
-            EXPECT_EQ(hostdevice::FaultPending(c.fault), call < 3);
-            outcome += c.isFailing() ? 'F' : '.';
-        }
-        EXPECT_EQ(outcome, "..F...");
-        hostdevice::FailNth(c.fault, 1);
-        hostdevice::FailNth(c.fault, 0);
-        EXPECT_FALSE(c.isFailing());
-        hostdevice::FailNth(c.fault, 1);
-        hostdevice::ClearFaults();
-        EXPECT_FALSE(c.isFailing());
+    const auto sync = [&] { return m_allocator.CpuSyncStart(static_cast<unsigned>(target)) == -EIO; };
+    hostdevice::FailNth(Fault::kSync, 3);
+    for (int call = 0; call < 6; ++call) {
+        EXPECT_EQ(hostdevice::FaultPending(Fault::kSync), call < 3);
+        EXPECT_EQ(sync(), call == 2);
     }
-    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standardInput) << "a buffer with descriptor 0 closed it";
+    for (void (*disarm)() : {+[] { hostdevice::FailNth(Fault::kSync, 0); }, +[] { hostdevice::ClearFaults(); }}) {
+        hostdevice::FailNth(Fault::kSync, 1);
+        disarm();
+        EXPECT_FALSE(sync());
+    }
     close(target);
-}
 
-TEST_F(HostDeviceTest, LiveCountersTellHeapFromGraphicMemory) {
-    const hostdevice::LiveResources start = hostdevice::CountLive();
-    const auto expectMore = [&start](uint64_t heapDescriptors, uint64_t heapMappings, uint64_t graphicBuffers,
-                                     uint64_t graphicDescriptors, uint64_t graphicMappings) {
-        const hostdevice::LiveResources now = hostdevice::CountLive();
-        EXPECT_EQ(now.heapDescriptors - start.heapDescriptors, heapDescriptors);
-        EXPECT_EQ(now.heapMappings - start.heapMappings, heapMappings);
-        EXPECT_EQ(now.graphicBuffers - start.graphicBuffers, graphicBuffers);
-        EXPECT_EQ(now.graphicDescriptors - start.graphicDescriptors, graphicDescriptors);
-        EXPECT_EQ(now.graphicMappings - start.graphicMappings, graphicMappings);
-    };
-    const int heap = m_allocator.AllocSystem(true, 1);
-    void* const heapMapping = MapShared(heap, 1);
-    expectMore(1, 1, 0, 0, 0);
-    const int duplicate = dup(heap);
-    close(heap);
-    close(duplicate);
-    expectMore(0, 1, 0, 0, 0);
-
-    sp<GraphicBuffer> buffer = MakeGraphicBuffer(8, 8);
-    void* const graphicMapping = MapShared(buffer->handle->data[0], 512);
-    hostdevice::FailNth(Fault::kGraphicBuffer, 1);
-    sp<GraphicBuffer> failed = MakeGraphicBuffer(8, 8);
-    expectMore(0, 1, 2, 1, 1);
-    buffer.clear();
-    failed.clear();
-    expectMore(0, 1, 0, 0, 1);
-    munmap(heapMapping, 1);
-    munmap(graphicMapping, 512);
-    expectMore(0, 0, 0, 0, 0);
-}
-
-TEST_F(HostDeviceTest, OfflineLogSwitchIsTheSixteenthByteOfTheSettings) {
-    const auto* const settings =
-        reinterpret_cast<const unsigned char*>(CamX::SettingsManager::GetInstance(nullptr)->GetStaticSettings());
-    EXPECT_EQ(settings[15], 0);
-    hostdevice::SetOfflineLogSwitch(true);
-    EXPECT_EQ(settings[15], 1);
-    hostdevice::SetOfflineLogSwitch(false);
-    EXPECT_EQ(settings[15], 0);
+    const int standardInput = fcntl(STDIN_FILENO, F_GETFD);
+    hostdevice::FailNth(Fault::kGraphicDescriptor, 1);
+    EXPECT_EQ(MakeGraphicBuffer(8, 8)->initCheck(), 0);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standardInput) << "a buffer with descriptor 0 closed it";
 }
 
 }  // namespace

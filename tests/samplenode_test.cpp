@@ -7,9 +7,7 @@
 
 using testing::HasSubstr;
 using testing::Not;
-using zyttest::ChildResult;
 using zyttest::ReadFile;
-using zyttest::RunCommand;
 using zyttest::TempDir;
 using zyttest::WriteFile;
 
@@ -17,18 +15,8 @@ namespace {
 
 class SampleNode : public testing::Test {
 protected:
-    ChildResult Run(std::vector<std::string> arguments) {
-        const auto tests = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-        arguments.insert(arguments.begin(), (tests.parent_path() / "examples/samplenode").string());
-        return RunCommand(arguments, {{"HOSTDEVICE_PROPERTIES", m_dir / "device.prop"}});
-    }
-
-    void ExpectRefusal(const std::vector<std::string>& arguments, const std::string& reason) {
-        const ChildResult result = Run(arguments);
-        EXPECT_EQ(result.exitCode, 2);
-        const std::string line = result.output.substr(result.output.rfind("samplenode: "));
-        EXPECT_THAT(line, HasSubstr(reason));
-        EXPECT_EQ(line.find('\n'), line.size() - 1) << "in one line";
+    static void ExpectRefusal(const std::string& arguments, const std::string& reason) {
+        zyttest::ExpectRefusal("examples/samplenode " + arguments, reason);
     }
 
     void SetUp() override {
@@ -49,8 +37,10 @@ TEST_F(SampleNode, DumpsTheFrameAsItCameAndThenItsFaces) {
     std::filesystem::create_directory(m_dir / "tuning");
     WriteFile(m_dir / "tuning/samplenode_131.tuning", "thickness=1\n");
     WriteFile(m_dir / "tuning/samplenode_default.tuning", "thickness=9\n");
-    const ChildResult result = Run({m_dir / "frame", "100x60", "--out", m_dir.Path(), "--name", "node", "--faces",
-                                    m_dir / "faces", "--tuning", m_dir / "tuning"});
+    const zyttest::ChildResult result =
+        zyttest::RunBuilt("examples/samplenode " + (m_dir / "frame 100x60 --out ") + m_dir.Path() +
+                              " --name node --faces " + (m_dir / "faces --tuning ") + (m_dir / "tuning"),
+                          {"HOSTDEVICE_PROPERTIES=" + (m_dir / "device.prop")});
     ASSERT_EQ(result.exitCode, 0) << result.output;
     for (const char* number : {"1", "2"}) {
         EXPECT_EQ(ReadFile(m_dir / "node-frame" + number + "_100x60_YUV420NV12.raw"), m_frame);
@@ -68,17 +58,18 @@ TEST_F(SampleNode, DumpsTheFrameAsItCameAndThenItsFaces) {
 
 TEST_F(SampleNode, SaysWhatIsWrongInOneLine) {
     const std::string frame = m_dir / "frame";
-    ExpectRefusal({m_dir / "missing", "100x60"}, "cannot find ");
-    ExpectRefusal({m_dir.Path(), "100x60"}, "no regular file");
-    ExpectRefusal({frame, "100x61"}, "is too short: 9000 bytes, a frame has 9100");
-    for (const char* size : {"0x60", "100x0", "100", "100x60x3", "-1x5", "99999x1"})
-        ExpectRefusal({frame, size}, "is no size");
-    ExpectRefusal({frame, "100x60", "--format", "YUV_P010"}, "unknown format 'YUV_P010'");
-    ExpectRefusal({frame, "100x60", "--out", m_dir / "missing"}, "cannot write ");
-    ExpectRefusal({frame, "100x60", "--tuning", m_dir / "missing"}, "cannot list ");
-    ExpectRefusal({frame, "100x60", "--faces", frame}, "is neither a crop nor a face");
-    ExpectRefusal({frame, "100x60", "--fast", "yes"}, "unknown option --fast");
-    ExpectRefusal({frame}, "wants a file and a size");
+    ExpectRefusal(m_dir / "missing 100x60", "cannot find ");
+    ExpectRefusal(m_dir.Path() + " 100x60", "no regular file");
+    ExpectRefusal(frame + " 100x61", "is too short: 9000 bytes, a frame has 9100");
+    for (const char* size : {" 0x60", " 100x0", " 100", " 100x60x3", " -1x5", " 99999x1"}) {
+        ExpectRefusal(frame + size, "is no size");
+    }
+    ExpectRefusal(frame + " 100x60 --format YUV_P010", "unknown format 'YUV_P010'");
+    ExpectRefusal(frame + " 100x60 --out " + (m_dir / "missing"), "cannot write ");
+    ExpectRefusal(frame + " 100x60 --tuning " + (m_dir / "missing"), "cannot list ");
+    ExpectRefusal(frame + " 100x60 --faces " + frame, "is neither a crop nor a face");
+    ExpectRefusal(frame + " 100x60 --fast yes", "unknown option --fast");
+    ExpectRefusal(frame, "wants a file and a size");
     std::filesystem::create_symlink("/dev/full", m_dir / "full-frame1_100x60_YUV420NV12.raw");
-    ExpectRefusal({frame, "100x60", "--out", m_dir.Path(), "--name", "full"}, "cannot write all of ");
+    ExpectRefusal(frame + " 100x60 --name full --out " + m_dir.Path(), "cannot write all of ");
 }

@@ -2,12 +2,11 @@
 
 #include <fcntl.h>
 #include <hostdevice/hostdevice.h>
-#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
+#include <chrono>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +14,7 @@
 #include <fstream>
 #include <iterator>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include "logging/zytlogsite.h"
@@ -23,8 +23,6 @@ extern char** environ;
 
 namespace zyttest {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 std::map<std::string, int (*)()>& Children() {
     static std::map<std::string, int (*)()> children;
@@ -36,17 +34,36 @@ char PriorityLetter(int priority) { return priority >= 2 && priority <= 6 ? "VDI
 // Other threads may be logging.
 void SetLevel(int level) { __atomic_store_n(&ZYTLogUtil::m_level, level, __ATOMIC_RELAXED); }
 
-std::string Self() { return std::filesystem::read_symlink("/proc/self/exe").string(); }
+std::filesystem::path Self() { return std::filesystem::read_symlink("/proc/self/exe"); }
+
+__attribute__((format(printf, 1, 0))) std::string Print(const char* format, va_list args) {
+    char text[4096];
+    std::vsnprintf(text, sizeof(text), format, args);
+    return text;
+}
+
+std::vector<char*> Pointers(const std::vector<std::string>& words) {
+    std::vector<char*> pointers;
+    for (const std::string& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
+    return pointers;
+}
 
 }  // namespace
 
 std::string Text(const char* format, ...) {
-    char text[4096];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(text, sizeof(text), format, args);
+    const std::string text = Print(format, args);
     va_end(args);
     return text;
+}
+
+std::string LinesOf::operator()(char level, const char* format, ...) const {
+    va_list args;
+    va_start(args, format);
+    const std::string text = Print(format, args);
+    va_end(args);
+    return std::string(1, level) + " " + source + " " + function + "() " + text;
 }
 
 LogCapture::LogCapture() : m_savedLevel(ZYTLogUtil::m_level) {
@@ -82,6 +99,10 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(m_path, ignored);
 }
 
+ZYTImageBuffer Image(int format, uint32_t width, uint32_t height, uint32_t planeStride, uint32_t sliceHeight) {
+    return {static_cast<ZYTFormat>(format), width, height, planeStride, sliceHeight, 0, {}, {}, nullptr};
+}
+
 std::string ReadFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
@@ -92,78 +113,60 @@ void WriteFile(const std::string& path, const std::string& content) {
 }
 
 bool WaitUntil(const std::function<bool()>& condition) {
-    const auto end = Clock::now() + std::chrono::seconds(60);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!condition()) {
-        if (Clock::now() > end) return false;
+        if (std::chrono::steady_clock::now() > end) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
 }
 
-ChildResult RunCommand(const std::vector<std::string>& command, const std::map<std::string, std::string>& env,
-                       std::chrono::seconds timeOut) {
-    std::vector<std::string> settings;
-    for (char** e = environ; *e != nullptr; ++e) {
-        const std::string setting = *e;
-        if (env.count(setting.substr(0, setting.find('='))) == 0) settings.push_back(setting);
-    }
-    for (const auto& [key, value] : env) settings.push_back(key + "=" + value);
-    std::vector<char*> envp;
-    for (std::string& setting : settings) envp.push_back(setting.data());
-    envp.push_back(nullptr);
-    std::vector<std::string> words = command;
-    std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
+ChildResult RunCommand(const std::string& command, const std::vector<std::string>& settings) {
+    std::istringstream stream(command);
+    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+    std::vector<char*> argv = Pointers(words);
     argv.push_back(nullptr);
+    // Of two settings of one name the first counts.
+    std::vector<char*> envp = Pointers(settings);
+    for (char** setting = environ; *setting != nullptr; ++setting) envp.push_back(*setting);
+    envp.push_back(nullptr);
 
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) std::abort();
+    const TempDir dir;
+    const std::string output = dir / "output";
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
     pid_t pid = 0;
-    ChildResult result;
     const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
-    close(ends[1]);
-    if (error != 0) {
-        close(ends[0]);
-        result.output = std::strerror(error);
-        return result;
-    }
-    const auto end = Clock::now() + timeOut;
-    pollfd readable{ends[0], POLLIN, 0};
-    char chunk[4096];
-    while (true) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (left <= 0 || poll(&readable, 1, static_cast<int>(left)) == 0) {
-            result.timedOut = true;
-            kill(pid, SIGKILL);
-            break;
-        }
-        const ssize_t count = read(ends[0], chunk, sizeof(chunk));
-        if (count <= 0) break;
-        result.output.append(chunk, static_cast<size_t>(count));
-    }
-    close(ends[0]);
+    if (error != 0) return {-1, 0, std::strerror(error)};
     int status = 0;
     waitpid(pid, &status, 0);
-    if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
-    return result;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, WIFSIGNALED(status) ? WTERMSIG(status) : 0, ReadFile(output)};
 }
 
-ChildResult RunChild(const std::string& name, const std::map<std::string, std::string>& env) {
-    return RunCommand({Self(), "--child", name}, env);
+ChildResult RunBuilt(const std::string& command, const std::vector<std::string>& settings) {
+    return RunCommand((Self().parent_path().parent_path() / command).string(), settings);
 }
 
-ChildResult RunChildWithProperties(const std::string& name, const std::map<std::string, std::string>& properties) {
-    TempDir dir;
+std::string ExpectRefusal(const std::string& command, const std::string& reason) {
+    const ChildResult result = RunBuilt(command);
+    EXPECT_EQ(result.exitCode, 2) << result.output;
+    const size_t end = result.output.rfind('\n', result.output.size() - 2);
+    const std::string line = result.output.substr(end + 1);  // all of it where there is no other line
+    EXPECT_NE(line.find(reason), std::string::npos) << line;
+    EXPECT_NE(line.find(std::filesystem::path(command.substr(0, command.find(' '))).filename().string() + ": "),
+              std::string::npos);
+    return result.output;
+}
+
+ChildResult RunChild(const std::string& name, const std::map<std::string, std::string>& properties) {
+    const TempDir dir;
     std::string file;
     for (const auto& [key, value] : properties) file.append(key).append("=").append(value).append("\n");
     WriteFile(dir / "build.prop", file);
-    return RunChild(name, {{"HOSTDEVICE_PROPERTIES", dir / "build.prop"}});
+    return RunCommand(Self().string() + " --child " + name, {"HOSTDEVICE_PROPERTIES=" + (dir / "build.prop")});
 }
 
 bool RegisterChild(const char* name, int (*body)()) { return Children().emplace(name, body).second; }
@@ -172,6 +175,7 @@ bool RegisterChild(const char* name, int (*body)()) { return Children().emplace(
 
 int main(int argc, char** argv) {
     if (argc == 3 && std::strcmp(argv[1], "--child") == 0) {
+        alarm(120);
         const auto child = zyttest::Children().find(argv[2]);
         return child != zyttest::Children().end() ? child->second() : 99;
     }

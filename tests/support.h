@@ -3,17 +3,29 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <csignal>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "zytbuffermanager/zytimagebuffer.h"
+
+/// The statement ends the process with abort(), whatever is caught around it.
+#define EXPECT_ABORT(...) EXPECT_EXIT(__VA_ARGS__, testing::KilledBySignal(SIGABRT), "")
+
 namespace zyttest {
 
 /// printf into a string, for expected log lines.
 __attribute__((format(printf, 1, 2))) std::string Text(const char* format, ...);
+
+/// Expected log lines of one function.
+struct LinesOf {
+    const char* source;  // what stands before the function's name
+    const char* function;
+    __attribute__((format(printf, 3, 4))) std::string operator()(char level, const char* format, ...) const;
+};
 
 /// While it lives, all levels are on and every platform log line lands here, as "L text" with L the priority's letter.
 /// Source lines are cut out ("file.cpp:12 f()" becomes "file.cpp f()"), so that tests survive edits.
@@ -46,26 +58,31 @@ private:
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);
 
+/// An image without memory.
+ZYTImageBuffer Image(int format, uint32_t width, uint32_t height, uint32_t planeStride, uint32_t sliceHeight);
+
 /// Polls until the condition holds; false after a generous time, which only a hang exceeds.
 bool WaitUntil(const std::function<bool()>& condition);
 
 struct ChildResult {
-    int exitCode = -1;  // -1 when a signal or the time-out ended it
+    int exitCode = -1;  // -1 when a signal ended it
     int signal = 0;
-    bool timedOut = false;
     std::string output;  // stdout and stderr
 };
 
-/// Runs a command, without a shell, with additions to this process's environment.
-ChildResult RunCommand(const std::vector<std::string>& command, const std::map<std::string, std::string>& env = {},
-                       std::chrono::seconds timeOut = std::chrono::seconds(120));
+/// Runs a command, words with blanks between, without a shell. Settings ("NAME=value") come before this process's
+/// environment.
+ChildResult RunCommand(const std::string& command, const std::vector<std::string>& settings = {});
+
+/// The same for a program of the build tree, given by its path there.
+ChildResult RunBuilt(const std::string& command, const std::vector<std::string>& settings = {});
+
+/// That such a program ends with status 2, and that its last line has its name and the reason. Returns all it said.
+std::string ExpectRefusal(const std::string& command, const std::string& reason);
 
 /// Runs a body declared with ZYT_CHILD in a fresh process of this executable: load, static initialisers, and exit are
-/// those of a new process.
-ChildResult RunChild(const std::string& name, const std::map<std::string, std::string>& env = {});
-
-/// The same with these system properties set before the library is loaded.
-ChildResult RunChildWithProperties(const std::string& name, const std::map<std::string, std::string>& properties);
+/// those of a new process, with these system properties and no others. SIGALRM ends one that hangs.
+ChildResult RunChild(const std::string& name, const std::map<std::string, std::string>& properties = {});
 
 bool RegisterChild(const char* name, int (*body)());
 

@@ -4,7 +4,6 @@
 #include <hostdevice/hostdevice.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstring>
 #include <optional>
 
@@ -17,26 +16,23 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using zyttest::Image;
 using zyttest::LogCapture;
 using zyttest::Text;
 
 namespace {
 
-std::string Line(char level, const std::string& rest) {
-    return std::string(1, level) + " [NodeA] zytbuffermanager.cpp " + rest;
-}
-
-ZYTImageBuffer Image(ZYTFormat format, uint32_t width, uint32_t height, uint32_t stride, uint32_t slice) {
-    ZYTImageBuffer image{};
-    image.format = format;
-    image.width = width;
-    image.height = height;
-    image.planeStride = stride;
-    image.sliceHeight = slice;
-    return image;
-}
+constexpr const char* kSource = "[NodeA] zytbuffermanager.cpp";
+constexpr zyttest::LinesOf InAlloc = {kSource, "AllocBuffer"};
+constexpr zyttest::LinesOf InFree = {kSource, "FreeBuffer"};
+constexpr zyttest::LinesOf InSize = {kSource, "GetImgBufferSize"};
+constexpr zyttest::LinesOf InStart = {kSource, "StartCPUSync"};
+constexpr zyttest::LinesOf InEnd = {kSource, "EndCPUSync"};
+constexpr zyttest::LinesOf InDestructor = {kSource, "~ZYTBufferManager"};
 
 ZYTImageBuffer Nv12() { return Image(ZYT_FORMAT_YUV420NV12, 1920, 1080, 1920, 1088); }
+
+bool AreSame(const ZYTImageBuffer& a, const ZYTImageBuffer& b) { return std::memcmp(&a, &b, sizeof(a)) == 0; }
 
 class Manager : public testing::Test {
 protected:
@@ -71,21 +67,20 @@ ZYT_CHILD(StaticManagerAtExit) {
 TEST_F(Manager, TakesAndFreesBuffersBySize) {
     EXPECT_TRUE(m_manager->AllocBuffer(4096, &m_pBuf, m_fd, ZYT_BUFFER_TYPE_DMABUF));
     EXPECT_GT(m_fd, 0);
-    EXPECT_THAT(Take(),
-                ElementsAre(Line('I', Text("AllocBuffer() Alloc buffer success, get buffer from pool: %p", m_pBuf))));
+    EXPECT_THAT(Take(), ElementsAre(InAlloc('I', "Alloc buffer success, get buffer from pool: %p", m_pBuf)));
     ZYTBufferManager other("NodeB");
     m_log.Take();
     EXPECT_FALSE(other.FreeBuffer(m_pBuf));
-    EXPECT_THAT(
-        m_log.Take(),
-        ElementsAre(Text("W [NodeB] zytbuffermanager.cpp FreeBuffer() Free buffer failed, this buffer not alloced "
-                         "by this buffer manager, pBuf: %p, buffer manager name: NodeB",
-                         m_pBuf)));
+    EXPECT_THAT(m_log.Take(),
+                ElementsAre(Text("W [NodeB] zytbuffermanager.cpp FreeBuffer() Free buffer failed, this buffer not "
+                                 "alloced by this buffer manager, pBuf: %p, buffer manager name: NodeB",
+                                 m_pBuf)));
     EXPECT_TRUE(m_manager->FreeBuffer(m_pBuf));
-    EXPECT_THAT(Take(), ElementsAre(Line('D', Text("FreeBuffer() Free buffer: %p", m_pBuf))));
+    EXPECT_THAT(Take(), ElementsAre(InFree('D', "Free buffer: %p", m_pBuf)));
+    EXPECT_TRUE(ZYTBufferPool::m_busyBufferList.empty()) << "it is back in the pool";
     EXPECT_FALSE(m_manager->FreeBuffer(m_pBuf));
     EXPECT_FALSE(m_manager->FreeBuffer(nullptr));
-    EXPECT_EQ(Take().back(), Line('W', "FreeBuffer() Free buffer is NULL!"));
+    EXPECT_EQ(Take().back(), InFree('W', "Free buffer is NULL!"));
 }
 
 TEST_F(Manager, SaysWhyNoBufferCameOfIt) {
@@ -94,10 +89,10 @@ TEST_F(Manager, SaysWhyNoBufferCameOfIt) {
     EXPECT_FALSE(m_manager->AllocBuffer(16, nullptr, m_fd, ZYT_BUFFER_TYPE_MALLOC));
     EXPECT_EQ(m_pBuf, &m_fd);
     EXPECT_EQ(m_fd, 77);
-    const std::string invalid = Line('D', "AllocBuffer() Alloc buffer invaild args");
+    const std::string invalid = InAlloc('D', "Alloc buffer invaild args");
     EXPECT_THAT(Take(), ElementsAre(invalid, invalid));
 
-    const std::string failed = Line('E', "AllocBuffer() Alloc buffer failed, get buffer from pool is NULL!");
+    const std::string failed = InAlloc('E', "Alloc buffer failed, get buffer from pool is NULL!");
     for (const int type : {2, 3, -1}) {
         m_pBuf = &m_fd;
         m_fd = 77;
@@ -119,8 +114,7 @@ TEST_F(Manager, RefusesAnAddressItHoldsAlready) {
     }
     EXPECT_EQ(m_pBuf, nullptr);
     EXPECT_EQ(m_fd, 0);
-    EXPECT_EQ(Take().back(),
-              Line('E', Text("AllocBuffer() Get repetitive buffer from buffer pool: %p", static_cast<void*>(nullptr))));
+    EXPECT_EQ(Take().back(), InAlloc('E', "Get repetitive buffer from buffer pool: %p", static_cast<void*>(nullptr)));
 }
 
 TEST_F(Manager, TakesOneBufferAPlane) {
@@ -135,13 +129,13 @@ TEST_F(Manager, TakesOneBufferAPlane) {
     EXPECT_EQ(image.pAddr[3], nullptr);
     EXPECT_EQ(image.pNativeHandle, nullptr);
     EXPECT_GT(image.fd[1], image.fd[0]);
-    EXPECT_EQ(Take().back(),
-              Line('D', Text("AllocBuffer() Alloc buffer success: type: 1, format: 0, width: 1920, height: 1080, "
-                             "planeStride: 1920, sliceHeight: 1088, numberOfPlanes: 2, Addr0: %p, Addr1: %p, Addr2: "
-                             "%p, Addr3: %p, pNativeHandle: %p, fd0: %d, fd1: %d, fd2: 0, fd3: 0",
-                             static_cast<void*>(image.pAddr[0]), static_cast<void*>(image.pAddr[1]),
-                             static_cast<void*>(nullptr), static_cast<void*>(nullptr), static_cast<void*>(nullptr),
-                             image.fd[0], image.fd[1])));
+    void* const none = nullptr;
+    EXPECT_EQ(Take().back(), InAlloc('D',
+                                     "Alloc buffer success: type: 1, format: 0, width: 1920, height: 1080, "
+                                     "planeStride: 1920, sliceHeight: 1088, numberOfPlanes: 2, Addr0: %p, Addr1: %p, "
+                                     "Addr2: %p, Addr3: %p, pNativeHandle: %p, fd0: %d, fd1: %d, fd2: 0, fd3: 0",
+                                     static_cast<void*>(image.pAddr[0]), static_cast<void*>(image.pAddr[1]), none, none,
+                                     none, image.fd[0], image.fd[1]));
     EXPECT_TRUE(m_manager->FreeBuffer(image));
     Take();
 
@@ -179,52 +173,49 @@ TEST_F(Manager, TellsThePlanesOfEachFormat) {
     for (const Case& c : cases) {
         unsigned int count = 7;
         std::vector<unsigned int> sizes(4, 9);
-        const ZYTImageBuffer image = Image(static_cast<ZYTFormat>(c.format), 10, 3, 11, 3);
+        const ZYTImageBuffer image = Image(c.format, 10, 3, 11, 3);
         m_manager->GetImgBufferSize(image, count, sizes.data(), c.capacity, c.type);
         EXPECT_EQ(count, c.count) << c.format << " capacity " << c.capacity;
         EXPECT_EQ(sizes, c.sizes) << c.format << " capacity " << c.capacity;
-        const bool isRefused = c.count == 7;
-        const std::string refusal =
-            Line('D', Text("GetImgBufferSize() Get img buffer size fail, unsupport format: %d", c.format));
-        EXPECT_EQ(Take(), isRefused ? std::vector<std::string>{refusal} : std::vector<std::string>{});
+        std::vector<std::string> lines;
+        if (c.count == 7) {
+            lines = {InSize('D', "Get img buffer size fail, unsupport format: %d", c.format)};
+        }
+        EXPECT_EQ(Take(), lines);
     }
     const ZYTImageBuffer huge = Image(ZYT_FORMAT_RAW16, 1, 1, 65536, 65536);
     unsigned int count = 0;
     unsigned int sizes[4];
-    EXPECT_EXIT(m_manager->GetImgBufferSize(huge, count, sizes, 4, ZYT_BUFFER_TYPE_MALLOC),
-                testing::KilledBySignal(SIGABRT), "");
+    EXPECT_ABORT(m_manager->GetImgBufferSize(huge, count, sizes, 4, ZYT_BUFFER_TYPE_MALLOC));
 }
 
 TEST_F(Manager, LeavesTheRecordOfARefusedImageAlone) {
-    const ZYTImageBuffer good = Nv12();
     for (uint32_t ZYTImageBuffer::*field : {&ZYTImageBuffer::width, &ZYTImageBuffer::height,
                                             &ZYTImageBuffer::planeStride, &ZYTImageBuffer::sliceHeight}) {
-        ZYTImageBuffer image = good;
+        ZYTImageBuffer image = Nv12();
         image.numberOfPlanes = 3;
         image.*field = 0;
+        const ZYTImageBuffer before = image;
         EXPECT_FALSE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_MALLOC));
-        EXPECT_EQ(image.numberOfPlanes, 3u);
-        EXPECT_THAT(m_log.Take(), ElementsAre(Line('D', "AllocBuffer() Alloc buffer fail, invalid size args")));
+        EXPECT_TRUE(AreSame(image, before));
+        EXPECT_THAT(m_log.Take(), ElementsAre(InAlloc('D', "Alloc buffer fail, invalid size args")));
     }
     ZYTImageBuffer p010 = Image(ZYT_FORMAT_YUV_P010, 64, 64, 128, 64);
     p010.numberOfPlanes = 3;
     EXPECT_FALSE(m_manager->AllocBuffer(p010, ZYT_BUFFER_TYPE_MALLOC));
     EXPECT_EQ(p010.numberOfPlanes, 3u);
-    EXPECT_THAT(m_log.Take(), ElementsAre(Line('D', "GetImgBufferSize() Get img buffer size fail, unsupport format: 5"),
-                                          Line('E', "AllocBuffer() Alloc buffer fail, get buffer size fail")));
+    EXPECT_THAT(m_log.Take(), ElementsAre(InSize('D', "Get img buffer size fail, unsupport format: 5"),
+                                          InAlloc('E', "Alloc buffer fail, get buffer size fail")));
 
     for (const int type : {3, -1}) {
-        ZYTImageBuffer image = good;
+        ZYTImageBuffer image = Nv12(), emptied = image;
+        emptied.numberOfPlanes = 2;
         image.pAddr[0] = reinterpret_cast<unsigned char*>(1);
         image.fd[2] = 5;
         image.pNativeHandle = this;
         EXPECT_FALSE(m_manager->AllocBuffer(image, static_cast<ZYTBufferType>(type)));
-        EXPECT_EQ(image.numberOfPlanes, 2u);
-        EXPECT_EQ(image.pAddr[0], nullptr);
-        EXPECT_EQ(image.fd[2], 0);
-        EXPECT_EQ(image.pNativeHandle, nullptr);
-        EXPECT_THAT(m_log.Take(),
-                    ElementsAre(Line('E', Text("AllocBuffer() Alloc buffer fail, unsupport type: %d", type))));
+        EXPECT_TRUE(AreSame(image, emptied));
+        EXPECT_THAT(m_log.Take(), ElementsAre(InAlloc('E', "Alloc buffer fail, unsupport type: %d", type)));
     }
 }
 
@@ -233,21 +224,16 @@ TEST_F(Manager, KeepsTheFirstPlaneWhenTheSecondFails) {
     hostdevice::FailNth(Fault::kHeapAllocation, 2);
     EXPECT_FALSE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_DMABUF));
     EXPECT_EQ(image.numberOfPlanes, 0u);
-    std::vector<std::string> lines = Take();
-    const std::string first = lines.front();
-    lines.erase(lines.begin());
-    EXPECT_THAT(lines, ElementsAre(Line('E', "AllocBuffer() Alloc buffer failed, get buffer from pool is NULL!"),
-                                   Line('E',
-                                        "AllocBuffer() Alloc buffer fail, can not alloc new buf: size: 1044480, "
-                                        "type: 1"),
-                                   Line('W', "FreeBuffer() Free buffer is NULL!"),
-                                   Line('W', "FreeBuffer() Free buffer is NULL!")));
+    const std::string nothing = InFree('W', "Free buffer is NULL!");
+    const std::vector<std::string> lines = Take();
+    EXPECT_THAT(lines, ElementsAre(testing::_, InAlloc('E', "Alloc buffer failed, get buffer from pool is NULL!"),
+                                   InAlloc('E', "Alloc buffer fail, can not alloc new buf: size: 1044480, type: 1"),
+                                   nothing, nothing));
     m_manager.reset();
-    const std::string address = first.substr(first.rfind(' ') + 1);
-    EXPECT_THAT(Take(), ElementsAre(Line('W',
-                                         "~ZYTBufferManager() 1 buffer not free when buffer manager destroy, "
-                                         "release them forcibly"),
-                                    Line('W', "~ZYTBufferManager()   release buffer forcibly: " + address)));
+    const std::string address = lines[0].substr(lines[0].rfind(' ') + 1);
+    const char* const left = "1 buffer not free when buffer manager destroy, release them forcibly";
+    EXPECT_THAT(Take(), ElementsAre(InDestructor('W', "%s", left),
+                                    InDestructor('W', "  release buffer forcibly: %s", address.c_str())));
     EXPECT_EQ(hostdevice::CountLive().heapMappings, 0u);
 }
 
@@ -266,21 +252,19 @@ TEST_F(Manager, NeverRecordsGrallocImages) {
     hostdevice::FailNth(Fault::kGraphicBuffer, 1);
     ZYTImageBuffer none = Image(ZYT_FORMAT_RAW16, 320, 240, 640, 240);
     EXPECT_TRUE(m_manager->AllocBuffer(none, ZYT_BUFFER_TYPE_GRALLOC)) << "a buffer that cannot be had still succeeds";
-    EXPECT_EQ(none.pAddr[0], nullptr);
-    EXPECT_EQ(none.fd[0], 0);
-    EXPECT_EQ(none.pNativeHandle, nullptr);
+    EXPECT_TRUE(none.pAddr[0] == nullptr && none.fd[0] == 0 && none.pNativeHandle == nullptr);
     Take();
     m_manager.reset();
     EXPECT_THAT(Take(), IsEmpty());
 }
 
 TEST_F(Manager, EndsTheProcessOnAFifthPlane) {
-    ZYTImageBuffer image = Nv12();
+    ZYTImageBuffer image{};
     image.numberOfPlanes = 4;
     EXPECT_TRUE(m_manager->FreeBuffer(image));
     EXPECT_EQ(Take().size(), 4u);
     image.numberOfPlanes = 5;
-    EXPECT_EXIT(m_manager->FreeBuffer(image), testing::KilledBySignal(SIGABRT), "");
+    EXPECT_ABORT(m_manager->FreeBuffer(image));
 }
 
 TEST_F(Manager, SynchronisesTheFirstPlaneOnly) {
@@ -295,15 +279,14 @@ TEST_F(Manager, SynchronisesTheFirstPlaneOnly) {
     EXPECT_EQ(hostdevice::LastSync().result, 0) << "false although it was done";
     EXPECT_FALSE(m_manager->EndCPUSync(image));
     EXPECT_EQ(hostdevice::SyncCount(), before + 2);
-    EXPECT_THAT(Take(),
-                ElementsAre(Line('I', Text("StartCPUSync() Start CPU Sync Buffer, fd: %d, sync type: 2, result: "
-                                           "0",
-                                           image.fd[0])),
-                            Line('I', Text("EndCPUSync() End CPU Sync Buffer, fd: %d, result: 0", image.fd[0]))));
+    EXPECT_THAT(Take(), ElementsAre(InStart('I', "Start CPU Sync Buffer, fd: %d, sync type: 2, result: 0", image.fd[0]),
+                                    InEnd('I', "End CPU Sync Buffer, fd: %d, result: 0", image.fd[0])));
     EXPECT_TRUE(m_manager->StartCPUSync(image.fd[1], static_cast<CPUSyncType>(9)));
     EXPECT_TRUE(m_manager->EndCPUSync(image.fd[1]));
     hostdevice::FailNth(Fault::kSync, 1);
     EXPECT_FALSE(m_manager->EndCPUSync(image.fd[1]));
+    hostdevice::FailNth(Fault::kSync, 1);
+    EXPECT_FALSE(m_manager->StartCPUSync(image.fd[1], CPU_SYNC_READ));
     EXPECT_THAT(Take(), Contains(HasSubstr("sync type: 9")));
     m_manager->FreeBuffer(image);
 }

@@ -10,7 +10,7 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 using zyttest::LogCapture;
-using zyttest::RunChildWithProperties;
+using zyttest::RunChild;
 
 namespace {
 
@@ -59,10 +59,10 @@ TEST(LogUtil, WritesUnderTheLibrarysTag) {
 }
 
 TEST(LogUtil, ReadsAllThreeLevelsWhenTheLibraryIsLoaded) {
-    EXPECT_EQ(RunChildWithProperties("PrintLevels", {}).output, "111");
-    EXPECT_EQ(RunChildWithProperties("PrintLevels", {{kLevelProperty, "5"}}).output, "555");
-    EXPECT_EQ(RunChildWithProperties("PrintLevels", {{kLevelProperty, "-2"}}).output, "-2-2-2");
-    EXPECT_EQ(RunChildWithProperties("PrintLevels", {{kLevelProperty, "verbose"}}).output, "111");
+    EXPECT_EQ(RunChild("PrintLevels").output, "111");
+    EXPECT_EQ(RunChild("PrintLevels", {{kLevelProperty, "5"}}).output, "555");
+    EXPECT_EQ(RunChild("PrintLevels", {{kLevelProperty, "-2"}}).output, "-2-2-2");
+    EXPECT_EQ(RunChild("PrintLevels", {{kLevelProperty, "verbose"}}).output, "111");
 }
 
 TEST(LogSite, EvaluatesItsArgumentsOncePerLogEvenWhenBothAreOff) {

@@ -12,13 +12,11 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using zyttest::ChildResult;
 using zyttest::ReadFile;
-using zyttest::RunCommand;
 using zyttest::TempDir;
 using zyttest::WriteFile;
 
 namespace {
 
-using Words = std::vector<std::string>;
 using Samples = std::vector<unsigned int>;
 
 constexpr unsigned int kWidth = 48;
@@ -50,38 +48,27 @@ std::string Containers(const Samples& samples) {
     return bytes;
 }
 
-std::string Join(const Words& words) {
-    std::string text;
-    for (const std::string& word : words) text += word + " ";
-    return text;
-}
-
 class ZytView : public testing::Test {
 protected:
-    static ChildResult Run(Words arguments) {
-        const auto tests = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-        arguments.insert(arguments.begin(), (tests.parent_path() / "tools/zytview/zytview").string());
-        return RunCommand(arguments);
+    static ChildResult Run(const std::string& arguments) {
+        return zyttest::RunBuilt("tools/zytview/zytview " + arguments);
     }
 
     // The picture's channels, one after the other.
-    Samples View(const std::string& dump, const std::string& pixelFormat, Words options = {}) {
+    Samples View(const std::string& dump, const std::string& pixelFormat, const std::string& options = "") {
         const std::string png = m_dir / "view.png";
-        options.insert(options.end(), {dump, png});
-        const ChildResult result = Run(options);
+        const ChildResult result = Run(options + " " + dump + " " + png);
         EXPECT_EQ(result.exitCode, 0) << result.output;
         EXPECT_THAT(result.output, EndsWith(png + "\n"));
         m_notes = result.output;
-        return Decode({"-i", png}, pixelFormat);
+        return Decode("-i " + png, pixelFormat);
     }
 
     // What ffmpeg reads, in channels of 8 bits or of 16.
-    Samples Decode(const Words& input, const std::string& pixelFormat) {
-        Words command = {"ffmpeg", "-v", "error", "-y", "-filter_threads", "1"};
-        command.insert(command.end(), input.begin(), input.end());
-        command.insert(command.end(), {"-pix_fmt", pixelFormat, "-f", "rawvideo", m_dir / "decoded"});
-        const ChildResult result = RunCommand(command);
-        EXPECT_EQ(result.exitCode, 0) << Join(command) << result.output;
+    Samples Decode(const std::string& input, const std::string& pixelFormat) {
+        const ChildResult result = zyttest::RunCommand("ffmpeg -v error -y -filter_threads 1 " + input + " -pix_fmt " +
+                                                       pixelFormat + " -f rawvideo " + (m_dir / "decoded"));
+        EXPECT_EQ(result.exitCode, 0) << input << result.output;
         const std::string bytes = ReadFile(m_dir / "decoded");
         const size_t size = pixelFormat.substr(pixelFormat.size() - 2) == "le" ? 2 : 1;
         Samples samples;
@@ -103,11 +90,9 @@ protected:
         return samples;
     }
 
-    static void ExpectRefusal(const Words& arguments, const std::string& reason) {
-        const ChildResult result = Run(arguments);
-        EXPECT_EQ(result.exitCode, 2) << Join(arguments) << result.output;
-        EXPECT_THAT(result.output, HasSubstr(reason));
-        EXPECT_EQ(result.output.find('\n'), result.output.size() - 1) << "in one line";
+    static void ExpectRefusal(const std::string& arguments, const std::string& reason) {
+        const std::string output = zyttest::ExpectRefusal("tools/zytview/zytview " + arguments, reason);
+        EXPECT_EQ(output.find('\n'), output.size() - 1) << "in one line";
     }
 
     TempDir m_dir;
@@ -143,15 +128,13 @@ TEST_F(ZytView, ShowsYuvAsFfmpegDoes) {
             }
             const std::string dump = NewDump("yuv_48x32_" + format + ".raw", bytes);
             for (const std::string matrix : {"bt601", "bt709"}) {
-                const Words input = {"-f",         "rawvideo",
-                                     "-pix_fmt",   isWide ? "p010le" : format.substr(6) == "NV12" ? "nv12" : "nv21",
-                                     "-s",         "48x32",
-                                     "-i",         dump,
-                                     "-sws_flags", "neighbor+accurate_rnd+full_chroma_int+full_chroma_inp",
-                                     "-vf",        "scale=in_color_matrix=" + matrix + ":in_range=" + range};
+                const std::string pixels = isWide ? "p010le" : format.substr(6) == "NV12" ? "nv12" : "nv21";
+                const std::string input = "-f rawvideo -s 48x32 -pix_fmt " + pixels + " -i " + dump +
+                                          " -sws_flags neighbor+accurate_rnd+full_chroma_int+full_chroma_inp" +
+                                          " -vf scale=in_color_matrix=" + matrix + ":in_range=" + range;
                 const std::string out = isWide ? "rgb48le" : "rgb24";
-                ExpectNear(View(dump, out, {"--matrix", matrix, "--range", range}), Decode(input, out),
-                           isWide ? 256 : 1, 3, 0, Join(input));
+                ExpectNear(View(dump, out, "--matrix " + matrix + " --range " + range), Decode(input, out),
+                           isWide ? 256 : 1, 3, 0, input);
             }
         }
     }
@@ -162,7 +145,7 @@ TEST_F(ZytView, KeepsEveryBitOfGreyAndRawSamples) {
         Samples samples = RandomSamples(kWidth * kHeight, 0, (1u << bits) - 1);
         samples[5] = (1u << bits) - 1;
         const std::string number = std::to_string(bits);
-        Words dumps = {NewDump("s_48x32_Raw" + number + ".raw", Containers(samples))};
+        std::vector<std::string> dumps = {NewDump("s_48x32_Raw" + number + ".raw", Containers(samples))};
         dumps.push_back(bits == 16 ? NewDump("s_48x32_Y16.raw", Containers(samples))
                                    : NewDump("s_48x32_RawMipi" + number + ".raw", Pack(samples, bits)));
         for (const std::string& dump : dumps) {
@@ -172,10 +155,14 @@ TEST_F(ZytView, KeepsEveryBitOfGreyAndRawSamples) {
             EXPECT_EQ(seen, samples) << dump;
         }
     }
+    // The library's dump of Y16 has one byte a pixel: half of each row.
+    const Samples half = View(NewDump("half_4x2_Y16.raw", {1, 2, 3, 4, 5, 6, 7, 8}), "gray16le");
+    EXPECT_EQ(half, (Samples{0x0201, 0x0403, 0x0605, 0x0807}));
+    EXPECT_THAT(m_notes, HasSubstr("left 2 of 4 columns"));
     Samples samples(kWidth * kHeight, 1023);
     samples[7] = 1024;
     EXPECT_EQ(View(NewDump("high_48x32_Raw10.raw", Containers(samples)), "gray16le")[7], 65535u);
-    for (const Words& options : {Words{}, Words{"--bayer", "bggr"}}) {
+    for (const char* options : {"", "--bayer bggr"}) {
         View(m_dir / "high_48x32_Raw10.raw", "gray16le", options);
         EXPECT_THAT(m_notes, HasSubstr("samples of more than 10 bits, shown as the largest value: 1\n"));
     }
@@ -184,13 +171,13 @@ TEST_F(ZytView, KeepsEveryBitOfGreyAndRawSamples) {
 TEST_F(ZytView, ShowsBayerAsFfmpegDoes) {
     const std::string dump = NewDump("bayer_48x32_Raw16.raw", Containers(RandomSamples(kWidth * kHeight, 0, 65535)));
     for (const std::string order : {"rggb", "grbg", "gbrg", "bggr"}) {
-        const Words input = {"-f", "rawvideo",   "-pix_fmt",    "bayer_" + order + "16le", "-s", "48x32", "-i",
-                             dump, "-sws_flags", "accurate_rnd"};
+        const std::string input =
+            "-f rawvideo -s 48x32 -pix_fmt bayer_" + order + "16le -i " + dump + " -sws_flags accurate_rnd";
         // ffmpeg drops the fraction of a mean, and copies at the edges.
-        ExpectNear(View(dump, "rgb48le", {"--bayer", order}), Decode(input, "rgb48le"), 1, 3, 2, order);
+        ExpectNear(View(dump, "rgb48le", "--bayer " + order), Decode(input, "rgb48le"), 1, 3, 2, order);
     }
     // At the edges only what there is counts. One row: R 100, G 200, R 300.
-    EXPECT_EQ(View(NewDump("edge_3x1_Raw16.raw", Containers({100, 200, 300})), "rgb48le", {"--bayer", "rggb"}),
+    EXPECT_EQ(View(NewDump("edge_3x1_Raw16.raw", Containers({100, 200, 300})), "rgb48le", "--bayer rggb"),
               (Samples{100, 200, 100, 200, 200, 200, 300, 200, 300}));
 }
 
@@ -238,19 +225,17 @@ TEST_F(ZytView, SkipsTheSlackOfRowsAndPlanes) {
     const std::string chroma = {100, 120, 30, 40};
     const Samples tight = View(NewDump("t_4x2_NV21.raw", luma + chroma), "rgb24");
     const std::string rows = luma.substr(0, 4) + "xx" + luma.substr(4) + "xx";
-    const Words slack = {"--stride", "6", "--slice-height", "3"};
+    const std::string slack = "--stride 6 --slice-height 3 ";
     // Up to the last pixel, the last row's slack, half of the first plane, and as many rows as belong to its rows.
     const std::string padded = rows + "zzzzzz" + chroma;
     for (const size_t length : {22u, 24u, 27u, 30u}) {
         const std::string dump = NewDump("s_4x2_NV21.raw", padded + std::string(length - padded.size(), 'y'));
         EXPECT_EQ(View(dump, "rgb24", slack), tight) << length;
     }
-    Words arguments = slack;
-    arguments.push_back(NewDump("s_4x2_NV21.raw", padded + "y"));
-    ExpectRefusal(arguments, "expected 22 or 24 or 27 or 30 bytes for 4x2 YUV420NV21, found 23");
+    ExpectRefusal(slack + NewDump("s_4x2_NV21.raw", padded + "y"),
+                  "expected 22 or 24 or 27 or 30 bytes for 4x2 YUV420NV21, found 23");
     const std::string raw = Containers({10, 20, 30, 40});
-    const Words wide = {"--stride", "7"};
-    EXPECT_EQ(View(NewDump("r_2x2_Raw16.raw", raw.substr(0, 4) + "abc" + raw.substr(4)), "gray16le", wide),
+    EXPECT_EQ(View(NewDump("r_2x2_Raw16.raw", raw.substr(0, 4) + "abc" + raw.substr(4)), "gray16le", "--stride 7"),
               (Samples{10, 20, 30, 40}));
 }
 
@@ -259,22 +244,22 @@ TEST_F(ZytView, CropsAndScales) {
     const std::string dump = NewDump("c_48x32_Raw16.raw", Containers(samples));
     Samples part;
     for (size_t y = 3; y < 8; ++y) part.insert(part.end(), &samples[y * kWidth + 5], &samples[y * kWidth + 5] + 6);
-    EXPECT_EQ(View(dump, "gray16le", {"--crop", "6x5+5+3"}), part);
+    EXPECT_EQ(View(dump, "gray16le", "--crop 6x5+5+3"), part);
 
     // The mean of what there is: the last column and row of the scaled picture have less.
-    const Samples eighth = View(dump, "gray16le", {"--crop", "9x9+0+0", "--scale", "1/8"});
+    const Samples eighth = View(dump, "gray16le", "--crop 9x9+0+0 --scale 1/8");
     unsigned int sum = 0;
     for (size_t y = 0; y < 8; ++y) sum += samples[y * kWidth + 8];
     ASSERT_EQ(eighth.size(), 4u);
     EXPECT_EQ(eighth[1], (sum + 4) / 8);
     EXPECT_EQ(eighth[3], samples[8 * kWidth + 8]);
 
-    EXPECT_EQ(View(NewDump("m_2x1_Raw16.raw", Containers({1, 2})), "gray16le", {"--scale", "1/2"}), Samples{2});
+    EXPECT_EQ(View(NewDump("m_2x1_Raw16.raw", Containers({1, 2})), "gray16le", "--scale 1/2"), Samples{2});
 
     // Colours come from the whole picture, also beside the cut.
-    const Samples colours = View(dump, "rgb48le", {"--bayer", "gbrg"});
+    const Samples colours = View(dump, "rgb48le", "--bayer gbrg");
     EXPECT_EQ(
-        View(dump, "rgb48le", {"--bayer", "gbrg", "--crop", "1x1+7+9"}),
+        View(dump, "rgb48le", "--bayer gbrg --crop 1x1+7+9"),
         (Samples{colours[(9 * kWidth + 7) * 3], colours[(9 * kWidth + 7) * 3 + 1], colours[(9 * kWidth + 7) * 3 + 2]}));
 }
 
@@ -284,56 +269,54 @@ TEST_F(ZytView, TakesSizeAndFormatFromTheNameUnlessTold) {
         EXPECT_EQ(View(NewDump(name, bytes), "gray16le"), (Samples{16, 32, 48, 64, 80, 96})) << name;
     }
     const std::string dump = NewDump("night_3x2_Raw12.raw", bytes);
-    EXPECT_EQ(View(dump, "gray16le", {"--size", "2x3", "--format", "raw16"}), (Samples{1, 2, 3, 4, 5, 6}));
-    EXPECT_EQ(Run({dump}).output, m_dir / "night_3x2_Raw12.png\n");
-    ExpectRefusal({NewDump("night_Raw12.raw", bytes)}, "no size such as");
-    ExpectRefusal({NewDump("night_3x2_Raw121.raw", bytes)}, "no format in the name");
-    ExpectRefusal({NewDump("night_0x2_Raw12.raw", bytes)}, "no size such as");
+    EXPECT_EQ(View(dump, "gray16le", "--size 2x3 --format raw16"), (Samples{1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(Run(dump).output, m_dir / "night_3x2_Raw12.png\n");
+    ExpectRefusal(NewDump("night_Raw12.raw", bytes), "no size such as");
+    ExpectRefusal(NewDump("night_3x2_Raw121.raw", bytes), "no format in the name");
+    ExpectRefusal(NewDump("night_0x2_Raw12.raw", bytes), "no size such as");
 }
 
 TEST_F(ZytView, SaysWhatIsWrongAndLosesNothing) {
     const std::string dump = NewDump("x_4x3_NV12.raw", std::string(17, 'x'));
-    ExpectRefusal({dump}, "expected 16 or 20 bytes for 4x3 YUV420NV12, found 17\n");
+    ExpectRefusal(dump, "expected 16 or 20 bytes for 4x3 YUV420NV12, found 17\n");
     const std::string raw = NewDump("x_4x3_Raw10.raw", std::string(24, '\0'));
-    for (const auto& [options, reason] : std::vector<std::pair<Words, std::string>>{
-             {{"--format", "Y16", "--size", "4x4"}, "expected 16 or 32 bytes"},
-             {{"--size", "4x2"}, "expected 16 bytes for 4x2 Raw10, found 24; --stride and --slice-height"},
-             {{"--format", "Y16", "--size", "1x24"}, "holds half a pixel a row"},
-             {{"--stride", "7"}, "a stride of 7 is less than the picture's 8"},
-             {{"--slice-height", "2"}, "a slice height of 2 is less than the picture's 3"},
-             {{"--stride", "8x"}, "--stride is a number from 1"},
-             {{"--size", "4"}, "--size is WxH"},
-             {{"--size", "4x999999"}, "--size is WxH"},
-             {{"--size", "4x0"}, "--size is WxH"},
-             {{"--format", "Raw11"}, "unknown format 'Raw11'"},
-             {{"--scale", "1/3"}, "--scale is 1/1 or 1/2 or 1/4 or 1/8, not '1/3'"},
-             {{"--crop", "2x2"}, "--crop is WxH+X+Y"},
-             {{"--crop", "2x2+3+0"}, "the crop reaches out of the picture's 4x3"},
-             {{"--crop", "2x2+0+4294967295"}, "--crop is WxH+X+Y"},
-             {{"--bayer", "rgbg"}, "--bayer is rggb or"},
-             {{"--format", "Y16", "--bayer", "rggb"}, "--bayer is for raw formats"},
-             {{"--range", "full"}, "--matrix and --range are for YUV formats"},
-             {{"--gamma", "2"}, "--gamma"},
+    for (const auto& [options, reason] : std::vector<std::pair<std::string, std::string>>{
+             {"--format Y16 --size 4x4", "expected 16 or 32 bytes"},
+             {"--size 4x2", "expected 16 bytes for 4x2 Raw10, found 24; --stride and --slice-height"},
+             {"--format Y16 --size 1x24", "holds half a pixel a row"},
+             {"--stride 7", "a stride of 7 is less than the picture's 8"},
+             {"--slice-height 2", "a slice height of 2 is less than the picture's 3"},
+             {"--stride 8x", "--stride is a number from 1"},
+             {"--size 4", "--size is WxH"},
+             {"--size 4x999999", "--size is WxH"},
+             {"--size 4x0", "--size is WxH"},
+             {"--format Raw11", "unknown format 'Raw11'"},
+             {"--scale 1/3", "--scale is 1/1 or 1/2 or 1/4 or 1/8, not '1/3'"},
+             {"--crop 2x2", "--crop is WxH+X+Y"},
+             {"--crop 2x2+3+0", "the crop reaches out of the picture's 4x3"},
+             {"--crop 2x2+0+4294967295", "--crop is WxH+X+Y"},
+             {"--bayer rgbg", "--bayer is rggb or"},
+             {"--format Y16 --bayer rggb", "--bayer is for raw formats"},
+             {"--range full", "--matrix and --range are for YUV formats"},
+             {"--gamma 2", "--gamma"},
          }) {
-        Words arguments = options;
-        arguments.push_back(raw);
-        ExpectRefusal(arguments, reason);
+        ExpectRefusal(options + " " + raw, reason);
     }
-    ExpectRefusal({}, "wants a dump");
-    ExpectRefusal({raw, dump}, "x_4x3_NV12.raw is no name for a PNG");
-    ExpectRefusal({NewDump("x_4x3_Raw10.png", std::string(24, '\0'))}, "the PNG would replace the dump");
-    ExpectRefusal({m_dir / "missing_4x3_Raw10.raw"}, "No such file or directory");
-    ExpectRefusal({m_dir.Path(), "--size", "4x3", "--format", "Raw10"}, "Is a directory");
+    ExpectRefusal("", "wants a dump");
+    ExpectRefusal(raw + " " + dump, "x_4x3_NV12.raw is no name for a PNG");
+    ExpectRefusal(NewDump("x_4x3_Raw10.png", std::string(24, '\0')), "the PNG would replace the dump");
+    ExpectRefusal(m_dir / "missing_4x3_Raw10.raw", "No such file or directory");
+    ExpectRefusal(m_dir.Path() + " --size 4x3 --format Raw10", "Is a directory");
     EXPECT_EQ(ReadFile(dump).size(), 17u);
     EXPECT_EQ(ReadFile(m_dir / "x_4x3_Raw10.png").size(), 24u);
 
     for (const std::string& png : {m_dir / "missing/x.png", std::string("/dev/full")}) {
-        const ChildResult result = Run({raw, png});
+        const ChildResult result = Run(raw + " " + png);
         EXPECT_EQ(result.exitCode, 1);
         EXPECT_THAT(result.output, HasSubstr("cannot write " + png));
     }
     WriteFile(m_dir / "old.png", "an older picture");
     std::filesystem::create_directory(m_dir / "old.png.part");
-    EXPECT_EQ(Run({raw, m_dir / "old.png"}).exitCode, 1);
+    EXPECT_EQ(Run(raw + " " + (m_dir / "old.png")).exitCode, 1);
     EXPECT_EQ(ReadFile(m_dir / "old.png"), "an older picture");
 }

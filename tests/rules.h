@@ -1,0 +1,345 @@
+#ifndef ZYT_TESTS_RULES_H
+#define ZYT_TESTS_RULES_H
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "utilities/zytutil.h"
+#include "zytbuffermanager/zytbufferutil.h"
+
+/// Whether the library does as slow references do, for cases of any kind. The suite picks these by chance, the fuzz
+/// targets by what they find out about the branches taken. What the library answers by ending the process is sorted out
+/// before the call, so that whatever ends a caller is a finding.
+namespace zytrule {
+
+constexpr uint64_t kMax32 = UINT32_MAX;
+
+/// The part of a fuzzer's FuzzedDataProvider that the rules use, by chance.
+class RandomChoices {
+public:
+    explicit RandomChoices(uint64_t seed) : m_random(seed) {}
+
+    template <typename T>
+    T ConsumeIntegralInRange(T low, T high) {
+        return std::uniform_int_distribution<T>(low, high)(m_random);
+    }
+    template <typename T>
+    T ConsumeIntegral() {
+        return ConsumeIntegralInRange(std::numeric_limits<T>::min(), std::numeric_limits<T>::max());
+    }
+    bool ConsumeBool() { return ConsumeIntegralInRange(0, 1) > 0; }
+
+private:
+    std::mt19937_64 m_random;
+};
+
+/// A heap block of exactly that many bytes: the address sanitizer sees every access beyond it.
+class Memory {
+public:
+    Memory(size_t size, size_t seed) : m_size(size), m_bytes(new unsigned char[size]) {
+        for (size_t i = 0; i < size; ++i) m_bytes[i] = static_cast<unsigned char>(seed + i * 7 + i / 251);
+    }
+    unsigned char* Data() const { return m_bytes.get(); }
+    bool operator==(const Memory& other) const { return std::memcmp(Data(), other.Data(), m_size) == 0; }
+
+private:
+    size_t m_size;
+    std::unique_ptr<unsigned char[]> m_bytes;
+};
+
+// Drawing.
+
+// Mostly near the image, at times anywhere.
+template <typename Choices>
+uint32_t Near(Choices& data) {
+    return data.ConsumeIntegralInRange(0, 7) > 0 ? data.ConsumeIntegralInRange(0u, 60u)
+                                                 : data.template ConsumeIntegral<uint32_t>();
+}
+
+inline bool IsBetween(int64_t value, int64_t low, int64_t high) { return value >= low && value <= high; }
+
+// On the outline: within the outer edge of the four bands, but not inside their inner edge.
+inline bool IsMarked(int64_t x, int64_t y, const ZYTRect& rect, int64_t t) {
+    const int64_t left = rect.left, top = rect.top, right = left + rect.width, bottom = top + rect.height;
+    const bool isInOuter = IsBetween(x, left - t, right + t) && IsBetween(y, top - t, bottom + t);
+    const bool isInInner = IsBetween(x, left + t + 1, right - t - 1) && IsBetween(y, top + t + 1, bottom - t - 1);
+    return isInOuter && !isInInner;
+}
+
+/// Points and outlines over a luma plane that ends with its last pixel, against the rule applied to each pixel.
+template <typename Choices>
+bool DrawsByRule(Choices& data) {
+    ZYTImageBuffer image{};
+    image.format = static_cast<ZYTFormat>(data.ConsumeBool() ? data.ConsumeIntegralInRange(0, 1)
+                                                             : data.ConsumeIntegralInRange(-1, 11));
+    const bool isDrawable = image.format == 0 || image.format == 1;
+    image.width = isDrawable ? data.ConsumeIntegralInRange(0u, 40u) : Near(data);
+    image.height = isDrawable ? data.ConsumeIntegralInRange(0u, 40u) : Near(data);
+    image.planeStride = data.ConsumeIntegralInRange(0u, 60u);
+    const bool isEmpty = image.width == 0 || image.height == 0;
+    const bool isSmall = !isEmpty && image.width <= 60 && image.height <= 60;
+    const size_t needed = isSmall ? image.planeStride * (image.height - 1) + image.width : 0;
+    const Memory drawn(needed, 1), expected(needed, 1);
+    image.pAddr[0] = drawn.Data();
+
+    const uint32_t pointX = Near(data), pointY = Near(data);
+    const ZYTRect rect = {Near(data), Near(data), Near(data), Near(data)};
+    const uint32_t thickness = Near(data), t = thickness / 2;
+    // An image without pixels ends the process, and so does an outline whose far edge does not fit 32 bits.
+    const bool isOutlined =
+        !isEmpty && uint64_t{rect.left} + rect.width + t <= kMax32 && uint64_t{rect.top} + rect.height + t <= kMax32;
+    for (uint32_t y = 0; isDrawable && y < image.height; ++y) {
+        for (uint32_t x = 0; x < image.width; ++x) {
+            const bool isPoint = x == pointX && y == pointY;
+            if (!isPoint && !(isOutlined && IsMarked(x, y, rect, t))) continue;
+            expected.Data()[y * image.planeStride + x] = 255;
+        }
+    }
+    ZYTUtil::DrawPointer(&image, pointX, pointY);
+    if (isOutlined) ZYTUtil::DrawRect(&image, rect, thickness);
+    return drawn == expected;
+}
+
+// Copies and dumps.
+
+constexpr uint64_t kMost = 1 << 16;  // bytes of an image, and bytes moved
+constexpr size_t kPlanes[] = {0, 1};
+constexpr uint32_t kBits[] = {8, 8, 10, 12, 14, 16, 16, 16, 16, 16, 16};  // a pixel, by format
+
+inline bool IsKnown(int format) { return format >= 0 && format <= 10; }
+inline bool IsNv(int format) { return format == 0 || format == 1; }
+inline bool HasChroma(int format) { return IsNv(format) || format == ZYT_FORMAT_YUV_P010; }
+
+// What one operation moves, in each plane.
+struct Moved {
+    uint64_t rowBytes = 0;
+    uint64_t rows[2] = {0, 0};
+
+    Moved() = default;
+    Moved(uint32_t width, uint32_t height, uint32_t bits, bool hasChroma)
+        : rowBytes(bits % 8 == 0 ? uint64_t{width} * (bits / 8) : uint64_t{width} * bits),
+          rows{height > INT32_MAX ? 0 : height, hasChroma ? height / 2 : 0} {
+        // A product that does not fit ends the process even where the row would fit: leave it too large.
+        if (bits % 8 != 0 && rowBytes <= kMax32) rowBytes /= 8;
+    }
+};
+
+struct Picture {
+    ZYTImageBuffer image;
+    std::unique_ptr<Memory> memory[2];
+    unsigned char* start[2] = {nullptr, nullptr};
+
+    explicit Picture(const ZYTImageBuffer& described) : image(described) {}
+
+    // False for what ends the process, and for what takes more than a fuzzer should.
+    bool Allocate(const Moved& moved, size_t seed) {
+        const bool isSingle = IsNv(image.format) && image.numberOfPlanes < 2;
+        const uint64_t chroma = isSingle && moved.rows[1] > 0 ? uint64_t{image.planeStride} * image.sliceHeight : 0;
+        if (moved.rowBytes > INT32_MAX || chroma > kMost) return false;
+        uint64_t size[2] = {chroma, 0};
+        for (const size_t p : kPlanes) {
+            if (moved.rows[p] == 0 || moved.rowBytes == 0) continue;
+            const uint64_t end = (moved.rows[p] - 1) * image.planeStride + moved.rowBytes;
+            if (end > kMost || moved.rows[p] * moved.rowBytes > kMost) return false;
+            size[isSingle ? 0 : p] = std::max(size[isSingle ? 0 : p], p * chroma + end);
+        }
+        for (const size_t p : kPlanes) {
+            memory[p] = std::make_unique<Memory>(size[p], seed + p);
+            if (p == 0 || !isSingle) image.pAddr[p] = memory[p]->Data();
+            start[p] = isSingle ? image.pAddr[0] + p * chroma : image.pAddr[p];
+        }
+        return true;
+    }
+
+    // The image's bytes that count, in the order in which they are moved.
+    std::vector<unsigned char*> Pixels(const Moved& moved) const {
+        std::vector<unsigned char*> pixels;
+        for (const size_t p : kPlanes) {
+            for (uint64_t row = 0; moved.rowBytes > 0 && row < moved.rows[p]; ++row) {
+                for (uint64_t i = 0; i < moved.rowBytes; ++i) pixels.push_back(start[p] + row * image.planeStride + i);
+            }
+        }
+        return pixels;
+    }
+};
+
+// Mostly small, at times at an end of what 32 bits hold.
+template <typename Choices>
+uint32_t Side(Choices& data, uint32_t usual) {
+    if (data.ConsumeIntegralInRange(0, 15) > 0) return data.ConsumeIntegralInRange(0u, usual);
+    constexpr uint32_t kEnds[] = {0x19999999, 0x1999999a, 0x3fffffff, 0x40000000,
+                                  0x7fffffff, 0x80000000, 0xfffffffe, 0xffffffff};
+    return kEnds[data.template ConsumeIntegralInRange<size_t>(0, std::size(kEnds) - 1)];
+}
+
+template <typename Choices>
+ZYTImageBuffer Describe(Choices& data) {
+    const auto format = static_cast<ZYTFormat>(data.ConsumeIntegralInRange(-1, 11));
+    const uint32_t width = Side(data, 40), height = Side(data, 40), stride = Side(data, 100), slice = Side(data, 40);
+    return {format, width, height, stride, slice, data.ConsumeIntegralInRange(0u, 4u), {}, {}, nullptr};
+}
+
+inline bool CopiesByRule(const ZYTImageBuffer& from, ZYTImageBuffer to) {
+    const bool isMatching =
+        (from.width == to.width && from.height == to.height) || (from.width == to.height && from.height == to.width);
+    const bool isP010 = from.format == ZYT_FORMAT_YUV_P010;
+    const bool isLike = IsKnown(from.format) && (from.format == to.format || isP010);
+    Moved moved;
+    if (isMatching) {
+        moved = Moved(from.width, from.height, isLike ? kBits[from.format] : 16, isLike && HasChroma(from.format));
+    }
+    // Goes to the second address, whatever the destination says it is.
+    if (isP010) to.numberOfPlanes = 2;
+    Picture src(from), dst(to), expected(to);
+    if (!src.Allocate(moved, 1) || !dst.Allocate(moved, 100) || !expected.Allocate(moved, 100)) return true;
+    const std::vector<unsigned char*> read = src.Pixels(moved), written = expected.Pixels(moved);
+    for (size_t i = 0; i < read.size(); ++i) *written[i] = *read[i];
+    return ZYTBufferUtil::ZYTBufferCopy(&dst.image, &src.image) == isMatching &&
+           *dst.memory[0] == *expected.memory[0] && *dst.memory[1] == *expected.memory[1];
+}
+
+inline bool DumpsByRule(const ZYTImageBuffer& from, const std::string& path) {
+    Moved moved;
+    if (IsKnown(from.format)) {
+        // Of Y16 half of each row, where the copy moves all.
+        const uint32_t bits = from.format == ZYT_FORMAT_Y16 ? 8 : kBits[from.format];
+        moved = Moved(from.width, from.height, bits, HasChroma(from.format));
+    }
+    Picture src(from);
+    if (!src.Allocate(moved, 1)) return true;
+    std::string expected;
+    for (const unsigned char* pixel : src.Pixels(moved)) expected.push_back(static_cast<char>(*pixel));
+    if (!ZYTBufferUtil::ZYTBufferDump(&src.image, path.c_str())) return false;
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {}) == expected;
+}
+
+/// Copies and dumps of images over memory that ends where their layout ends, against a copy byte by byte. The dump goes
+/// to a file of that path.
+template <typename Choices>
+bool MovesByRule(Choices& data, const std::string& path) {
+    const ZYTImageBuffer from = Describe(data);
+    ZYTImageBuffer to = Describe(data);
+    // Sizes that are left to chance hardly ever match.
+    const int relation = data.ConsumeIntegralInRange(0, 7);
+    if (relation > 0) to.width = relation == 1 ? from.height : from.width;
+    if (relation > 0) to.height = relation == 1 ? from.width : from.height;
+    if (relation > 2) to.format = from.format;
+    return CopiesByRule(from, to) && DumpsByRule(from, path);
+}
+
+// Rectangles.
+
+inline double Single(double value) { return static_cast<float>(value); }
+
+inline uint32_t Whole(double value) {
+    if (std::isnan(value) || value < 0) return 0;
+    return value > static_cast<double>(kMax32) ? UINT32_MAX : static_cast<uint32_t>(std::floor(value));
+}
+
+inline bool AreSame(const ZYTRect& a, const ZYTRect& b) { return std::memcmp(&a, &b, sizeof(a)) == 0; }
+
+inline ZYTRect ExpectedCrop(const ZYTRect& rect, uint32_t inWidth, uint32_t inHeight, uint32_t outWidth,
+                            uint32_t outHeight) {
+    const double x = Single(Single(inWidth) / Single(outWidth));
+    const double y = Single(Single(inHeight) / Single(outHeight));
+    const double scale = x < y ? y : x;
+    const uint32_t width = std::min(Whole(Single(scale * Single(rect.width))), outWidth);
+    const uint32_t height = std::min(Whole(Single(scale * Single(rect.height))), outHeight);
+    return {(outHeight - height) / 2, (outWidth - width) / 2, width, height};
+}
+
+// (ratio * cropSide - dstSide) / 2, rounded once. A ratio of 32-bit numbers in single precision has no bit below 2^-55:
+// in units of that size everything is whole and fits 128 bits.
+inline double Overflow(double ratio, uint32_t cropSide, uint32_t dstSide) {
+    const __int128 scaled = static_cast<__int128>(std::ldexp(ratio, 55)) * static_cast<__int128>(Single(cropSide));
+    const __int128 overflow = scaled - (static_cast<__int128>(Single(dstSide)) << 55);
+    return std::ldexp(static_cast<double>(static_cast<float>(overflow)), -56);
+}
+
+inline ZYTRect ExpectedFace(const ZYTRect& face, const ZYTRect& crop, const ZYTRect& dst) {
+    const double ratioX = Single(Single(dst.width) / Single(crop.width));
+    const double ratioY = Single(Single(dst.height) / Single(crop.height));
+    const double scale = std::max(ratioX, ratioY);
+    double left = Single(scale * Single(face.left - crop.left));
+    double top = Single(scale * Single(face.top - crop.top));
+    if (ratioX > ratioY) {
+        top = Single(top - Overflow(ratioX, crop.height, dst.height));
+    } else {
+        left = Single(left - Overflow(ratioY, crop.width, dst.width));
+    }
+    return {Whole(top), Whole(left), Whole(Single(scale * Single(face.width))),
+            Whole(Single(scale * Single(face.height)))};
+}
+
+enum Place { kOutside, kInside, kFatal };
+
+// A far edge that does not fit 32 bits ends the process where it is to decide whether the face is inside.
+inline Place Locate(uint32_t start, uint32_t length, uint32_t low, uint64_t high) {
+    if (start < low || start > high) return kOutside;
+    const uint64_t end = uint64_t{start} + length;
+    return end > kMax32 ? kFatal : end <= high ? kInside : kOutside;
+}
+
+template <typename Choices>
+uint32_t Number(Choices& data) {
+    const int shift = data.ConsumeIntegralInRange(0, 31);
+    return data.template ConsumeIntegral<uint32_t>() >> shift;
+}
+
+template <typename Choices>
+ZYTRect Rect(Choices& data) {
+    return {Number(data), Number(data), Number(data), Number(data)};
+}
+
+// Within the range or one beside it, or anything: what is left to chance lies outside nearly always.
+template <typename Choices>
+uint32_t About(Choices& data, uint64_t low, uint64_t high) {
+    if (data.ConsumeBool()) return Number(data);
+    return static_cast<uint32_t>(low - 1 + data.template ConsumeIntegralInRange<uint64_t>(0, high - low + 2));
+}
+
+/// Crops and faces against the same rules in double and in whole numbers, rounded to single precision after every step.
+/// A double has room for the sum, product or quotient of two floats such that rounding it again gives the float's own.
+template <typename Choices>
+bool PlacesByRule(Choices& data) {
+    const ZYTRect rect = Rect(data), sides = Rect(data), crop = Rect(data), dst = Rect(data);
+    if (!AreSame(ZYTUtil::TranslateCropInfo(rect, sides.top, sides.left, sides.width, sides.height),
+                 ExpectedCrop(rect, sides.top, sides.left, sides.width, sides.height))) {
+        return false;
+    }
+
+    const uint64_t right = uint64_t{crop.left} + crop.width, bottom = uint64_t{crop.top} + crop.height;
+    const bool isEmpty = crop.width == 0 || crop.height == 0;
+    if (!isEmpty && (right > kMax32 || bottom > kMax32)) return true;
+    std::vector<ZYTRect> faces, expected = {{1, 2, 3, 4}}, mapped = expected;
+    for (int i = data.ConsumeIntegralInRange(0, 8); i > 0; --i) {
+        ZYTRect face{};
+        face.left = About(data, crop.left, right);
+        face.top = About(data, crop.top, bottom);
+        const uint64_t width = right - std::min<uint64_t>(right, face.left);
+        const uint64_t height = bottom - std::min<uint64_t>(bottom, face.top);
+        face.width = About(data, width, width);
+        face.height = About(data, height, height);
+        const Place x = Locate(face.left, face.width, crop.left, right);
+        const Place y = Locate(face.top, face.height, crop.top, bottom);
+        if (!isEmpty && (x == kFatal || (x == kInside && y == kFatal))) continue;
+        faces.push_back(face);
+        if (!isEmpty && x == kInside && y == kInside) expected.push_back(ExpectedFace(face, crop, dst));
+    }
+    ZYTUtil::MapFaceROIToImageBuffer(faces, mapped, crop, dst);
+    return std::equal(mapped.begin(), mapped.end(), expected.begin(), expected.end(), AreSame);
+}
+
+}  // namespace zytrule
+
+#endif  // ZYT_TESTS_RULES_H
