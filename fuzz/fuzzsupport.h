@@ -21,6 +21,9 @@ extern "C" inline __attribute__((used)) const char* __asan_default_options() {
     return "strict_string_checks=1:detect_stack_use_after_return=1";
 }
 
+/// Bytes as far as a C function sees them.
+inline std::string UpToNul(const std::string& bytes) { return bytes.c_str(); }
+
 /// A name below fuzz.tmp in the current directory; fuzz.sh makes that a passing one.
 inline std::string Scratch(const char* name) {
     std::filesystem::create_directory("fuzz.tmp");

@@ -99,6 +99,21 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(m_path, ignored);
 }
 
+LogDir::LogDir() {
+    namespace fs = std::filesystem;
+    const fs::path dir = fs::path(ZYT_OFFLINE_LOG_DIR).parent_path();
+    for (fs::path missing = dir; !fs::exists(missing); missing = missing.parent_path()) m_made = missing;
+    fs::create_directories(dir);
+    for (const auto& entry : fs::directory_iterator(dir)) m_before.insert(entry.path());
+}
+
+LogDir::~LogDir() {
+    for (const auto& entry : std::filesystem::directory_iterator(ZYT_OFFLINE_LOG_DIR)) {
+        if (m_before.count(entry.path()) == 0) std::filesystem::remove_all(entry.path());
+    }
+    if (!m_made.empty()) std::filesystem::remove_all(m_made);
+}
+
 ZYTImageBuffer Image(int format, uint32_t width, uint32_t height, uint32_t planeStride, uint32_t sliceHeight) {
     return {static_cast<ZYTFormat>(format), width, height, planeStride, sliceHeight, 0, {}, {}, nullptr};
 }

@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,17 @@ public:
 
 private:
     std::string m_path;
+};
+
+/// The offline log's directory for one test: made if it is missing, and left as it was found. Others' logs stay.
+class LogDir {
+public:
+    LogDir();
+    ~LogDir();
+
+private:
+    std::set<std::string> m_before;
+    std::string m_made;  // the outermost directory that was missing
 };
 
 std::string ReadFile(const std::string& path);

@@ -39,7 +39,6 @@ size_t FilesInLogDir() {
 class OfflineLog : public testing::Test {
 protected:
     void SetUp() override {
-        fs::create_directories(ZYT_OFFLINE_LOG_DIR);
         m_filesBefore = FilesInLogDir();
         zyt::StoreFlag(m_log.m_enable, true);
         StartNextFile();
@@ -48,7 +47,6 @@ protected:
     void TearDown() override {
         zyt::StoreFlag(m_log.m_enable, false);
         Drain();
-        for (const std::string& file : Files()) fs::remove(file);
         std::lock_guard<std::mutex> lock(m_log.m_logFileListLock);
         m_log.m_logFileList.clear();
     }
@@ -89,6 +87,7 @@ protected:
         return m_log.FlushLogPoolToFile2(&param);
     }
 
+    const zyttest::LogDir m_dir;
     ZYTOfflineLog& m_log = ZYTOfflineLog::GetInstance();
     size_t m_filesBefore = 0;
 };
@@ -262,7 +261,7 @@ TEST_F(OfflineLog, SavesOnlyWholeBlocks) {
 }
 
 TEST(OfflineLogSwitch, IsThePropertyAndWithoutItTheFrameworks) {
-    fs::create_directories(ZYT_OFFLINE_LOG_DIR);
+    const zyttest::LogDir dir;
     const auto print = [](const char* property, const char* framework) {
         return RunChild("PrintSwitch", {{kSwitchProperty, property}, {kFrameworkProperty, framework}}).output;
     };
