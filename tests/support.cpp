@@ -197,5 +197,8 @@ int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     // Deaths are staged in a fresh process: a mere fork would inherit the locks of threads that it does not have.
     testing::FLAGS_gtest_death_test_style = "threadsafe";
+    // What a process leaves behind that dies goes with its parent's directory.
+    const zyttest::TempDir dir;
+    setenv("TMPDIR", dir.Path().c_str(), 1);
     return RUN_ALL_TESTS();
 }
