@@ -17,6 +17,7 @@
 #define ZYT_HAS_CAMERA_FRAMEWORK 1
 #endif
 
+// Where the files go, with a final slash. A desk's build puts an expression in place of the device's directory.
 #ifndef ZYT_OFFLINE_LOG_DIR
 #define ZYT_OFFLINE_LOG_DIR "/data/vendor/camera/offlinelog/"
 #endif
@@ -37,7 +38,7 @@ std::string NextFileName() {
     tm local{};
     localtime_r(&now.tv_sec, &local);
     char name[256] = {};
-    std::snprintf(name, sizeof(name), ZYT_OFFLINE_LOG_DIR "ZYTOfflineLog_%04d-%02d-%02d--%02d-%02d-%02d-%06ld.txt",
+    std::snprintf(name, sizeof(name), "%sZYTOfflineLog_%04d-%02d-%02d--%02d-%02d-%02d-%06ld.txt", ZYT_OFFLINE_LOG_DIR,
                   local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
                   static_cast<long>(now.tv_usec));
     return name;
