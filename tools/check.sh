@@ -119,9 +119,34 @@ step_exports() {
     [[ -z $foreign ]] || { echo "exported besides the library's own: $foreign"; return 1; }
 }
 
+# The demo with a photograph that is stored turned, under a name that means something to a shell, ffmpeg and printf.
+step_demo() {
+    local dir=build/check-demo name='-%d turned.jpg'
+    mkdir -p "$dir"
+    ffmpeg -v error -y -f lavfi -i testsrc=s=64x32 -frames:v 1 -update 1 "$dir/plain.jpg"
+    python3 - "$dir/plain.jpg" "$dir/$name" <<'EOF' || return 1
+import sys
+jpeg = open(sys.argv[1], "rb").read()
+exif = b"Exif\0\0MM\0*\0\0\0\x08\0\x01\x01\x12\0\x03\0\0\0\x01\0\x06\0\0\0\0\0\0"
+open(sys.argv[2], "wb").write(jpeg[:2] + b"\xff\xe1" + (len(exif) + 2).to_bytes(2, "big") + exif + jpeg[2:])
+EOF
+    local said size refused
+    said=$(cd "$dir" && ../../dev demo "$name") && size=$(grep '32x64 YUV' <<<"$said") || { echo "$said"; return 1; }
+    for refused in 'demo missing.jpg' 'demo a b c' 'test stray' 'docs stray'; do
+        # shellcheck disable=SC2086
+        said=$(./dev $refused 2>&1) && echo "$refused passes: $said" && return 1
+        [[ $said == dev:* && $said != *$'\n'* ]] || { echo "$refused says $said"; return 1; }
+    done
+    if ./dev test -R NoSuchTest >/dev/null 2>&1; then
+        echo "a test that is not there passes"
+        return 1
+    fi
+    echo "turned: ${size% YUV*}"
+}
+
 steps=("$@")
 [[ ${#steps[@]} -gt 0 ]] ||
-    steps=(format soong docs gcc exports clang locks tidy aosp fma address thread exits)
+    steps=(format soong docs demo gcc exports clang locks tidy aosp fma address thread exits)
 
 need g++ cmake make googletest clang libc++-14-dev libc++abi-14-dev clang-format clang-tidy doxygen pkgconf libpng-dev \
     ffmpeg android-liblog-dev android-libutils-dev git python3
