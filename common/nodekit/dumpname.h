@@ -1,0 +1,99 @@
+#ifndef ZYT_NODEKIT_DUMPNAME_H
+#define ZYT_NODEKIT_DUMPNAME_H
+
+/// @file
+/// Names of dumps that tell their size and format: a dump has no header, so the name is all that its reader knows.
+///
+/// @code
+/// std::string name = zyt::DumpName(frame, "night");                        // "night_4000x3000_RawMipi10.raw"
+/// zyt::DumpInfo info = zyt::ParseDumpName("/tmp/night-4000X3000.nv12");
+/// if (info.width == 0 || !info.format) return 1;                           // neither is missing here
+/// @endcode
+///
+/// The functions are pure: safe on any threads, no log line, no code of the library's.
+
+#include <charconv>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "zytbuffermanager/zytimagelayout.h"
+
+namespace zyt {
+
+/// What a dump's name tells. What it does not tell stays empty.
+struct DumpInfo {
+    std::optional<ZYTFormat> format;
+    uint32_t width = 0;   ///< Pixels; 0 when there is no size.
+    uint32_t height = 0;  ///< Rows; 0 when there is no size.
+};
+
+/// The format of that name: as the library spells it but in any case, also without its "YUV420" or "YUV_".
+inline std::optional<ZYTFormat> FindFormat(std::string_view name) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    const auto isName = [&](std::string_view other) {
+        if (other.size() != name.size()) return false;
+        for (size_t i = 0; i < name.size(); ++i) {
+            if (lower(name[i]) != lower(other[i])) return false;
+        }
+        return true;
+    };
+    for (const FormatLayout& layout : kFormatLayouts) {
+        std::string_view brief = layout.name;
+        for (const std::string_view prefix : {"YUV420", "YUV_"}) {
+            if (brief.substr(0, prefix.size()) == prefix) brief.remove_prefix(prefix.size());
+        }
+        if (isName(layout.name) || isName(brief)) return static_cast<ZYTFormat>(&layout - kFormatLayouts);
+    }
+    return std::nullopt;
+}
+
+/// Reads a size such as "4000x3000" or "4000X3000", each side from 1 to 131072; more than any sensor has, and small
+/// enough for a row to fit 32 bits. False, with nothing changed, for anything else.
+inline bool ParseSize(std::string_view text, uint32_t& width, uint32_t& height) {
+    constexpr uint32_t kMaxSide = 1u << 17;
+    uint32_t sides[2] = {};
+    const char* at = text.data();
+    const char* const end = at + text.size();
+    for (uint32_t& side : sides) {
+        const auto [stop, error] = std::from_chars(at, end, side);
+        if (error != std::errc() || side == 0 || side > kMaxSide) return false;
+        at = stop;
+        if (&side == sides && (at == end || (*at != 'x' && *at != 'X'))) return false;
+        if (&side == sides) ++at;
+    }
+    if (at != end) return false;
+    width = sides[0];
+    height = sides[1];
+    return true;
+}
+
+/// What the words of the file's name tell; '_', '-', '.' and blanks part them. Of several sizes or formats the last
+/// counts. Directories do not.
+inline DumpInfo ParseDumpName(std::string_view path) {
+    path.remove_prefix(path.rfind('/') + 1);
+    DumpInfo info;
+    for (size_t begin = 0; begin < path.size();) {
+        const size_t stop = path.find_first_of("_-. ", begin);
+        const size_t end = stop == path.npos ? path.size() : stop;
+        const std::string_view word = path.substr(begin, end - begin);
+        ParseSize(word, info.width, info.height);
+        if (const auto format = FindFormat(word)) info.format = format;
+        begin = end + 1;
+    }
+    return info;
+}
+
+/// "STEM_WIDTHxHEIGHT_FORMAT.raw", a name that ParseDumpName and zytview understand; the format is "Unknow" for a value
+/// outside the enumeration.
+inline std::string DumpName(const ZYTImageBuffer& image, std::string_view stem) {
+    const FormatLayout* layout = FindFormatLayout(image.format);
+    return std::string(stem) + "_" + std::to_string(image.width) + "x" + std::to_string(image.height) + "_" +
+           (layout != nullptr ? layout->name : "Unknow") + ".raw";
+}
+
+}  // namespace zyt
+
+#endif  // ZYT_NODEKIT_DUMPNAME_H

@@ -1,0 +1,262 @@
+#ifndef ZYT_NODEKIT_RAWPIXELS_H
+#define ZYT_NODEKIT_RAWPIXELS_H
+
+/// @file
+/// Rows of an image as 16-bit samples, and back.
+///
+/// @code
+/// std::vector<uint16_t> samples(frame.width);
+/// for (uint32_t y = 0; y < frame.height; ++y) {
+///     zyt::UnpackRow(frame, y, samples.data());   // RawMipi10: 0 to 1023
+///     for (uint16_t& sample : samples) sample = sample > 64 ? sample - 64 : 0;
+///     zyt::PackRow(frame, y, samples.data());
+/// }
+/// // A row of any other memory:
+/// zyt::UnpackRow(ZYT_FORMAT_RAWMIPI12, bytes, 4000, samples.data());
+/// @endcode
+///
+/// All eleven formats are known; of those with chroma a row of either plane is as good. Samples have the format's own
+/// range: 8 bits for NV12 and NV21, 10 for P010, whose containers hold them at the upper end. The functions are pure:
+/// safe on any threads, no heap, no log line, no code of the library's.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "zytbuffermanager/zytimagelayout.h"
+
+#if defined(__aarch64__)
+#include <arm_neon.h>
+#elif defined(__x86_64__)
+#include <tmmintrin.h>
+#endif
+
+namespace zyt {
+
+/// What the row functions are made of; no part of the interface.
+namespace detail {
+
+using Bytes = uint8_t __attribute__((vector_size(16)));
+using Words = uint16_t __attribute__((vector_size(16)));
+using Doubles = uint32_t __attribute__((vector_size(16)));
+using Quads = uint64_t __attribute__((vector_size(16)));
+
+template <uint32_t kBits>
+inline constexpr uint32_t kGroupPixels = kBits == 12 ? 2 : 4;
+template <uint32_t kBits>
+inline constexpr uint32_t kGroupBytes = kGroupPixels<kBits>* kBits / 8;
+
+constexpr uint8_t kNoByte = 0x80;  // a shuffle puts 0 there
+
+// Where the bits of eight pixels lie among their bytes, of which there are as many as a pixel has bits.
+template <uint32_t kBits>
+struct Places {
+    uint8_t highs[16] = {};        // of unpacked word i: the byte with the upper bits, and none
+    uint8_t lows[16] = {};         // of unpacked word i: the two bytes with the lower bits
+    uint16_t factors[8] = {};      // move those to bit 6
+    uint8_t packedHighs[16] = {};  // of packed byte i: the word with the upper bits
+    uint8_t packedLows[16] = {};   // of packed byte i: the byte of the lower bits, four pixels' in each half
+    uint16_t shifts[8] = {};       // move a word's lower bits behind those of its left neighbour
+
+    constexpr Places() {
+        constexpr uint32_t kLowBits = kBits - 8;
+        for (uint32_t i = 0; i < 16; ++i) packedHighs[i] = packedLows[i] = kNoByte;
+        for (uint32_t i = 0; i < 8; ++i) {
+            const uint32_t group = i / kGroupPixels<kBits> * kGroupBytes<kBits>;
+            const uint32_t lowBit = i % kGroupPixels<kBits> * kLowBits;
+            const uint32_t low = group + kGroupPixels<kBits> + lowBit / 8;
+            const uint32_t high = group + i % kGroupPixels<kBits>;
+            highs[2 * i] = static_cast<uint8_t>(high);
+            highs[2 * i + 1] = kNoByte;
+            lows[2 * i] = static_cast<uint8_t>(low);
+            lows[2 * i + 1] = low + 1 < group + kGroupBytes<kBits> ? static_cast<uint8_t>(low + 1) : kNoByte;
+            factors[i] = static_cast<uint16_t>(1u << (6 - lowBit % 8));
+            packedHighs[high] = static_cast<uint8_t>(2 * i);
+            packedLows[low] = static_cast<uint8_t>(i / 4 * 8 + i % 4 * kLowBits / 8);
+            shifts[i] = static_cast<uint16_t>(i % 2 == 0 ? 1u : 1u << kLowBits);
+        }
+    }
+};
+template <uint32_t kBits>
+inline constexpr Places<kBits> kPlaces;
+
+template <typename Vector>
+inline Vector Load(const void* from) {
+    Vector vector;
+    std::memcpy(&vector, from, sizeof(vector));
+    return vector;
+}
+
+#if defined(__aarch64__)
+#define ZYT_RAWPIXELS_TARGET
+inline bool HasShuffle() { return true; }
+inline Bytes Shuffle(Bytes bytes, Bytes places) {
+    return reinterpret_cast<Bytes>(
+        vqtbl1q_u8(reinterpret_cast<uint8x16_t>(bytes), reinterpret_cast<uint8x16_t>(places)));
+}
+#elif defined(__x86_64__)
+#define ZYT_RAWPIXELS_TARGET __attribute__((target("ssse3")))
+inline bool HasShuffle() { return __builtin_cpu_supports("ssse3") != 0; }
+ZYT_RAWPIXELS_TARGET inline Bytes Shuffle(Bytes bytes, Bytes places) {
+    return reinterpret_cast<Bytes>(
+        _mm_shuffle_epi8(reinterpret_cast<__m128i>(bytes), reinterpret_cast<__m128i>(places)));
+}
+#endif
+
+// Eight pixels at a time, as long as 16 bytes of the row are left. Return how many pixels they did.
+#if defined(ZYT_RAWPIXELS_TARGET)
+template <uint32_t kBits>
+ZYT_RAWPIXELS_TARGET inline uint32_t UnpackEights(const unsigned char* row, size_t rowBytes, uint16_t* samples) {
+    const Bytes highs = Load<Bytes>(kPlaces<kBits>.highs);
+    const Bytes lows = Load<Bytes>(kPlaces<kBits>.lows);
+    const Words factors = Load<Words>(kPlaces<kBits>.factors);
+    constexpr uint16_t kLowMask = (1u << (kBits - 8)) - 1;
+    uint32_t x = 0;
+    for (size_t at = 0; at + 16 <= rowBytes; at += kBits, x += 8) {
+        const Bytes bytes = Load<Bytes>(row + at);
+        const Words high = reinterpret_cast<Words>(Shuffle(bytes, highs)) << (kBits - 8);
+        const Words low = reinterpret_cast<Words>(Shuffle(bytes, lows)) * factors >> 6 & kLowMask;
+        const Words words = high | low;
+        std::memcpy(samples + x, &words, sizeof(words));
+    }
+    return x;
+}
+
+template <uint32_t kBits>
+ZYT_RAWPIXELS_TARGET inline uint32_t PackEights(const uint16_t* samples, size_t rowBytes, unsigned char* row) {
+    constexpr uint32_t kLowBits = kBits - 8;
+    constexpr uint16_t kLowMask = (1u << kLowBits) - 1;
+    constexpr uint16_t kLargest = (1u << kBits) - 1;
+    const Bytes highs = Load<Bytes>(kPlaces<kBits>.packedHighs);
+    const Bytes lows = Load<Bytes>(kPlaces<kBits>.packedLows);
+    const Words shifts = Load<Words>(kPlaces<kBits>.shifts);
+    uint32_t x = 0;
+    for (size_t at = 0; at + 16 <= rowBytes; at += kBits, x += 8) {
+        const Words words = Load<Words>(samples + x);
+        const Words fitting = (words | reinterpret_cast<Words>(words > kLargest)) & kLargest;
+        const auto pairs = reinterpret_cast<Doubles>((fitting & kLowMask) * shifts);
+        const auto fours = reinterpret_cast<Quads>((pairs | pairs >> 16) & 0xffffu);
+        const auto low = reinterpret_cast<Bytes>(fours | fours >> (32 - 2 * kLowBits));
+        const Bytes bytes = Shuffle(reinterpret_cast<Bytes>(fitting >> kLowBits), highs) | Shuffle(low, lows);
+        std::memcpy(row + at, &bytes, sizeof(bytes));  // what it writes too much, the next eight or the rest overwrite
+    }
+    return x;
+}
+#undef ZYT_RAWPIXELS_TARGET
+#else
+inline bool HasShuffle() { return false; }
+template <uint32_t kBits>
+inline uint32_t UnpackEights(const unsigned char*, size_t, uint16_t*) {
+    return 0;
+}
+template <uint32_t kBits>
+inline uint32_t PackEights(const uint16_t*, size_t, unsigned char*) {
+    return 0;
+}
+#endif
+
+template <uint32_t kBits>
+inline void UnpackMipi(const unsigned char* row, uint32_t width, uint16_t* samples) {
+    constexpr uint32_t kLowBits = kBits - 8;
+    const size_t rowBytes = size_t{width} * kBits / 8;
+    uint32_t x = HasShuffle() ? UnpackEights<kBits>(row, rowBytes, samples) : 0;
+    size_t at = size_t{x} / 8 * kBits;
+    for (; x < width; x += kGroupPixels<kBits>, at += kGroupBytes<kBits>) {
+        unsigned char group[kGroupBytes<kBits>] = {};
+        std::memcpy(group, row + at, rowBytes - at < sizeof(group) ? rowBytes - at : sizeof(group));
+        uint32_t lows = 0;
+        for (uint32_t i = kGroupPixels<kBits>; i < sizeof(group); ++i) {
+            lows |= uint32_t{group[i]} << (i - kGroupPixels<kBits>)*8;
+        }
+        for (uint32_t i = 0; i < kGroupPixels<kBits> && x + i < width; ++i) {
+            const uint32_t low = lows >> i * kLowBits & ((1u << kLowBits) - 1);
+            samples[x + i] = static_cast<uint16_t>(uint32_t{group[i]} << kLowBits | low);
+        }
+    }
+}
+
+template <uint32_t kBits>
+inline void PackMipi(const uint16_t* samples, uint32_t width, unsigned char* row) {
+    constexpr uint32_t kLowBits = kBits - 8;
+    constexpr uint32_t kLargest = (1u << kBits) - 1;
+    const size_t rowBytes = size_t{width} * kBits / 8;
+    uint32_t x = HasShuffle() ? PackEights<kBits>(samples, rowBytes, row) : 0;
+    size_t at = size_t{x} / 8 * kBits;
+    for (; x < width; x += kGroupPixels<kBits>, at += kGroupBytes<kBits>) {
+        unsigned char group[kGroupBytes<kBits>] = {};
+        uint32_t lows = 0;
+        for (uint32_t i = 0; i < kGroupPixels<kBits> && x + i < width; ++i) {
+            const uint32_t sample = samples[x + i] < kLargest ? samples[x + i] : kLargest;
+            group[i] = static_cast<unsigned char>(sample >> kLowBits);
+            lows |= (sample & ((1u << kLowBits) - 1)) << i * kLowBits;
+        }
+        for (uint32_t i = kGroupPixels<kBits>; i < sizeof(group); ++i) {
+            group[i] = static_cast<unsigned char>(lows >> (i - kGroupPixels<kBits>)*8);
+        }
+        std::memcpy(row + at, group, rowBytes - at < sizeof(group) ? rowBytes - at : sizeof(group));
+    }
+}
+
+inline void PackContainers(const uint16_t* samples, uint32_t width, uint32_t bits, uint32_t shift, unsigned char* row) {
+    const uint32_t largest = (1u << bits) - 1;
+    for (uint32_t x = 0; x < width; ++x) {
+        const auto word = static_cast<uint16_t>((samples[x] < largest ? samples[x] : largest) << shift);
+        std::memcpy(row + size_t{2} * x, &word, sizeof(word));
+    }
+}
+
+}  // namespace detail
+
+/// Reads width samples from the row's FormatLayout::RowBytes(width) bytes, and no byte behind them. Where these cut a
+/// group of packed pixels short, the lower bits that are not there are 0. A 16-bit container that holds more than the
+/// format's bits is given as it is. False, with nothing written, for a value outside the enumeration.
+inline bool UnpackRow(ZYTFormat format, const unsigned char* row, uint32_t width, uint16_t* samples) {
+    const FormatLayout* layout = FindFormatLayout(format);
+    if (layout == nullptr) return false;
+    if (layout->IsPacked()) {
+        if (layout->bits == 10) detail::UnpackMipi<10>(row, width, samples);
+        if (layout->bits == 12) detail::UnpackMipi<12>(row, width, samples);
+        if (layout->bits == 14) detail::UnpackMipi<14>(row, width, samples);
+    } else if (layout->kind == FormatKind::kYuv420) {
+        for (uint32_t x = 0; x < width; ++x) samples[x] = row[x];
+    } else {
+        std::memcpy(samples, row, size_t{2} * width);
+        if (layout->kind == FormatKind::kP010) {
+            for (uint32_t x = 0; x < width; ++x) samples[x] = static_cast<uint16_t>(samples[x] >> (16 - layout->bits));
+        }
+    }
+    return true;
+}
+
+/// The same for row y of the image's first plane. CPU access is the caller's to bracket.
+inline bool UnpackRow(const ZYTImageBuffer& image, uint32_t y, uint16_t* samples) {
+    return UnpackRow(image.format, image.pAddr[0] + size_t{y} * image.planeStride, image.width, samples);
+}
+
+/// Writes width samples into the row's FormatLayout::RowBytes(width) bytes, and no byte behind them: what UnpackRow
+/// reads back. A sample beyond the format's range is stored as its largest. False, with nothing written, for a value
+/// outside the enumeration.
+inline bool PackRow(ZYTFormat format, const uint16_t* samples, uint32_t width, unsigned char* row) {
+    const FormatLayout* layout = FindFormatLayout(format);
+    if (layout == nullptr) return false;
+    if (layout->IsPacked()) {
+        if (layout->bits == 10) detail::PackMipi<10>(samples, width, row);
+        if (layout->bits == 12) detail::PackMipi<12>(samples, width, row);
+        if (layout->bits == 14) detail::PackMipi<14>(samples, width, row);
+    } else if (layout->kind == FormatKind::kYuv420) {
+        for (uint32_t x = 0; x < width; ++x) row[x] = static_cast<unsigned char>(samples[x] < 255 ? samples[x] : 255);
+    } else {
+        const uint32_t shift = layout->kind == FormatKind::kP010 ? 16 - layout->bits : 0;
+        detail::PackContainers(samples, width, layout->bits, shift, row);
+    }
+    return true;
+}
+
+/// The same for row y of the image's first plane. CPU access is the caller's to bracket.
+inline bool PackRow(const ZYTImageBuffer& image, uint32_t y, const uint16_t* samples) {
+    return PackRow(image.format, samples, image.width, image.pAddr[0] + size_t{y} * image.planeStride);
+}
+
+}  // namespace zyt
+
+#endif  // ZYT_NODEKIT_RAWPIXELS_H
