@@ -7,6 +7,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 source tools/need.sh
 build=build/bench
+export HOSTDEVICE_DATA=$PWD/$build/device
 docs=no
 case "${1-}" in
     "") ;;
@@ -18,8 +19,7 @@ need g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev l
 
 mkdir -p "$build"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" \
-    -DZYT_BUILD_BENCHMARKS=ON -DZYT_BUILD_TESTS=OFF -DZYT_BUILD_EXAMPLES=OFF -DZYT_BUILD_TOOLS=OFF \
-    -DZYT_OFFLINE_LOG_DIR="$PWD/$build/offlinelog/" >"$build/configure.log"
+    -DZYT_BUILD_BENCHMARKS=ON -DZYT_BUILD_TESTS=OFF -DZYT_BUILD_EXAMPLES=OFF -DZYT_BUILD_TOOLS=OFF >"$build/configure.log"
 cmake --build "$build" -j "$(nproc)" >"$build/build.log" || { tail -n 30 "$build/build.log" >&2; exit 1; }
 strip -o "$build/libzyttools.stripped.so" "$build/common/tools/libzyttools.so"
 

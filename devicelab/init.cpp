@@ -291,6 +291,7 @@ void SetUp() {
     setenv("PATH", "/tests", 1);
     setenv("HOME", "/tmp", 1);
     setenv("TMPDIR", "/tmp", 1);
+    setenv("HOSTDEVICE_DATA", "/", 1);
     setenv("HOSTDEVICE_PROPERTIES", "/vendor/build.prop", 1);
     sigset_t child;
     sigemptyset(&child);

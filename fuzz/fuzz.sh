@@ -14,13 +14,13 @@ die() {
 seconds=${1:-60}
 [[ $# -le 1 && $seconds =~ ^[1-9][0-9]{0,5}$ ]] || die 'usage: fuzz.sh [SECONDS]'
 build=$PWD/build/fuzz
+export HOSTDEVICE_DATA=$build/device
 # In bytes: where an input has said all that its target can use. 4096 for those that take any number.
 declare -A longest=([filesearch]=300 [layout]=200 [rectangles]=400 [drawing]=80)
 
 build_targets() {
     { cmake -S . -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DZYT_SANITIZE=address,undefined -DZYT_BUILD_FUZZERS=ON \
-        -DZYT_BUILD_TESTS=OFF -DZYT_BUILD_EXAMPLES=OFF -DZYT_BUILD_TOOLS=OFF \
-        -DZYT_OFFLINE_LOG_DIR="$build/offlinelog/" &&
+        -DZYT_BUILD_TESTS=OFF -DZYT_BUILD_EXAMPLES=OFF -DZYT_BUILD_TOOLS=OFF &&
         cmake --build "$build" --target fuzzers --parallel "$(nproc)"; } >"$build/build.log" 2>&1 ||
         { tail -n 20 "$build/build.log" >&2; die "the build failed, see $build/build.log"; }
 }

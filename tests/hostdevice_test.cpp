@@ -4,6 +4,7 @@
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
+#include <hostdevice/files.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <ui/GraphicBuffer.h>
@@ -113,6 +114,35 @@ TEST_F(HostDeviceTest, PropertyFileIsReadBeforeTheFirstProperty) {
                     "^hostdevice: cannot read [^\n]*\n$");
     }
     unsetenv("HOSTDEVICE_PROPERTIES");
+}
+
+TEST_F(HostDeviceTest, FilesLieInAFolderOfTheUsers) {
+    const zyttest::TempDir dir;
+    const std::string log = "data/vendor/camera/offlinelog/";
+    const std::string longest(210 - (dir / "/" + log).size(), 'x');
+    zyttest::WriteFile(dir / "file", "");
+    const struct {
+        std::string data, state, home, expected, said;
+    } kCases[] = {{dir / "a", dir / "b", dir / "c", dir / "a/" + log, ""},
+                  {"/", "", "", "/" + log, ""},
+                  {"", dir / "b", dir / "c", dir / "b/zyttools/" + log, ""},
+                  {"", "relative", dir / "c", dir / "c/.local/state/zyttools/" + log, ""},
+                  {"", "", "", "/dev/null/", "hostdevice: no offline log: neither [^\n]*\n"},
+                  {dir / "file", "", "", "/dev/null/", "hostdevice: no offline log: [^\n]*Not a directory\n"},
+                  {dir / longest, "", "", dir / longest + "/" + log, ""},
+                  {dir / longest + "x", "", "", "/dev/null/", "hostdevice: no offline log: [^\n]*no room[^\n]*\n"}};
+    for (const auto& c : kCases) {
+        if (c.data == "/" && access("/data/vendor/camera", W_OK) != 0) continue;  // only on a device of its own
+        const auto ask = [&c] {
+            setenv("HOSTDEVICE_DATA", c.data.c_str(), 1);
+            setenv("XDG_STATE_HOME", c.state.c_str(), 1);
+            setenv("HOME", c.home.c_str(), 1);
+            const std::string path = hostdevice::OfflineLogDir();
+            const bool isUsable = c.said.empty() == (access(path.c_str(), W_OK) == 0);
+            _exit(path == c.expected && hostdevice::OfflineLogDir() == path && isUsable ? 0 : 1);
+        };
+        EXPECT_EXIT(ask(), testing::ExitedWithCode(0), "^" + c.said + "$") << c.expected;
+    }
 }
 
 // What is written to stderr meanwhile, one string a write call.

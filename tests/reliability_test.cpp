@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <hostdevice/files.h>
 #include <hostdevice/hostdevice.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -115,12 +116,13 @@ bool MountSmallDisk() {
         }
     }
     return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", ZYT_OFFLINE_LOG_DIR, "tmpfs", 0, "size=1m") == 0;
+           mount("tmpfs", hostdevice::OfflineLogDir(), "tmpfs", 0, "size=1m") == 0;
 }
 
 std::string WholeLog() {
     std::string content;
-    for (const auto& entry : fs::directory_iterator(ZYT_OFFLINE_LOG_DIR)) content += zyttest::ReadFile(entry.path());
+    for (const auto& entry : fs::directory_iterator(hostdevice::OfflineLogDir()))
+        content += zyttest::ReadFile(entry.path());
     return content;
 }
 
@@ -140,7 +142,7 @@ ZYT_CHILD(LogToAFullDisk) {
     ZYTOfflineLog::ZYTOfflineLogE("%s", std::string(1900, 'y').c_str());
     drain();
     if (WholeLog().find(std::string(1900, 'y')) != std::string::npos) return 1;  // it was not full
-    for (const auto& entry : fs::directory_iterator(ZYT_OFFLINE_LOG_DIR)) fs::resize_file(entry.path(), 0);
+    for (const auto& entry : fs::directory_iterator(hostdevice::OfflineLogDir())) fs::resize_file(entry.path(), 0);
     ZYTOfflineLog::ZYTOfflineLogE("there is room again");
     drain();
     return WholeLog().find("there is room again\n") != std::string::npos ? 0 : 2;

@@ -1,6 +1,7 @@
 #include "support.h"
 
 #include <fcntl.h>
+#include <hostdevice/files.h>
 #include <hostdevice/hostdevice.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -100,18 +101,15 @@ TempDir::~TempDir() {
 }
 
 LogDir::LogDir() {
-    namespace fs = std::filesystem;
-    const fs::path dir = fs::path(ZYT_OFFLINE_LOG_DIR).parent_path();
-    for (fs::path missing = dir; !fs::exists(missing); missing = missing.parent_path()) m_made = missing;
-    fs::create_directories(dir);
-    for (const auto& entry : fs::directory_iterator(dir)) m_before.insert(entry.path());
+    for (const auto& entry : std::filesystem::directory_iterator(hostdevice::OfflineLogDir())) {
+        m_before.insert(entry.path());
+    }
 }
 
 LogDir::~LogDir() {
-    for (const auto& entry : std::filesystem::directory_iterator(ZYT_OFFLINE_LOG_DIR)) {
+    for (const auto& entry : std::filesystem::directory_iterator(hostdevice::OfflineLogDir())) {
         if (m_before.count(entry.path()) == 0) std::filesystem::remove_all(entry.path());
     }
-    if (!m_made.empty()) std::filesystem::remove_all(m_made);
 }
 
 ZYTImageBuffer Image(int format, uint32_t width, uint32_t height, uint32_t planeStride, uint32_t sliceHeight) {
@@ -189,6 +187,8 @@ bool RegisterChild(const char* name, int (*body)()) { return Children().emplace(
 }  // namespace zyttest
 
 int main(int argc, char** argv) {
+    // The device's files stay in the build's own folder, also when a test is started by hand.
+    setenv("HOSTDEVICE_DATA", (zyttest::Self().parent_path().parent_path() / "device").c_str(), 0);
     if (argc == 3 && std::strcmp(argv[1], "--child") == 0) {
         alarm(120);
         const auto child = zyttest::Children().find(argv[2]);

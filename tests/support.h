@@ -56,7 +56,7 @@ private:
     std::string m_path;
 };
 
-/// The offline log's directory for one test: made if it is missing, and left as it was found. Others' logs stay.
+/// The offline log's directory for one test: left as it was found. Others' logs stay.
 class LogDir {
 public:
     LogDir();
@@ -64,7 +64,6 @@ public:
 
 private:
     std::set<std::string> m_before;
-    std::string m_made;  // the outermost directory that was missing
 };
 
 std::string ReadFile(const std::string& path);

@@ -2,6 +2,7 @@
 
 #include <cutils/properties.h>
 #include <gmock/gmock.h>
+#include <hostdevice/files.h>
 #include <hostdevice/hostdevice.h>
 #include <unistd.h>
 
@@ -32,7 +33,8 @@ std::vector<std::string> Lines(const std::string& text) {
 }
 
 size_t FilesInLogDir() {
-    return static_cast<size_t>(std::distance(fs::directory_iterator(ZYT_OFFLINE_LOG_DIR), fs::directory_iterator()));
+    return static_cast<size_t>(
+        std::distance(fs::directory_iterator(hostdevice::OfflineLogDir()), fs::directory_iterator()));
 }
 
 // Switches the process's log on for one test and takes the files it made away again.
@@ -119,9 +121,11 @@ TEST_F(OfflineLog, StampsALineAndKeepsEveryLevel) {
     Drain();
 
     ASSERT_EQ(Files().size(), 1u);
-    EXPECT_THAT(Files()[0],
-                MatchesRegex(ZYT_OFFLINE_LOG_DIR
-                             "ZYTOfflineLog_[0-9]{4}-[0-9]{2}-[0-9]{2}--[0-9]{2}-[0-9]{2}-[0-9]{2}-[0-9]{6}\\.txt"));
+    EXPECT_THAT(
+        Files()[0],
+        MatchesRegex(
+            hostdevice::OfflineLogDir() +
+            std::string("ZYTOfflineLog_[0-9]{4}-[0-9]{2}-[0-9]{2}--[0-9]{2}-[0-9]{2}-[0-9]{2}-[0-9]{6}\\.txt")));
     std::vector<std::string> lines = Lines(zyttest::ReadFile(Files()[0]));
     std::sort(lines.begin(), lines.end(),
               [](const std::string& a, const std::string& b) { return a.back() < b.back(); });
@@ -207,7 +211,7 @@ TEST_F(OfflineLog, KeepsEachLineOnceAndWholeAcrossRollOvers) {
 }
 
 TEST_F(OfflineLog, LosesALineThatCannotBeWrittenAndTriesAgain) {
-    const fs::path dir = fs::path(ZYT_OFFLINE_LOG_DIR).parent_path();
+    const fs::path dir = fs::path(hostdevice::OfflineLogDir()).parent_path();
     const fs::path aside = dir.string() + ".aside";
     fs::rename(dir, aside);
     EXPECT_FALSE(WriteLine("lost\n"));

@@ -13,7 +13,7 @@ targets=()
 configure_and_build() {
     local dir=build/check-$1
     mkdir -p "$dir"
-    { cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZYT_OFFLINE_LOG_DIR="$PWD/$dir/offlinelog/" "${@:2}" &&
+    { cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${@:2}" &&
         cmake --build "$dir" -j "$(nproc)" ${targets[@]+--target "${targets[@]}"}; } >"$dir/build.log" 2>&1 || {
         grep -E 'error|warning' -A 5 "$dir/build.log" | head -n 40
         return 1
