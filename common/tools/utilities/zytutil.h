@@ -2,7 +2,7 @@
 #define ZYT_UTIL_H
 
 /// @file
-/// Small help for nodes (see ZYTUtil), rectangles, and the numbers of regions and devices.
+/// Files, device facts, clocks, rectangles and marks (see ZYTUtil), and the numbers of regions and devices.
 
 #include <cstdint>
 #include <mutex>
@@ -13,7 +13,7 @@
 #include "base/zytthreadsafety.h"
 #include "zytbuffermanager/zytimagebuffer.h"
 
-/// A rectangle in pixels. The row comes before the column.
+/// A rectangle in pixels. The row comes before the column. Its far edges are at left + width and top + height.
 struct ZYTRect {
     uint32_t top;     ///< First row.
     uint32_t left;    ///< First column.
@@ -21,15 +21,15 @@ struct ZYTRect {
     uint32_t height;  ///< Rows.
 };
 
-/// Market regions, by what "ro.vexo.build.region" reads.
+/// Market regions, by the value of "ro.vexo.build.region".
 enum : uint32_t {
     ZYT_REGION_GLOBAL = 1,  ///< "GLOBAL" or "global".
-    ZYT_REGION_CN = 2,      ///< "CN", "cn" and whatever is not listed here.
+    ZYT_REGION_CN = 2,      ///< "CN", "cn" and any other value.
     ZYT_REGION_IN = 3,      ///< "IN" or "in".
 };
 
-/// Devices, by what "ro.product.device" reads. The numbers are shared with tuning data; the gaps are numbers that were
-/// given elsewhere.
+/// Devices, by the value of "ro.product.device". The numbers are shared with tuning data; those missing here are used
+/// elsewhere.
 enum : uint32_t {
     ZYT_DEVICE_KIVO = 8,       ///< "kivo".
     ZYT_DEVICE_DATU = 9,       ///< "datu".
@@ -46,52 +46,61 @@ enum : uint32_t {
     ZYT_DEVICE_FENRALUK = 20,  ///< "fenraluk".
     ZYT_DEVICE_SEBA = 129,     ///< "seba".
     ZYT_DEVICE_ZAD = 130,      ///< "zad".
-    ZYT_DEVICE_OTHER = 131,    ///< Whatever is not listed here.
+    ZYT_DEVICE_OTHER = 131,    ///< Any other value.
 };
 
-/// What the node runs on.
+/// The device that the process runs on.
 struct ZYTProductInfo {
     uint32_t region;              ///< A ZYT_REGION_ value.
     uint32_t device;              ///< A ZYT_DEVICE_ value.
     uint32_t cameraConfigIsZero;  ///< 1 when "ro.boot.camera.config" reads exactly "0", else 0.
 };
 
-/// Files, device facts, clocks, rectangles and marks, as static functions. None of them logs. All may be called from
-/// any thread at the same time; only the product record is shared, under its lock.
+/// Files, device facts, clocks, rectangles and marks, as static functions.
+///
+/// None of them logs. Thread-safe; only the product record is shared, under its lock. Pointers must not be null unless
+/// a function says so.
 class ZYT_EXPORT ZYTUtil {
 public:
     /// @name Files
-    /// Statuses are 0 for success and 1 for failure; lists are appended to, never cleared. Paths are put together as
-    /// "dir/name" and cut at 2046 characters. Running out of memory for a list ends the process.
+    /// A status is 0 for success and 1 for failure. Lists are appended to, never cleared. Paths are composed as
+    /// "dir/name" and cut to 2046 characters. Running out of memory for a list ends the process.
     /// @{
 
-    /// Appends every file in dir that is no directory, in the order the directory yields them; with recursive also
-    /// those below it, where the subdirectory is met. Symbolic links are followed, and cycles of them too, until the
-    /// kernel refuses the path; links to nothing are left out, and so is a path so long that its cut form leads back
-    /// into dir itself. Fails when dir or a directory below it cannot be opened; what was appended so far then stays.
+    /// Appends every file in dir that is not a directory, in the order in which the directory yields them; with
+    /// `recursive` also the files below it, where the subdirectory is met. Symbolic links are followed, cycles of them
+    /// too, until the kernel refuses the path; dangling links are left out, and so is a path whose cut form names dir
+    /// itself. Returns 1 when dir or a directory below it cannot be opened; what was appended so far then stays. Each
+    /// directory level takes one descriptor and about 2.5 KiB of stack: the 1 MiB of a device's thread are enough for
+    /// 400 levels.
     static int32_t GetFileListInDir(const char* dir, std::vector<std::string>& files, bool recursive) noexcept;
 
-    /// Appends the paths whose whole base name matches pattern, a case-sensitive ECMAScript regular expression. Success
-    /// also when nothing matches; failure, with files untouched, for a null argument or a listing that failed. An
-    /// ill-formed pattern ends the process, whatever the caller catches.
+    /// Appends the paths whose whole base name matches `pattern`, a case-sensitive ECMAScript regular expression: write
+    /// `cam.*\.bin`, not the shell wildcard `cam*.bin`. Returns 0 also when nothing matches, and 1, with `files`
+    /// untouched, when dir or pattern is null or the listing failed. An ill-formed pattern, such as `*.bin`, ends the
+    /// process, whatever the caller catches.
     static int32_t SearchFileByName(const char* dir, const char* pattern, std::vector<std::string>& files,
                                     bool recursive) noexcept;
 
-    /// Copies the part of path behind its last '/', with its terminator if both fit into size bytes. A path without a
-    /// '/' is copied without the terminator: clear name first.
+    /// Copies the part of `path` after its last '/', with its terminator if both fit into `size` bytes. A path without
+    /// a
+    /// '/' is copied without the terminator: clear `name` first.
     static void GetFileNameFromFilePath(const char* path, char* name, unsigned int size);
 
-    /// The same string with 'A' to 'Z' lowered and every other byte kept, whatever the locale.
+    /// Returns the string with 'A' to 'Z' in lower case and every other byte unchanged, whatever the locale.
     static std::string ToLowerCaseStr(const char* str);
 
-    /// Reads a whole file into a block that FreeFileData releases, without a terminator. Null with size 0 when it
-    /// cannot be opened; null with the file's length in size when there is no memory. Lengths are cut to 32 bits, and a
-    /// read that ends early is not detected.
+    /// Reads a whole regular file into a block that FreeFileData releases, without a terminator. Returns null with
+    /// `size` 0 when the file cannot be opened, and null with the file's length in `size` when there is no memory. The
+    /// length is cut to 32 bits, and a short read is not detected. Only regular files have a length: for a directory or
+    /// a FIFO `size` is 4294967295 and the block, if there is memory for it, is not filled, and a file of /proc reads
+    /// as empty. Test the kind of the file first.
     static char* ReadFileData(const char* path, unsigned int& size);
-    /// Releases a block of ReadFileData; null is allowed.
+    /// Releases a block of ReadFileData. Null is allowed.
     static void FreeFileData(char* data);
 
-    /// Whether path names anything: a file, a directory, or a link to one that exists. False for null.
+    /// Returns whether `path` names an existing file of any kind, a directory included; a link counts when its target
+    /// exists. False for null.
     static bool IsFileExist(const char* path);
 
     /// @}
@@ -99,24 +108,24 @@ public:
     /// @name Device facts and clocks
     /// @{
 
-    /// The product record, read from "ro.vexo.build.region", "ro.boot.camera.config" and "ro.product.device" by the
-    /// first call in the process and the same ever after.
+    /// Returns the product record, which the first call in the process reads from "ro.vexo.build.region",
+    /// "ro.boot.camera.config" and "ro.product.device". A property that the process may not read counts as unset.
     static ZYTProductInfo GetProductInfo() ZYT_EXCLUDES(m_productInfoLock);
 
-    /// Nanoseconds as ticks of the 19.2 MHz hardware timer: the argument, rounded to a double, times the binary128
-    /// ratio, truncated; at most 2^64 - 1. Bit-exact on every processor.
+    /// Returns nanoseconds as ticks of the 19.2 MHz hardware timer: the argument, rounded to a double, times the
+    /// binary128 ratio, truncated; at most 2^64 - 1. Bit-exact on every processor in the default rounding mode.
     static unsigned long long QtimerNanoToQtimerTicks(unsigned long long nanos);
-    /// Ticks of that timer as nanoseconds, worked out in the same way.
+    /// Returns ticks of that timer as nanoseconds, computed in the same way.
     static unsigned long long QtimerTicksToQtimerNano(unsigned long long ticks);
 
-    /// Milliseconds of the monotonic clock, from an unspecified start.
+    /// Returns milliseconds of the monotonic clock, from an unspecified start.
     static int64_t GetCurMilliSecond();
 
     /// @}
 
     /// @name Rectangles
-    /// In single precision. Where a coordinate turns back into a whole number the fraction is dropped, negative values
-    /// and NaN become 0 and large ones 2^32 - 1. A rectangle whose far edge does not fit 32 bits ends the process.
+    /// Computed in single precision. Conversions back to whole numbers truncate; negative values and NaN become 0,
+    /// large ones 2^32 - 1.
     /// @{
 
     /// Scales rect's size by the larger of inWidth / outWidth and inHeight / outHeight, limits it to the output and
@@ -124,31 +133,38 @@ public:
     static ZYTRect TranslateCropInfo(ZYTRect rect, uint32_t inWidth, uint32_t inHeight, uint32_t outWidth,
                                      uint32_t outHeight);
 
-    /// Appends to mapped each face that lies wholly inside crop, moved to where it is once crop has been scaled to
-    /// cover dst's size, with the overflow of the longer axis cut evenly on both sides. dst's position is not used.
-    /// Nothing for an empty crop.
+    /// Appends to `mapped` each face that lies wholly inside `crop`, bounds included, at its place after `crop` was
+    /// scaled to cover dst's size, with the overflow of the longer axis cut evenly on both sides. dst's position is not
+    /// used. Does nothing for an empty crop or an empty list.
+    ///
+    /// The result is not clipped: a face in the part that was cut can lie beyond dst's far edges, and one beyond the
+    /// near edges starts at 0 with its full size. Clip it before DrawRect, which ends the process for a rectangle whose
+    /// far edge does not fit in 32 bits, as it can be after saturation. A crop whose far edge does not fit in 32 bits
+    /// ends the process here, and so does a face that starts inside the crop and whose far edge does not fit. REQUIRES:
+    /// `faces` and `mapped` are different vectors.
     static void MapFaceROIToImageBuffer(const std::vector<ZYTRect>& faces, std::vector<ZYTRect>& mapped, ZYTRect crop,
                                         ZYTRect dst) noexcept;
 
     /// @}
 
     /// @name Marks
-    /// Of value 255 in the luma plane of NV12 and NV21; other formats are left as they are. A row whose offset does not
-    /// fit 32 bits ends the process.
+    /// Written as 255 to the luma plane of NV12 and NV21; other formats stay untouched. A marked row whose offset does
+    /// not fit in 32 bits ends the process.
     /// @{
 
-    /// Marks one pixel; nothing outside the image.
+    /// Marks one pixel. Does nothing outside the image.
     static void DrawPointer(ZYTImageBuffer* pImage, uint32_t x, uint32_t y);
 
-    /// Outlines rect with lines of 2 * (thickness / 2) + 1 pixels centred on its edges and clipped to the image. Ends
-    /// the process where an edge with its line does not fit 32 bits, and for an image without width or height, whatever
-    /// its format.
+    /// Outlines rect with lines of 2 * (thickness / 2) + 1 pixels, centred on its edges and clipped to the image. The
+    /// far edges are drawn at column left + width and row top + height, one beyond the rectangle's last pixels. Ends
+    /// the process when an edge with its line does not fit in 32 bits, and for an image without width or height,
+    /// whatever its format.
     static void DrawRect(ZYTImageBuffer* pImage, ZYTRect rect, uint32_t thickness);
 
     /// @}
 
     /// @name The product record
-    /// What GetProductInfo() keeps. Never cleared.
+    /// The record that GetProductInfo() keeps. Never cleared.
     /// @{
 
     /// The record; all zeros before it was read.

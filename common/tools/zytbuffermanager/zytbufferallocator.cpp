@@ -37,7 +37,7 @@ android::sp<android::GraphicBuffer> ZYTBufferAllocator::AllocGraphicBuffer(unsig
         new android::GraphicBuffer(width, height, format, kLayerCount, static_cast<uint64_t>(usage), "<Unknown>"));
     const ANativeWindowBuffer* nativeBuffer = graphicBuffer->getNativeBuffer();
     fd = nativeBuffer->handle != nullptr ? nativeBuffer->handle->data[0] : 0;
-    const uint32_t length = zyt::CheckedMul(graphicBuffer->getStride(), height);
+    const uint32_t length = zyt::CheckedMul(graphicBuffer->getStride(), height, "stride * height of a graphic buffer");
     *ppBuf = MapFDToBufferPointer(fd, length);
     return graphicBuffer;
 }

@@ -1,9 +1,9 @@
 #include "zytbuffermanager/zytbuffermanager.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <iterator>
 
+#include "base/zytfatal.h"
 #include "logging/zytlogsite.h"
 #include "zytbuffermanager/zytimagelayout.h"
 
@@ -22,7 +22,7 @@ void ClearPlanes(ZYTImageBuffer& image) {
 ZYTBufferManager::ZYTBufferManager() : m_managerName("UnknowBufferManager") {}
 
 ZYTBufferManager::ZYTBufferManager(const std::string& name) {
-    // The pool's client count is seen to rise and fall once more for each named manager; monitoring relies on it.
+    // Monitoring relies on the pool's client count rising and falling once more for each named manager.
     { ZYTBufferManager passing; }
     SetManagerName(name);
 }
@@ -45,9 +45,8 @@ void ZYTBufferManager::SetManagerName(const std::string& name) {
 }
 
 bool ZYTBufferManager::AllocBuffer(unsigned int size, void** ppBuf, int& fd, ZYTBufferType type) {
-    const char* name = m_managerName.c_str();
     if (size == 0 || ppBuf == nullptr) {
-        ZYT_LOG(D, name, "Alloc buffer invaild args");
+        ZYT_LOG(D, m_managerName.c_str(), "Alloc buffer invaild args");
         return false;
     }
     *ppBuf = nullptr;
@@ -58,20 +57,21 @@ bool ZYTBufferManager::AllocBuffer(unsigned int size, void** ppBuf, int& fd, ZYT
         pBuf = m_bufferPool.GetBufferFromPool(size, bufferFd, type);
     }
     if (pBuf == nullptr) {
-        ZYT_LOG(E, name, "Alloc buffer failed, get buffer from pool is NULL!");
+        ZYT_LOG(E, m_managerName.c_str(), "Alloc buffer failed, get buffer from pool is NULL!");
         return false;
     }
     {
         zyt::Lock lock(m_bufferListLock);
         if (!m_bufferList.insert(pBuf).second) {
-            // Null, not the address: whoever reads the log must not take it for a buffer that can be freed.
-            ZYT_LOG(E, name, "Get repetitive buffer from buffer pool: %p", static_cast<void*>(nullptr));
+            // Null, not the address: a reader of the log must not take it for a buffer that can be freed.
+            ZYT_LOG(E, m_managerName.c_str(), "Get repetitive buffer from buffer pool: %p",
+                    static_cast<void*>(nullptr));
             return false;
         }
     }
     *ppBuf = pBuf;
     fd = bufferFd;
-    ZYT_LOG(I, name, "Alloc buffer success, get buffer from pool: %p", pBuf);
+    ZYT_LOG(I, m_managerName.c_str(), "Alloc buffer success, get buffer from pool: %p", pBuf);
     return true;
 }
 
@@ -89,65 +89,39 @@ void ZYTBufferManager::GetImgBufferSize(const ZYTImageBuffer& image, unsigned in
         return;
     }
     planeSizes[0] = zyt::FirstPlaneSize(image);
-    // Written for gralloc too, whose single buffer is allocated by geometry: callers read the chroma size here.
+    // Written for gralloc too, although its single buffer is allocated by geometry: callers read the chroma size here.
     if (layout->HasChroma()) planeSizes[1] = planeSizes[0] >> 1;
 }
 
 bool ZYTBufferManager::AllocBuffer(ZYTImageBuffer& image, ZYTBufferType type) {
-    const char* name = m_managerName.c_str();
     if (image.width == 0 || image.height == 0 || image.planeStride == 0 || image.sliceHeight == 0) {
-        ZYT_LOG(D, name, "Alloc buffer fail, invalid size args");
+        ZYT_LOG(D, m_managerName.c_str(), "Alloc buffer fail, invalid size args");
         return false;
     }
     unsigned int planeCount = 0;
     unsigned int planeSizes[kMaxPlanes] = {};
     GetImgBufferSize(image, planeCount, planeSizes, kMaxPlanes, type);
     if (planeCount == 0) {
-        ZYT_LOG(E, name, "Alloc buffer fail, get buffer size fail");
+        ZYT_LOG(E, m_managerName.c_str(), "Alloc buffer fail, get buffer size fail");
         return false;
     }
 
     switch (type) {
         case ZYT_BUFFER_TYPE_MALLOC:
-        case ZYT_BUFFER_TYPE_DMABUF: {
-            unsigned char* addresses[kMaxPlanes] = {};
-            int fds[kMaxPlanes] = {};
-            for (unsigned int k = 0; k < planeCount; ++k) {
-                void* pBuf = nullptr;
-                if (!AllocBuffer(planeSizes[k], &pBuf, fds[k], type) || pBuf == nullptr) {
-                    ZYT_LOG(E, name, "Alloc buffer fail, can not alloc new buf: size: %u, type: %d", planeSizes[k],
-                            type);
-                    // The failed slot once for each plane tried: one warning a plane, by which log readers count them.
-                    for (unsigned int i = 0; i <= k; ++i) FreeBuffer(pBuf);
-                    return false;
-                }
-                addresses[k] = static_cast<unsigned char*>(pBuf);
-            }
-            ClearPlanes(image);
-            image.numberOfPlanes = planeCount;
-            std::copy(std::begin(addresses), std::end(addresses), image.pAddr);
-            std::copy(std::begin(fds), std::end(fds), image.fd);
+        case ZYT_BUFFER_TYPE_DMABUF:
+            if (!AllocBuffer(image, planeCount, planeSizes, type)) return false;
             break;
-        }
-        case ZYT_BUFFER_TYPE_GRALLOC: {
-            int fd = 0;
-            void* handle = nullptr;
-            void* pBuf = m_bufferPool.GetBufferFromPool(image.width, image.height, fd, &handle, type);
-            ClearPlanes(image);
-            image.numberOfPlanes = planeCount;
-            image.pAddr[0] = static_cast<unsigned char*>(pBuf);
-            image.fd[0] = fd;
-            image.pNativeHandle = handle;
+        case ZYT_BUFFER_TYPE_GRALLOC:
+            AllocGrallocBuffer(image, planeCount);
             break;
-        }
         default:
             ClearPlanes(image);
             image.numberOfPlanes = planeCount;
-            ZYT_LOG(E, name, "Alloc buffer fail, unsupport type: %d", type);
+            ZYT_LOG(E, m_managerName.c_str(), "Alloc buffer fail, unsupport type: %d", type);
             return false;
     }
 
-    ZYT_LOG(D, name,
+    ZYT_LOG(D, m_managerName.c_str(),
             "Alloc buffer success: type: %d, format: %d, width: %u, height: %u, planeStride: %u, sliceHeight: %u, "
             "numberOfPlanes: %u, Addr0: %p, Addr1: %p, Addr2: %p, Addr3: %p, pNativeHandle: %p, fd0: %d, fd1: %d, "
             "fd2: %d, fd3: %d",
@@ -158,31 +132,63 @@ bool ZYTBufferManager::AllocBuffer(ZYTImageBuffer& image, ZYTBufferType type) {
     return true;
 }
 
+bool ZYTBufferManager::AllocBuffer(ZYTImageBuffer& image, unsigned int planeCount, const unsigned int* planeSizes,
+                                   ZYTBufferType type) {
+    void* addresses[kMaxPlanes] = {};
+    int fds[kMaxPlanes] = {};
+    for (unsigned int k = 0; k < planeCount; ++k) {
+        if (AllocBuffer(planeSizes[k], &addresses[k], fds[k], type) && addresses[k] != nullptr) continue;
+        ZYT_LOG(E, m_managerName.c_str(), "Alloc buffer fail, can not alloc new buf: size: %u, type: %d", planeSizes[k],
+                type);
+        // The failed slot once for each plane tried. Readers of the log count the planes by these warnings.
+        for (unsigned int i = 0; i <= k; ++i) FreeBuffer(addresses[k]);
+        return false;
+    }
+    ClearPlanes(image);
+    image.numberOfPlanes = planeCount;
+    for (unsigned int k = 0; k < planeCount; ++k) image.pAddr[k] = static_cast<unsigned char*>(addresses[k]);
+    // A plain image has no descriptors, whatever its buffers' records say.
+    if (type == ZYT_BUFFER_TYPE_DMABUF) std::copy_n(fds, planeCount, image.fd);
+    return true;
+}
+
+void ZYTBufferManager::AllocGrallocBuffer(ZYTImageBuffer& image, unsigned int planeCount) {
+    int fd = 0;
+    void* handle = nullptr;
+    void* pBuf = m_bufferPool.GetBufferFromPool(image.width, image.height, fd, &handle, ZYT_BUFFER_TYPE_GRALLOC);
+    ClearPlanes(image);
+    image.numberOfPlanes = planeCount;
+    image.pAddr[0] = static_cast<unsigned char*>(pBuf);
+    image.fd[0] = fd;
+    image.pNativeHandle = handle;
+}
+
 bool ZYTBufferManager::FreeBuffer(const void* pBuf) {
-    const char* name = m_managerName.c_str();
     if (pBuf == nullptr) {
-        ZYT_LOG(W, name, "Free buffer is NULL!");
+        ZYT_LOG(W, m_managerName.c_str(), "Free buffer is NULL!");
         return false;
     }
     void* address = const_cast<void*>(pBuf);
     {
         zyt::Lock lock(m_bufferListLock);
         if (m_bufferList.erase(address) == 0) {
-            ZYT_LOG(W, name,
+            ZYT_LOG(W, m_managerName.c_str(),
                     "Free buffer failed, this buffer not alloced by this buffer manager, pBuf: %p, "
                     "buffer manager name: %s",
-                    pBuf, name);
+                    pBuf, m_managerName.c_str());
             return false;
         }
     }
     m_bufferPool.PutBufferToPool(address);
-    ZYT_LOG(D, name, "Free buffer: %p", pBuf);
+    ZYT_LOG(D, m_managerName.c_str(), "Free buffer: %p", pBuf);
     return true;
 }
 
 bool ZYTBufferManager::FreeBuffer(const ZYTImageBuffer& image) {
     for (unsigned int k = 0; k < image.numberOfPlanes; ++k) {
-        if (k >= kMaxPlanes) std::abort();
+        if (k >= kMaxPlanes) {
+            zyt::Fatal("zyttools: an image has %u planes, more than %u", image.numberOfPlanes, kMaxPlanes);
+        }
         FreeBuffer(image.pAddr[k]);
     }
     return true;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -14,10 +15,19 @@ namespace {
 
 constexpr size_t kFreeBuffersPerSize = 10;
 
-// HAL_PIXEL_FORMAT_IMPLEMENTATION_DEFINED: gralloc picks the layout that suits the usage.
+// HAL_PIXEL_FORMAT_IMPLEMENTATION_DEFINED: gralloc chooses the layout that suits the usage.
 constexpr int kGrallocFormat = 34;
 // GRALLOC_USAGE_HW_CAMERA_WRITE | GRALLOC_USAGE_HW_TEXTURE | GRALLOC_USAGE_SW_WRITE_MASK | GRALLOC_USAGE_SW_READ_MASK.
 constexpr unsigned int kGrallocUsage = 0x201ff;
+
+// Takes the buffer that was returned last, or none from an empty queue.
+template <typename Info>
+std::optional<Info> TakeLast(std::deque<Info>& buffers) {
+    if (buffers.empty()) return std::nullopt;
+    std::optional<Info> last(std::move(buffers.back()));
+    buffers.pop_back();
+    return last;
+}
 
 }  // namespace
 
@@ -33,45 +43,45 @@ std::map<void*, ZYTGrallocBufferPoolBufferInfo> ZYTBufferPool::m_busyGrallocBuff
 ZYTBufferPool::ZYTBufferPool() {
     {
         zyt::Lock lock(m_bufferPoolClientNumLock);
-        m_bufferPoolClientNum = zyt::CheckedAdd(m_bufferPoolClientNum, 1);
+        m_bufferPoolClientNum = zyt::CheckedAdd(m_bufferPoolClientNum, 1, "clients of the buffer pool");
     }
     SetClientName("UnknowBufferManager");
 }
 
 ZYTBufferPool::ZYTBufferPool(std::string name) {
-    // Clients rely on a named pool starting from a clean process-wide pool when it is the first: this short-lived
-    // client is then the last one to leave and takes all free buffers with it.
+    // Clients rely on a named pool that is the first to find the process-wide pool empty. This temporary client is then
+    // the last one to leave and releases all free buffers.
     { ZYTBufferPool passing; }
     SetClientName(std::move(name));
 }
 
 ZYTBufferPool::~ZYTBufferPool() {
     zyt::Lock clientNumLock(m_bufferPoolClientNumLock);
-    m_bufferPoolClientNum = zyt::CheckedSub(m_bufferPoolClientNum, 1);
+    m_bufferPoolClientNum = zyt::CheckedSub(m_bufferPoolClientNum, 1, "clients of the buffer pool");
     if (m_bufferPoolClientNum != 0) return;
-    const char* tag = m_logTag.c_str();
-    ZYT_LOG(D, tag, "All client disconnect, release buffer in pool");
+    ZYT_LOG(D, m_logTag.c_str(), "All client disconnect, release buffer in pool");
 
     std::vector<void*> returnable;
     {
         zyt::Lock lock(m_busyBufferListLock);
         const auto plainCount = static_cast<uint32_t>(m_busyBufferList.size());
-        const uint32_t busyCount = zyt::CheckedAdd(plainCount, static_cast<uint32_t>(m_busyGrallocBufferList.size()));
+        const auto grallocCount = static_cast<uint32_t>(m_busyGrallocBufferList.size());
+        const uint32_t busyCount = zyt::CheckedAdd(plainCount, grallocCount, "busy buffers");
         returnable.reserve(plainCount);
         uint32_t index = 0;
         if (busyCount != 0) {
-            ZYT_LOG(W, tag, "All client disconnect, but there are %u busy buffer in list:", busyCount);
+            ZYT_LOG(W, m_logTag.c_str(), "All client disconnect, but there are %u busy buffer in list:", busyCount);
         }
         for (const auto& [pBuf, info] : m_busyBufferList) {
             returnable.push_back(pBuf);
-            ZYT_LOG(W, tag, "   busy buffer[%u]: pBuf: %p, size: %u, fd, %d, type: %d", index, pBuf, info.size, info.fd,
-                    info.type);
+            ZYT_LOG(W, m_logTag.c_str(), "   busy buffer[%u]: pBuf: %p, size: %u, fd, %d, type: %d", index, pBuf,
+                    info.size, info.fd, info.type);
             ++index;
         }
         // Only reported: the consumer of a gralloc buffer may be another process, which outlives this pool's clients.
         for (const auto& [pBuf, info] : m_busyGrallocBufferList) {
-            ZYT_LOG(W, tag, "   busy buffer[%u]: pBuf: %p, width: %u, height: %u, fd, %d, type: %d", index, pBuf,
-                    info.width, info.height, info.fd, info.type);
+            ZYT_LOG(W, m_logTag.c_str(), "   busy buffer[%u]: pBuf: %p, width: %u, height: %u, fd, %d, type: %d", index,
+                    pBuf, info.width, info.height, info.fd, info.type);
             ++index;
         }
     }
@@ -82,8 +92,8 @@ ZYTBufferPool::~ZYTBufferPool() {
         for (const auto& [size, buffers] : buffersBySize) {
             for (const ZYTBufferPoolBufferInfo& info : buffers) {
                 ReleaseBuffer(info);
-                ZYT_LOG(I, tag, "Buffer released: pBuf: %p, size: %u, fd: %d, type: %d", info.pBuf, info.size, info.fd,
-                        info.type);
+                ZYT_LOG(I, m_logTag.c_str(), "Buffer released: pBuf: %p, size: %u, fd: %d, type: %d", info.pBuf,
+                        info.size, info.fd, info.type);
             }
         }
         buffersBySize.clear();
@@ -91,8 +101,8 @@ ZYTBufferPool::~ZYTBufferPool() {
     for (const auto& [key, buffers] : m_freeGrallocBufferList) {
         for (const ZYTGrallocBufferPoolBufferInfo& info : buffers) {
             ReleaseBuffer(info);
-            ZYT_LOG(I, tag, "Buffer released: pBuf: %p, width: %u, height: %u, fd: %d, type: %d", info.pBuf, info.width,
-                    info.height, info.fd, info.type);
+            ZYT_LOG(I, m_logTag.c_str(), "Buffer released: pBuf: %p, width: %u, height: %u, fd: %d, type: %d",
+                    info.pBuf, info.width, info.height, info.fd, info.type);
         }
     }
     m_freeGrallocBufferList.clear();
@@ -102,6 +112,8 @@ void ZYTBufferPool::SetClientName(std::string name) {
     m_clientName = std::move(name);
     m_logTag = "BufferPool-" + m_clientName;
 }
+
+ZYTBufferAllocator* ZYTBufferPool::GetAllocator() { return &m_allocator; }
 
 void* ZYTBufferPool::AllocGrallocBuffer(unsigned int width, unsigned int height) {
     char* pBuf = nullptr;
@@ -136,7 +148,7 @@ void* ZYTBufferPool::AllocBuffer(unsigned int width, unsigned int height, unsign
     } else {
         ZYT_LOG(E, m_logTag.c_str(), "Alloc buffer failed! Type: %d, size: %u", type, size);
     }
-    // The key is made even for a failed attempt; a returned buffer is kept only where its key stands.
+    // The key is created for a failed attempt too: a buffer that is returned is kept only where its key exists.
     auto& buffers = m_freeBufferList[type][size];
     if (pBuf == nullptr) return nullptr;
     buffers.push_back({type, pBuf, fd, size});
@@ -150,30 +162,33 @@ void* ZYTBufferPool::GetBufferFromPool(unsigned int size, int& fd, ZYTBufferType
         return nullptr;
     }
     zyt::Lock freeLock(m_freeBufferListLock);
-    auto& buffers = m_freeBufferList[type][size];
-    if (buffers.empty()) AllocBuffer(0, 0, size, type);
-    if (buffers.empty()) {
+    auto& buffersBySize = m_freeBufferList[type];
+    auto buffers = buffersBySize.find(size);
+    if (buffers == buffersBySize.end() || buffers->second.empty()) {
+        AllocBuffer(0, 0, size, type);
+        buffers = buffersBySize.try_emplace(size).first;
+    }
+    const std::optional<ZYTBufferPoolBufferInfo> info = TakeLast(buffers->second);
+    if (!info) {
         ZYT_LOG(E, m_logTag.c_str(), "Get buffer type: %d, size: %u failed!", type, size);
         fd = 0;
         return nullptr;
     }
-    const ZYTBufferPoolBufferInfo info = buffers.back();
-    buffers.pop_back();
-    const auto left = static_cast<uint32_t>(buffers.size());
+    const auto left = static_cast<uint32_t>(buffers->second.size());
     freeLock.Unlock();
     {
         zyt::Lock lock(m_busyBufferListLock);
-        m_busyBufferList.emplace(info.pBuf, info);
+        m_busyBufferList.emplace(info->pBuf, *info);
     }
-    ZYT_LOG(I, m_logTag.c_str(), "Get buffer type: %d, size: %u, pBuf: %p. Free buf num this size: %u", info.type,
-            info.size, info.pBuf, left);
-    fd = info.fd;
-    return info.pBuf;
+    ZYT_LOG(I, m_logTag.c_str(), "Get buffer type: %d, size: %u, pBuf: %p. Free buf num this size: %u", info->type,
+            info->size, info->pBuf, left);
+    fd = info->fd;
+    return info->pBuf;
 }
 
 void* ZYTBufferPool::GetBufferFromPool(unsigned int width, unsigned int height, int& fd, void** ppNativeHandle,
                                        ZYTBufferType type) {
-    const uint32_t size = zyt::CheckedMul(width, height);
+    const uint32_t size = zyt::CheckedMul(width, height, "width * height");
     if (width == 0 || static_cast<uint32_t>(type) > ZYT_BUFFER_TYPE_GRALLOC) {
         ZYT_LOG(D, m_logTag.c_str(), "Invalid args, get buffer failed!");
         fd = 0;
@@ -181,96 +196,101 @@ void* ZYTBufferPool::GetBufferFromPool(unsigned int width, unsigned int height, 
     }
     if (type != ZYT_BUFFER_TYPE_GRALLOC) return GetBufferFromPool(size, fd, type);
 
+    const ZYTGrallocBufferKey key = {width, height};
     zyt::Lock freeLock(m_freeBufferListLock);
-    auto& buffers = m_freeGrallocBufferList[{width, height}];
-    if (buffers.empty()) AllocBuffer(width, height, size, type);
-    if (buffers.empty()) {
+    auto buffers = m_freeGrallocBufferList.find(key);
+    if (buffers == m_freeGrallocBufferList.end() || buffers->second.empty()) {
+        AllocBuffer(width, height, size, type);
+        buffers = m_freeGrallocBufferList.try_emplace(key).first;
+    }
+    const std::optional<ZYTGrallocBufferPoolBufferInfo> info = TakeLast(buffers->second);
+    if (!info) {
         ZYT_LOG(E, m_logTag.c_str(), "Get buffer type: %d, width: %u, height: %u, size: %u failed!", type, width,
                 height, size);
         fd = 0;
         return nullptr;
     }
-    const ZYTGrallocBufferPoolBufferInfo info = buffers.back();
-    buffers.pop_back();
-    const auto left = static_cast<uint32_t>(buffers.size());
+    const auto left = static_cast<uint32_t>(buffers->second.size());
     freeLock.Unlock();
     {
         zyt::Lock lock(m_busyBufferListLock);
-        m_busyGrallocBufferList.emplace(info.pBuf, info);
+        m_busyGrallocBufferList.emplace(info->pBuf, *info);
     }
     ZYT_LOG(I, m_logTag.c_str(), "Get buffer type: %d, width: %u, height: %u, pBuf: %p. Free buf num this size: %u",
-            info.type, info.width, info.height, info.pBuf, left);
+            info->type, info->width, info->height, info->pBuf, left);
     if (ppNativeHandle != nullptr) {
-        *ppNativeHandle = const_cast<native_handle_t*>(info.graphicBuffer->getNativeBuffer()->handle);
+        *ppNativeHandle = const_cast<native_handle_t*>(info->graphicBuffer->getNativeBuffer()->handle);
     }
-    fd = info.fd;
-    return info.pBuf;
+    fd = info->fd;
+    return info->pBuf;
 }
 
 void ZYTBufferPool::PutBufferToPool(void* pBuf) {
-    const char* tag = m_logTag.c_str();
     if (pBuf == nullptr) {
-        ZYT_LOG(W, tag, "Put NULL buffer to pool!");
+        ZYT_LOG(W, m_logTag.c_str(), "Put NULL buffer to pool!");
         return;
     }
-    ZYT_LOG(V, tag, "Put buffer to pool: %p", pBuf);
+    ZYT_LOG(V, m_logTag.c_str(), "Put buffer to pool: %p", pBuf);
 
-    ZYTBufferPoolBufferInfo plain{};
-    ZYTGrallocBufferPoolBufferInfo gralloc{};
-    bool isGralloc = false;
+    std::optional<ZYTBufferPoolBufferInfo> plain;
+    std::optional<ZYTGrallocBufferPoolBufferInfo> gralloc;
     {
         zyt::Lock lock(m_busyBufferListLock);
-        if (const auto busy = m_busyBufferList.find(pBuf); busy != m_busyBufferList.end()) {
-            plain = busy->second;
-            m_busyBufferList.erase(busy);
-        } else if (const auto busyGralloc = m_busyGrallocBufferList.find(pBuf);
-                   busyGralloc != m_busyGrallocBufferList.end()) {
-            gralloc = busyGralloc->second;
-            isGralloc = true;
-            m_busyGrallocBufferList.erase(busyGralloc);
+        if (const auto node = m_busyBufferList.extract(pBuf)) {
+            plain = node.mapped();
+        } else if (const auto grallocNode = m_busyGrallocBufferList.extract(pBuf)) {
+            gralloc = grallocNode.mapped();
         } else {
-            ZYT_LOG(W, tag, "Wrong buffer pointer: %p", pBuf);
+            ZYT_LOG(W, m_logTag.c_str(), "Wrong buffer pointer: %p", pBuf);
             return;
         }
     }
+    if (plain) PutBufferToPool(*plain);
+    if (gralloc) PutBufferToPool(*gralloc);
+}
 
-    // A key is missing only when the pool was released while the buffer was out: there is no pool to go back to.
+// In both overloads a key is missing only when the pool was released while the buffer was out.
+
+void ZYTBufferPool::PutBufferToPool(const ZYTBufferPoolBufferInfo& info) {
     zyt::Lock lock(m_freeBufferListLock);
-    if (isGralloc) {
-        const auto buffers = m_freeGrallocBufferList.find({gralloc.width, gralloc.height});
-        if (buffers == m_freeGrallocBufferList.end()) {
-            ZYT_LOG(E, tag,
-                    "Wrong gralloc buffer when put buffer to pool, pBuf: %p, width: %u, height: %u, fd: %d, type: %d, "
-                    "release it!",
-                    gralloc.pBuf, gralloc.width, gralloc.height, gralloc.fd, gralloc.type);
-            ReleaseBuffer(gralloc);
-        } else if (buffers->second.size() >= kFreeBuffersPerSize) {
-            ZYT_LOG(I, tag,
-                    "Gralloc buffer num this size is more than threshold, release buffer, pBuf: %p, width: %u, "
-                    "height: %u, fd: %d, type: %d, ",
-                    gralloc.pBuf, gralloc.width, gralloc.height, gralloc.fd, gralloc.type);
-            ReleaseBuffer(gralloc);
-        } else {
-            buffers->second.push_back(gralloc);
-            ZYT_LOG(I, tag, "Put gralloc buffer to pool success: pBuf: %p, width: %u, height: %u, fd: %d, type: %d",
-                    gralloc.pBuf, gralloc.width, gralloc.height, gralloc.fd, gralloc.type);
-        }
-        return;
-    }
-    const auto buffers = m_freeBufferList[plain.type].find(plain.size);
-    if (buffers == m_freeBufferList[plain.type].end()) {
-        ZYT_LOG(E, tag, "Wrong buffer size when put buffer to pool, pBuf: %p, size: %u, fd: %d, type: %d, release it!",
-                plain.pBuf, plain.size, plain.fd, plain.type);
-        ReleaseBuffer(plain);
+    const auto buffers = m_freeBufferList[info.type].find(info.size);
+    if (buffers == m_freeBufferList[info.type].end()) {
+        ZYT_LOG(E, m_logTag.c_str(),
+                "Wrong buffer size when put buffer to pool, pBuf: %p, size: %u, fd: %d, type: %d, release it!",
+                info.pBuf, info.size, info.fd, info.type);
+        ReleaseBuffer(info);
     } else if (buffers->second.size() >= kFreeBuffersPerSize) {
-        ZYT_LOG(I, tag,
+        ZYT_LOG(I, m_logTag.c_str(),
                 "Buffer num this size is more than threshold, release buffer, pBuf: %p, size: %u, fd: %d, type: %d, ",
-                plain.pBuf, plain.size, plain.fd, plain.type);
-        ReleaseBuffer(plain);
+                info.pBuf, info.size, info.fd, info.type);
+        ReleaseBuffer(info);
     } else {
-        buffers->second.push_back(plain);
-        ZYT_LOG(I, tag, "Put buffer to pool success: pBuf: %p, size: %u, fd: %d, type: %d", plain.pBuf, plain.size,
-                plain.fd, plain.type);
+        buffers->second.push_back(info);
+        ZYT_LOG(I, m_logTag.c_str(), "Put buffer to pool success: pBuf: %p, size: %u, fd: %d, type: %d", info.pBuf,
+                info.size, info.fd, info.type);
+    }
+}
+
+void ZYTBufferPool::PutBufferToPool(const ZYTGrallocBufferPoolBufferInfo& info) {
+    zyt::Lock lock(m_freeBufferListLock);
+    const auto buffers = m_freeGrallocBufferList.find({info.width, info.height});
+    if (buffers == m_freeGrallocBufferList.end()) {
+        ZYT_LOG(E, m_logTag.c_str(),
+                "Wrong gralloc buffer when put buffer to pool, pBuf: %p, width: %u, height: %u, fd: %d, type: %d, "
+                "release it!",
+                info.pBuf, info.width, info.height, info.fd, info.type);
+        ReleaseBuffer(info);
+    } else if (buffers->second.size() >= kFreeBuffersPerSize) {
+        ZYT_LOG(I, m_logTag.c_str(),
+                "Gralloc buffer num this size is more than threshold, release buffer, pBuf: %p, width: %u, height: %u, "
+                "fd: %d, type: %d, ",
+                info.pBuf, info.width, info.height, info.fd, info.type);
+        ReleaseBuffer(info);
+    } else {
+        buffers->second.push_back(info);
+        ZYT_LOG(I, m_logTag.c_str(),
+                "Put gralloc buffer to pool success: pBuf: %p, width: %u, height: %u, fd: %d, type: %d", info.pBuf,
+                info.width, info.height, info.fd, info.type);
     }
 }
 
@@ -282,7 +302,8 @@ void ZYTBufferPool::ReleaseBuffer(ZYTBufferPoolBufferInfo info) {
             break;
         case ZYT_BUFFER_TYPE_DMABUF:
             ZYT_LOG(I, m_logTag.c_str(), "Release buffer: %p", info.pBuf);
-            m_allocator.DeallocDMABuffer(info.size, static_cast<char*>(info.pBuf), info.fd);
+            if (info.pBuf != nullptr) munmap(info.pBuf, info.size);
+            if (info.fd >= 0) close(info.fd);
             break;
         default:
             ZYT_LOG(E, m_logTag.c_str(), "Unsupport release buffer type: %d!", info.type);

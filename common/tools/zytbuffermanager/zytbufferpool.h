@@ -2,7 +2,7 @@
 #define ZYT_BUFFER_POOL_H
 
 /// @file
-/// The process's buffer pool and its records.
+/// The buffer pool of the process and its records.
 
 #include <cstdint>
 #include <deque>
@@ -14,22 +14,22 @@
 #include "base/zytthreadsafety.h"
 #include "zytbuffermanager/zytbufferallocator.h"
 
-/// A malloc or DMA-BUF buffer of the pool.
+/// Record of a malloc or DMA-BUF buffer.
 struct ZYTBufferPoolBufferInfo {
     ZYTBufferType type;  ///< Malloc or DMA-BUF.
-    void* pBuf;          ///< Address of the memory, and the buffer's identity while it is out.
+    void* pBuf;          ///< Address of the memory; identifies the buffer while it is out.
     int fd;              ///< Descriptor of a DMA-BUF, 0 for malloc.
     uint32_t size;       ///< Bytes; the key of its free list.
 };
 
-/// A gralloc buffer of the pool; the record keeps the graphic buffer alive.
+/// Record of a gralloc buffer. It keeps the graphic buffer alive.
 struct ZYTGrallocBufferPoolBufferInfo {
     ZYTBufferType type;                                 ///< Always gralloc.
-    void* pBuf;                                         ///< Address of the mapping, and the buffer's identity.
-    android::sp<android::GraphicBuffer> graphicBuffer;  ///< What owns the memory.
+    void* pBuf;                                         ///< Address of the mapping; identifies the buffer.
+    android::sp<android::GraphicBuffer> graphicBuffer;  ///< Owns the memory.
     int fd;                                             ///< First descriptor of the native handle, which owns it.
-    uint32_t width;                                     ///< Pixels, as asked for.
-    uint32_t height;                                    ///< Rows, as asked for.
+    uint32_t width;                                     ///< Pixels, as requested.
+    uint32_t height;                                    ///< Rows, as requested.
 };
 
 /// Key of the gralloc free lists.
@@ -37,86 +37,92 @@ struct ZYTGrallocBufferKey {
     uint32_t width;   ///< Pixels.
     uint32_t height;  ///< Rows.
 
-    /// By width, then by height.
+    /// Orders by width, then by height.
     friend bool operator<(const ZYTGrallocBufferKey& a, const ZYTGrallocBufferKey& b) {
         return a.width != b.width ? a.width < b.width : a.height < b.height;
     }
 };
 
-/// A client's handle on the one buffer pool of the process.
+/// A client of the buffer pool that all nodes of the process share.
 ///
-/// The pool owns every buffer. A client takes one of an exact size (or gralloc geometry), made on demand, and hands it
-/// back; the buffer returned last is the first to be reused, and at most 10 free ones are kept for each size. Any
-/// client may return any buffer. When the last client goes, everything that is free is released, and so are the malloc
-/// and DMA-BUF buffers that are still out; gralloc buffers that are out are only reported. A buffer that the kernel
-/// refused to map is handed out like any other, with the address MAP_FAILED.
+/// The pool owns every buffer. A client takes a buffer of an exact size, or of an exact geometry for gralloc, and
+/// returns it; a buffer is created when no free one matches. The buffer that was returned last is reused first, and at
+/// most 10 free buffers are kept for each size or geometry. Any client may return any buffer. When the last client is
+/// destroyed, the pool releases all free buffers and the malloc and DMA-BUF buffers that are still out; gralloc buffers
+/// that are out are only reported. A buffer that the kernel refused to map is handed out like any other, at the address
+/// MAP_FAILED, and is reused like any other after it was returned.
 ///
-/// The lists and locks are shared by all clients, and all operations may be called from any thread. Lock order: client
-/// count, then either list; the two lists are never locked together. Each line goes to both logs, tagged with
-/// "BufferPool-" and the client's name.
+/// Thread-safe. Lock order: client count, then either list; the two list locks are never held together. All log lines
+/// go to both logs, tagged with "BufferPool-" and the client's name. The free-list lock is held while a buffer is
+/// created or released and its lines are logged, so a log sink must not call into the pool.
 class ZYT_EXPORT ZYTBufferPool {
 public:
-    /// Registers one more client, named "UnknowBufferManager".
-    ZYTBufferPool();
+    /// Registers a client named "UnknowBufferManager".
+    ZYTBufferPool() ZYT_EXCLUDES(m_bufferPoolClientNumLock);
 
-    /// Does not register itself, although its destructor unregisters like any other: it counts on a registered client
-    /// that outlives it. Without one it empties the pool on the way in and ends the process on the way out.
-    explicit ZYTBufferPool(std::string name);
+    /// Creates a named client that is not registered, although its destructor unregisters one. REQUIRES: a registered
+    /// client that outlives this object. Without one the constructor releases the pool and the destructor ends the
+    /// process.
+    explicit ZYTBufferPool(std::string name)
+        ZYT_EXCLUDES(m_bufferPoolClientNumLock, m_freeBufferListLock, m_busyBufferListLock);
 
-    /// Unregisters; the last one out releases the pool. Ends the process when nobody is registered.
-    ~ZYTBufferPool();
+    /// Unregisters a client; the last one releases the pool. Ends the process when no client is registered.
+    ~ZYTBufferPool() ZYT_EXCLUDES(m_bufferPoolClientNumLock, m_freeBufferListLock, m_busyBufferListLock);
 
     ZYTBufferPool(const ZYTBufferPool&) = delete;
     ZYTBufferPool& operator=(const ZYTBufferPool&) = delete;
 
-    /// Renames the client for later log lines. Not safe while another thread uses the same client.
+    /// Renames the client for later log lines, those of an operation that is under way included. Not thread-safe: the
+    /// name is a plain string that every operation of this client reads.
     void SetClientName(std::string name);
 
-    /// Takes a malloc or DMA-BUF buffer of exactly size bytes. Null, with fd 0, for size 0, another type, or when none
-    /// can be made. fd is the buffer's descriptor, 0 for malloc.
-    void* GetBufferFromPool(unsigned int size, int& fd, ZYTBufferType type);
+    /// Takes a malloc or DMA-BUF buffer of exactly `size` bytes and stores its descriptor in `fd`, 0 for malloc.
+    /// Returns null, with `fd` 0, for size 0, for another type, and when no buffer can be created.
+    void* GetBufferFromPool(unsigned int size, int& fd, ZYTBufferType type)
+        ZYT_EXCLUDES(m_freeBufferListLock, m_busyBufferListLock);
 
-    /// Takes a gralloc buffer of that geometry in pixels, or, for the other types, one of width * height bytes (a
-    /// product beyond 32 bits ends the process). Null, with fd 0, for width 0, an unknown type, or when none can be
-    /// made. *ppNativeHandle is written for gralloc only, and only on success; ppNativeHandle may be null.
-    void* GetBufferFromPool(unsigned int width, unsigned int height, int& fd, void** ppNativeHandle,
-                            ZYTBufferType type);
+    /// Takes a gralloc buffer of that geometry in pixels or, for the other types, a buffer of width * height bytes.
+    /// Ends the process when the product does not fit in 32 bits. Returns null, with `fd` 0, for width 0, for an
+    /// unknown type, and when no buffer can be created. *ppNativeHandle is written for gralloc only, on success only;
+    /// ppNativeHandle may be null.
+    void* GetBufferFromPool(unsigned int width, unsigned int height, int& fd, void** ppNativeHandle, ZYTBufferType type)
+        ZYT_EXCLUDES(m_freeBufferListLock, m_busyBufferListLock);
 
-    /// Makes a buffer and puts it into the free list; returns its address or null. Takes no lock: the caller holds
-    /// m_freeBufferListLock. Gralloc reads width and height (pixels), the other types size (bytes).
+    /// Creates a buffer and appends it to its free list. Returns its address or null. Gralloc uses width and height in
+    /// pixels, the other types use `size` in bytes. Takes no lock. REQUIRES: the caller holds m_freeBufferListLock.
     void* AllocBuffer(unsigned int width, unsigned int height, unsigned int size, ZYTBufferType type)
         ZYT_REQUIRES(m_freeBufferListLock);
 
-    /// Hands a buffer back. An address that is not out is refused with a warning.
-    void PutBufferToPool(void* pBuf);
+    /// Returns a buffer to the pool. Null and an address that is not out are refused with a warning.
+    void PutBufferToPool(void* pBuf) ZYT_EXCLUDES(m_freeBufferListLock, m_busyBufferListLock);
 
-    /// Releases the memory and the descriptor of a malloc or DMA-BUF buffer; another type is only reported. Takes no
+    /// Releases the memory and the descriptor of a malloc or DMA-BUF buffer. Another type is only reported. Takes no
     /// lock.
     void ReleaseBuffer(ZYTBufferPoolBufferInfo info);
 
-    /// Drops a reference to a graphic buffer. Its mapping stays: gralloc's own unmapping would race with it. Takes no
-    /// lock.
+    /// Drops a reference to a graphic buffer. Its mapping and its descriptor stay: consumers of the graphic buffer may
+    /// still use both. Takes no lock.
     void ReleaseBuffer(ZYTGrallocBufferPoolBufferInfo info);
 
-    /// This client's allocator, valid as long as the client.
-    ZYTBufferAllocator* GetAllocator() { return &m_allocator; }
+    /// Returns this client's allocator, valid as long as the client.
+    ZYTBufferAllocator* GetAllocator();
 
     /// @name The pool itself
-    /// Shared by all clients in the process. What a lock guards may be touched only with that lock held.
+    /// Shared by all clients of the process. A member that a lock guards may be accessed only with that lock held.
     /// @{
 
-    /// Guards m_bufferPoolClientNum; the last client to go holds it for the whole clean-up.
+    /// Guards m_bufferPoolClientNum. The last client holds it while it releases the pool.
     static std::mutex m_bufferPoolClientNumLock;
-    /// Registered clients.
+    /// Number of registered clients.
     static uint32_t m_bufferPoolClientNum ZYT_GUARDED_BY(m_bufferPoolClientNumLock);
 
-    /// Guards both free lists; held while a buffer is made, too.
+    /// Guards both free lists. Held while a buffer is created or released.
     static std::mutex m_freeBufferListLock;
-    /// Free malloc and DMA-BUF buffers, by ZYTBufferType, then by size in bytes; the one returned last is at the back.
-    /// The entry for gralloc stays empty.
+    /// Free malloc and DMA-BUF buffers by ZYTBufferType and size in bytes; the buffer returned last is at the back. The
+    /// entry for gralloc stays empty.
     static std::map<uint32_t, std::deque<ZYTBufferPoolBufferInfo>> m_freeBufferList[3] ZYT_GUARDED_BY(
         m_freeBufferListLock);
-    /// Free gralloc buffers, by geometry; the one returned last is at the back.
+    /// Free gralloc buffers by geometry; the buffer returned last is at the back.
     static std::map<ZYTGrallocBufferKey, std::deque<ZYTGrallocBufferPoolBufferInfo>> m_freeGrallocBufferList
         ZYT_GUARDED_BY(m_freeBufferListLock);
 
@@ -130,7 +136,11 @@ public:
     /// @}
 
 private:
-    void* AllocGrallocBuffer(unsigned int width, unsigned int height) ZYT_REQUIRES(m_freeBufferListLock);
+    ZYT_LOCAL void* AllocGrallocBuffer(unsigned int width, unsigned int height) ZYT_REQUIRES(m_freeBufferListLock);
+
+    // By this name, which their log lines carry.
+    ZYT_LOCAL void PutBufferToPool(const ZYTBufferPoolBufferInfo& info) ZYT_EXCLUDES(m_freeBufferListLock);
+    ZYT_LOCAL void PutBufferToPool(const ZYTGrallocBufferPoolBufferInfo& info) ZYT_EXCLUDES(m_freeBufferListLock);
 
     std::string m_clientName;
     std::string m_logTag;

@@ -13,18 +13,14 @@ namespace {
 
 constexpr size_t kDumpBufferSize = 512u << 10;
 
-// What a copy between unlike images moves: the first plane, as if it were 16-bit raw.
-constexpr zyt::FormatLayout kUnlikeLayout = {"", zyt::FormatKind::kGrey, 16, 2, 1};
-
 bool SizesMatch(const ZYTImageBuffer& a, const ZYTImageBuffer& b) {
     return (a.width == b.width && a.height == b.height) || (a.width == b.height && a.height == b.width);
 }
 
 const zyt::FormatLayout& CopyLayout(const ZYTImageBuffer& dst, const ZYTImageBuffer& src) {
-    const zyt::FormatLayout* layout = zyt::FindFormatLayout(src.format);
-    if (layout == nullptr) return kUnlikeLayout;
-    // P010 is not compared: its producers hand over destinations whose format is not filled in yet.
-    return dst.format == src.format || layout->kind == zyt::FormatKind::kP010 ? *layout : kUnlikeLayout;
+    const zyt::FormatLayout& layout = zyt::LayoutOf(src.format);
+    // The destination of a P010 copy is not compared: its producers fill in the format later.
+    return dst.format == src.format || layout.kind == zyt::FormatKind::kP010 ? layout : zyt::kUnknownLayout;
 }
 
 unsigned char* ChromaPlane(const ZYTImageBuffer& image, zyt::FormatKind kind) {
@@ -34,7 +30,7 @@ unsigned char* ChromaPlane(const ZYTImageBuffer& image, zyt::FormatKind kind) {
     return image.pAddr[1];
 }
 
-// Rows and strides travel as signed values: a height beyond 2^31 - 1 counts as no rows.
+// Rows and strides are passed as signed values, so a height above 2^31 - 1 counts as no rows.
 int Signed(uint32_t value) { return static_cast<int>(value); }
 
 }  // namespace
@@ -71,14 +67,14 @@ void ZYTBufferUtil::ZYTDumpPlane(FILE* fp, const unsigned char* pData, int rowBy
 bool ZYTBufferUtil::ZYTBufferDump(const ZYTImageBuffer* pImage, const char* path) {
     FILE* file = std::fopen(path, "wb+");
     if (file == nullptr) return false;
-    // The stream's own buffer holds about a row, and a file system takes many small writes several times as long as a
-    // few large ones. Without memory for a larger one the dump is as good, only slower.
+    // The stream's own buffer holds about one row, and many small writes cost a file system several times as much as a
+    // few large ones. Without memory for a larger buffer the dump is the same, only slower.
     const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kDumpBufferSize]);
     if (buffer != nullptr) std::setvbuf(file, buffer.get(), _IOFBF, kDumpBufferSize);
     if (const zyt::FormatLayout* layout = zyt::FindFormatLayout(pImage->format)) {
-        // Y16 keeps the one byte a pixel that offline tools were written for.
-        const int rowBytes =
-            layout->kind == zyt::FormatKind::kGrey ? zyt::CheckedInt(pImage->width) : layout->RowBytes(pImage->width);
+        // Offline tools read Y16 dumps at one byte per pixel.
+        const int rowBytes = layout->kind == zyt::FormatKind::kGrey ? zyt::CheckedInt(pImage->width, "bytes of a row")
+                                                                    : layout->RowBytes(pImage->width);
         const int stride = Signed(pImage->planeStride);
         ZYTDumpPlane(file, pImage->pAddr[0], rowBytes, Signed(pImage->height), stride);
         if (layout->HasChroma() && pImage->height >= 2) {
@@ -90,8 +86,8 @@ bool ZYTBufferUtil::ZYTBufferDump(const ZYTImageBuffer* pImage, const char* path
 }
 
 void ZYTBufferUtil::ZYTBufferToASVLOffScreen(const ZYTImageBuffer* pImage, ASVL_OFFSCREEN* pOffscreen) {
-    if (pImage->format == ZYT_FORMAT_YUV420NV12) pOffscreen->u32PixelArrayFormat = ASVL_PAF_NV12;
-    if (pImage->format == ZYT_FORMAT_YUV420NV21) pOffscreen->u32PixelArrayFormat = ASVL_PAF_NV21;
+    const uint32_t format = zyt::LayoutOf(pImage->format).offscreenFormat;
+    if (format != 0) pOffscreen->u32PixelArrayFormat = format;
     pOffscreen->i32Width = Signed(pImage->width);
     pOffscreen->i32Height = Signed(pImage->height);
     std::copy(std::begin(pImage->pAddr), std::end(pImage->pAddr), pOffscreen->ppu8Plane);
@@ -100,18 +96,10 @@ void ZYTBufferUtil::ZYTBufferToASVLOffScreen(const ZYTImageBuffer* pImage, ASVL_
 
 unsigned int ZYTBufferUtil::GetASVLOffScreenRawFormat(ZYTFormat format, int pattern) {
     if (static_cast<unsigned int>(pattern) > 3) return 0;
-    // The first of each format's four consecutive codes.
-    unsigned int code = 0xD09;
-    if (format == ZYT_FORMAT_RAW12) code = 0xD11;
-    if (format == ZYT_FORMAT_RAW14) code = 0xD41;
-    if (format == ZYT_FORMAT_RAW16) code = 0xD21;
-    return code + static_cast<unsigned int>(pattern);
+    return zyt::LayoutOf(format).offscreenRawFormat + static_cast<unsigned int>(pattern);
 }
 
-std::string ZYTBufferUtil::GetBufferFormatString(ZYTFormat format) {
-    const zyt::FormatLayout* layout = zyt::FindFormatLayout(format);
-    return layout != nullptr ? layout->name : "Unknow";
-}
+std::string ZYTBufferUtil::GetBufferFormatString(ZYTFormat format) { return zyt::LayoutOf(format).name; }
 
 std::string ZYTBufferUtil::GetBufferFormatString(const ZYTImageBuffer* pImage) {
     return GetBufferFormatString(pImage->format);

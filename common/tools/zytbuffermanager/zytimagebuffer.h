@@ -2,52 +2,52 @@
 #define ZYT_IMAGE_BUFFER_H
 
 /// @file
-/// The image record, by which all image code of the library speaks of images, and its enumerations.
+/// The image record that all image code of the library works on, and its enumerations.
 
 #include <cstdint>
 
-/// What the pixels of an image are. The values are shared with other processes' records and never change.
+/// Pixel format of an image. The values are shared with other processes' records and never change.
 ///
-/// The library moves bytes and never looks inside a pixel, but for the marks that ZYTUtil draws. The layouts are those
-/// of the camera's interfaces, and zytview reads them so. Packed rows are MIPI CSI-2's: of each group of pixels first
-/// the upper 8 bits of each, then the lower bits of all, those of the first pixel lowest. A row is width * bits / 8
-/// bytes; where that cuts a group short, the lower bits of its pixels are not in a copy or dump. 16-bit containers are
-/// little-endian.
+/// The layouts are those of the camera's interfaces. Packed rows are MIPI CSI-2's: each group of pixels has the upper 8
+/// bits of each pixel first, then the lower bits of all of them, those of the first pixel lowest. A row is
+/// width * bits / 8 bytes; where that cuts a group, the lower bits of its pixels are not in a copy or dump. 16-bit
+/// containers are little-endian. Apart from the marks that ZYTUtil draws, the library moves bytes and never interprets
+/// a pixel.
 enum ZYTFormat : int32_t {
     ZYT_FORMAT_YUV420NV12 = 0,  ///< 8-bit YUV 4:2:0, luma plane, then interleaved U/V plane.
     ZYT_FORMAT_YUV420NV21 = 1,  ///< The same with V/U order.
-    ZYT_FORMAT_RAWMIPI10 = 2,   ///< Bayer raw, 10 bits a pixel, packed: 4 pixels in 5 bytes.
-    ZYT_FORMAT_RAWMIPI12 = 3,   ///< Bayer raw, 12 bits a pixel, packed: 2 pixels in 3 bytes.
-    ZYT_FORMAT_RAWMIPI14 = 4,   ///< Bayer raw, 14 bits a pixel, packed: 4 pixels in 7 bytes.
+    ZYT_FORMAT_RAWMIPI10 = 2,   ///< Bayer raw, 10 bits per pixel, packed: 4 pixels in 5 bytes.
+    ZYT_FORMAT_RAWMIPI12 = 3,   ///< Bayer raw, 12 bits per pixel, packed: 2 pixels in 3 bytes.
+    ZYT_FORMAT_RAWMIPI14 = 4,   ///< Bayer raw, 14 bits per pixel, packed: 4 pixels in 7 bytes.
     ZYT_FORMAT_YUV_P010 = 5,    ///< YUV 4:2:0, the upper 10 bits of 16, luma plane, then interleaved U/V plane.
     ZYT_FORMAT_Y16 = 6,         ///< One 16-bit plane.
     ZYT_FORMAT_RAW10 = 7,       ///< Bayer raw, the lower 10 bits of a 16-bit container.
     ZYT_FORMAT_RAW12 = 8,       ///< Bayer raw, the lower 12 bits of a 16-bit container.
     ZYT_FORMAT_RAW14 = 9,       ///< Bayer raw, the lower 14 bits of a 16-bit container.
-    ZYT_FORMAT_RAW16 = 10,      ///< Bayer raw, 16 bits a pixel.
+    ZYT_FORMAT_RAW16 = 10,      ///< Bayer raw, 16 bits per pixel.
 };
 
-/// What memory backs a buffer.
+/// Memory behind a buffer.
 enum ZYTBufferType : int32_t {
     ZYT_BUFFER_TYPE_MALLOC = 0,   ///< Process memory, no descriptor.
     ZYT_BUFFER_TYPE_DMABUF = 1,   ///< DMA-BUF from the system heap, mapped, with a descriptor.
     ZYT_BUFFER_TYPE_GRALLOC = 2,  ///< Gralloc buffer, mapped, with a descriptor and a native handle.
 };
 
-/// Direction of a CPU access to a DMA-BUF; the values are the kernel's direction bits. Any other value means both.
+/// Direction of a CPU access to a DMA-BUF. The values are the kernel's direction bits. Any other value means both.
 enum CPUSyncType : int32_t {
-    CPU_SYNC_READ = 1,        ///< The processor will read.
-    CPU_SYNC_WRITE = 2,       ///< The processor will write.
-    CPU_SYNC_READ_WRITE = 3,  ///< The processor will do both.
+    CPU_SYNC_READ = 1,        ///< The CPU reads.
+    CPU_SYNC_WRITE = 2,       ///< The CPU writes.
+    CPU_SYNC_READ_WRITE = 3,  ///< The CPU does both.
 };
 
-/// Describes one image. The record belongs to the caller; the memory behind pAddr belongs to whoever filled it in.
+/// Describes one image. The caller owns the record; the memory behind pAddr belongs to whoever filled it in.
 ///
-/// The caller sets the first five fields, and nothing in the library derives or aligns any of them. The others are
-/// filled by ZYTBufferManager::AllocBuffer, or by a caller who describes memory of its own.
+/// The caller sets the first five fields; nothing in the library derives or aligns them. ZYTBufferManager::AllocBuffer
+/// fills in the others, or a caller who describes memory of its own.
 struct ZYTImageBuffer {
-    ZYTFormat format;         ///< What the pixels are.
-    uint32_t width;           ///< Pixels a row.
+    ZYTFormat format;         ///< Pixel format.
+    uint32_t width;           ///< Pixels per row.
     uint32_t height;          ///< Rows of the first plane.
     uint32_t planeStride;     ///< Bytes from one row to the next, in every plane.
     uint32_t sliceHeight;     ///< Rows reserved for the first plane; in a single buffer the second plane follows them.
