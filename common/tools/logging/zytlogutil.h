@@ -2,7 +2,7 @@
 #define ZYT_LOG_UTIL_H
 
 /// @file
-/// The platform log, by level.
+/// Levelled logging to the platform log.
 
 #include <android/log.h>
 
@@ -11,50 +11,81 @@
 
 #include "base/zytexport.h"
 
-/// Default level, used at load when "persist.vendor.camera.zytloglevel" is unset or not a number. It starts at 1;
-/// writing it after the library was loaded changes nothing.
+/// Default level, used at load when "persist.vendor.camera.zytloglevel" is unset or not a number. It is 1; writing it
+/// after the library was loaded has no effect.
 extern ZYT_EXPORT int ZYTNodeLogLevel;
 
 /// Levelled logging to the platform log under the tag "ZYT".
 ///
 /// Levels run E (1), W (2), D (3), I (4), V (5): a message is written when m_level is at least its number. Debug comes
-/// before Info, against the platform's own order; devices are configured by these numbers. 0 or less silences all.
+/// before information, the reverse of the platform's order; devices are configured by these numbers. A level of 0 or
+/// less silences all.
 ///
-/// Each function formats into 1024 bytes on the caller's stack (a longer message is cut to 1023 characters), appends
-/// nothing, takes no lock, allocates nothing and may be called from any thread. A message that is filtered out is not
-/// formatted.
+/// Each log function formats into 1024 bytes on the caller's stack, cuts a longer message to 1023 characters, appends
+/// nothing, takes no lock and allocates nothing. A message that is filtered out is not formatted. Thread-safe.
 class ZYTLogUtil {
 public:
-    /// The level all log functions compare against. Writing it takes effect on the next call; while other threads log,
-    /// write it atomically.
+    /// The level that all log functions compare against. A new value takes effect on the next call; write it atomically
+    /// while other threads log.
     ZYT_EXPORT static int m_level;
-    /// A level for callers' own preview paths, read from the same property; the library does not use it.
+    /// A level for callers' preview paths, read from the same property. The library does not use it.
     ZYT_EXPORT static int m_previewLevel;
-    /// A level for callers' own capture paths, as m_previewLevel.
+    /// A level for callers' capture paths, read from the same property. The library does not use it.
     ZYT_EXPORT static int m_captureLevel;
 
-#define ZYT_PLATFORM_LOG_FUNCTION(letter, threshold, priority)                                                \
-    /** Tells a log site whether a message of level letter would be written: m_level is threshold or more. */ \
-    inline static bool Is##letter##On() { return Level() >= (threshold); }                                    \
-    /** Writes a message of level letter if m_level is threshold or more; formatted as by printf. */          \
-    __attribute__((format(printf, 1, 2))) inline static void Log##letter(const char* format, ...) {           \
-        if (!Is##letter##On()) return;                                                                        \
-        va_list args;                                                                                         \
-        va_start(args, format);                                                                               \
-        Write(priority, format, args);                                                                        \
-        va_end(args);                                                                                         \
+    static bool IsEOn() { return Level() >= 1; }  ///< Returns whether LogE writes.
+    static bool IsWOn() { return Level() >= 2; }  ///< Returns whether LogW writes.
+    static bool IsDOn() { return Level() >= 3; }  ///< Returns whether LogD writes.
+    static bool IsIOn() { return Level() >= 4; }  ///< Returns whether LogI writes.
+    static bool IsVOn() { return Level() >= 5; }  ///< Returns whether LogV writes.
+
+    /// Writes an error, formatted as by printf, when m_level is 1 or more.
+    __attribute__((format(printf, 1, 2))) inline static void LogE(const char* format, ...) {
+        if (!IsEOn()) return;
+        va_list args;
+        va_start(args, format);
+        Write(ANDROID_LOG_ERROR, format, args);
+        va_end(args);
     }
 
-    ZYT_PLATFORM_LOG_FUNCTION(E, 1, ANDROID_LOG_ERROR)
-    ZYT_PLATFORM_LOG_FUNCTION(W, 2, ANDROID_LOG_WARN)
-    ZYT_PLATFORM_LOG_FUNCTION(D, 3, ANDROID_LOG_DEBUG)
-    ZYT_PLATFORM_LOG_FUNCTION(I, 4, ANDROID_LOG_INFO)
-    ZYT_PLATFORM_LOG_FUNCTION(V, 5, ANDROID_LOG_VERBOSE)
+    /// Writes a warning, formatted as by printf, when m_level is 2 or more.
+    __attribute__((format(printf, 1, 2))) inline static void LogW(const char* format, ...) {
+        if (!IsWOn()) return;
+        va_list args;
+        va_start(args, format);
+        Write(ANDROID_LOG_WARN, format, args);
+        va_end(args);
+    }
 
-#undef ZYT_PLATFORM_LOG_FUNCTION
+    /// Writes a debug message, formatted as by printf, when m_level is 3 or more.
+    __attribute__((format(printf, 1, 2))) inline static void LogD(const char* format, ...) {
+        if (!IsDOn()) return;
+        va_list args;
+        va_start(args, format);
+        Write(ANDROID_LOG_DEBUG, format, args);
+        va_end(args);
+    }
+
+    /// Writes an information message, formatted as by printf, when m_level is 4 or more.
+    __attribute__((format(printf, 1, 2))) inline static void LogI(const char* format, ...) {
+        if (!IsIOn()) return;
+        va_list args;
+        va_start(args, format);
+        Write(ANDROID_LOG_INFO, format, args);
+        va_end(args);
+    }
+
+    /// Writes a verbose message, formatted as by printf, when m_level is 5 or more.
+    __attribute__((format(printf, 1, 2))) inline static void LogV(const char* format, ...) {
+        if (!IsVOn()) return;
+        va_list args;
+        va_start(args, format);
+        Write(ANDROID_LOG_VERBOSE, format, args);
+        va_end(args);
+    }
 
 private:
-    // The same instruction as a plain load, but defined when another thread changes the level meanwhile.
+    // The instruction of a plain load, but defined when another thread writes the level at the same time.
     static int Level() { return __atomic_load_n(&m_level, __ATOMIC_RELAXED); }
 
     __attribute__((format(printf, 2, 0))) static void Write(int priority, const char* format, va_list args) {

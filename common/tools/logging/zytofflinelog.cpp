@@ -2,6 +2,7 @@
 
 #include <cutils/properties.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -26,38 +27,52 @@ namespace {
 
 zyt::ExitGate g_gate;
 
+std::atomic<uint32_t> g_forks{0};  // of this process and its ancestors
+
+// Breaks a time down as localtime() does, which looks at TZ and the zone's file anew each time; localtime_r() alone
+// need not.
+tm LocalTime(time_t time) {
+    tzset();
+    tm local{};
+    localtime_r(&time, &local);
+    return local;
+}
+
 const char* LevelLetter(ZYTOfflineLogLevel level) {
     static constexpr const char* kLetters[] = {"V", "E", "W", "D", "I", "V"};
     const auto index = static_cast<uint32_t>(level);
     return index < sizeof(kLetters) / sizeof(kLetters[0]) ? kLetters[index] : "V";
 }
 
+constexpr size_t kFileNameSize = 256;
+
 std::string NextFileName() {
     timeval now{};
     gettimeofday(&now, nullptr);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    char name[256] = {};
+    const tm local = LocalTime(now.tv_sec);
+    char name[kFileNameSize] = {};
     std::snprintf(name, sizeof(name), "%sZYTOfflineLog_%04d-%02d-%02d--%02d-%02d-%02d-%06ld.txt", ZYT_OFFLINE_LOG_DIR,
                   local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
                   static_cast<long>(now.tv_usec));
     return name;
 }
 
-// The parts of a stamp that stay the same for a thread within one second: the local time and the identifiers. Working
-// them out costs more than all the rest of queueing a line. (A forked child has stale ones, and no workers to write
-// them.)
+// The parts of a stamp that stay the same for a thread within one second: the local time and the identifiers. Computing
+// them costs more than the rest of queueing a line.
 struct StampCache {
     time_t second = -1;
+    uint32_t forks = 0;
     char date[16] = {};  // "MM-DD hh:mm:ss:"
     char ids[32] = {};   // "  pid  tid "
 
+    bool IsValid(time_t now) const { return second == now && forks == g_forks.load(std::memory_order_relaxed); }
+
     void Refresh(time_t now) {
-        if (ids[0] == '\0') std::snprintf(ids, sizeof(ids), "  %4d  %4d ", getpid(), gettid());
-        tm local{};
-        localtime_r(&now, &local);
+        const tm local = LocalTime(now);
         std::strftime(date, sizeof(date), "%m-%d %H:%M:%S:", &local);
+        std::snprintf(ids, sizeof(ids), "  %4d  %4d ", getpid(), gettid());
         second = now;
+        forks = g_forks.load(std::memory_order_relaxed);
     }
 };
 
@@ -72,7 +87,7 @@ size_t StampLine(char (&line)[sizeof(ZYTOfflineLogParameter)], ZYTOfflineLogLeve
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     thread_local StampCache cache;
-    if (cache.second != now.tv_sec) cache.Refresh(now.tv_sec);
+    if (!cache.IsValid(now.tv_sec)) cache.Refresh(now.tv_sec);
     char* end = Append(line, cache.date);
     constexpr int kNanosecondDigits = 9;
     long nanoseconds = now.tv_nsec;
@@ -86,7 +101,7 @@ size_t StampLine(char (&line)[sizeof(ZYTOfflineLogParameter)], ZYTOfflineLogLeve
 
 }  // namespace
 
-ZYTOfflineLog* ZYTOfflineLog::m_instance = nullptr;
+std::atomic<ZYTOfflineLog*> ZYTOfflineLog::m_instance{nullptr};
 
 ZYTOfflineLog& ZYTOfflineLog::GetInstance() {
     static ZYTOfflineLog instance;
@@ -95,6 +110,14 @@ ZYTOfflineLog& ZYTOfflineLog::GetInstance() {
 
 ZYTOfflineLog::ZYTOfflineLog() {
     m_threadPool.Init(kWorkerCount);
+    {
+        zyt::Lock lock(m_threadPool.m_threadListLock);
+        for (const int64_t id : m_threadPool.m_threadIdList) {
+            pthread_setname_np(static_cast<pthread_t>(id), "ZYTOfflineLog");
+        }
+    }
+    // A child has a copy of the forking thread's stamp.
+    pthread_atfork(nullptr, nullptr, [] { g_forks.fetch_add(1, std::memory_order_relaxed); });
     const int32_t property = property_get_int32("persist.vendor.camera.zyttools.offlinelog", -1);
     m_enable = property == -1 ? ReadEnableFromOverrideSettingsFile() : property > 0;
     m_previewEnable = m_enable;
@@ -102,12 +125,12 @@ ZYTOfflineLog::ZYTOfflineLog() {
     zyt::Lock lock(m_logFileLock);
     m_curLogFileName.clear();
     m_curLogFileSize = kFileSizeLimit;  // full, so that the first line starts a file
-    __atomic_store_n(&m_instance, this, __ATOMIC_RELEASE);
+    m_instance.store(this, std::memory_order_release);
 }
 
 ZYTOfflineLog::~ZYTOfflineLog() {
-    // Objects destroyed later, and threads that are still running, go on logging: from here on they find the log
-    // switched off, and whoever is already past that test is waited for.
+    // Objects that are destroyed later and threads that still run continue to log. From here on they find the log off;
+    // those that are already past that test are waited for.
     zyt::StoreFlag(m_enable, false);
     g_gate.Close();
     m_threadPool.DeInit(true);
@@ -115,8 +138,8 @@ ZYTOfflineLog::~ZYTOfflineLog() {
 
 bool ZYTOfflineLog::ReadEnableFromOverrideSettingsFile() {
 #ifdef ZYT_HAS_CAMERA_FRAMEWORK
-    // The switch is bit 0 of byte 15 of the record. The field's name differs between releases of the framework, its
-    // place does not.
+    // The switch is bit 0 of byte 15 of the record. Releases of the framework name the field differently but keep its
+    // place.
     const auto* settings =
         reinterpret_cast<const unsigned char*>(CamX::SettingsManager::GetInstance(nullptr)->GetStaticSettings());
     return (settings[15] & 1) != 0;
@@ -158,8 +181,8 @@ FILE* ZYTOfflineLog::StartNextFile() {
     const std::string name = NextFileName();
     FILE* file = std::fopen(name.c_str(), "w");
     if (file == nullptr) return nullptr;
-    // Other workers append to this file as soon as its name is known. Writing at a position of its own, this line would
-    // overwrite theirs.
+    // Other workers append to this file as soon as its name is known. This line must not be written at a position of
+    // its own, where it would overwrite theirs.
     fcntl(fileno(file), F_SETFL, O_APPEND);
     m_curLogFileSize = 0;
     m_curLogFileName = name;
@@ -173,16 +196,17 @@ bool ZYTOfflineLog::FlushLogPoolToFile2(ZYTOfflineLogParameter* param) {
     zyt::Lock lock(m_logFileLock);
     FILE* file = nullptr;
     if (m_curLogFileSize + length < kFileSizeLimit) {
-        const std::string name = m_curLogFileName;
+        char name[kFileNameSize];
+        std::memcpy(name, m_curLogFileName.c_str(), m_curLogFileName.size() + 1);
         lock.Unlock();
-        file = std::fopen(name.c_str(), "a");
+        file = std::fopen(name, "a");
     } else {
         file = StartNextFile();
         lock.Unlock();
     }
     if (file == nullptr) return false;
-    // Room for the whole line: a smaller buffer, as some C libraries have, would split it into several appends, and
-    // other workers' lines would land in between.
+    // Room for the whole line: with a smaller buffer, as in some C libraries, the line would be appended in pieces,
+    // with other workers' lines between them.
     char buffer[sizeof(ZYTOfflineLogParameter)];
     std::setvbuf(file, buffer, _IOFBF, sizeof(buffer));
     std::fwrite(param->logLine, 1, length, file);

@@ -2,7 +2,10 @@
 
 #include <pthread.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <thread>
+#include <utility>
 
 #include "logging/zytlogutil.h"
 
@@ -12,6 +15,42 @@ void* StartWorker(void* pool) {
     ZYTThreadPool::WorkerCore(static_cast<ZYTThreadPool*>(pool));
     return nullptr;
 }
+
+// Lets one caller at a time stop a pool. A second one would discard the stop tasks that the first one's workers need,
+// and join threads that are joined already. Kept outside the pool, whose layout clients were built with.
+class StopTurn {
+public:
+    explicit StopTurn(const ZYTThreadPool* pool) : m_pool(pool) {
+        while (!Take()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ~StopTurn() {
+        std::lock_guard<std::mutex> guard(g_lock);
+        StopTurn** turn = &g_first;
+        while (*turn != this) turn = &(*turn)->m_next;
+        *turn = m_next;
+    }
+    StopTurn(const StopTurn&) = delete;
+    StopTurn& operator=(const StopTurn&) = delete;
+
+private:
+    bool Take() {
+        std::lock_guard<std::mutex> guard(g_lock);
+        for (const StopTurn* turn = g_first; turn != nullptr; turn = turn->m_next) {
+            if (turn->m_pool == m_pool) return false;
+        }
+        m_next = std::exchange(g_first, this);
+        return true;
+    }
+
+    static std::mutex g_lock;
+    static StopTurn* g_first;  // of all pools that are being stopped
+
+    const ZYTThreadPool* const m_pool;
+    StopTurn* m_next = nullptr;
+};
+
+std::mutex StopTurn::g_lock;
+StopTurn* StopTurn::g_first = nullptr;
 
 }  // namespace
 
@@ -37,6 +76,7 @@ bool ZYTThreadPool::Init(unsigned int threadNum) {
                              static_cast<unsigned int>(id));
             return false;
         }
+        pthread_setname_np(id, "ZYTThreadPool");
         m_threadIdList.push_back(static_cast<int64_t>(id));
         ZYTLogUtil::LogD("Create New Thread[%d] Success: %u", static_cast<int>(i), static_cast<unsigned int>(id));
     }
@@ -44,13 +84,14 @@ bool ZYTThreadPool::Init(unsigned int threadNum) {
 }
 
 void ZYTThreadPool::DeInit(bool isFlush) {
+    const StopTurn turn(this);
     if (isFlush) FlushTask();
     size_t workers = 0;
     {
         zyt::Lock lock(m_threadListLock);
         workers = m_threadIdList.size();
     }
-    // Behind everything that is queued, and one for each: a worker takes exactly one.
+    // Behind everything that is queued. Each worker takes exactly one.
     for (size_t i = 0; i < workers; ++i) QueueTask({ZYT_THREAD_POOL_TASK_STOP, nullptr, nullptr, 0});
 
     zyt::Lock lock(m_threadListLock);
@@ -93,7 +134,7 @@ void ZYTThreadPool::WorkerCore(ZYTThreadPool* pool) {
                 ZYTLogUtil::LogD("Receive Stop Message, Stop Worker!");
                 return;
             default:
-                // Its data may not be a malloc block at all, so it is left alone.
+                // Its data need not be a malloc block, so it is not freed.
                 ZYTLogUtil::LogW("Unsupport Task Type!");
                 break;
         }

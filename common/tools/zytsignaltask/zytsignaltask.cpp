@@ -38,8 +38,7 @@ ZYTSignalTask* ZYTSignalTask::instance() {
 }
 
 ZYTSignalTask::ZYTSignalTask() {
-    // Before the thread: the log then outlives this object, whose destructor logs, and its workers do not inherit the
-    // loop thread's name.
+    // Before the thread: the log then outlives this object, whose destructor logs.
     ZYTOfflineLog::GetInstance();
     m_threadList.emplace_back(&ZYTSignalTask::loop, this);
 }
@@ -51,8 +50,8 @@ ZYTSignalTask::~ZYTSignalTask() {
     remove();
     m_cond.notify_one();
     m_isStop = true;
-    // That wake-up came before the flag, and the loop may have gone back to waiting in between. Once its lock was ours
-    // it either sees the flag or is in the wait that this second wake-up ends.
+    // That wake-up came before the flag, and the loop may have returned to its wait in between. After its lock was held
+    // here, it either sees the flag or is in the wait that this second wake-up ends.
     { zyt::Lock lock(m_signalListLock); }
     m_cond.notify_all();
     for (std::thread& thread : m_threadList) {
@@ -63,14 +62,15 @@ ZYTSignalTask::~ZYTSignalTask() {
             thread.join();
         }
     }
-    // Other threads may still be raising signals; from here on they find the gate closed.
+    // Other threads may still raise signals. From here on they find the gate closed.
     g_gate.Close();
 }
 
-// A task that calls exit() brings the destructor onto the loop thread, below the frame that holds the map's lock. That
-// frame never goes on, so the lock is given back for it; otherwise the clean-up would wait for its own thread.
+// A task, or a log sink below the loop, that calls exit() brings the destructor onto the loop thread, below the frame
+// that holds the map's lock. That frame never continues, so its lock is released here; remove() would wait for its own
+// thread otherwise.
 void ZYTSignalTask::ReleaseLockOfExitingTask() {
-    if (m_isTaskRunning) m_taskMapLock.unlock();
+    if (m_isMapLockedByLoop) m_taskMapLock.unlock();
 }
 
 void ZYTSignalTask::signal(uint64_t id) {
@@ -168,18 +168,18 @@ void ZYTSignalTask::loop() {
         ZYT_LOG_AT(V, this, "loop alive");
         uint64_t id = 0;
         if (!WaitForSignal(id)) break;
-        std::optional<WrapperTask>
-            task;  // goes after the lock has been let go: its callable's captures are the caller's
+        // Destroyed after the lock is released: the destructors of the callable's captures may use this object.
+        std::optional<WrapperTask> task;
         zyt::Lock lock(m_taskMapLock);
         const auto connection = m_taskMap.find(id);
         if (connection == m_taskMap.end()) continue;
+        m_isMapLockedByLoop = true;
         task.emplace(connection->second);
         m_taskMap.erase(connection);
-        m_isTaskRunning = true;
         task->m_task();
-        m_isTaskRunning = false;
         zyt::StoreFlag(*task->m_isDone, true);
         ZYT_LOG_AT(V, this, "task %lu done", id);
+        m_isMapLockedByLoop = false;
     }
     ZYT_LOG_AT(V, this, "loop stop");
 }

@@ -20,18 +20,18 @@
 
 /// A callable with flags that its copies share, so that whoever connected it can tell what became of it.
 ///
-/// Keep a copy of m_isDone to learn that the task has run, and of m_isAlive to learn that it never will: it turns false
-/// when the last copy goes before the task ran. Keeping a copy of the whole WrapperTask keeps it alive. Only assignment
-/// onto a connected task by a later connection leaves the flags of the replaced one as they were. The library writes
-/// the flags atomically; read them with an atomic load where the loop may be writing. None of the flags may be reset to
-/// null.
+/// Keep a copy of m_isDone to learn that the task has run, and of m_isAlive to learn that it will never run: the value
+/// becomes false when the last copy is destroyed before the task ran. A copy of the whole WrapperTask keeps the task
+/// alive. A task that is replaced by a later connection under its identifier keeps its flags as they are. The library
+/// writes the flags atomically; read them with an atomic load while the loop may write them. REQUIRES: m_isAlive and
+/// m_isDone are not null.
 class ZYT_EXPORT WrapperTask {
 public:
-    /// A task of its own that is alive, not done, and has no callable yet.
+    /// Creates a task that is alive, not done, and has no callable yet.
     WrapperTask();
     /// Shares the flags and copies the callable, from a temporary too.
     WrapperTask(const WrapperTask& other) = default;
-    /// Shares the other's flags from now on and copies its callable, from a temporary too.
+    /// Shares the other task's flags from now on and copies its callable, from a temporary too.
     WrapperTask& operator=(const WrapperTask& other);
     /// Clears the value of m_isAlive when this is the last copy and the task has not run.
     ~WrapperTask();
@@ -44,61 +44,66 @@ public:
 
 /// Runs connected tasks on one thread of the process, "ZYTSignalTask", when their identifiers are signalled.
 ///
-/// Signals run in the order in which they were first raised, one at a time; one that is still pending is not queued
-/// twice. Running a task uses up its connection. A signal that nothing is connected to when its turn comes is lost.
+/// Signals run in the order in which they were first raised, one at a time; a signal that is still pending is not
+/// queued twice. A connection is used up when its task runs. A signal that has no connection when its turn comes is
+/// lost. Identifiers are shared by the whole process: two clients that use the same one replace each other's
+/// connections.
 ///
-/// The object is created by the first instance() and destroyed at process exit, which drops what is pending, waits for
-/// the task that is running and never hangs. All operations may be called from any thread; after the end they do
-/// nothing. A task may raise signals, but must not connect or disconnect: it runs under the lock that these need. An
-/// empty callable, or an exception that leaves a task, ends the process.
+/// The object is created by the first instance() and destroyed at process exit. Destruction drops pending signals and
+/// connections, waits for the task that is running, and from then on all operations do nothing. It waits for ever only
+/// when that task never returns, or waits for something that exiting keeps from happening. A task may call exit()
+/// itself. A forked child has the object but not its thread: it must end with _exit(), since exit() would wait for the
+/// thread.
 ///
-/// Lock order: the signal list's lock and the task map's lock are never held together.
+/// Thread-safe. A task may raise signals but must not connect or disconnect, which wait for the lock that it runs
+/// under. An empty callable, or an exception that leaves a task, ends the process. Lock order: the locks of the signal
+/// list and of the task map are never held together.
 class ZYT_EXPORT ZYTSignalTask {
 public:
-    /// The one object. Throws std::system_error when its thread cannot be started; a later call tries again.
+    /// Returns the one object. Throws std::system_error when its thread cannot be started; a later call tries again.
     static ZYTSignalTask* instance();
 
-    /// Does insert(id), then wakes the loop.
+    /// Calls insert(id), then wakes the loop.
     void signal(uint64_t id);
     /// Wakes the loop.
     void notify();
-    /// Does remove(id), then wakes the loop.
+    /// Calls remove(id), then wakes the loop.
     void disconnect(uint64_t id);
-    /// Does remove(), then wakes the loop.
+    /// Calls remove(), then wakes the loop.
     void disconnect();
 
     /// Queues a signal without waking the loop. Returns the number of pending signals.
     size_t insert(uint64_t id) ZYT_EXCLUDES(m_signalListLock);
-    /// Connects a copy of task under id, replacing what was there. Returns the number of connected tasks.
+    /// Connects a copy of `task` under `id`, in place of an earlier connection. Returns the number of connections.
     size_t insert(uint64_t id, WrapperTask&& task) ZYT_EXCLUDES(m_taskMapLock);
-    /// Drops the id's pending signal and its connection.
+    /// Drops the pending signal and the connection of `id`.
     void remove(uint64_t id) ZYT_EXCLUDES(m_signalListLock, m_taskMapLock);
     /// Drops all pending signals and connections.
     void remove() ZYT_EXCLUDES(m_signalListLock, m_taskMapLock);
 
-    /// Body of the loop thread; returns when the object is being destroyed.
+    /// Body of the loop thread; returns when the object is being destroyed. Not for callers.
     void loop() ZYT_EXCLUDES(m_signalListLock, m_taskMapLock);
 
     ZYTSignalTask(const ZYTSignalTask&) = delete;
     ZYTSignalTask& operator=(const ZYTSignalTask&) = delete;
 
 private:
-    ZYTSignalTask();
-    ~ZYTSignalTask();
+    ZYT_LOCAL ZYTSignalTask();
+    ZYT_LOCAL ~ZYTSignalTask();
 
-    bool WaitForSignal(uint64_t& id) ZYT_EXCLUDES(m_signalListLock);
-    void ReleaseLockOfExitingTask() ZYT_NO_THREAD_SAFETY_ANALYSIS;
+    ZYT_LOCAL bool WaitForSignal(uint64_t& id) ZYT_EXCLUDES(m_signalListLock);
+    ZYT_LOCAL void ReleaseLockOfExitingTask() ZYT_NO_THREAD_SAFETY_ANALYSIS;
 
     std::unordered_map<uint64_t, WrapperTask> m_taskMap ZYT_GUARDED_BY(m_taskMapLock);
     std::list<uint64_t> m_signalList ZYT_GUARDED_BY(m_signalListLock);  // oldest first, no id twice
     std::atomic<bool> m_isStop{false};
-    std::list<std::thread> m_threadList;  // exactly one; touched only while the object is made and destroyed
+    std::list<std::thread> m_threadList;  // exactly one; used only while the object is created and destroyed
     std::condition_variable m_cond;
-    [[maybe_unused]] std::mutex
-        m_threadLock;  // no operation takes it; kept for the layout that clients were built with
+    // No operation takes it. It keeps the layout that clients were built with.
+    [[maybe_unused]] std::mutex m_threadLock;
     std::mutex m_taskMapLock;
     std::mutex m_signalListLock;
-    bool m_isTaskRunning = false;  // touched on the loop thread only
+    bool m_isMapLockedByLoop = false;  // used on the loop thread only
 };
 
 #endif  // ZYT_SIGNAL_TASK_H
