@@ -104,8 +104,18 @@ step_tidy() {
         xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p build/check-clang 2>/dev/null
 }
 
-# What a device's build lists against what is here.
-step_soong() { python3 device/check.py; }
+# A device's build: Android.bp in the platform's own build system, and one directory of the offline log everywhere.
+step_soong() {
+    local build=$PWD/build/check-soong file label
+    [[ -z $(bpfmt -l Android.bp) ]] || { echo "Android.bp is not as bpfmt has it"; return 1; }
+    for file in common/tools/logging/zytofflinelog.cpp device/zyttools.rc device/sepolicy/file_contexts; do
+        grep -q '/data/vendor/camera/offlinelog' "$file" || { echo "$file has another directory of the log"; return 1; }
+    done
+    label=$(sed -n 's/.*:object_r:\(.*\):s0/\1/p' device/sepolicy/file_contexts)
+    grep -q "^type $label," device/sepolicy/zyttools.te || { echo "the policy does not declare $label"; return 1; }
+    GO111MODULE=off GOPATH=/usr/share/gocode GOCACHE=$build/cache \
+        /usr/lib/go-1.19/bin/go build -o "$build/soong" device/soong.go && "$build/soong"
+}
 
 # Every public declaration is documented, and every link between pages leads somewhere.
 step_docs() { ./dev docs; }
@@ -149,7 +159,8 @@ steps=("$@")
     steps=(format soong docs demo gcc exports clang locks tidy aosp fma address thread exits)
 
 need g++ cmake make googletest clang libc++-14-dev libc++abi-14-dev clang-format clang-tidy doxygen pkgconf libpng-dev \
-    ffmpeg android-liblog-dev android-libutils-dev git python3
+    ffmpeg android-liblog-dev android-libutils-dev git python3 blueprint-tools golang-1.19-go golang-android-soong-dev \
+    golang-github-google-blueprint-dev golang-google-protobuf-dev golang-github-golang-protobuf-1-5-dev
 for step in "${steps[@]}"; do
     declare -F "step_$step" >/dev/null || { echo "check: no step $step" >&2; exit 2; }
     start=$SECONDS
