@@ -1,192 +1,52 @@
 #!/usr/bin/env bash
 # Builds a 64-bit Arm device with a real DMA-BUF heap, boots it in an emulator, and runs the test suite and the sample
-# node there. Whatever keeps that from happening ends in one "device: ..." line on stderr and a non-zero exit; a
-# finished run's last line is "N passed, N failed". README.md has the knobs.
+# node there. A finished run's last line is "N passed, N failed".
+# usage: device.sh [--filter REGEX]
 set -Eeuo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 source tools/need.sh
+work=build/device
+source devicelab/box.sh
 
-die() {
-    trap - ERR
-    printf 'device: %s\n' "$*" >&2
-    exit 1
-}
-# For what no check below foresees. A subshell leaves the telling to its parent: one line, not two.
-trap '((BASH_SUBSHELL)) || die "device.sh:$LINENO: $BASH_COMMAND failed"' ERR
-
-build=build/device
-root=$build/rootfs
-result=$build/result
-scratch='' emulator=''
-cleanup() {
-    [[ -z $emulator ]] || { kill "$emulator" && wait "$emulator"; } 2>/dev/null || true
-    [[ -z $scratch ]] || rm -rf "$scratch"
-}
-trap cleanup EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
-
-filter=''
 case ${1-} in
     '') ;;
     --filter) [[ $# == 2 && -n $2 ]] || die 'usage: device.sh [--filter REGEX]'; filter=$2 ;;
     *) die 'usage: device.sh [--filter REGEX]' ;;
 esac
-run_limit=${ZYT_DEVICE_TIMEOUT:-1200}
-test_limit=${ZYT_DEVICE_TEST_TIMEOUT:-600}
-boot_limit=${ZYT_DEVICE_BOOT_TIMEOUT:-60}
-for limit in "$run_limit" "$test_limit" "$boot_limit"; do
-    [[ $limit =~ ^[1-9][0-9]*$ ]] || die "a time-out must be a whole number of seconds, not '$limit'"
-done
-
-# Runs a long command with its output in a log; a failure shows the log's end and what it was for.
-logged() {
-    local log=$build/$1.log what=$2
-    shift 2
-    "$@" >"$log" 2>&1 || { tail -n 20 "$log" >&2; die "$what failed, see $log"; }
-}
-
-# Sets `image`. The kernel is built once and kept outside the tree, under a name that changes with what it is made of.
-build_kernel() {
-    local fragment=$PWD/devicelab/kernel.config key keep line
-    key=$({ cat "$fragment"; dpkg-query -W -f='${Version}' linux-source-6.1; } | sha256sum | cut -c1-16)
-    keep=${ZYT_DEVICELAB_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zyttools}/kernel-$key
-    image=$keep/Image
-    [[ ! -s $image ]] || return 0
-
-    echo "building the kernel (a few minutes, once; kept in $keep)"
-    scratch=$(mktemp -d "${TMPDIR:-/var/tmp}/zyttools-kernel-XXXXXX")
-    # Kconfig reads every directory's Kconfig, so what this kernel has no use for still leaves those behind.
-    logged kernel-source 'unpacking the kernel' tar -xJf /usr/src/linux-source-6.1.tar.xz -C "$scratch" \
-        --strip-components=1 --exclude='linux-source-6.1/drivers/'{gpu,net,media,staging,infiniband,scsi}'/*.[ch]' \
-        --exclude='linux-source-6.1/sound/*.[ch]' --exclude='linux-source-6.1/tools/testing/*'
-    local make=(nice make -C "$scratch" ARCH=arm64 CROSS_COMPILE=aarch64-linux-gnu- "-j$(nproc)")
-    logged kernel-config 'configuring the kernel' "${make[@]}" tinyconfig
-    logged kernel-config 'configuring the kernel' \
-        env -C "$scratch" scripts/kconfig/merge_config.sh -m .config "$fragment"
-    logged kernel-config 'configuring the kernel' "${make[@]}" olddefconfig
-    while read -r line; do
-        case $line in
-            CONFIG_*) grep -qxF "$line" "$scratch/.config" || die "the kernel's configuration refuses $line" ;;
-            '# CONFIG_'*' is not set')
-                line=${line#\# }
-                ! grep -q "^${line%% *}=" "$scratch/.config" || die "the kernel's configuration forces ${line%% *}" ;;
-        esac
-    done <"$fragment"
-    logged kernel 'building the kernel' "${make[@]}" Image
-
-    # Renamed into place when complete, so that an interrupted or a simultaneous run leaves no half of a kernel.
-    mkdir -p "$keep"
-    cp "$scratch/arch/arm64/boot/Image" "$keep/Image.$$"
-    mv "$keep/Image.$$" "$image"
-    rm -rf "$scratch"
-    scratch=''
-}
 
 build_project() {
     echo 'building for 64-bit Arm'
-    logged configure 'configuring the project' cmake -S . -B "$build" \
-        -DCMAKE_TOOLCHAIN_FILE=devicelab/aarch64-linux-gnu.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DZYT_BUILD_TESTS=ON -DZYT_BUILD_EXAMPLES=ON -DZYT_BUILD_TOOLS=OFF
-    logged build 'building the project' cmake --build "$build" --parallel "$(nproc)"
-    logged init 'building init' \
-        aarch64-linux-gnu-g++ -std=c++17 -O2 -static -Wall -Wextra -o "$build/init" devicelab/init.cpp
+    logged configure 'configuring the project' cmake --preset device
+    logged build 'building the project' cmake --build --preset device --parallel "$(nproc)"
 }
 
 # What the device shows beside its tests: the sample node on the desk demo's scene, by the command lines in /demo/run.
 demo_files() {
-    python3 examples/makescene.py "$build/scene.ppm" "$root/demo/faces.txt"
-    python3 devicelab/ppm2nv12.py "$build/scene.ppm" "$root/demo/scene.nv12"
+    python3 examples/makescene.py "$work/scene.ppm" "$root/demo/faces.txt"
+    python3 devicelab/ppm2nv12.py "$work/scene.ppm" "$root/demo/scene.nv12"
     cp -r examples/tuning "$root/demo/tuning"
     { cat devicelab/device.prop; echo 'persist.vendor.camera.zyttools.offlinelog=1'; } >"$root/demo/build.prop"
     echo '/examples/samplenode scene.nv12 1280x720 --name scene --tuning tuning --faces faces.txt --out out' \
         >"$root/demo/run"
 }
 
-# Copies what the packed programs are linked to, and what that is linked to, from the build or from the cross compiler.
-pack_libraries() {
-    local queue=("$@") library from
-    while ((${#queue[@]})); do
-        while read -r library; do
-            [[ ! -e $root/lib/$library ]] || continue
-            from=$(find "$build" -path "$root" -prune -o -name "$library" -print -quit)
-            [[ -n $from ]] || from=$(aarch64-linux-gnu-g++ -print-file-name="$library")
-            [[ -f $from ]] || die "no $library to pack, which ${queue[0]##*/} needs"
-            aarch64-linux-gnu-strip -o "$root/lib/$library" "$from"
-            queue+=("$root/lib/$library")
-        done < <(aarch64-linux-gnu-readelf -d "${queue[0]}" | sed -n 's/.*(NEEDED).*\[\(.*\)\].*/\1/p')
-        queue=("${queue[@]:1}")
-    done
-}
-
 pack() {
-    local program programs=("$build"/tests/*_test "$build/examples/samplenode")
+    local program programs=("$work"/tests/*_test "$work/examples/samplenode")
     rm -rf "$root"
     mkdir -p "$root"/{tests,examples,lib,vendor,demo/out}
     # In the same places as in the build: a test looks for the sample node from where it is itself.
     for program in "${programs[@]}"; do
         [[ -x $program ]] || die "the build made no $program"
-        aarch64-linux-gnu-strip -o "$root${program#"$build"}" "$program"
+        aarch64-linux-gnu-strip -o "$root${program#"$work"}" "$program"
     done
-    aarch64-linux-gnu-strip -o "$root/init" "$build/init"
     cp devicelab/device.prop "$root/vendor/build.prop"
-    printf '%s\n' "$test_limit" "$filter" >"$root/devicelab.conf"
     demo_files
     pack_libraries "$root"/{tests,examples}/*
-    find "$root" -mindepth 1 -printf '%P\0' |
-        cpio --directory="$root" --create --null --format=newc --owner=0:0 --quiet >"$build/initramfs"
+    pack_root
 }
 
-# Boots the device and shows its console, without the kernel's own lines, until the machine is off.
-boot() {
-    local console line partial='' up='' why='' start=$SECONDS heard=$SECONDS patience=$boot_limit
-    rm -rf "$result"
-    truncate -s 0 "$build/console.log" "$build/archive"
-    exec {console}< <(exec qemu-system-aarch64 -M virt -cpu cortex-a72 -smp 2 -m 2048 -accel tcg,thread=multi \
-        -nodefaults -display none -no-reboot -serial stdio -append 'console=ttyAMA0 rdinit=/init' \
-        -kernel "$image" -initrd "$build/initramfs" -device virtio-serial-device \
-        -chardev "file,id=results,path=$build/archive" -device virtserialport,chardev=results \
-        </dev/null 2>"$build/emulator.log")
-    emulator=$!
-    while :; do
-        if IFS= read -r -t 1 line <&"$console"; then
-            line=${partial}${line%$'\r'} partial=''
-            printf '%s\n' "$line" >>"$build/console.log"
-            case $line in
-                *'Attempted to kill init!'*) why="the device's init died (${line##*: })" ;;
-                *'Kernel panic - not syncing: '*) why="the kernel panicked: ${line##*not syncing: }" ;;
-                'device: fatal: '*) why=${line#device: fatal: } ;;
-                'device: up'*) up=1 patience=$((test_limit + 60)) ;;
-            esac
-            [[ -z $up ]] || heard=$SECONDS  # until init is up, no chatter of the kernel's counts
-            [[ -z $line || $line =~ ^\[\ *[0-9]+\.[0-9]+\] || $line == 'device: fatal: '* ]] || printf '%s\n' "$line"
-        elif (($? > 128)); then
-            partial+=$line  # a time-out, perhaps in the middle of a line
-        else
-            break
-        fi
-        if ((SECONDS - start >= run_limit)); then
-            die "not finished after $run_limit s, last line: $(tail -n 1 "$build/console.log")"
-        elif ((SECONDS - heard >= patience)); then
-            [[ -n $up ]] || die "the kernel did not come up in $boot_limit s ($image; console: $build/console.log)"
-            die "nothing heard for $patience s, last line: $(tail -n 1 "$build/console.log")"
-        fi
-    done
-    wait "$emulator" || die "the emulator ended with status $?, saying '$(tail -n 1 "$build/emulator.log")'"
-    emulator=''
-    [[ -z $why ]] || die "$why (console: $build/console.log)"
-    [[ -n $up ]] || die "the machine went off before init was up (console: $build/console.log)"
-}
-
-# Unpacks what came back and gives the verdict.
 conclude() {
     local passed failed skipped bad
-    mkdir -p "$result"
-    [[ -s $build/archive ]] || die "the device went off without sending a result (console: $build/console.log)"
-    # An archive without its end mark counts as none, even if the list of results is in it.
-    cpio --extract --make-directories --no-absolute-filenames --quiet --directory="$result" <"$build/archive" \
-        2>"$build/archive.log" || die "the result came back truncated: $(tail -n 1 "$build/archive.log")"
-    [[ -s $result/results ]] || die "the result came back without its list of tests"
     passed=$(grep -c '^passed' "$result/results" || true)
     skipped=$(grep -c '^skipped' "$result/results" || true)
     failed=$(grep -cE '^(failed|hung)' "$result/results" || true)
@@ -198,14 +58,14 @@ conclude() {
     [[ -z $bad ]]
 }
 
-mkdir -p "$build"
-exec {lock}>"$build/lock"
-flock --nonblock "$lock" || die "another run is at work in $build"
+lock_work
 need bc bison cmake cpio flex g++ g++-aarch64-linux-gnu googletest linux-source-6.1 make python3 qemu-system-arm \
     xz-utils
 build_kernel
 build_project
+build_init
 pack
 boot
+unpack
 trap - ERR
 conclude

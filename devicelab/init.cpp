@@ -1,5 +1,5 @@
-// The device's first process. It stands in for everything between the kernel and the tests: it mounts what they
-// need, runs every test in a process of its own, then the demo, sends the results home and powers off.
+// The device's first process. It stands in for everything between the kernel and the programs: it mounts what they
+// need, runs each in a process of its own, sends the results home and powers off.
 //
 // device.sh packs it, statically linked, together with
 //   /tests/*_test        GoogleTest executables
@@ -7,13 +7,16 @@
 //   /demo/run            one command line per line, words split at blanks; files left in /demo/out are sent home
 //   /demo/build.prop     the properties while the demo runs
 //   /devicelab.conf      seconds that one process may take, then a regular expression that picks tests (may be empty)
-// and reads from its console the lines that begin with "device: ".
+// run.sh packs, in place of tests and demo,
+//   /jobs                the programs of a user's project, as project.py writes them
+// Both read from its console the lines that begin with "device: ".
 
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/klog.h>
 #include <sys/mount.h>
 #include <sys/reboot.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -34,6 +37,7 @@
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <tuple>
 #include <vector>
 
 #include "cpioarchive.h"
@@ -45,6 +49,8 @@ using Clock = std::chrono::steady_clock;
 constexpr char kOfflineLogDir[] = "/data/vendor/camera/offlinelog";
 constexpr char kResultPort[] = "/dev/vport0p1";
 constexpr size_t kTestsAtOnce = 2;
+constexpr size_t kMaxCores = 4;
+constexpr std::chrono::seconds kCoreLimit(60);  // for a hung process to leave its core
 
 [[noreturn]] void PowerOff() {
     std::fflush(stdout);
@@ -87,12 +93,16 @@ bool MountStorage() {
 struct Command {
     std::string title;
     std::vector<std::string> argv;
-    const char* workDir = "/tmp";
-    bool freshStorage = false;  // a /tmp and a /data that no other process sees
-    bool captureStderr = true;  // otherwise it goes to the console, apart from the output
+    std::string workDir = "/tmp";
+    bool freshStorage = false;                  // a /tmp and a /data that no other process sees
+    bool captureStderr = true;                  // otherwise it goes to the console, apart from the output
+    bool leavesCore = false;                    // also when it hangs
+    std::vector<std::string> environment = {};  // beside init's own
+    std::chrono::seconds limit{0};              // 0 for the common one
 };
 
 struct Outcome {
+    pid_t pid;
     bool hung;
     int status;  // as waitpid() gives it
     double seconds;
@@ -119,10 +129,13 @@ struct Outcome {
         std::perror("fresh storage");
         _exit(126);
     }
+    const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
+    if (command.leavesCore) setrlimit(RLIMIT_CORE, &unlimited);
+    for (const std::string& entry : command.environment) putenv(const_cast<char*>(entry.c_str()));
     std::vector<char*> argv;
     for (const std::string& word : command.argv) argv.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
-    if (chdir(command.workDir) == 0) execv(argv[0], argv.data());
+    if (chdir(command.workDir.c_str()) == 0) execv(argv[0], argv.data());
     std::perror(argv[0]);
     _exit(127);
 }
@@ -136,6 +149,8 @@ void RunAll(const std::vector<Command>& commands, size_t slots, std::chrono::sec
         int outputFd;
         Clock::time_point start;
         bool hung;
+
+        bool IsOver(std::chrono::seconds time) const { return Clock::now() - start >= time; }
     };
     std::vector<Job> running;
     sigset_t child;
@@ -160,18 +175,23 @@ void RunAll(const std::vector<Command>& commands, size_t slots, std::chrono::sec
             if (job == running.end()) continue;
             kill(-pid, SIGKILL);  // whatever it left running behind it
             std::chrono::duration<double> taken = Clock::now() - job->start;
-            Outcome outcome{job->hung, status, taken.count(), ReadAll(job->outputFd)};
+            Outcome outcome{pid, job->hung, status, taken.count(), ReadAll(job->outputFd)};
             close(job->outputFd);
             size_t index = job->index;
             running.erase(job);
             done(index, outcome);
         }
         for (Job& job : running) {
-            if (job.hung || Clock::now() - job.start < limit) continue;
-            job.hung = true;
+            const Command& command = commands[job.index];
+            const std::chrono::seconds patience = command.limit.count() > 0 ? command.limit : limit;
             // Named before it is dead: one that sits in the kernel may never be.
-            std::printf("device: %s hangs, killing it\n", commands[job.index].title.c_str());
-            kill(-job.pid, SIGKILL);
+            if (!job.hung && job.IsOver(patience)) {
+                job.hung = true;
+                std::printf("device: %s hangs, killing it\n", command.title.c_str());
+                kill(command.leavesCore ? job.pid : -job.pid, command.leavesCore ? SIGQUIT : SIGKILL);
+            } else if (job.hung && command.leavesCore && job.IsOver(patience + kCoreLimit)) {
+                kill(-job.pid, SIGKILL);
+            }
         }
     }
 }
@@ -261,30 +281,118 @@ void RunDemo(std::chrono::seconds limit, std::string& results) {
     }
 }
 
-void AddDirectory(CpioArchive& archive, const std::string& name, const std::string& dir) {
+void AddFile(CpioArchive& archive, const std::string& name, const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) FatalErrno("cannot read " + path);
+    archive.Add(name, ReadAll(fd));
+    close(fd);
+}
+
+// Sends a directory's files, or those of them that have been written since.
+void AddDirectory(CpioArchive& archive, const std::string& name, const std::string& dir, timespec since = {}) {
     std::error_code error;  // a directory that is not there holds nothing to send
     for (const auto& file : std::filesystem::recursive_directory_iterator(dir, error)) {
-        if (!file.is_regular_file()) continue;
-        int fd = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) FatalErrno("cannot read " + file.path().string());
-        archive.Add(name + "/" + std::filesystem::relative(file.path(), dir).string(), ReadAll(fd));
-        close(fd);
+        struct stat status;
+        if (lstat(file.path().c_str(), &status) != 0 || !S_ISREG(status.st_mode)) continue;
+        const timespec& changed = status.st_ctim;  // modification times can be set
+        if (std::tie(changed.tv_sec, changed.tv_nsec) < std::tie(since.tv_sec, since.tv_nsec)) continue;
+        AddFile(archive, name + "/" + std::filesystem::relative(file.path(), dir).string(), file.path());
     }
+}
+
+// The strings of /jobs, each ended by a null character; a list is its length, then its strings.
+class JobReader {
+public:
+    bool Next(std::string& text) { return bool(std::getline(m_file, text, '\0')); }
+    std::string Text() {
+        std::string text;
+        if (!Next(text)) Fatal("/jobs came in cut off");
+        return text;
+    }
+    int Number() { return std::atoi(Text().c_str()); }
+    std::vector<std::string> List() {
+        std::vector<std::string> list(static_cast<size_t>(Number()));
+        for (std::string& text : list) text = Text();
+        return list;
+    }
+
+private:
+    std::ifstream m_file{"/jobs"};
+};
+
+// Runs a project's programs one after the other. Sends what each printed as output/NUMBER and the core that it left as
+// core/NUMBER, puts number, status, whether it hung and seconds into `results`, and sends what changed in the project's
+// own directories.
+void RunJobs(std::chrono::seconds limit, CpioArchive& archive, std::string& results) {
+    std::ofstream("/proc/sys/kernel/core_pattern") << "/run/core.%p";
+    JobReader reader;
+    const std::vector<std::string> directories = reader.List();  // name, path, name, path …
+    std::vector<Command> jobs;
+    for (std::string title; reader.Next(title);) {
+        Command job{title, {}, reader.Text(), false, true, true};
+        job.limit = std::chrono::seconds(reader.Number());
+        job.environment = reader.List();
+        job.argv = reader.List();
+        std::filesystem::create_directories(job.workDir);
+        jobs.push_back(job);
+    }
+
+    timespec start;
+    clock_gettime(CLOCK_REALTIME_COARSE, &start);  // the clock of the files' times
+    size_t cores = 0;
+    for (size_t number = 0; number < jobs.size(); ++number) {
+        std::printf("device: running %s\n", jobs[number].title.c_str());
+        RunAll({jobs[number]}, 1, limit, [&](size_t, const Outcome& outcome) {
+            const std::string core = "/run/core." + std::to_string(outcome.pid);
+            if (access(core.c_str(), R_OK) == 0 && cores++ < kMaxCores) {
+                AddFile(archive, "core/" + std::to_string(number), core);
+            }
+            archive.Add("output/" + std::to_string(number), outcome.output);
+            std::ostringstream line;
+            line << number << ' ' << outcome.status << ' ' << outcome.hung << ' ' << outcome.seconds << '\n';
+            results += line.str();
+        });
+        for (const auto& file : std::filesystem::directory_iterator("/run")) std::filesystem::remove(file.path());
+    }
+    for (size_t i = 0; i + 1 < directories.size(); i += 2) {
+        AddDirectory(archive, directories[i], directories[i + 1], start);
+    }
+}
+
+// Runs the tests that the filter picks; without one, the demo as well.
+void RunSuite(std::chrono::seconds limit, const std::string& filter, CpioArchive& archive, std::string& results) {
+    std::vector<Command> tests = ListTests(limit, results);
+    try {
+        const std::regex wanted(filter);
+        auto unwanted = [&](const Command& test) { return !std::regex_search(test.title, wanted); };
+        tests.erase(std::remove_if(tests.begin(), tests.end(), unwanted), tests.end());
+    } catch (const std::regex_error& error) {
+        Fatal("the filter '" + filter + "' is no regular expression: " + error.what());
+    }
+    if (tests.empty()) Fatal("no test" + (filter.empty() ? "s to run" : " matches '" + filter + "'"));
+    std::printf("device: %zu tests\n", tests.size());
+    RunTests(tests, limit, results);
+    if (filter.empty()) RunDemo(limit, results);
+    AddDirectory(archive, "out", "/demo/out");
 }
 
 void SetUp() {
     klogctl(8, nullptr, 4);  // from here on the kernel speaks only of errors, so that it cuts no line of ours in two
     const struct {
         const char *type, *target, *options;
-    } mounts[] = {
-        {"proc", "/proc", ""}, {"sysfs", "/sys", ""}, {"devtmpfs", "/dev", ""}, {"tmpfs", "/run", "size=256m"}};
+    } mounts[] = {{"proc", "/proc", ""}, {"sysfs", "/sys", ""}, {"devtmpfs", "/dev", ""}, {"tmpfs", "/run", "size=1g"}};
     for (const auto& m : mounts) {
         mkdir(m.target, 0755);
         if (mount(m.type, m.target, m.type, 0, m.options) != 0) FatalErrno(std::string("cannot mount ") + m.target);
     }
     mkdir("/tmp", 0755);
     mkdir("/data", 0755);
-    if (!MountStorage()) FatalErrno("cannot make /tmp and /data");
+    // A project's jobs see the files that were packed below these.
+    if (access("/jobs", F_OK) == 0) {
+        std::filesystem::create_directories(kOfflineLogDir);
+    } else if (!MountStorage()) {
+        FatalErrno("cannot make /tmp and /data");
+    }
     if (access("/dev/dma_heap/system", R_OK) != 0) FatalErrno("the kernel's heap is missing, /dev/dma_heap/system");
 
     clearenv();
@@ -319,21 +427,12 @@ int main() {
     CpioArchive archive(kResultPort);
     if (!archive.IsSound()) FatalErrno(std::string("no way to send results, ") + kResultPort);
     std::string results;
-    std::vector<Command> tests = ListTests(limit, results);
-    try {
-        const std::regex wanted(filter);
-        auto unwanted = [&](const Command& test) { return !std::regex_search(test.title, wanted); };
-        tests.erase(std::remove_if(tests.begin(), tests.end(), unwanted), tests.end());
-    } catch (const std::regex_error& error) {
-        Fatal("the filter '" + filter + "' is no regular expression: " + error.what());
+    if (access("/jobs", F_OK) == 0) {
+        RunJobs(limit, archive, results);
+    } else {
+        RunSuite(limit, filter, archive, results);
     }
-    if (tests.empty()) Fatal("no test" + (filter.empty() ? "s to run" : " matches '" + filter + "'"));
-    std::printf("device: %zu tests\n", tests.size());
-    RunTests(tests, limit, results);
-    if (filter.empty()) RunDemo(limit, results);
-
     archive.Add("results", results);
-    AddDirectory(archive, "out", "/demo/out");
     AddDirectory(archive, "offlinelog", kOfflineLogDir);
     if (!archive.Finish()) Fatal("cannot send the results");
     std::printf("device: done\n");
