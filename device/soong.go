@@ -38,7 +38,8 @@ cc_library_static { name: "libgtest", host_supported: true }
 cc_library_static { name: "libgmock", host_supported: true }
 cc_library_headers { name: "vendor_headers", vendor: true, export_include_dirs: ["stub/vendor_headers"] }
 cc_library_shared { name: "libframework", vendor: true, export_include_dirs: ["stub/libframework"], nocrt: true }
-cc_library_shared { name: "node", vendor: true, srcs: ["node.cpp"], shared_libs: ["libzyttools"], compile_multilib: "64" }
+cc_library_shared { name: "node", vendor: true, srcs: ["node.cpp"], shared_libs: ["libzyttools"],
+    header_libs: ["libzyttools_nodekit"], compile_multilib: "64" }
 `
 
 // Which module has a platform header: its folder, searched for on the include path of every compilation.
@@ -152,7 +153,7 @@ func sourceFaults(ctx *android.TestContext, named map[string]string) (list []str
 		list = append(list, source+" is compiled, but none of the library's")
 	}
 	for _, flags := range compilations(ctx.ModuleForTests("node", variant).Module()) {
-		for _, header := range glob("common/tools/*/*.h") {
+		for _, header := range glob("common/tools/*/*.h", "common/nodekit/*.h") {
 			list = append(list, missingHeaders(header, flags, named)...)
 		}
 	}
