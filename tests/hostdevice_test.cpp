@@ -190,25 +190,28 @@ TEST_F(HostDeviceTest, LogLinesLookLikeThreadtime) {
     EXPECT_EQ(WithoutStamp(writes[1].substr(secondLine)), error + "lines\n");
 }
 
-TEST_F(HostDeviceTest, LogSinkIsCalledWithoutALockAndNoMoreOnceItIsReplaced) {
-    // Two threads at a time inside the sink, which logs itself; then nobody once the next one is in place.
-    std::atomic<int> calls{0}, inside{0};
-    std::atomic<bool> isFull{false};
+TEST_F(HostDeviceTest, LogSinkTakesOneMessageAtATime) {
+    int calls = 0;
+    int overlaps = 0;
+    std::atomic<bool> isInside{false};
     hostdevice::SetLogSink([&](int priority, const char* tag, const char* text) {
-        if (++inside == 4) isFull = true;
+        if (isInside.exchange(true)) ++overlaps;
+        std::this_thread::yield();
         if (priority == ANDROID_LOG_INFO && std::strcmp(tag, "tag") == 0 && std::strcmp(text, "text") == 0) ++calls;
-        if (calls < 3) __android_log_write(ANDROID_LOG_INFO, "tag", "text");
-        while (!isFull) std::this_thread::yield();
-        --inside;
+        isInside = false;
     });
     const auto log = [] { __android_log_write(ANDROID_LOG_INFO, "tag", "text"); };
-    std::thread threads[] = {std::thread(log), std::thread(log)};
-    while (!isFull) std::this_thread::yield();
-    hostdevice::SetLogSink({});
-    EXPECT_EQ(inside, 0);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&log] {
+            for (int message = 0; message < 500; ++message) log();
+        });
+    }
     for (std::thread& thread : threads) thread.join();
+    hostdevice::SetLogSink({});
     EXPECT_EQ(StderrWrites(log).size(), 1u);
-    EXPECT_GE(calls, 4);
+    EXPECT_EQ(calls, 4 * 500);
+    EXPECT_EQ(overlaps, 0);
 }
 
 TEST_F(HostDeviceTest, DeviceServesLateDestructorsAtExit) {

@@ -1,15 +1,62 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <hostdevice/hostdevice.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <future>
+#include <numeric>
 #include <random>
-#include <string>
+#include <thread>
 #include <vector>
 
-#include "nodekit/dumpname.h"
+#include "nodekit/connection.h"
+#include "nodekit/cpuaccess.h"
+#include "nodekit/dumpfile.h"
+#include "nodekit/image.h"
+#include "nodekit/importedimage.h"
+#include "nodekit/logflush.h"
+#include "nodekit/parallel.h"
+#include "nodekit/poolstate.h"
 #include "nodekit/rawpixels.h"
 #include "support.h"
 
+using hostdevice::Fault;
+using testing::HasSubstr;
+using zyt::CpuAccess;
+using zyt::Describe;
+using zyt::Image;
+using zyttest::LogCapture;
+using zyttest::TempDir;
+
 namespace {
+
+constexpr ZYTFormat kNv12 = ZYT_FORMAT_YUV420NV12;
+constexpr ZYTBufferType kTypes[] = {ZYT_BUFFER_TYPE_MALLOC, ZYT_BUFFER_TYPE_DMABUF, ZYT_BUFFER_TYPE_GRALLOC};
+
+uint64_t CountLiveMemory() {
+    const hostdevice::LiveResources live = hostdevice::CountLive();
+    return live.heapDescriptors + live.heapMappings + live.graphicBuffers + live.graphicDescriptors +
+           live.graphicMappings;
+}
+
+// What was logged at E by the kit for an object of that name.
+size_t CountErrors(LogCapture& log, const std::string& name) {
+    const std::vector<std::string> lines = log.Take();
+    return static_cast<size_t>(std::count_if(
+        lines.begin(), lines.end(), [&](const std::string& line) { return line.rfind("E [" + name + "] ", 0) == 0; }));
+}
+
+// Writes all that the record says there is, chroma included.
+void Fill(ZYTBufferManager& manager, Image& image) {
+    CpuAccess access(manager, CPU_SYNC_WRITE, image);
+    ASSERT_TRUE(access);
+    zyt::detail::EachRow(*image, [](unsigned char* row, size_t bytes) {
+        std::iota(row, row + bytes, static_cast<unsigned char>(bytes));
+        return true;
+    });
+    EXPECT_TRUE(access.Close());
+}
 
 // Bit `bit` of pixel x in a packed row: the upper 8 of each pixel of a group come first, then the lower ones of all.
 size_t PlaceOfBit(size_t bits, size_t x, size_t bit) {
@@ -76,4 +123,330 @@ TEST(DumpName, TellsSizeAndFormat) {
         EXPECT_EQ(ParseDumpName(name).width, 0u) << name;
         EXPECT_EQ(ParseDumpName(name).format, std::nullopt) << name;
     }
+}
+
+TEST(Image, OwnsMemoryForItsWholeGeometryAndGivesItBackOnce) {
+    Image late;
+    {
+        ZYTBufferManager manager("Node");
+        for (const ZYTBufferType type : kTypes) {
+            for (const uint32_t side : {1u, 2u, 65u}) {
+                Image image(manager, Describe(kNv12, side, side, 3), type);
+                ASSERT_TRUE(image) << type;
+                EXPECT_EQ(zyt::WhatIsWrong(*image), nullptr);
+                EXPECT_EQ(image->planeStride % (type == ZYT_BUFFER_TYPE_GRALLOC ? 64 : 3), 0u);
+                Fill(manager, image);
+                void* address = image->pAddr[0];
+                Image other(std::move(image));
+                EXPECT_FALSE(image);  // NOLINT(bugprone-use-after-move)
+                EXPECT_EQ(other->pAddr[0], address);
+                other->pAddr[0] = nullptr;  // the caller's to change
+                if (type == ZYT_BUFFER_TYPE_GRALLOC) late = std::move(other);
+            }
+        }
+        EXPECT_EQ(zyt::ReadPool().out->size(), 1u) << "the late one";
+        EXPECT_EQ(zyt::TrimPool(1), 0u);
+        Image again(manager, Describe(kNv12, 65, 65), ZYT_BUFFER_TYPE_MALLOC),
+            more(manager, *again, ZYT_BUFFER_TYPE_MALLOC);
+    }
+    EXPECT_TRUE(late);
+    late.Reset();
+    EXPECT_EQ(zyt::ReadPool().clients, 0u);
+    // The pool's own clean-up leaves its mappings of graphic buffers: one for each geometry.
+    const hostdevice::LiveResources live = hostdevice::CountLive();
+    EXPECT_EQ(live.graphicMappings, 3u);
+    EXPECT_EQ(live.graphicBuffers + live.heapDescriptors + live.heapMappings, 0u);
+}
+
+TEST(Image, IsThereOrNothingIsLeftOfIt) {
+    LogCapture log;
+    for (const ZYTBufferType type : kTypes) {
+        for (const Fault fault :
+             {Fault::kHeapAllocation, Fault::kGraphicBuffer, Fault::kGraphicDescriptor, Fault::kMapping}) {
+            for (uint64_t n = 1, isFired = 1; isFired != 0; ++n) {
+                ZYTBufferManager manager("Node");
+                log.Take();
+                hostdevice::FailNth(fault, n);
+                Image image(manager, Describe(kNv12, 64, 64), type, "Mine");
+                isFired = !hostdevice::FaultPending(fault);
+                EXPECT_EQ(CountErrors(log, "Mine"), image ? 0u : 1u);
+                EXPECT_TRUE(image || (isFired && image->pAddr[0] == nullptr));
+                EXPECT_TRUE(image || fault != Fault::kMapping) << "tried once more";
+                image.Reset();
+                hostdevice::ClearFaults();
+                EXPECT_TRUE(zyt::ReadPool().out->empty());
+                zyt::TrimPool(0);
+                EXPECT_EQ(CountLiveMemory(), 0u) << type << static_cast<int>(fault) << n;
+            }
+        }
+    }
+    // Dead buffers that others have left in the pool.
+    ZYTBufferManager manager;
+    ZYTImageBuffer dead = Describe(kNv12, 64, 64);
+    hostdevice::FailNth(Fault::kMapping, 1);
+    ASSERT_TRUE(manager.AllocBuffer(dead, ZYT_BUFFER_TYPE_DMABUF));
+    manager.FreeBuffer(dead.pAddr[1]);
+    manager.FreeBuffer(dead.pAddr[0]);
+    ASSERT_EQ(dead.pAddr[0], MAP_FAILED);
+    EXPECT_TRUE(Image(manager, dead, ZYT_BUFFER_TYPE_DMABUF));
+}
+
+TEST(Image, SaysWhatIsWrong) {
+    LogCapture log;
+    ZYTBufferManager manager;
+    const auto with = [](uint32_t ZYTImageBuffer::*field, uint32_t value) {
+        ZYTImageBuffer image = Describe(kNv12, 64, 64);
+        image.*field = value;
+        return image;
+    };
+    const std::pair<ZYTImageBuffer, const char*> refused[] = {
+        {Describe(static_cast<ZYTFormat>(11), 64, 64), "format is unknown"},
+        {Describe(kNv12, 0, 64), "no pixels"},
+        {Describe(kNv12, 64, 0), "no pixels"},
+        {Describe(ZYT_FORMAT_RAW16, 0xffffffffu, 1), "32 bits"},
+        {Describe(kNv12, 65536, 65536), "32 bits"},
+        {with(&ZYTImageBuffer::planeStride, 63), "stride is below"},
+        {with(&ZYTImageBuffer::sliceHeight, 63), "slice height is below"},
+        {Describe(ZYT_FORMAT_YUV_P010, 64, 64), "cannot be allocated"},
+        {Describe(ZYT_FORMAT_Y16, 64, 64), "cannot be allocated"},
+    };
+    for (const auto& [description, reason] : refused) {
+        EXPECT_FALSE(Image(manager, description, ZYT_BUFFER_TYPE_MALLOC));
+        EXPECT_THAT(log.Take().back(), HasSubstr(reason));
+    }
+    EXPECT_FALSE(Image(manager, Describe(ZYT_FORMAT_RAW10, 64, 64), ZYT_BUFFER_TYPE_GRALLOC));
+    EXPECT_FALSE(Image(manager, Describe(kNv12, 64, 64), static_cast<ZYTBufferType>(3)));
+    Image image(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
+    image->pAddr[1] = static_cast<unsigned char*>(MAP_FAILED);
+    EXPECT_STREQ(zyt::WhatIsWrong(*image), "the kernel refused to map it");
+    image->pAddr[1] = nullptr;
+    EXPECT_STREQ(zyt::WhatIsWrong(*image), "it has no chroma");
+    image->height = image->sliceHeight = 640;
+    EXPECT_STREQ(zyt::WhatIsWrong(*image), "a descriptor is smaller than its plane");
+    image->numberOfPlanes = 5;
+    EXPECT_STREQ(zyt::WhatIsWrong(*image), "it has more than 4 planes");
+    EXPECT_STREQ(zyt::WhatIsWrong(Describe(kNv12, 64, 64)), "it has no memory");
+}
+
+TEST(CpuAccess, OpensEachDescriptorOnceAndClosesWhatItOpened) {
+    LogCapture log;
+    ZYTBufferManager manager;
+    const Image shared(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
+    const Image plain(manager, *shared, ZYT_BUFFER_TYPE_MALLOC);
+    const uint64_t before = hostdevice::SyncCount();
+    const auto calls = [before] { return hostdevice::SyncCount() - before; };
+    {
+        CpuAccess access(manager, CPU_SYNC_WRITE, shared, plain, *shared);
+        EXPECT_TRUE(access);
+        EXPECT_EQ(calls(), 2u);
+        EXPECT_EQ(hostdevice::LastSync().direction, CPU_SYNC_WRITE);
+        EXPECT_TRUE(access.Close());
+        EXPECT_TRUE(access.Close());
+    }
+    EXPECT_EQ(calls(), 4u);
+    hostdevice::FailNth(Fault::kSync, 2);
+    EXPECT_FALSE(CpuAccess(manager, CPU_SYNC_READ, shared)) << "opens one, fails at the other, closes the one";
+    EXPECT_EQ(calls(), 7u);
+    EXPECT_FALSE(hostdevice::LastSync().isStart);
+    hostdevice::FailNth(Fault::kSync, 3);
+    EXPECT_FALSE(CpuAccess(manager, CPU_SYNC_READ, shared).Close());
+    EXPECT_EQ(CountErrors(log, "nodekit"), 2u);
+}
+
+TEST(ImportedImage, MapsWhatItIsGivenAndClosesNothing) {
+    ZYTBufferManager manager;
+    Image camera(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_GRALLOC);  // one descriptor, as a camera's
+    Fill(manager, camera);
+    for (const uint32_t planes : {1u, 2u}) {
+        ZYTImageBuffer brought = zyt::detail::WithoutMemory(*camera);
+        brought.numberOfPlanes = planes;
+        for (uint32_t k = 0; k < planes; ++k) brought.fd[k] = camera->fd[0];
+        zyt::ImportedImage image(brought);
+        ASSERT_TRUE(image);
+        zyt::ImportedImage moved(std::move(image));
+        CpuAccess access(manager, CPU_SYNC_READ, moved);
+        EXPECT_EQ(zyt::detail::ChromaOf(*moved)[63], zyt::detail::ChromaOf(*camera)[63]);
+        EXPECT_NE(moved->pAddr[0], camera->pAddr[0]);
+
+        LogCapture log;
+        hostdevice::LiveResources live = hostdevice::CountLive();
+        for (const int fd : {0, -1, 9999}) {
+            brought.fd[planes - 1] = fd;
+            EXPECT_FALSE(zyt::ImportedImage(brought, "Mine")) << fd;
+        }
+        brought = *camera;
+        brought.sliceHeight = 128;
+        EXPECT_FALSE(zyt::ImportedImage(brought, "Mine")) << "smaller than said";
+        EXPECT_EQ(CountErrors(log, "Mine"), 4u);
+        EXPECT_EQ(hostdevice::CountLive().graphicMappings, live.graphicMappings);
+    }
+    EXPECT_NE(fcntl(camera->fd[0], F_GETFD), -1);
+    EXPECT_EQ(hostdevice::CountLive().graphicMappings, 2u) << "the pool's and the image's";
+}
+
+TEST(DumpFile, ComesBackAsItWas) {
+    LogCapture log;
+    TempDir dir;
+    ZYTBufferManager manager;
+    for (int format = 0; format <= ZYT_FORMAT_RAW16; ++format) {
+        if (!zyt::kFormatLayouts[format].IsAllocatable()) continue;
+        Image image(manager, Describe(static_cast<ZYTFormat>(format), 37, 5, 64), ZYT_BUFFER_TYPE_DMABUF);
+        Fill(manager, image);
+        CpuAccess access(manager, CPU_SYNC_READ, image);
+        const std::string path = dir / zyt::DumpName(*image, "a");
+        ASSERT_TRUE(zyt::WriteDump(*image, path));
+        const Image loaded = zyt::LoadDump(manager, path, ZYT_BUFFER_TYPE_MALLOC);
+        ASSERT_TRUE(loaded);
+        ASSERT_TRUE(zyt::WriteDump(*loaded, dir / "b"));
+        EXPECT_EQ(zyttest::ReadFile(path), zyttest::ReadFile(dir / "b"));
+    }
+    std::vector<unsigned char> pixels(12);
+    ZYTImageBuffer y16 = Describe(ZYT_FORMAT_Y16, 2, 3);
+    y16.pAddr[y16.numberOfPlanes++] = pixels.data();
+    EXPECT_TRUE(zyt::WriteDump(y16, dir / "c"));
+    EXPECT_EQ(zyttest::ReadFile(dir / "c").size(), 12u) << "whole";
+    EXPECT_EQ(CountErrors(log, "nodekit"), 0u);
+
+    EXPECT_FALSE(zyt::WriteDump(y16, "/dev/full"));
+    EXPECT_FALSE(zyt::WriteDump(y16, dir / "none/c"));
+    EXPECT_FALSE(zyt::WriteDump(Describe(kNv12, 2, 2), dir / "d"));
+    for (const char* name : {"missing_2x2_Raw16", "nameless", "short_2x2_Raw16", "long_2x2_Raw16", "short_2x2_NV12"}) {
+        if (name[0] == 's') zyttest::WriteFile(dir / name, "12345");
+        if (name[0] == 'l') zyttest::WriteFile(dir / name, "123456789");
+        EXPECT_FALSE(zyt::LoadDump(manager, dir / name, ZYT_BUFFER_TYPE_DMABUF)) << name;
+    }
+    zyttest::WriteFile(dir / "1x1_Raw16", "12");
+    for (const uint64_t n : {1, 2}) {
+        hostdevice::FailNth(Fault::kSync, n);
+        EXPECT_FALSE(zyt::LoadDump(manager, dir / "1x1_Raw16", ZYT_BUFFER_TYPE_DMABUF));
+    }
+    EXPECT_EQ(CountErrors(log, "nodekit"), 12u);
+    EXPECT_TRUE(zyt::ReadPool().out->empty());
+}
+
+// Drops what is queued, as FlushTask() does, but for what the kit would lose with it.
+void Flush(ZYTThreadPool& pool) {
+    const zyt::Lock lock(pool.m_taskListLock);
+    for (const ZYTThreadPoolTask& task : pool.m_taskList) {
+        zyt::detail::SharedWork* work = nullptr;
+        if (task.size == sizeof(work)) std::memcpy(&work, task.data, sizeof(work));
+        if (work != nullptr) work->Release();
+        std::free(task.data);
+    }
+    pool.m_taskList.clear();
+}
+
+TEST(Parallel, LosesNothingWhateverHappensToThePool) {
+    using Event = void (*)(ZYTThreadPool&);
+    const Event events[] = {[](ZYTThreadPool&) {}, Flush, [](ZYTThreadPool& pool) { pool.DeInit(false); }};
+    for (const Event event : events) {
+        for (const uint32_t rows : {0u, 1u, 7u, 3001u}) {
+            ZYTThreadPool pool;
+            ASSERT_TRUE(pool.Init(3));
+            std::vector<std::atomic<int>> calls(rows);
+            std::atomic<int> sum{0};
+            {
+                zyt::TaskGroup group(pool);
+                for (int i = 0; i < 20; ++i) {
+                    group.Run([&, i = std::make_unique<int>(i)] {
+                        sum += *i;
+                        if (*i == 5) group.Run([&] { sum += 1000; });  // the group's own task gives it one more
+                    });
+                }
+                std::thread meanwhile([&] { event(pool); });
+                zyt::ParallelRows(pool, rows, [&](uint32_t from, uint32_t to) {
+                    for (uint32_t y = from; y < to; ++y) ++calls[y];
+                    zyt::ParallelRows(pool, 2, [&](uint32_t, uint32_t) { ++sum; });
+                });
+                meanwhile.join();
+            }
+            for (const std::atomic<int>& count : calls) ASSERT_EQ(count, 1);
+            EXPECT_EQ(sum, 190 + 1000 + 2 * static_cast<int>(std::min(rows, 8u)));
+            Flush(pool);
+        }
+    }
+}
+
+TEST(Connection, RunsForEachRaiseThatFindsNonePending) {
+    std::atomic<int> runs{0};
+    const auto captured = std::make_shared<int>();
+    {
+        zyt::Connection other([&] { runs += 100; });
+        zyt::Connection connection([&runs, &other, captured] {
+            ++runs;
+            other.Raise();
+        });
+        for (int i = 1; i <= 50; ++i) {
+            ASSERT_TRUE(connection.Raise());
+            ASSERT_TRUE(zyttest::WaitUntil([&] { return runs == 101 * i; })) << i;
+        }
+        std::thread raisers[4];
+        for (std::thread& raiser : raisers) {
+            raiser = std::thread([&] {
+                for (int i = 0; i < 1000; ++i) connection.Raise();
+            });
+        }
+        for (std::thread& raiser : raisers) raiser.join();
+        const int before = runs;
+        connection.Raise();
+        EXPECT_TRUE(zyttest::WaitUntil([&] { return runs > before; })) << "still connected";
+        EXPECT_EQ(captured.use_count(), 2);
+    }
+    EXPECT_EQ(captured.use_count(), 1) << "gone with the connection";
+
+    LogCapture log;
+    zyt::Connection disconnected([&] { ++runs; }, "Mine");
+    ZYTSignalTask::instance()->disconnect();
+    EXPECT_FALSE(disconnected.Raise());
+    EXPECT_EQ(CountErrors(log, "Mine"), 1u);
+}
+
+TEST(PoolState, IsReadWithoutWaitingForAnybody) {
+    ZYTBufferManager manager;
+    Image plain(manager, Describe(ZYT_FORMAT_RAW16, 10, 10), ZYT_BUFFER_TYPE_MALLOC);
+    Image graphic(manager, Describe(kNv12, 10, 10), ZYT_BUFFER_TYPE_GRALLOC);
+    const zyt::PoolBuffer out = zyt::ReadPool().out->at(0);
+    EXPECT_EQ(out.address, plain->pAddr[0]);
+    EXPECT_EQ(out.bytes, 200u);
+    plain.Reset();
+    graphic.Reset();
+    TempDir dir;
+    const int fd = open((dir / "text").c_str(), O_RDWR | O_CREAT, 0600);
+    zyt::PrintPool(fd);
+    std::unique_lock<std::mutex> lock(ZYTBufferPool::m_freeBufferListLock);
+    EXPECT_FALSE(zyt::ReadPool().free);
+    zyt::PrintPool(fd);
+    lock.unlock();
+    close(fd);
+    const std::string text = zyttest::ReadFile(dir / "text");
+    for (const char* part : {"clients: 1\nout: 0 buffers, 0 bytes\nfree: 2 buffers", "malloc         200 bytes",
+                             "10x10\n", "free: unknown, the lock is held\n", "offline log: 0 lines"}) {
+        EXPECT_THAT(text, HasSubstr(part));
+    }
+    EXPECT_EQ(zyt::TrimPool(0), 2u);
+    EXPECT_EQ(CountLiveMemory(), 0u);
+}
+
+TEST(FlushOfflineLog, ReturnsWhenAllIsWritten) {
+    const zyttest::LogDir dir;
+    ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
+    log.m_enable = true;
+    std::vector<std::future<bool>> callers;
+    for (int i = 0; i < 100; ++i) ZYTOfflineLog::ZYTOfflineLogE("line");
+    for (int i = 0; i < 4; ++i) {
+        callers.push_back(std::async(std::launch::async, [] { return zyt::FlushOfflineLog(std::chrono::minutes(5)); }));
+    }
+    for (auto& caller : callers) EXPECT_TRUE(caller.get());
+    const std::string text = zyttest::ReadFile(log.m_curLogFileName);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 100);
+    log.m_enable = false;
+    // A worker that is held up elsewhere: the others are let go, and the next flush succeeds.
+    static std::mutex held;
+    std::unique_lock<std::mutex> lock(held);
+    log.m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL,
+                                [](void*, unsigned int) { const std::lock_guard<std::mutex> guard(held); }, nullptr,
+                                0});
+    EXPECT_FALSE(zyt::FlushOfflineLog(std::chrono::milliseconds(20)));
+    lock.unlock();
+    EXPECT_TRUE(zyt::FlushOfflineLog(std::chrono::minutes(5)));
 }

@@ -104,7 +104,6 @@ ZYT_RAWPIXELS_TARGET inline Bytes Shuffle(Bytes bytes, Bytes places) {
 #endif
 
 // Eight pixels at a time, as long as 16 bytes of the row are left. Return how many pixels they did.
-#if defined(ZYT_RAWPIXELS_TARGET)
 template <uint32_t kBits>
 ZYT_RAWPIXELS_TARGET inline uint32_t UnpackEights(const unsigned char* row, size_t rowBytes, uint16_t* samples) {
     const Bytes highs = Load<Bytes>(kPlaces<kBits>.highs);
@@ -143,17 +142,6 @@ ZYT_RAWPIXELS_TARGET inline uint32_t PackEights(const uint16_t* samples, size_t 
     return x;
 }
 #undef ZYT_RAWPIXELS_TARGET
-#else
-inline bool HasShuffle() { return false; }
-template <uint32_t kBits>
-inline uint32_t UnpackEights(const unsigned char*, size_t, uint16_t*) {
-    return 0;
-}
-template <uint32_t kBits>
-inline uint32_t PackEights(const uint16_t*, size_t, unsigned char*) {
-    return 0;
-}
-#endif
 
 template <uint32_t kBits>
 inline void UnpackMipi(const unsigned char* row, uint32_t width, uint16_t* samples) {
@@ -213,6 +201,7 @@ inline void PackContainers(const uint16_t* samples, uint32_t width, uint32_t bit
 inline bool UnpackRow(ZYTFormat format, const unsigned char* row, uint32_t width, uint16_t* samples) {
     const FormatLayout* layout = FindFormatLayout(format);
     if (layout == nullptr) return false;
+    if (width == 0) return true;
     if (layout->IsPacked()) {
         if (layout->bits == 10) detail::UnpackMipi<10>(row, width, samples);
         if (layout->bits == 12) detail::UnpackMipi<12>(row, width, samples);

@@ -4,32 +4,20 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <utility>
 
 #include "internal.h"
 
 namespace hostdevice {
 namespace {
 
-// The sink in place, held as well by each call that is inside it.
 struct Sink {
     std::mutex lock;
-    std::shared_ptr<const LogSink> function = std::make_shared<const LogSink>();
+    LogSink function;
 };
-
-// One call of a sink on this thread, innermost first.
-struct SinkCall {
-    const std::shared_ptr<const LogSink> function;
-    const SinkCall* const outer;
-};
-thread_local const SinkCall* t_innermostCall = nullptr;
 
 // logcat's letters and its palette, by priority.
 constexpr struct {
@@ -81,26 +69,19 @@ void DeliverLog(int priority, const char* tag, const char* text) {
     if (tag == nullptr) tag = program_invocation_short_name;
     if (text == nullptr) text = "";
     Sink& sink = Immortal<Sink>();
-    std::unique_lock<std::mutex> guard(sink.lock);
-    const SinkCall call = {sink.function, t_innermostCall};
-    guard.unlock();
-    if (!*call.function) return Print(priority, tag, text);
-    t_innermostCall = &call;
-    (*call.function)(priority, tag, text);
-    t_innermostCall = call.outer;
+    const std::lock_guard<std::mutex> guard(sink.lock);
+    if (sink.function) {
+        sink.function(priority, tag, text);
+    } else {
+        Print(priority, tag, text);
+    }
 }
 
 void SetLogSink(LogSink function) {
-    auto replaced = std::make_shared<const LogSink>(std::move(function));
     Sink& sink = Immortal<Sink>();
-    {
-        const std::lock_guard<std::mutex> guard(sink.lock);
-        sink.function.swap(replaced);
-    }
-    // What the previous sink refers to may go as soon as this returns. This thread's own calls of it go on afterwards.
-    long own = 0;
-    for (const SinkCall* call = t_innermostCall; call != nullptr; call = call->outer) own += call->function == replaced;
-    while (replaced.use_count() > own + 1) std::this_thread::sleep_for(std::chrono::microseconds(50));
+    const std::lock_guard<std::mutex> guard(sink.lock);
+    // The previous sink goes with the argument, outside the lock: what it holds may log when it is destroyed.
+    sink.function.swap(function);
 }
 
 }  // namespace hostdevice

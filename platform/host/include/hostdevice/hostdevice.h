@@ -29,9 +29,8 @@ HOSTDEVICE_EXPORT void ClearProperty(const std::string& key);
 using LogSink = std::function<void(int priority, const char* tag, const char* text)>;
 
 /// Sends log messages to `sink` in place of stderr; an empty function brings stderr back.
-/// The sink runs on the logging threads, several at a time, with no lock held, as a phone's log does: it may log, set a
-/// sink or end the process. Returns when no other thread is inside the previous sink, so that what that one refers to
-/// can be destroyed.
+/// The sink runs on the logging thread, one call at a time. It must neither log nor set a sink, which would wait for
+/// itself. Once this returns, the previous sink has finished its last call, so what it refers to may go.
 HOSTDEVICE_EXPORT void SetLogSink(LogSink sink);
 
 /// Whether DMA-BUF memory comes from the kernel's own system heap. Decided once, on the first question or allocation:

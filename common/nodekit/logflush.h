@@ -1,0 +1,75 @@
+#ifndef ZYT_NODEKIT_LOGFLUSH_H
+#define ZYT_NODEKIT_LOGFLUSH_H
+
+/// @file
+/// The offline log's queue, written out: before a planned end, a test's look at the files, a bug report.
+///
+/// @code
+/// ZYT_LOG(E, "MyNode", "The sensor is gone");
+/// if (!zyt::FlushOfflineLog(std::chrono::seconds(2))) return 1;  // the line may still be on its way
+/// CollectFiles("/data/vendor/camera/offlinelog");                // the line is there
+/// @endcode
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <new>
+
+#include "logging/zytlogsite.h"
+#include "nodekit/parallel.h"
+
+namespace zyt {
+
+namespace detail {
+
+/// Holds each worker until all have come: then none of them is writing a line that was queued before.
+class Roll final : public SharedWork {
+public:
+    explicit Roll(uint32_t workers) : m_missing(workers) {}
+
+    void RunWhatIsLeft() noexcept override {
+        std::unique_lock<std::mutex> lock(m_lock);
+        if (m_missing > 0 && --m_missing == 0) m_changed.notify_all();
+        m_changed.wait(lock, [this] { return m_missing == 0 || m_isGivenUp; });
+    }
+
+    bool Wait(std::chrono::milliseconds timeout) {
+        std::unique_lock<std::mutex> lock(m_lock);
+        m_isGivenUp = !m_changed.wait_for(lock, timeout, [this] { return m_missing == 0; });
+        m_changed.notify_all();
+        return !m_isGivenUp;
+    }
+
+private:
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    uint32_t m_missing;
+    bool m_isGivenUp = false;
+};
+
+}  // namespace detail
+
+/// Returns true when all lines that were queued before are in their files, as far as these can be written. False, with
+/// a line at E, when that takes longer, when the process is ending, or when
+/// there is no memory. Safe on any thread but the log's own workers.
+inline bool FlushOfflineLog(std::chrono::milliseconds timeout) {
+    ZYTThreadPool& writers = ZYTOfflineLog::GetInstance().m_threadPool;
+    const uint32_t count = detail::CountWorkers(writers, 0);
+    auto* roll = count > 0 ? new (std::nothrow) detail::Roll(count) : nullptr;
+    bool isFlushed = false;
+    if (roll != nullptr) {
+        // Under one hold of the queue's lock: two callers' notices do not mix, or each would hold half of the workers.
+        const bool areAllCalled = detail::Notify(writers, *roll, count) == count;
+        isFlushed = roll->Wait(areAllCalled ? timeout : std::chrono::milliseconds(0));
+        roll->Release();
+    }
+    if (!isFlushed)
+        ZYT_LOG(E, "nodekit", "The offline log was not written out within %lld ms",
+                static_cast<long long>(timeout.count()));
+    return isFlushed;
+}
+
+}  // namespace zyt
+
+#endif  // ZYT_NODEKIT_LOGFLUSH_H

@@ -1,0 +1,218 @@
+#ifndef ZYT_NODEKIT_PARALLEL_H
+#define ZYT_NODEKIT_PARALLEL_H
+
+/// @file
+/// Work spread over the workers of a ZYTThreadPool, and waited for.
+///
+/// @code
+/// zyt::ParallelRows(m_workers, image->height, [&](uint32_t from, uint32_t to) {
+///     for (uint32_t y = from; y < to; ++y) Sharpen(*image, y);
+/// });                                              // all rows are done here
+///
+/// zyt::TaskGroup group(m_workers);
+/// group.Run([&] { FindFaces(*preview); });
+/// group.Run([&] { Measure(*frame); });
+/// group.Wait();                                    // as the group's destructor does
+/// @endcode
+///
+/// Whoever waits takes part: what no worker has begun by then, it does itself. So nothing is lost and nothing waits for
+/// ever, also on a pool without workers, on one that is flushed, stopped or started again meanwhile, inside one of its
+/// own tasks, and when there is no memory to tell the workers. (A pool that drops the word to its workers leaks the
+/// small block behind it.) An exception that leaves the work ends the process.
+///
+/// REQUIRES: the pool lives while work is given to it. Nobody waits for a group inside one of its own tasks.
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+#include "base/zytthreadsafety.h"
+#include "threadpool/zytthreadpool.h"
+
+namespace zyt {
+
+namespace detail {
+
+/// What a group and the notices about it share; the last of them deletes it.
+struct SharedWork {
+    virtual void RunWhatIsLeft() = 0;
+    void Release() {
+        if (m_owners.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    }
+
+    std::atomic<uint32_t> m_owners{1};
+
+protected:
+    virtual ~SharedWork() = default;
+};
+
+/// Queues `count` notices that there is work, under one hold of the queue's lock. Fewer for want of memory; returns how
+/// many.
+inline uint32_t Notify(ZYTThreadPool& pool, SharedWork& work, uint32_t count) {
+    std::list<ZYTThreadPoolTask> notices;
+    const auto run = [](void* data, unsigned int) {
+        SharedWork* self = nullptr;
+        std::memcpy(&self, data, sizeof(self));
+        self->RunWhatIsLeft();
+        self->Release();
+    };
+    SharedWork* const self = &work;
+    for (uint32_t i = 0; i < count; ++i) {
+        void* data = std::malloc(sizeof(self));
+        if (data == nullptr) break;
+        std::memcpy(data, &self, sizeof(self));
+        notices.push_back({ZYT_THREAD_POOL_TASK_NORMAL, run, data, sizeof(self)});
+    }
+    const auto queued = static_cast<uint32_t>(notices.size());
+    work.m_owners.fetch_add(queued, std::memory_order_relaxed);
+    {
+        Lock lock(pool.m_taskListLock);
+        pool.m_taskList.splice(pool.m_taskList.end(), notices);
+    }
+    for (uint32_t i = 0; i < queued; ++i) pool.m_taskCond.notify_one();
+    return queued;
+}
+
+/// Bands of rows, taken one after the other by whoever has time.
+template <typename Function>
+class Bands final : public SharedWork {
+public:
+    Bands(uint32_t rows, uint32_t bands, Function& function) : m_rows(rows), m_bands(bands), m_function(function) {}
+
+    void RunWhatIsLeft() noexcept override {
+        uint32_t done = 0;
+        for (uint32_t i = 0; (i = m_next.fetch_add(1, std::memory_order_relaxed)) < m_bands; ++done) {
+            m_function(First(i), First(i + 1));
+        }
+        if (done == 0 || m_done.fetch_add(done, std::memory_order_acq_rel) + done != m_bands) return;
+        const std::lock_guard<std::mutex> lock(m_lock);
+        m_isDone.notify_one();
+    }
+
+    void Wait() {
+        RunWhatIsLeft();
+        std::unique_lock<std::mutex> lock(m_lock);
+        m_isDone.wait(lock, [this] { return m_done.load(std::memory_order_acquire) == m_bands; });
+    }
+
+private:
+    uint32_t First(uint32_t band) const { return static_cast<uint32_t>(uint64_t{m_rows} * band / m_bands); }
+
+    const uint32_t m_rows;
+    const uint32_t m_bands;
+    Function& m_function;  // touched by those alone who have a band, for whom Wait() waits
+    std::atomic<uint32_t> m_next{0};
+    std::atomic<uint32_t> m_done{0};
+    std::mutex m_lock;
+    std::condition_variable m_isDone;
+};
+
+/// Callables that wait for their turn, and how many are running.
+class Jobs final : public SharedWork {
+public:
+    void Add(std::function<void()> job) {
+        const std::lock_guard<std::mutex> lock(m_lock);
+        m_waiting.push_back(std::move(job));
+        m_changed.notify_all();
+    }
+
+    void RunWhatIsLeft() noexcept override {
+        std::unique_lock<std::mutex> lock(m_lock);
+        while (!m_waiting.empty()) RunOne(lock);
+    }
+
+    void Wait() noexcept {
+        std::unique_lock<std::mutex> lock(m_lock);
+        while (!m_waiting.empty() || m_running > 0) {
+            if (m_waiting.empty()) {
+                m_changed.wait(lock);
+            } else {
+                RunOne(lock);
+            }
+        }
+    }
+
+private:
+    void RunOne(std::unique_lock<std::mutex>& lock) {
+        std::function<void()> job = std::move(m_waiting.front());
+        m_waiting.pop_front();
+        ++m_running;
+        lock.unlock();
+        job();
+        job = nullptr;  // its captures are gone when the group has been waited for
+        lock.lock();
+        if (--m_running == 0) m_changed.notify_all();
+    }
+
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    std::list<std::function<void()>> m_waiting;
+    uint32_t m_running = 0;
+};
+
+/// Workers that a pool has, or `otherwise` while it is being started or stopped.
+inline uint32_t CountWorkers(ZYTThreadPool& pool, uint32_t otherwise) ZYT_NO_THREAD_SAFETY_ANALYSIS {
+    const std::unique_lock<std::mutex> lock(pool.m_threadListLock, std::try_to_lock);
+    return lock.owns_lock() ? static_cast<uint32_t>(pool.m_threadIdList.size()) : otherwise;
+}
+
+}  // namespace detail
+
+/// Calls function(from, to) for bands that make up the rows from 0 to rows, on the pool's workers and on this thread,
+/// and returns when all have been called. Bands differ by a row at most and begin in ascending order; there are as many
+/// as said, or as there are rows. No heap use but one block and one for each worker.
+template <typename Function>
+void ParallelRows(ZYTThreadPool& pool, uint32_t rows, Function&& function, uint32_t bands = 8) {
+    bands = std::min(rows, std::max(bands, 1u));
+    if (bands == 0) return;
+    using Work = detail::Bands<std::remove_reference_t<Function>>;
+    Work* work = bands > 1 ? new (std::nothrow) Work(rows, bands, function) : nullptr;
+    if (work == nullptr) return static_cast<void>(function(0u, rows));
+    detail::Notify(pool, *work, std::min(bands - 1, detail::CountWorkers(pool, bands)));
+    work->Wait();
+    work->Release();
+}
+
+/// Callables that run on a pool's workers and can be waited for together. Safe on any threads; a callable may add to
+/// its own group, but not wait for it.
+class TaskGroup {
+public:
+    /// A group without callables.
+    explicit TaskGroup(ZYTThreadPool& pool) : m_pool(pool), m_jobs(new detail::Jobs) {}
+    /// Does Wait().
+    ~TaskGroup() {
+        Wait();
+        m_jobs->Release();
+    }
+    TaskGroup(const TaskGroup&) = delete;
+    TaskGroup& operator=(const TaskGroup&) = delete;
+
+    /// Takes over a callable without arguments, copyable or not, to be called once.
+    template <typename Function>
+    void Run(Function&& function) {
+        auto shared = std::make_shared<std::decay_t<Function>>(std::forward<Function>(function));
+        m_jobs->Add([shared = std::move(shared)] { (*shared)(); });
+        detail::Notify(m_pool, *m_jobs, 1);
+    }
+
+    /// Runs what no worker has begun, and returns when all is done, captures destroyed.
+    void Wait() { m_jobs->Wait(); }
+
+private:
+    ZYTThreadPool& m_pool;
+    detail::Jobs* const m_jobs;
+};
+
+}  // namespace zyt
+
+#endif  // ZYT_NODEKIT_PARALLEL_H
