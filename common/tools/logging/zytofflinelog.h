@@ -118,7 +118,7 @@ public:
 
     /// Stamps a message and queues it for the workers, even when the log is off. The text is copied. Dropped when there
     /// is no memory. Thread-safe.
-    void PushLogToLogPool(const char* log, ZYTOfflineLogLevel level);
+    void PushLogToLogPool(const char* log, ZYTOfflineLogLevel level) ZYT_EXCLUDES(m_threadPool.m_taskListLock);
 
     /// Writes the ZYTOfflineLogParameter at `data`; the workers run this. Does nothing for null or for another size.
     /// The caller keeps the block. Thread-safe.
