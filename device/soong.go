@@ -69,7 +69,7 @@ var mistakes = [][3]string{
 var scratch, _ = os.MkdirTemp("", "zyttools-soong-")
 
 // Not built by Soong; Android.bp says why.
-var notOnHost = regexp.MustCompile(`_aosp\.cpp$|^tests/(faultsweep|reliability|samplenode|zytview)_test\.cpp$`)
+var notOnHost = regexp.MustCompile(`_aosp\.cpp$|^tests/(denoise|faultsweep|reliability|samplenode|zytview)_test\.cpp$`)
 
 func fatal(format string, args ...interface{}) {
 	fmt.Fprintf(os.Stderr, "device/soong.go: "+format+"\n", args...)

@@ -40,6 +40,13 @@ run build/brightnode bright_640x480_YUV420NV12.raw
 [[ $(stat -c %s bright_640x480_YUV420NV12.raw) == $((640 * 480 * 3 / 2)) ]]
 run build/brightnode_test passed
 
+cmake -S "$tree/examples/denoise" -B "$dir/denoise" -DCMAKE_PREFIX_PATH="$dir/prefix" >/dev/null
+cmake --build "$dir/denoise" >"$dir/log" 2>&1 || { cat "$dir/log" >&2; exit 1; }
+head -c 20 /dev/zero >"$dir/dark_8x2_RawMipi10.raw"
+frame=$dir/dark_8x2_RawMipi10.raw
+"$dir/denoise/denoise" "$frame" "$frame" "$frame" "$frame" "$dir"
+cmp "$dir/denoise_8x2_Raw16.raw" <(head -c 32 /dev/zero)
+
 export PKG_CONFIG_PATH=$libraries/pkgconfig LD_LIBRARY_PATH=$libraries
 sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$tree/README.md" >"$dir/readme/main.cpp"
 for node in guide readme; do

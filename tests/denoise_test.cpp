@@ -1,0 +1,68 @@
+// The denoise node, with each fault of the device at each call.
+#include <gtest/gtest.h>
+#include <hostdevice/hostdevice.h>
+
+#include <algorithm>
+
+#include "nodekit/rawpixels.h"
+#include "support.h"
+
+using hostdevice::Fault;
+
+int DenoiseMain(int argc, char** argv);  // its main function, named so by the build
+
+TEST(Denoise, AveragesOrSaysWhyAndLeaksNothing) {
+    constexpr uint32_t kWidth = 20, kHeight = 9;
+    zyttest::TempDir dir;
+    std::string words[6] = {"denoise"};
+    char* argv[6] = {words[0].data()};
+    for (uint16_t frame = 1; frame <= 4; ++frame) {
+        std::string dump(kWidth * 10 / 8 * kHeight, '\0');
+        for (uint32_t y = 0; y < kHeight; ++y) {
+            const std::vector<uint16_t> samples(kWidth, static_cast<uint16_t>(100 * frame + y));
+            zyt::PackRow(ZYT_FORMAT_RAWMIPI10, samples.data(), kWidth,
+                         reinterpret_cast<unsigned char*>(&dump[y * kWidth * 10 / 8]));
+        }
+        words[frame] = dir / "frame" + std::to_string(frame) + "_20x9_RawMipi10.raw";
+        zyttest::WriteFile(words[frame], dump);
+        argv[frame] = words[frame].data();
+    }
+    words[5] = dir.Path();
+    argv[5] = words[5].data();
+    const std::string output = dir / "denoise_20x9_Raw16.raw";
+
+    zyttest::LogCapture log;
+    for (const Fault fault :
+         {Fault::kHeapAllocation, Fault::kGraphicBuffer, Fault::kGraphicDescriptor, Fault::kMapping, Fault::kSync}) {
+        for (uint64_t n = 1; !hostdevice::FaultPending(fault); ++n) {
+            SCOPED_TRACE(std::to_string(static_cast<int>(fault)) + " at " + std::to_string(n));
+            zyttest::WriteFile(output, "");
+            log.Take();
+            hostdevice::FailNth(fault, n);
+            const int result = DenoiseMain(6, argv);
+            const std::vector<std::string> lines = log.Take();
+            EXPECT_NE(result == 0, std::any_of(lines.begin(), lines.end(),
+                                               [](const std::string& line) {
+                                                   return line.rfind("E [denoise]", 0) == 0 ||
+                                                          line.rfind("E [nodekit]", 0) == 0;
+                                               }))
+                << "says why if and only if it fails";
+            EXPECT_TRUE(result == 0 || !hostdevice::FaultPending(fault));
+            const std::string dump = zyttest::ReadFile(output);
+            if (result == 0) {
+                ASSERT_EQ(dump.size(), kWidth * kHeight * 2);
+                for (uint32_t i = 0; i < kWidth * kHeight; ++i) {
+                    const uint32_t sample =
+                        static_cast<unsigned char>(dump[2 * i]) + static_cast<unsigned char>(dump[2 * i + 1]) * 256u;
+                    ASSERT_EQ(sample, (1000 + 4 * (i / kWidth)) * 16);
+                }
+            }
+            const hostdevice::LiveResources live = hostdevice::CountLive();
+            EXPECT_EQ(live.heapDescriptors + live.heapMappings + live.graphicBuffers, 0u);
+        }
+        hostdevice::ClearFaults();
+    }
+    std::swap(argv[4], argv[5]);
+    EXPECT_EQ(DenoiseMain(6, argv), 1) << "a directory is no frame";
+    EXPECT_EQ(DenoiseMain(5, argv), 2);
+}
