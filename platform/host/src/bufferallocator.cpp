@@ -9,6 +9,7 @@
 
 #include "internal.h"
 #include "memory.h"
+#include "strict.h"
 
 using hostdevice::Fault;
 using hostdevice::MemoryKind;
@@ -43,15 +44,20 @@ int AllocFromKernel(size_t len) {
     return hostdevice::AboveStandardDescriptors(static_cast<int>(allocation.fd));
 }
 
+// A negative errno, as functions in here return it, the platform's way.
+int Failure(int error) {
+    errno = -error;
+    return -1;
+}
+
 int SyncMemory(int fd, SyncType type, bool isStart) {
-    if (hostdevice::TakeFault(Fault::kSync)) return -EIO;
-    if (fd < 0) return -EINVAL;
+    if (hostdevice::TakeFault(Fault::kSync)) return Failure(-EIO);
     const MemoryKind kind = hostdevice::KindOfDescriptor(fd);
     if (kind == MemoryKind::kEmulatedHeap || kind == MemoryKind::kGraphic) return 0;
     // Whatever else it is, the kernel knows: a DMA-BUF, or a descriptor to refuse.
     dma_buf_sync sync{};
     sync.flags = static_cast<uint64_t>(type) | (isStart ? DMA_BUF_SYNC_START : DMA_BUF_SYNC_END);
-    return RetryingIoctl(fd, DMA_BUF_IOCTL_SYNC, &sync) == -1 ? -errno : 0;
+    return RetryingIoctl(fd, DMA_BUF_IOCTL_SYNC, &sync);
 }
 
 struct SyncLog {
@@ -63,6 +69,11 @@ struct SyncLog {
 int Sync(unsigned int dmabuf_fd, SyncType type, bool isStart) {
     const int fd = static_cast<int>(dmabuf_fd);
     const int result = SyncMemory(fd, type, isStart);
+    const int savedErrno = errno;
+    // A caller whose end fails has done its part.
+    if (!isStart) hostdevice::CloseAccess(fd);
+    if (isStart && result == 0) hostdevice::OpenAccess(fd, type);
+    errno = savedErrno;
     SyncLog& log = hostdevice::Immortal<SyncLog>();
     const std::lock_guard<std::mutex> guard(log.lock);
     log.last = {fd, type, isStart, result};
@@ -74,10 +85,15 @@ int Sync(unsigned int dmabuf_fd, SyncType type, bool isStart) {
 
 int BufferAllocator::AllocSystem(bool /*cpu_access*/, size_t len, unsigned int /*heap_flags*/,
                                  size_t /*legacy_align*/) {
-    if (hostdevice::TakeFault(Fault::kHeapAllocation)) return -ENOMEM;
-    if (len == 0) return -EINVAL;
-    return hostdevice::UsesKernelHeap() ? AllocFromKernel(len)
-                                        : hostdevice::CreateMemory(MemoryKind::kEmulatedHeap, len);
+    if (hostdevice::TakeFault(Fault::kHeapAllocation)) return Failure(-ENOMEM);
+    if (len == 0) return Failure(-EINVAL);
+    const int fd =
+        hostdevice::UsesKernelHeap() ? AllocFromKernel(len) : hostdevice::CreateMemory(MemoryKind::kEmulatedHeap, len);
+    return fd >= 0 ? fd : Failure(fd);
+}
+
+int BufferAllocator::Alloc(const std::string& heap_name, size_t len, unsigned int heap_flags, size_t legacy_align) {
+    return heap_name == "system" ? AllocSystem(true, len, heap_flags, legacy_align) : Failure(-ENODEV);
 }
 
 int BufferAllocator::CpuSyncStart(unsigned int dmabuf_fd, SyncType type, const CustomCpuSyncLegacyIon& /*custom*/,

@@ -1,10 +1,9 @@
 #include <dirent.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <string>
 
 #include "internal.h"
+#include "maps.h"
 #include "memory.h"
 
 namespace hostdevice {
@@ -29,12 +28,9 @@ void CountDescriptors(LiveResources& live) {
 }
 
 void CountMappings(LiveResources& live) {
-    std::ifstream maps("/proc/self/maps");
-    std::string line;
-    while (std::getline(maps, line)) {
-        const size_t path = line.find('/');
-        if (path == std::string::npos) continue;
-        Count(KindOfPath(line.c_str() + path), live.heapMappings, live.graphicMappings);
+    MapsReader maps;
+    for (MappedRange range; maps.Next(range);) {
+        Count(KindOfPath(range.path), live.heapMappings, live.graphicMappings);
     }
 }
 

@@ -1,5 +1,7 @@
 #include "ui/GraphicBuffer.h"
 
+#include <BufferAllocator/BufferAllocator.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,9 +9,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <utility>
 
 #include "internal.h"
 #include "memory.h"
+#include "strict.h"
 
 namespace {
 
@@ -30,7 +34,8 @@ namespace android {
 
 GraphicBuffer::GraphicBuffer(uint32_t inWidth, uint32_t inHeight, PixelFormat inFormat, uint32_t inLayerCount,
                              uint64_t inUsage, std::string /*requestorName*/)
-    : mInitCheck(Allocate(std::max(inWidth, 1u), std::max(inHeight, 1u), std::max(inLayerCount, 1u))) {
+    : mInitCheck(inWidth != 0 && inHeight != 0 ? Allocate(inWidth, inHeight, std::max(inLayerCount, 1u))
+                                               : Allocate(1, 1, std::max(inLayerCount, 1u))) {
     g_liveBuffers++;
     if (mInitCheck != 0) return;
     width = static_cast<int>(inWidth);
@@ -43,8 +48,10 @@ GraphicBuffer::GraphicBuffer(uint32_t inWidth, uint32_t inHeight, PixelFormat in
 GraphicBuffer::~GraphicBuffer() {
     g_liveBuffers--;
     if (handle == nullptr) return;
+    if (mLocked != nullptr) munmap(mLocked, mBytes);
     if (handle->data[0] > 0) close(handle->data[0]);
     std::free(const_cast<native_handle_t*>(handle));
+    hostdevice::CheckReleased();
 }
 
 status_t GraphicBuffer::Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t inLayerCount) {
@@ -68,6 +75,28 @@ status_t GraphicBuffer::Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t i
     }
     handle = nativeHandle;
     stride = static_cast<int>(rowPixels);
+    mBytes = bytes;
+    return 0;
+}
+
+status_t GraphicBuffer::lock(uint32_t inUsage, void** vaddr, int32_t* outBytesPerPixel, int32_t* outBytesPerStride) {
+    const int direction = ((inUsage & 0xf) != 0 ? kSyncRead : 0) | ((inUsage & 0xf0) != 0 ? kSyncWrite : 0);
+    const int fd = handle != nullptr ? handle->data[0] : 0;
+    if (fd <= 0 || direction == 0 || vaddr == nullptr) return -EINVAL;
+    if (mLocked != nullptr) return -EBUSY;
+    void* const mapped = mmap(nullptr, mBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (mapped == MAP_FAILED) return -errno;
+    hostdevice::OpenAccess(fd, direction);
+    *vaddr = mLocked = mapped;
+    if (outBytesPerPixel != nullptr) *outBytesPerPixel = -1;
+    if (outBytesPerStride != nullptr) *outBytesPerStride = -1;
+    return 0;
+}
+
+status_t GraphicBuffer::unlock() {
+    if (mLocked == nullptr) return -EINVAL;
+    hostdevice::CloseAccess(handle->data[0]);
+    munmap(std::exchange(mLocked, nullptr), mBytes);
     return 0;
 }
 

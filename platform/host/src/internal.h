@@ -8,8 +8,12 @@ namespace hostdevice {
 /// Counts one call that `fault` could hit; true when this is the call to fail.
 bool TakeFault(Fault fault);
 
-/// Hands a message to the sink, or prints it to stderr. A null tag stands for the program's name.
-void DeliverLog(int priority, const char* tag, const char* text);
+/// Hands a message to the sink, or prints it to stderr. A null tag stands for the program's name. False when a property
+/// keeps the tag's messages of that priority back.
+bool DeliverLog(int priority, const char* tag, const char* text);
+
+/// Ends the process where the platform's own code would run into a null pointer, and says so on stderr.
+[[noreturn]] void CrashOnNull(const char* what);
 
 /// GraphicBuffer objects alive in the process.
 uint64_t CountGraphicBuffers();

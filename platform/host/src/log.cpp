@@ -1,23 +1,38 @@
 #include <android/log.h>
+#include <cutils/properties.h>
 #include <errno.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cctype>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "internal.h"
 
 namespace hostdevice {
 namespace {
 
+// The sink in place, held as well by each call that is inside it.
 struct Sink {
     std::mutex lock;
-    LogSink function;
+    std::shared_ptr<const LogSink> function = std::make_shared<const LogSink>();
 };
+
+// One call of a sink on this thread, innermost first.
+struct SinkCall {
+    const std::shared_ptr<const LogSink> function;
+    const SinkCall* const outer;
+};
+thread_local const SinkCall* t_innermostCall = nullptr;
 
 // logcat's letters and its palette, by priority.
 constexpr struct {
@@ -63,25 +78,57 @@ void Print(int priority, const char* tag, const char* text) {
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, lines.data(), lines.size());
 }
 
+// The first property that is set to a letter decides: a tag's own before the one for all.
+bool IsLoggable(int priority, const std::string& tag) {
+    for (const std::string& name : {"log.tag." + tag, std::string("log.tag")}) {
+        for (const std::string& key : {"persist." + name, name}) {
+            char value[PROPERTY_VALUE_MAX];
+            property_get(key.c_str(), value, "-");
+            constexpr char kLetters[] = "VDIWEFS";
+            const char* const letter = std::strchr(kLetters, std::toupper(static_cast<unsigned char>(value[0])));
+            if (letter == nullptr) continue;
+            return *letter != 'S' && priority >= ANDROID_LOG_VERBOSE + (letter - kLetters);
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
-void DeliverLog(int priority, const char* tag, const char* text) {
+void CrashOnNull(const char* what) {
+    std::fprintf(stderr, "hostdevice: %s is null, which crashes on a device\n", what);
+    std::abort();
+}
+
+bool DeliverLog(int priority, const char* tag, const char* text) {
     if (tag == nullptr) tag = program_invocation_short_name;
-    if (text == nullptr) text = "";
+    if (text == nullptr) CrashOnNull("a log message");
+    if (!IsLoggable(priority, tag)) return false;
     Sink& sink = Immortal<Sink>();
-    const std::lock_guard<std::mutex> guard(sink.lock);
-    if (sink.function) {
-        sink.function(priority, tag, text);
+    std::unique_lock<std::mutex> guard(sink.lock);
+    const SinkCall call = {sink.function, t_innermostCall};
+    guard.unlock();
+    if (*call.function) {
+        t_innermostCall = &call;
+        (*call.function)(priority, tag, text);
+        t_innermostCall = call.outer;
     } else {
         Print(priority, tag, text);
     }
+    return true;
 }
 
 void SetLogSink(LogSink function) {
+    auto replaced = std::make_shared<const LogSink>(std::move(function));
     Sink& sink = Immortal<Sink>();
-    const std::lock_guard<std::mutex> guard(sink.lock);
-    // The previous sink goes with the argument, outside the lock: what it holds may log when it is destroyed.
-    sink.function.swap(function);
+    {
+        const std::lock_guard<std::mutex> guard(sink.lock);
+        sink.function.swap(replaced);
+    }
+    // What the previous sink refers to may go as soon as this returns. This thread's own calls of it go on afterwards.
+    long own = 0;
+    for (const SinkCall* call = t_innermostCall; call != nullptr; call = call->outer) own += call->function == replaced;
+    while (replaced.use_count() > own + 1) std::this_thread::sleep_for(std::chrono::microseconds(50));
 }
 
 }  // namespace hostdevice

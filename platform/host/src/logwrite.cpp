@@ -1,8 +1,42 @@
 #include <android/log.h>
 
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
 #include "internal.h"
 
+namespace {
+
+// What the platform's log has room for.
+constexpr size_t kTextSize = 1024;
+
+}  // namespace
+
 int __android_log_write(int prio, const char* tag, const char* text) {
-    hostdevice::DeliverLog(prio, tag, text);
-    return 1;
+    return hostdevice::DeliverLog(prio, tag, text) ? 1 : -EPERM;
+}
+
+int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    char text[kTextSize];
+    va_list args;
+    va_start(args, fmt);
+    std::vsnprintf(text, sizeof text, fmt, args);
+    va_end(args);
+    return __android_log_write(prio, tag, text);
+}
+
+void __android_log_assert(const char* cond, const char* tag, const char* fmt, ...) {
+    char text[kTextSize] = "Unspecified assertion failed";
+    if (fmt != nullptr) {
+        va_list args;
+        va_start(args, fmt);
+        std::vsnprintf(text, sizeof text, fmt, args);
+        va_end(args);
+    } else if (cond != nullptr) {
+        std::snprintf(text, sizeof text, "Assertion failed: %s", cond);
+    }
+    __android_log_write(ANDROID_LOG_FATAL, tag, text);
+    std::abort();
 }

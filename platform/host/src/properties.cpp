@@ -1,5 +1,6 @@
 #include "cutils/properties.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -68,10 +69,34 @@ private:
 
 PropertyStore& Properties() { return hostdevice::Immortal<PropertyStore>(); }
 
+// strtoimax with base 0, and with the binary prefix of the platform's.
+intmax_t ParseNumber(const char* text, char** end) {
+    const char* const prefix = text + std::strspn(text, " \t\n\v\f\r");
+    const char* const digits = prefix + std::strspn(prefix, "+-");
+    const bool isBinary = digits[0] == '0' && std::tolower(digits[1]) == 'b' && (digits[2] == '0' || digits[2] == '1');
+    if (digits - prefix > 1 || !isBinary) return std::strtoimax(text, end, 0);
+    *end = const_cast<char*>(digits + 3);
+    return std::strtoimax((std::string(prefix, digits) + (digits + 2)).c_str(), nullptr, 2);
+}
+
+intmax_t GetNumber(const char* key, intmax_t lowest, intmax_t highest, intmax_t defaultValue) {
+    if (key == nullptr) return defaultValue;
+    char text[PROPERTY_VALUE_MAX];
+    property_get(key, text, nullptr);
+    const int savedErrno = errno;
+    char* end = text;
+    errno = 0;
+    const intmax_t number = ParseNumber(text, &end);
+    const bool isNumber = end != text && errno != ERANGE && number >= lowest && number <= highest;
+    errno = savedErrno;
+    return isNumber ? number : defaultValue;
+}
+
 }  // namespace
 
 int property_get(const char* key, char* value, const char* default_value) {
-    std::string found = key != nullptr ? Properties().Get(key) : std::string();
+    if (key == nullptr) hostdevice::CrashOnNull("a property's key");
+    std::string found = Properties().Get(key);
     if (found.empty() && default_value != nullptr) found = default_value;
     const size_t length = found.copy(value, PROPERTY_VALUE_MAX - 1);
     value[length] = '\0';
@@ -79,19 +104,30 @@ int property_get(const char* key, char* value, const char* default_value) {
 }
 
 int32_t property_get_int32(const char* key, int32_t default_value) {
-    const int savedErrno = errno;
+    return static_cast<int32_t>(GetNumber(key, INT32_MIN, INT32_MAX, default_value));
+}
+
+int64_t property_get_int64(const char* key, int64_t default_value) {
+    return GetNumber(key, INT64_MIN, INT64_MAX, default_value);
+}
+
+int8_t property_get_bool(const char* key, int8_t default_value) {
+    if (key == nullptr) return default_value;
     char text[PROPERTY_VALUE_MAX];
     property_get(key, text, nullptr);
-    char* end = text;
-    // Out of its own range it gives the nearest end of that range, which is out of ours as well.
-    const intmax_t number = std::strtoimax(text, &end, 0);
-    errno = savedErrno;
-    return end != text && number >= INT32_MIN && number <= INT32_MAX ? static_cast<int32_t>(number) : default_value;
+    for (const char* word : {"1", "y", "yes", "on", "true"}) {
+        if (std::strcmp(text, word) == 0) return 1;
+    }
+    for (const char* word : {"0", "n", "no", "off", "false"}) {
+        if (std::strcmp(text, word) == 0) return 0;
+    }
+    return default_value;
 }
 
 int property_set(const char* key, const char* value) {
     if (value == nullptr) value = "";
     if (key == nullptr || *key == '\0' || std::strlen(value) >= PROPERTY_VALUE_MAX) return -1;
+    if (std::strncmp(key, "ro.", 3) == 0 && !Properties().Get(key).empty()) return -1;
     hostdevice::SetProperty(key, value);
     return 0;
 }

@@ -29,8 +29,9 @@ HOSTDEVICE_EXPORT void ClearProperty(const std::string& key);
 using LogSink = std::function<void(int priority, const char* tag, const char* text)>;
 
 /// Sends log messages to `sink` in place of stderr; an empty function brings stderr back.
-/// The sink runs on the logging thread, one call at a time. It must neither log nor set a sink, which would wait for
-/// itself. Once this returns, the previous sink has finished its last call, so what it refers to may go.
+/// The sink runs on the logging threads, several at a time, with no lock held, as a phone's log does: it may log, set a
+/// sink or end the process. Returns when no other thread is inside the previous sink, so that what that one refers to
+/// can be destroyed.
 HOSTDEVICE_EXPORT void SetLogSink(LogSink sink);
 
 /// Whether DMA-BUF memory comes from the kernel's own system heap. Decided once, on the first question or allocation:
@@ -48,13 +49,27 @@ HOSTDEVICE_EXPORT void SetStrideAlignment(uint32_t pixels);
 /// record, so no other thread may be reading them meanwhile.
 HOSTDEVICE_EXPORT void SetOfflineLogSwitch(bool on);
 
+/// Makes the device as unforgiving as a phone, or more; HOSTDEVICE_STRICT=1 in the environment does it at load. Says so
+/// on stderr, unless `quiet` (HOSTDEVICE_STRICT=quiet).
+///
+/// Memory of the heap and of graphic buffers may then be touched only between CpuSyncStart and CpuSyncEnd on a
+/// descriptor of it (or lock and unlock of the graphic buffer), and written only when a direction opened since none was
+/// open includes writing. Anything else ends the process with SIGSEGV at the access, after one line on stderr. An end
+/// without a start, and a release of the buffer with an access open, end it with SIGABRT; an access still open when the
+/// process exits makes that exit with status 1. A mapping longer than its buffer is refused. Threads started from now
+/// on have the phone's stack of 1,032,192 bytes. Needs /proc. REQUIRES: no heap or graphic buffer has been made.
+HOSTDEVICE_EXPORT void SetStrict(bool on, bool quiet = false);
+
+/// Whether strict mode is on.
+HOSTDEVICE_EXPORT bool IsStrict();
+
 /// What can be made to go wrong. Each kind counts its own calls.
 enum class Fault {
-    kHeapAllocation,     ///< BufferAllocator::AllocSystem returns -ENOMEM.
+    kHeapAllocation,     ///< BufferAllocator::AllocSystem returns -1.
     kGraphicBuffer,      ///< A GraphicBuffer gets no memory: null handle, all sizes 0, initCheck() is -ENOMEM.
     kGraphicDescriptor,  ///< A GraphicBuffer is made whose handle carries descriptor 0 and no memory.
     kMapping,  ///< A descriptor (heap or graphic) is handed out whose memory is read-only: a read/write mapping fails.
-    kSync,     ///< CpuSyncStart or CpuSyncEnd returns -EIO and synchronises nothing.
+    kSync,     ///< CpuSyncStart or CpuSyncEnd returns -1 with errno EIO and synchronises nothing.
 };
 
 /// Makes the n-th call from now fail (1: the next one), once. Replaces what was armed for this kind; 0 disarms.
@@ -86,7 +101,7 @@ struct SyncCall {
     int fd;         ///< As the caller gave it.
     int direction;  ///< A SyncType value: 1 read, 2 write, 3 both; 0 when there was no call yet.
     bool isStart;   ///< CpuSyncStart, not CpuSyncEnd.
-    int result;     ///< 0 or a negative errno.
+    int result;     ///< 0 or -1.
 };
 
 /// The latest synchronisation of the process, refused and failed ones included.

@@ -23,7 +23,7 @@ using PixelFormat = int32_t;  ///< A value of the platform's graphics interface;
 /// Rows are as long as the width rounded up to hostdevice::SetStrideAlignment. Whatever the format, the memory is
 /// stride x height x 2 bytes a layer: room for 8-bit YUV 4:2:0 and for 16-bit raw, so a client that maps a byte a pixel
 /// maps the start of it only. The last strong pointer closes the descriptor in the handle; mappings stay the client's.
-/// A buffer without pixels is backed by one pixel, as the platform does it.
+/// A buffer without pixels is backed by the memory of a single one, stride included, as the platform does it.
 class HOSTDEVICE_EXPORT GraphicBuffer : public ANativeWindowBuffer, public RefBase {
 public:
     /// Never throws for want of memory: see initCheck(). The name is for the platform's statistics, which are not here.
@@ -40,6 +40,14 @@ public:
     PixelFormat getPixelFormat() const { return format; }                         ///< As asked for.
     uint32_t getLayerCount() const { return static_cast<uint32_t>(layerCount); }  ///< As asked for.
 
+    /// Maps the memory and opens an access for what the usage says: GRALLOC_USAGE_SW_READ_ and SW_WRITE_ bits, 0xf and
+    /// 0xf0. 0 with the address; -EINVAL without memory, address or usage; -EBUSY when it is locked, for locks do not
+    /// nest here. Sizes per pixel and row are -1: not known. One thread at a time.
+    status_t lock(uint32_t inUsage, void** vaddr, int32_t* outBytesPerPixel = nullptr,
+                  int32_t* outBytesPerStride = nullptr);
+    /// Closes that access and takes the mapping away. 0, or -EINVAL when it is not locked.
+    status_t unlock();
+
     /// The record above; lives as long as the buffer.
     ANativeWindowBuffer* getNativeBuffer() const { return const_cast<GraphicBuffer*>(this); }
 
@@ -47,7 +55,9 @@ private:
     ~GraphicBuffer() override;
     status_t Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t inLayerCount);
 
-    status_t mInitCheck;
+    uint64_t mBytes = 0;
+    void* mLocked = nullptr;
+    status_t mInitCheck;  // last: making it sets the others
 };
 
 }  // namespace android

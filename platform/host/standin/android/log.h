@@ -24,8 +24,18 @@ typedef enum android_LogPriority {
 } android_LogPriority;
 
 /// Writes a message to the device's log: to stderr in logcat's threadtime format, or to the sink set with
-/// hostdevice::SetLogSink. A null tag stands for the program's name. Returns 1. Safe from any thread.
+/// hostdevice::SetLogSink. A null tag stands for the program's name; a null text ends the process. Returns 1, or -EPERM
+/// where a property log.tag.TAG or log.tag, or one of these with persist. before it, sets a higher level (V to F, or S
+/// for none). Safe from any thread.
 HOSTDEVICE_EXPORT int __android_log_write(int prio, const char* tag, const char* text);
+
+/// The same with a printf format; the text is cut to 1023 bytes.
+HOSTDEVICE_EXPORT int __android_log_print(int prio, const char* tag, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+
+/// Logs the text, or without one the condition, as fatal and ends the process.
+HOSTDEVICE_EXPORT void __android_log_assert(const char* cond, const char* tag, const char* fmt, ...)
+    __attribute__((noreturn, format(printf, 3, 4)));
 
 #ifdef __cplusplus
 }

@@ -19,7 +19,9 @@ public:
     RefBase& operator=(const RefBase&) = delete;
 
     /// Counts one more holder. `id` names it in the platform's debugging aids, which are not here.
-    void incStrong(const void* /*id*/) const { mStrong.fetch_add(1, std::memory_order_relaxed); }
+    void incStrong(const void* /*id*/) const {
+        if (mStrong.fetch_add(1, std::memory_order_relaxed) == 0) const_cast<RefBase*>(this)->onFirstRef();
+    }
     /// Counts one less, and deletes the object with the last.
     void decStrong(const void* /*id*/) const {
         // The last holder must see what every other one did to the object before letting go of it.
@@ -29,6 +31,8 @@ public:
 protected:
     RefBase() = default;
     virtual ~RefBase() = default;
+    /// Called once, when the first strong pointer takes the object.
+    virtual void onFirstRef() {}
 
 private:
     mutable std::atomic<int32_t> mStrong{0};

@@ -5,6 +5,7 @@
 /// The platform's pointers to counted objects.
 
 #include <cstddef>
+#include <type_traits>
 #include <utility>
 
 namespace android {
@@ -26,12 +27,17 @@ public:
     sp(const sp& other) : sp(other.m_ptr) {}
     /// Takes over what the other one holds, which is empty then.
     sp(sp&& other) noexcept : m_ptr(std::exchange(other.m_ptr, nullptr)) {}
-    /// Holds an object of another class, cast to T.
-    template <typename U>
+    /// Holds an object of a derived class.
+    template <typename U, typename = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     sp(U* other) : sp(static_cast<T*>(other)) {}  // NOLINT(google-explicit-constructor)
-    /// Holds what a pointer to another class holds, cast to T.
-    template <typename U>
+    /// Holds what a pointer to a derived class holds.
+    template <typename U, typename = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     sp(const sp<U>& other) : sp(static_cast<T*>(other.get())) {}  // NOLINT(google-explicit-constructor)
+    /// Makes an object and holds it; platform 12 and later.
+    template <typename... Args>
+    static sp make(Args&&... args) {
+        return new T(std::forward<Args>(args)...);
+    }
     /// Does clear().
     ~sp() { clear(); }
 
