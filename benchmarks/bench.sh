@@ -18,8 +18,7 @@ esac
 need g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev libboost-dev python3-matplotlib
 
 mkdir -p "$build"
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" \
-    -DZYT_BUILD_BENCHMARKS=ON -DZYT_BUILD_TESTS=OFF -DZYT_BUILD_EXAMPLES=OFF -DZYT_BUILD_TOOLS=OFF >"$build/configure.log"
+cmake --preset bench >"$build/configure.log"
 cmake --build "$build" -j "$(nproc)" >"$build/build.log" || { tail -n 30 "$build/build.log" >&2; exit 1; }
 strip -o "$build/libzyttools.stripped.so" "$build/common/tools/libzyttools.so"
 

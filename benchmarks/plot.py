@@ -42,4 +42,5 @@ def main():
         plot(name, part, directory)
 
 
-main()
+if __name__ == "__main__":
+    main()

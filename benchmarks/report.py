@@ -179,4 +179,5 @@ def main():
         update_docs("docs/performance.md", markdown(rows, growth, machine))
 
 
-main()
+if __name__ == "__main__":
+    main()

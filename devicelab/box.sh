@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by device.sh and run.sh, which set `work`, the directory for all that they make: builds the kernel, packs the
 # device's files and boots it. Whatever keeps that from happening ends in one "device: ..." line on stderr and a
 # non-zero exit. README.md has the knobs.
@@ -11,7 +12,7 @@ die() {
 # For what no check below foresees. A subshell leaves the telling to its parent: one line, not two.
 trap '((BASH_SUBSHELL)) || die "${0##*/}:$LINENO: $BASH_COMMAND failed"' ERR
 
-root=$work/rootfs
+root=${work:?}/rootfs
 result=$work/result
 filter=''
 scratch='' emulator=''

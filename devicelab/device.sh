@@ -17,7 +17,7 @@ esac
 build_project() {
     echo 'building for 64-bit Arm'
     logged configure 'configuring the project' cmake --preset device
-    logged build 'building the project' cmake --build --preset device --parallel "$(nproc)"
+    logged build 'building the project' cmake --build "$work" --parallel "$(nproc)"
 }
 
 # What the device shows beside its tests: the sample node on the desk demo's scene, by the command lines in /demo/run.

@@ -26,8 +26,7 @@ size_limit=600  # MiB that the device has room for
 
 build_library() {
     echo 'building the library for 64-bit Arm'
-    logged configure 'configuring the library' cmake --preset device -B "$work/library" -DZYT_BUILD_TESTS=OFF \
-        -DZYT_BUILD_EXAMPLES=OFF
+    logged configure 'configuring the library' cmake --preset device-library
     logged build 'building the library' cmake --build "$work/library" --parallel "$(nproc)"
     logged install 'installing the library' cmake --install "$work/library" --prefix "$prefix"
 }

@@ -19,8 +19,7 @@ export HOSTDEVICE_DATA=$build/device
 declare -A longest=([filesearch]=300 [layout]=200 [rectangles]=400 [drawing]=80)
 
 build_targets() {
-    { cmake -S . -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DZYT_SANITIZE=address,undefined -DZYT_BUILD_FUZZERS=ON \
-        -DZYT_BUILD_TESTS=OFF -DZYT_BUILD_EXAMPLES=OFF -DZYT_BUILD_TOOLS=OFF &&
+    { cmake --preset fuzz &&
         cmake --build "$build" --target fuzzers --parallel "$(nproc)"; } >"$build/build.log" 2>&1 ||
         { tail -n 20 "$build/build.log" >&2; die "the build failed, see $build/build.log"; }
 }
