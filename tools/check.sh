@@ -1,105 +1,116 @@
 #!/usr/bin/env bash
-# Builds and tests the tree with every toolchain that matters, under sanitizers, and runs the linters.
+# Builds and tests the tree with every toolchain that matters, under sanitizers, and runs the linters. The builds are
+# presets of CMakePresets.json. Installs what the steps need that are run, and nothing else.
 # usage: tools/check.sh [STEP …]    all steps unless some are named
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 source tools/need.sh
 
+# In the order in which they run: those that say most for their time first.
+all_steps=(format shell soong docs gcc exports demo exits clang locks tidy aosp fma address thread)
+build_packages='g++ cmake make googletest libpng-dev'
+suite_packages="$build_packages ffmpeg pkgconf"
+clang_packages='clang libc++-14-dev libc++abi-14-dev'
+declare -A packages=(
+    [format]='clang-format git'
+    [shell]='shellcheck git'
+    [soong]='blueprint-tools golang-1.19-go golang-android-soong-dev golang-github-google-blueprint-dev
+        golang-google-protobuf-dev golang-github-golang-protobuf-1-5-dev'
+    [docs]=doxygen
+    [gcc]=$suite_packages
+    [exports]="$build_packages binutils"
+    [demo]="$suite_packages python3"
+    [exits]=$build_packages
+    [clang]="$suite_packages $clang_packages"
+    [locks]="$build_packages $clang_packages python3"
+    [tidy]="$build_packages $clang_packages clang-tidy git"
+    [aosp]="$suite_packages android-liblog-dev android-libutils-dev"
+    [fma]=$build_packages
+    [address]=$suite_packages
+    [thread]=$suite_packages
+)
+
 passed=0
 failed=()
 
-# configure_and_build NAME CMAKE-ARGUMENT…    all targets, or those in the array `targets`
-targets=()
-configure_and_build() {
+# build STEP [TARGET…]    all targets unless some are named
+build() {
     local dir=build/check-$1
     mkdir -p "$dir"
-    { cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${@:2}" &&
-        cmake --build "$dir" -j "$(nproc)" ${targets[@]+--target "${targets[@]}"}; } >"$dir/build.log" 2>&1 || {
+    { cmake --preset "check-$1" && cmake --build "$dir" -j "$(nproc)" ${2:+--target "${@:2}"}; } >"$dir/build.log" 2>&1 || {
         grep -E 'error|warning' -A 5 "$dir/build.log" | head -n 40
         return 1
     }
 }
 
-# build_and_test NAME CMAKE-ARGUMENT…
-build_and_test() {
-    configure_and_build "$@" && run_suite "build/check-$1"
-}
-
-# run_suite DIRECTORY CTEST-ARGUMENT…
+# run_suite STEP [CTEST-ARGUMENT…]
 run_suite() {
-    ctest --test-dir "$1" -j "$(nproc)" --output-on-failure "${@:2}" >"$1/test.log" 2>&1 || {
-        tail -n 60 "$1/test.log"
+    local dir=build/check-$1
+    ctest --test-dir "$dir" -j "$(nproc)" --output-on-failure "${@:2}" >"$dir/test.log" 2>&1 || {
+        tail -n 60 "$dir/test.log"
         return 1
     }
-    grep -E '^[0-9]+% tests passed' "$1/test.log"
+    grep -E '^[0-9]+% tests passed' "$dir/test.log"
     # A test that did not run is no test that passed.
-    ! grep -E 'Not Run' "$1/test.log"
+    ! grep -E 'Not Run' "$dir/test.log"
 }
 
-strict="-DZYT_WERROR=ON"
-# Only clang with libc++ checks the lock annotations.
-libcxx="-stdlib=libc++ -D_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS -Wthread-safety"
+build_and_test() { build "$1" && run_suite "$1"; }
 
-clang=(-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ "-DCMAKE_CXX_FLAGS=$libcxx")
+step_gcc() { build_and_test gcc; }
 
-step_gcc() { build_and_test gcc $strict; }
-
-step_clang() {
-    build_and_test clang $strict "${clang[@]}"
-}
+step_clang() { build_and_test clang; }
 
 # The lock rules are worth something only if breaking one is noticed: takes one lock out and wants to see that it is.
 step_locks() {
-    local copy=build/check-locks
-    rm -rf "$copy" && mkdir -p "$copy" && cp -r common platform "$copy"
-    local compile=(clang++ -std=c++17 -fsyntax-only $libcxx -Werror -I "$copy/common/tools" -I "$copy/platform/host/include"
-        -I "$copy/platform/host/standin" "$copy/common/tools/zytbuffermanager/zytbufferpool.cpp")
-    "${compile[@]}" || return 1
-    sed -i '/::PutBufferToPool/,/^}/s/zyt::Lock lock(m_busyBufferListLock);//' "$copy/common/tools/zytbuffermanager/zytbufferpool.cpp"
-    if "${compile[@]}" 2>"$copy/errors"; then
+    local source=common/tools/zytbuffermanager/zytbufferpool.cpp copy=$PWD/build/check-locks command
+    [[ -e build/check-clang/compile_commands.json ]] || cmake --preset check-clang >/dev/null || return 1
+    rm -rf "$copy" && mkdir -p "$copy" && cp -r common "$copy" || return 1
+    command=$(python3 -c 'import json, sys
+print(*(entry["command"] for entry in json.load(sys.stdin) if entry["file"].endswith(sys.argv[1])), sep="\n")' \
+        "$source" <build/check-clang/compile_commands.json | head -n 1)
+    command="${command//"$PWD/common"/"$copy/common"} -fsyntax-only"
+    eval "$command" || return 1
+    sed -i '/::PutBufferToPool/,/^}/s/zyt::Lock lock(m_busyBufferListLock);//' "$copy/$source"
+    if eval "$command" 2>"$copy/errors"; then
         echo "a missing lock was not noticed"
         return 1
     fi
     grep -m 1 -E 'requires holding mutex' "$copy/errors"
 }
 
-# The platform's own log and strong pointers, from Debian's packages.
-step_aosp() { build_and_test aosp $strict -DZYT_HOST_AOSP=ON; }
+# The platform's own log and strong pointers.
+step_aosp() { build_and_test aosp; }
 
-# As far as a compiler may go in fusing multiplications and additions: results must not change.
+# Results must not change when multiplications and additions are fused.
 step_fma() {
     if ! grep -q '\bfma\b' /proc/cpuinfo; then
         echo "this processor cannot fuse; the device's can, and runs the same tests"
         return 0
     fi
-    local targets=(zytutil_test)
-    configure_and_build fma "-DCMAKE_CXX_FLAGS=-O2 -mfma -ffp-contract=fast" &&
-        run_suite build/check-fma -R 'Crop|FaceMapping|Clock|Drawing'
+    build fma zytutil_test && run_suite fma -R 'Crop|FaceMapping|Clock|Drawing'
 }
 
 # Address and undefined-behaviour sanitizers, with leaks. Nothing is suppressed.
 step_address() {
-    ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 \
-        UBSAN_OPTIONS=print_stacktrace=1 build_and_test address -DZYT_SANITIZE=address,undefined
+    ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 UBSAN_OPTIONS=print_stacktrace=1 build_and_test address
 }
 
-step_thread() {
-    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 build_and_test thread -DZYT_SANITIZE=thread
-}
+step_thread() { TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 build_and_test thread; }
 
-# A thousand processes that end with everything going on.
+# Processes that end with everything going on: a thousand when the step is named, fewer among all the others.
 step_exits() {
-    [[ -e build/check-gcc/tests/reliability_test ]] || configure_and_build gcc $strict || return 1
-    ZYT_EXIT_ROUNDS=${ZYT_EXIT_ROUNDS:-1000} build/check-gcc/tests/reliability_test --gtest_filter='Exit.*' --gtest_brief=1
+    build gcc reliability_test || return 1
+    ZYT_EXIT_ROUNDS=${ZYT_EXIT_ROUNDS:-$exit_rounds} \
+        build/check-gcc/tests/reliability_test --gtest_filter='Exit.*' --gtest_brief=1
 }
 
-cxx_files() { git ls-files -co --exclude-standard -- '*.h' '*.cpp'; }
+step_format() { git ls-files -co --exclude-standard -- '*.h' '*.cpp' | xargs clang-format --dry-run -Werror; }
 
-step_format() { cxx_files | xargs clang-format --dry-run -Werror; }
+step_shell() { git ls-files -co --exclude-standard -- '*.sh' dev .ci/run | xargs shellcheck --external-sources --severity=warning; }
 
 step_tidy() {
-    [[ -e build/check-clang/compile_commands.json ]] ||
-        cmake -S . -B build/check-clang "${clang[@]}" >/dev/null || return 1
+    [[ -e build/check-clang/compile_commands.json ]] || cmake --preset check-clang >/dev/null || return 1
     git ls-files -- 'common/**.cpp' 'platform/**.cpp' 'examples/**.cpp' 'tools/**.cpp' | grep -v aosp |
         xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p build/check-clang 2>/dev/null
 }
@@ -120,13 +131,15 @@ step_soong() {
 # Every public declaration is documented, and every link between pages leads somewhere.
 step_docs() { ./dev docs; }
 
-# The shared library exports its classes and nothing else, and nothing of the standard library.
+# The shared library exports what its list says, and nothing else.
 step_exports() {
-    configure_and_build gcc $strict || return 1
-    local foreign
-    foreign=$(nm -DC --defined-only build/check-gcc/common/tools/libzyttools.so |
-        sed 's/^[0-9a-f]* . //' | grep -vE '^(vtable for )?(ZYT|WrapperTask::)' || true)
-    [[ -z $foreign ]] || { echo "exported besides the library's own: $foreign"; return 1; }
+    build gcc zyttools || return 1
+    local listed exported
+    listed=$(grep -v '^#' common/tools/exports.txt | sort -u)
+    exported=$(nm -DC --defined-only build/check-gcc/common/tools/libzyttools.so | sed 's/^[0-9a-f]* . //' | sort -u)
+    # After a < is what is listed and not exported, after a > what is exported and not listed.
+    diff <(echo "$listed") <(echo "$exported") || return 1
+    echo "$(wc -l <<<"$exported") names"
 }
 
 # The demo with a photograph that is stored turned, under a name that means something to a shell, ffmpeg and printf.
@@ -141,6 +154,7 @@ exif = b"Exif\0\0MM\0*\0\0\0\x08\0\x01\x01\x12\0\x03\0\0\0\x01\0\x06\0\0\0\0\0\0
 open(sys.argv[2], "wb").write(jpeg[:2] + b"\xff\xe1" + (len(exif) + 2).to_bytes(2, "big") + exif + jpeg[2:])
 EOF
     local said size refused
+    export ZYT_PRESET=check-gcc  # one build less
     said=$(cd "$dir" && ../../dev demo "$name") && size=$(grep '32x64 YUV' <<<"$said") || { echo "$said"; return 1; }
     for refused in 'demo missing.jpg' 'demo a b c' 'test stray' 'docs stray'; do
         # shellcheck disable=SC2086
@@ -155,14 +169,16 @@ EOF
 }
 
 steps=("$@")
-[[ ${#steps[@]} -gt 0 ]] ||
-    steps=(format soong docs demo gcc exports clang locks tidy aosp fma address thread exits)
-
-need g++ cmake make googletest clang libc++-14-dev libc++abi-14-dev clang-format clang-tidy doxygen pkgconf libpng-dev \
-    ffmpeg android-liblog-dev android-libutils-dev git python3 blueprint-tools golang-1.19-go golang-android-soong-dev \
-    golang-github-google-blueprint-dev golang-google-protobuf-dev golang-github-golang-protobuf-1-5-dev
+exit_rounds=1000
+[[ ${#steps[@]} -gt 0 ]] || { steps=("${all_steps[@]}"); exit_rounds=200; }
+needed=''
 for step in "${steps[@]}"; do
-    declare -F "step_$step" >/dev/null || { echo "check: no step $step" >&2; exit 2; }
+    [[ -n ${packages[$step]-} ]] || { echo "check: no step $step; there are ${all_steps[*]}" >&2; exit 2; }
+    needed+=" ${packages[$step]}"
+done
+# shellcheck disable=SC2046
+need $(tr -s ' \n' '\n' <<<"$needed" | sort -u)
+for step in "${steps[@]}"; do
     start=$SECONDS
     if output=$("step_$step" 2>&1); then
         passed=$((passed + 1))

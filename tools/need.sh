@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the development commands.
 
 # Installs what a command needs, or says what is missing and ends it. Arguments: packages of Debian.

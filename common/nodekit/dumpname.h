@@ -25,9 +25,9 @@ namespace zyt {
 
 /// What a dump's name tells. What it does not tell stays empty.
 struct DumpInfo {
-    std::optional<ZYTFormat> format;
-    uint32_t width = 0;   ///< Pixels; 0 when there is no size.
-    uint32_t height = 0;  ///< Rows; 0 when there is no size.
+    std::optional<ZYTFormat> format;  ///< Empty when no format is named.
+    uint32_t width = 0;               ///< Pixels; 0 when there is no size.
+    uint32_t height = 0;              ///< Rows; 0 when there is no size.
 };
 
 /// The format of that name: as the library spells it but in any case, also without its "YUV420" or "YUV_".

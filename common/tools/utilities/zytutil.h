@@ -75,7 +75,7 @@ public:
     /// 400 levels.
     static int32_t GetFileListInDir(const char* dir, std::vector<std::string>& files, bool recursive) noexcept;
 
-    /// Appends the paths whose whole base name matches `pattern`, a case-sensitive ECMAScript regular expression: write
+    /// Appends the paths whose whole base name matches `pattern`, a case-sensitive ECMAScript regular expression. Write
     /// `cam.*\.bin`, not the shell wildcard `cam*.bin`. Returns 0 also when nothing matches, and 1, with `files`
     /// untouched, when dir or pattern is null or the listing failed. An ill-formed pattern, such as `*.bin`, ends the
     /// process, whatever the caller catches.
