@@ -143,12 +143,13 @@ public:
 
 protected:
     ImageRecord() = default;
+    /// Begins with a copy of the record.
     explicit ImageRecord(const ZYTImageBuffer& record) : m_record(record) {}
     ~ImageRecord() = default;
     ImageRecord(const ImageRecord&) = delete;
     ImageRecord& operator=(const ImageRecord&) = delete;
 
-    ZYTImageBuffer m_record{};
+    ZYTImageBuffer m_record{};  ///< The record that the image shows.
 };
 
 /// Owns the memory of one image. Move-only; empty after any failure, of which both logs have a line at E.
@@ -178,7 +179,9 @@ public:
                 description.height, description.planeStride, type, reason);
     }
 
+    /// Takes over the other's memory and leaves it empty.
     Image(Image&& other) noexcept { *this = std::move(other); }
+    /// Releases what it has, then takes over the other's memory and leaves that empty.
     Image& operator=(Image&& other) noexcept {
         if (this == &other) return *this;
         Reset();

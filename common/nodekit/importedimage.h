@@ -49,7 +49,9 @@ public:
                 brought.width, brought.height, brought.planeStride, brought.fd[0], reason);
     }
 
+    /// Takes over the other's mapping and leaves it empty.
     ImportedImage(ImportedImage&& other) noexcept { *this = std::move(other); }
+    /// Unmaps what it has, then takes over the other's mapping and leaves that empty.
     ImportedImage& operator=(ImportedImage&& other) noexcept {
         if (this == &other) return *this;
         Reset();

@@ -40,12 +40,12 @@ namespace zyt {
 
 /// A buffer of the pool.
 struct PoolBuffer {
-    ZYTBufferType type;
-    void* address;    ///< Its identity; MAP_FAILED when the kernel refused to map it.
-    int fd;           ///< 0 for plain memory.
-    uint64_t bytes;   ///< Memory behind it; of gralloc what its descriptor is long.
-    uint32_t width;   ///< Pixels of a gralloc buffer, 0 for the others.
-    uint32_t height;  ///< Rows of a gralloc buffer, 0 for the others.
+    ZYTBufferType type;  ///< What backs it.
+    void* address;       ///< Its identity; MAP_FAILED when the kernel refused to map it.
+    int fd;              ///< 0 for plain memory.
+    uint64_t bytes;      ///< Memory behind it; of gralloc what its descriptor is long.
+    uint32_t width;      ///< Pixels of a gralloc buffer, 0 for the others.
+    uint32_t height;     ///< Rows of a gralloc buffer, 0 for the others.
 };
 
 /// What the pool held. A part whose lock could not be had is empty.
