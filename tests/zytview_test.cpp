@@ -2,12 +2,16 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <random>
 
+#include "nodekit/dumpname.h"
+#include "nodekit/rawpixels.h"
 #include "support.h"
 #include "zytbuffermanager/zytbufferutil.h"
 
+using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using zyttest::ChildResult;
@@ -22,29 +26,12 @@ using Samples = std::vector<unsigned int>;
 constexpr unsigned int kWidth = 48;
 constexpr unsigned int kHeight = 32;
 
-// Bits of a packed row as the interface between sensor and processor sends them: the upper 8 of each pixel of a group,
-// then the lower ones of all, from the first pixel's lowest bit on.
-std::string Pack(const Samples& samples, unsigned int bits) {
-    const size_t groupPixels = bits == 12 ? 2 : 4;
-    std::string packed;
-    for (size_t first = 0; first < samples.size(); first += groupPixels) {
-        std::vector<bool> lows;
-        for (size_t i = first; i < first + groupPixels; ++i) {
-            packed += static_cast<char>(samples[i] >> (bits - 8));
-            for (unsigned int bit = 0; bit < bits - 8; ++bit) lows.push_back(samples[i] >> bit & 1);
-        }
-        for (size_t i = 0; i < lows.size(); i += 8) {
-            unsigned int byte = 0;
-            for (size_t bit = 0; bit < 8; ++bit) byte |= static_cast<unsigned int>(lows[i + bit]) << bit;
-            packed += static_cast<char>(byte);
-        }
-    }
-    return packed;
-}
-
-std::string Containers(const Samples& samples) {
-    std::string bytes;
-    for (const unsigned int sample : samples) bytes += {static_cast<char>(sample), static_cast<char>(sample >> 8)};
+// A row's bytes, or an image's where rows have none to spare.
+std::string Pack(const Samples& samples, ZYTFormat format = ZYT_FORMAT_RAW16) {
+    const std::vector<uint16_t> row(samples.begin(), samples.end());
+    const auto width = static_cast<uint32_t>(row.size());
+    std::string bytes(static_cast<size_t>(zyt::FindFormatLayout(format)->RowBytes(width)), 0);
+    zyt::PackRow(format, row.data(), width, reinterpret_cast<unsigned char*>(bytes.data()));
     return bytes;
 }
 
@@ -90,11 +77,6 @@ protected:
         return samples;
     }
 
-    static void ExpectRefusal(const std::string& arguments, const std::string& reason) {
-        const std::string output = zyttest::ExpectRefusal("tools/zytview/zytview " + arguments, reason);
-        EXPECT_EQ(output.find('\n'), output.size() - 1) << "in one line";
-    }
-
     TempDir m_dir;
     std::string m_notes;
     std::mt19937 m_random{7};
@@ -124,7 +106,7 @@ TEST_F(ZytView, ShowsYuvAsFfmpegDoes) {
             std::string bytes(samples.begin(), samples.end());
             if (isWide) {
                 for (unsigned int& sample : samples) sample = sample << 8 | RandomSamples(1, 0, 3)[0] << 6;
-                bytes = Containers(samples);
+                bytes = Pack(samples);
             }
             const std::string dump = NewDump("yuv_48x32_" + format + ".raw", bytes);
             for (const std::string matrix : {"bt601", "bt709"}) {
@@ -141,182 +123,272 @@ TEST_F(ZytView, ShowsYuvAsFfmpegDoes) {
 }
 
 TEST_F(ZytView, KeepsEveryBitOfGreyAndRawSamples) {
-    for (const unsigned int bits : {10u, 12u, 14u, 16u}) {
+    for (const std::string format :
+         {"Raw10", "Raw12", "Raw14", "Raw16", "RawMipi10", "RawMipi12", "RawMipi14", "Y16"}) {
+        const ZYTFormat kind = *zyt::FindFormat(format);
+        const unsigned int bits = zyt::FindFormatLayout(kind)->bits;
         Samples samples = RandomSamples(kWidth * kHeight, 0, (1u << bits) - 1);
         samples[5] = (1u << bits) - 1;
-        const std::string number = std::to_string(bits);
-        std::vector<std::string> dumps = {NewDump("s_48x32_Raw" + number + ".raw", Containers(samples))};
-        dumps.push_back(bits == 16 ? NewDump("s_48x32_Y16.raw", Containers(samples))
-                                   : NewDump("s_48x32_RawMipi" + number + ".raw", Pack(samples, bits)));
-        for (const std::string& dump : dumps) {
-            Samples seen = View(dump, "gray16le");
-            EXPECT_EQ(seen[5], 65535u) << "white is white";
-            for (unsigned int& sample : seen) sample >>= 16 - bits;
-            EXPECT_EQ(seen, samples) << dump;
-        }
-    }
-    // The library's dump of Y16 has one byte a pixel: half of each row.
-    const Samples half = View(NewDump("half_4x2_Y16.raw", {1, 2, 3, 4, 5, 6, 7, 8}), "gray16le");
-    EXPECT_EQ(half, (Samples{0x0201, 0x0403, 0x0605, 0x0807}));
-    EXPECT_THAT(m_notes, HasSubstr("left 2 of 4 columns"));
-    Samples samples(kWidth * kHeight, 1023);
-    samples[7] = 1024;
-    EXPECT_EQ(View(NewDump("high_48x32_Raw10.raw", Containers(samples)), "gray16le")[7], 65535u);
-    for (const char* options : {"", "--bayer bggr"}) {
-        View(m_dir / "high_48x32_Raw10.raw", "gray16le", options);
-        EXPECT_THAT(m_notes, HasSubstr("samples of more than 10 bits, shown as the largest value: 1\n"));
+        Samples seen = View(NewDump("s_48x32_" + format + ".raw", Pack(samples, kind)), "gray16le");
+        EXPECT_EQ(seen[5], 65535u) << "white is white";
+        for (unsigned int& sample : seen) sample >>= 16 - bits;
+        EXPECT_EQ(seen, samples) << format;
     }
 }
 
 TEST_F(ZytView, ShowsBayerAsFfmpegDoes) {
-    const std::string dump = NewDump("bayer_48x32_Raw16.raw", Containers(RandomSamples(kWidth * kHeight, 0, 65535)));
+    const std::string dump = NewDump("bayer_48x32_Raw16.raw", Pack(RandomSamples(kWidth * kHeight, 0, 65535)));
     for (const std::string order : {"rggb", "grbg", "gbrg", "bggr"}) {
         const std::string input =
             "-f rawvideo -s 48x32 -pix_fmt bayer_" + order + "16le -i " + dump + " -sws_flags accurate_rnd";
         // ffmpeg drops the fraction of a mean, and copies at the edges.
-        ExpectNear(View(dump, "rgb48le", "--bayer " + order), Decode(input, "rgb48le"), 1, 3, 2, order);
+        const Samples colours = View(dump, "rgb48le", "--bayer " + order);
+        ExpectNear(colours, Decode(input, "rgb48le"), 1, 3, 2, order);
+        // Colours come from the whole picture, also beside the cut.
+        EXPECT_EQ(View(dump, "rgb48le", "--crop 1x1+7+9 --bayer " + order),
+                  Samples(&colours[(9 * kWidth + 7) * 3], &colours[(9 * kWidth + 7) * 3 + 3]));
     }
-    // At the edges only what there is counts. One row: R 100, G 200, R 300.
-    EXPECT_EQ(View(NewDump("edge_3x1_Raw16.raw", Containers({100, 200, 300})), "rgb48le", "--bayer rggb"),
-              (Samples{100, 200, 100, 200, 200, 200, 300, 200, 300}));
 }
 
 TEST_F(ZytView, ReadsWhatTheLibraryDumps) {
-    const Samples samples = RandomSamples(16 * kHeight, 0, 65535);
-    std::string memory = Containers(samples);
+    std::string memory(32 * 11, 'm');
     for (int format = ZYT_FORMAT_YUV420NV12; format <= ZYT_FORMAT_RAW16; ++format) {
-        ZYTImageBuffer image{};
-        image.format = static_cast<ZYTFormat>(format);
-        image.width = 13;
-        image.height = 7;
-        image.planeStride = 32;
+        ZYTImageBuffer image = zyttest::Image(format, 13, 7, 32, 7);
         image.numberOfPlanes = 2;
         for (auto& address : image.pAddr) address = reinterpret_cast<unsigned char*>(memory.data());
-        const std::string name = ZYTBufferUtil::GetBufferFormatString(&image);
-        const std::string dump = m_dir / "lib_13x7_" + name + ".raw";
+        const std::string dump = m_dir / zyt::DumpName(image, "lib");
         ASSERT_TRUE(ZYTBufferUtil::ZYTBufferDump(&image, dump.c_str()));
+        // Of Y16 the library dumps one byte a pixel: half of each row.
         const bool isHalf = format == ZYT_FORMAT_Y16;
-        const Samples seen = View(dump, "gray16le");
-        ASSERT_EQ(seen.size(), (isHalf ? 6u : 13u) * 7) << name;
-        if (isHalf) {
-            EXPECT_EQ(Samples(seen.end() - 6, seen.end()), Samples(&samples[6 * 16], &samples[6 * 16 + 6]));
-        }
+        EXPECT_EQ(View(dump, "gray16le").size(), (isHalf ? 6u : 13u) * 7) << dump;
         EXPECT_EQ(m_notes.find("left 6 of 13 columns") != std::string::npos, isHalf) << m_notes;
     }
 }
 
-TEST_F(ZytView, GivesOddSizesTheirNeighboursChroma) {
-    // Full range, so that chroma 128 is grey. Two columns and rows have chroma of their own, the third ones have not.
-    const std::string luma(9, '\x80');
-    const Samples full = View(NewDump("odd_3x3_NV12.raw", luma + "\xff\x80" + "\x01"), "rgb24");
-    ASSERT_EQ(full.size(), 27u);
-    for (size_t pixel = 0; pixel < 9; ++pixel) EXPECT_EQ(full[3 * pixel + 2], 255u) << pixel;
-    // A file with a row of chroma for the odd row.
-    const Samples whole = View(NewDump("odd_3x3_NV12.raw", luma + "\xff\x80\x01" + "\x80\x80\x01"), "rgb24");
-    EXPECT_EQ(whole[2], 255u);
-    EXPECT_EQ(whole[26], 128u);
-    EXPECT_EQ(View(NewDump("dot_1x1_NV12.raw", "\x80"), "rgb24"), (Samples{128, 128, 128}));
-    // Rows that end within a group have lost the lower bits: 3 pixels of 10 bits are 3 bytes.
-    EXPECT_EQ(View(NewDump("cut_3x1_RawMipi10.raw", "\x01\x02\xff"), "gray16le"), (Samples{256, 512, 0xff3f}));
-}
-
-TEST_F(ZytView, SkipsTheSlackOfRowsAndPlanes) {
-    const std::string luma = {1, 2, 3, 4, 5, 6, 7, 8};
-    const std::string chroma = {100, 120, 30, 40};
+// Small dumps, each value by hand.
+TEST_F(ZytView, ShowsEachValue) {
+    const auto level = [](double sample) { return static_cast<unsigned int>(std::lround(sample * 65535 / 1023)); };
+    const std::string grey(9, '\x80'), luma = {1, 2, 3, 4, 5, 6, 7, 8}, chroma = {100, 120, 30, 40};
+    const std::string padded = "\1\2\3\4xx\5\6\7\10xxzzzzzz" + chroma;
     const Samples tight = View(NewDump("t_4x2_NV21.raw", luma + chroma), "rgb24");
-    const std::string rows = luma.substr(0, 4) + "xx" + luma.substr(4) + "xx";
-    const std::string slack = "--stride 6 --slice-height 3 ";
-    // Up to the last pixel, the last row's slack, half of the first plane, and as many rows as belong to its rows.
-    const std::string padded = rows + "zzzzzz" + chroma;
-    for (const size_t length : {22u, 24u, 27u, 30u}) {
-        const std::string dump = NewDump("s_4x2_NV21.raw", padded + std::string(length - padded.size(), 'y'));
-        EXPECT_EQ(View(dump, "rgb24", slack), tight) << length;
+    const std::string slack = "--stride 6 --slice-height 3", high = Pack({100, 1024, 1023});
+    const std::string dark = Pack({64, 100, 500, 1023, 0, 200, 164, 90}), yuv = {10, 60, 110, 20, char(128), char(128)};
+    const std::string red = Pack({164, 264, 464, 664}), blue = Pack({664, 464, 264, 164});
+    Samples many(kWidth * kHeight, 1500);  // of 1536 the second darkest and the second lightest count
+    std::copy_n(Samples{0, 1000, 1000, 2000, 2000, 65535}.begin(), 6, &many[0]);
+    const double mean = 300.01;  // of the greens, once these are rounded
+    const auto colours = [&](double r, const std::vector<double>& greens, double b) {
+        Samples pixels;
+        for (const double green : greens) pixels.insert(pixels.end(), {level(r), level(green), level(b)});
+        return pixels;
+    };
+    struct Row {
+        std::string name, bytes, options, pixels;
+        Samples expected;  // the first ones
+    };
+    for (const Row& row : std::vector<Row>{
+             {"half_4x2_Y16.raw", luma, "", "gray16le", {0x0201, 0x0403, 0x0605, 0x0807}},
+             {"high_3x1_Raw10.raw", high, "", "gray16le", {level(100), 65535, 65535}},
+             {"cut_3x1_RawMipi10.raw", "\1\2\xff", "", "gray16le", {256, 512, 0xff3f}},
+             {"slack_2x2_Raw16.raw", "12345678", "--stride 4", "gray16le", {0x3231, 0x3433, 0x3635, 0x3837}},
+             {"slack_1x2_Raw16.raw", "12abc34", "--stride 5", "gray16le", {0x3231, 0x3433}},
+             // Only what there is counts at an edge.
+             {"edge_3x1_Raw16.raw",
+              Pack({100, 200, 300}),
+              "--bayer rggb",
+              "rgb48le",
+              {100, 200, 100, 200, 200, 200, 300, 200, 300}},
+             {"edge_2x2_Raw16.raw",
+              Pack({1, 3, 8, 5}),
+              "--bayer gbrg",
+              "rgb48le",
+              {8, 1, 3, 8, 3, 3, 8, 3, 3, 8, 5, 3}},
+             // An odd column and row have their neighbour's chroma, unless the file has some for the row.
+             {"odd_3x3_NV12.raw", grey + "\xff\x80\1", "", "rgb24", {128, 84, 255, 128, 84, 255, 128, 84, 255, 128}},
+             {"odd_3x3_NV12.raw", grey + "\xff\x80\1\x80\xff\1", "--crop 1x1+2+2", "rgb24", {255, 37, 128}},
+             {"dot_1x1_NV12.raw", "\x80", "", "rgb24", {128, 128, 128}},
+             // Up to the last pixel, the last row's slack, half of the first plane, as many rows as belong to its rows.
+             {"s_4x2_NV21.raw", padded, slack, "rgb24", tight},
+             {"s_4x2_NV21.raw", padded + "yy", slack, "rgb24", tight},
+             {"s_4x2_NV21.raw", padded + "yyyyy", slack, "rgb24", tight},
+             {"s_4x2_NV21.raw", padded + "yyyyyyyy", slack, "rgb24", tight},
+             {"crop_4x2_Y16.raw", Pack({1, 2, 3, 4, 5, 6, 7, 8}), "--crop 2x1+1+1", "gray16le", {6, 7}},
+             // The last column and row of a scaled picture are the mean of what there is.
+             {"scale_3x3_Y16.raw",
+              Pack({10, 20, 31, 30, 41, 50, 61, 70, 90}),
+              "--scale 1/2",
+              "gray16le",
+              {25, 41, 66, 90}},
+             {"night_9x9_raw10_3X2-RAW12.bin",
+              Pack({1, 2, 3}) + Pack({4, 5, 6}),
+              "",
+              "gray16le",
+              {16, 32, 48, 64, 80, 96}},
+             {"night_2x3_Raw12.raw", Pack({1, 2, 3}), "--size 3X1 --format raw16", "gray16le", {1, 2, 3}},
+             {"l_4x2_Raw10.raw",
+              dark,
+              "--black 64",
+              "gray16le",
+              {0, level(36), level(436), level(959), 0, level(136), level(100), level(26)}},
+             {"l_4x2_Raw10.raw", dark, "--gain 2.5", "gray16le", {level(160), level(250), 65535, 65535, 0, level(500)}},
+             {"l_48x32_Raw16.raw", Pack(many), "--gain auto", "gray16le", {0, 0, 0, 65535, 65535, 65535, 32768}},
+             {"l_48x32_Raw16.raw",
+              Pack(many),
+              "--gain auto --black 500 --crop 4x1+1+0",
+              "gray16le",
+              {21845, 21845, 65535}},
+             {"l_2x2_NV12.raw",
+              yuv,
+              "--black 10 --gain 2",
+              "rgb24",
+              {0, 0, 0, 100, 100, 100, 200, 200, 200, 20, 20, 20}},
+             {"l_2x2_NV12.raw",
+              yuv,
+              "--range limited --gain auto",
+              "rgb24",
+              {0, 0, 0, 128, 128, 128, 255, 255, 255, 26}},
+             // Red 100, green 200 and 400, blue 600.
+             {"w_2x2_Raw10.raw", red, "--black 64 --bayer rggb --white 2,1,0.5", "rgb48le",
+              colours(200, {mean, 200, 400}, 300)},
+             {"w_2x2_Raw10.raw", blue, "--black 64 --bayer bggr --white auto", "rgb48le",
+              colours(300, {mean, 400, 200}, 300)},
+             {"w_2x2_Raw10.raw", red, "--black 64 --bayer rggb --white 3,1,0.5 --gain auto", "rgb48le",
+              colours(767.25, {767.26, 511.5, 1023}, 767.25)},
+         }) {
+        const Samples seen = View(NewDump(row.name, row.bytes), row.pixels, row.options);
+        ASSERT_GE(seen.size(), row.expected.size()) << row.name;
+        EXPECT_EQ(Samples(seen.begin(), seen.begin() + static_cast<long>(row.expected.size())), row.expected)
+            << row.name << row.options;
     }
-    ExpectRefusal(slack + NewDump("s_4x2_NV21.raw", padded + "y"),
-                  "expected 22 or 24 or 27 or 30 bytes for 4x2 YUV420NV21, found 23");
-    const std::string raw = Containers({10, 20, 30, 40});
-    EXPECT_EQ(View(NewDump("r_2x2_Raw16.raw", raw.substr(0, 4) + "abc" + raw.substr(4)), "gray16le", "--stride 7"),
-              (Samples{10, 20, 30, 40}));
+    View(NewDump("high_3x1_Raw10.raw", high), "rgb48le", "--bayer bggr");
+    EXPECT_THAT(m_notes, HasSubstr("samples of more than 10 bits, shown as the largest value: 1\n"));
 }
 
-TEST_F(ZytView, CropsAndScales) {
-    const Samples samples = RandomSamples(kWidth * kHeight, 0, 65535);
-    const std::string dump = NewDump("c_48x32_Raw16.raw", Containers(samples));
-    Samples part;
-    for (size_t y = 3; y < 8; ++y) part.insert(part.end(), &samples[y * kWidth + 5], &samples[y * kWidth + 5] + 6);
-    EXPECT_EQ(View(dump, "gray16le", "--crop 6x5+5+3"), part);
-
-    // The mean of what there is: the last column and row of the scaled picture have less.
-    const Samples eighth = View(dump, "gray16le", "--crop 9x9+0+0 --scale 1/8");
-    unsigned int sum = 0;
-    for (size_t y = 0; y < 8; ++y) sum += samples[y * kWidth + 8];
-    ASSERT_EQ(eighth.size(), 4u);
-    EXPECT_EQ(eighth[1], (sum + 4) / 8);
-    EXPECT_EQ(eighth[3], samples[8 * kWidth + 8]);
-
-    EXPECT_EQ(View(NewDump("m_2x1_Raw16.raw", Containers({1, 2})), "gray16le", "--scale 1/2"), Samples{2});
-
-    // Colours come from the whole picture, also beside the cut.
-    const Samples colours = View(dump, "rgb48le", "--bayer gbrg");
-    EXPECT_EQ(
-        View(dump, "rgb48le", "--bayer gbrg --crop 1x1+7+9"),
-        (Samples{colours[(9 * kWidth + 7) * 3], colours[(9 * kWidth + 7) * 3 + 1], colours[(9 * kWidth + 7) * 3 + 2]}));
-}
-
-TEST_F(ZytView, TakesSizeAndFormatFromTheNameUnlessTold) {
-    const std::string bytes = Containers({1, 2, 3, 4, 5, 6});
-    for (const std::string name : {"night_3x2_Raw12.raw", "a-9x9-raw10_3x2-RAW12.bin", "3x2.raw12"}) {
-        EXPECT_EQ(View(NewDump(name, bytes), "gray16le"), (Samples{16, 32, 48, 64, 80, 96})) << name;
+TEST_F(ZytView, TellsNumbers) {
+    const std::string raw = NewDump("n_4x2_RawMipi10.raw", Pack({0, 100, 10, 1023}, ZYT_FORMAT_RAWMIPI10) +
+                                                               Pack({7, 512, 9, 513}, ZYT_FORMAT_RAWMIPI10));
+    const std::string nv21 = NewDump("n_2x2_NV21.raw", {1, 2, 3, 4, 100, 50});
+    const std::string y16 = NewDump("h_9x1_Y16.raw", Pack({0, 0, 650, 650, 650, 650, 6500, 65535, 65535}));
+    Samples one = RandomSamples(kWidth * kHeight, 100, 900);
+    const std::string dump = NewDump("d_48x32_Raw10.raw", Pack(one));
+    one[3 * kWidth + 6] += 40;
+    one[3 * kWidth + 8] -= 60;
+    one[20 * kWidth + 10] += 60;
+    const std::string other = NewDump("reference.bin", Pack(one)), png = m_dir / "difference.png";
+    const std::string nv12 = NewDump("d_2x4_NV12.raw", std::string(12, 'x'));
+    const std::string nv12Other = NewDump("e_2x4_NV12.raw", std::string(11, 'x') + "z");
+    struct Row {
+        std::string arguments;
+        int exitCode;
+        std::string expected;  // a part of the output
+    };
+    for (const Row& row : std::vector<Row>{
+             {"--json " + nv21, 0,
+              R"("format": "YUV420NV21", "channels": {"Y": {"samples": 4, "min": 1, "max": 4, )"
+              R"("mean": 2.500000, "stddev": 1.118034, "clipped_low": 0, "clipped_high": 0}, )"
+              R"("U": {"samples": 1, "min": 50, "max": 50)"},
+             {"--stats --crop 3x2+1+0 " + raw, 0,
+              "\n0,0           10      10      10.00       0.00         0 (  0.00%)         0 (  0.00%)"
+              "\n1,0          100    1023     561.50     461.50         0 (  0.00%)         1 ( 50.00%)"
+              "\n0,1            9       9       9.00       0.00         0 (  0.00%)         0 (  0.00%)"
+              "\n1,1          512     513     512.50       0.50         0 (  0.00%)         0 (  0.00%)\n"},
+             {"--stats --bayer bggr " + raw, 0, "\nB              0      10       5.00       5.00         1 ( 50.00%)"},
+             {"--pixel 1,1 --bayer grbg " + raw, 0,
+              "Gb at 1,1 is 512\n"
+              "              0       1       2       3\n"
+              "      0      0     100      10    1023 \n"
+              "      1      7    [512]      9     513 \n"},
+             {"--pixel 1,0 " + nv21, 0, "U at 0,0 is 50\n"},
+             {"--histogram " + (m_dir / "bars.PNG") + " " + y16, 0, "bars.PNG\n"},
+             // 10 * log10(1023^2 * 384 / (40^2 + 60^2)), and without the first.
+             {"--diff " + other + " --bayer grbg " + dump + " " + png, 1,
+              "\nGr                 1 (  0.26%)        60           10,20       50.48"
+              "\nR                  0 (  0.00%)         0               -         inf"
+              "\nB                  2 (  0.52%)        60             8,3       48.88"
+              "\nGb                 0 (  0.00%)         0               -         inf\n"},
+             {"--diff " + other + " --json --crop 7x9+0+0 " + dump, 1,
+              R"("0,1": {"samples": 16, "differing": 1, "largest": 40, "at": [6, 3], "psnr": 40.197513}, )"
+              R"("1,1": {"samples": 12, "differing": 0, "largest": 0, "at": null, "psnr": null}}})"},
+             {"--diff " + other + " --crop 48x3+0+0 " + dump, 0, " inf\n"},
+             {"--diff " + nv12Other + " " + nv12 + " " + (m_dir / "chroma.png"), 1,
+              "\nV                  1 ( 50.00%)         2             0,2       45.12\n"},
+         }) {
+        const ChildResult result = Run(row.arguments);
+        EXPECT_EQ(result.exitCode, row.exitCode) << result.output;
+        EXPECT_THAT(result.output, HasSubstr(row.expected));
     }
-    const std::string dump = NewDump("night_3x2_Raw12.raw", bytes);
-    EXPECT_EQ(View(dump, "gray16le", "--size 2x3 --format raw16"), (Samples{1, 2, 3, 4, 5, 6}));
-    EXPECT_EQ(Run(dump).output, m_dir / "night_3x2_Raw12.png\n");
-    ExpectRefusal(NewDump("night_Raw12.raw", bytes), "no size such as");
-    ExpectRefusal(NewDump("night_3x2_Raw121.raw", bytes), "no format in the name");
-    ExpectRefusal(NewDump("night_0x2_Raw12.raw", bytes), "no size such as");
+    EXPECT_FALSE(std::filesystem::exists(m_dir / "n_2x2_NV21.png")) << "no picture was asked for";
+    Samples expected(kWidth * kHeight);
+    expected[3 * kWidth + 6] = 64 + 191 * 40 / 60;
+    expected[3 * kWidth + 8] = expected[20 * kWidth + 10] = 255;
+    EXPECT_EQ(Decode("-i " + png, "gray"), expected);
+    EXPECT_EQ(Decode("-i " + (m_dir / "chroma.png"), "gray"), (Samples{0, 0, 0, 0, 255, 255, 255, 255}));
+    // Heights of the bars: clipped samples in the margins, between them a column for 64 values; square roots.
+    const Samples bars = Decode("-i " + (m_dir / "bars.PNG"), "gray");
+    for (const auto& [x, height] :
+         std::vector<std::pair<size_t, long>>{{24, 114}, {46, 160}, {137, 80}, {138, 0}, {1062, 114}}) {
+        long seen = 0;
+        for (size_t y = 36; y < 196; ++y) seen += bars[y * 1096 + x] > 60;
+        EXPECT_EQ(seen, height) << x;
+    }
 }
 
 TEST_F(ZytView, SaysWhatIsWrongAndLosesNothing) {
     const std::string dump = NewDump("x_4x3_NV12.raw", std::string(17, 'x'));
-    ExpectRefusal(dump, "expected 16 or 20 bytes for 4x3 YUV420NV12, found 17\n");
     const std::string raw = NewDump("x_4x3_Raw10.raw", std::string(24, '\0'));
-    for (const auto& [options, reason] : std::vector<std::pair<std::string, std::string>>{
-             {"--format Y16 --size 4x4", "expected 16 or 32 bytes"},
-             {"--size 4x2", "expected 16 bytes for 4x2 Raw10, found 24; --stride and --slice-height"},
-             {"--format Y16 --size 1x24", "holds half a pixel a row"},
-             {"--stride 7", "a stride of 7 is less than the picture's 8"},
-             {"--slice-height 2", "a slice height of 2 is less than the picture's 3"},
-             {"--stride 8x", "--stride is a number from 1"},
-             {"--size 4", "--size is WxH"},
-             {"--size 4x999999", "--size is WxH"},
-             {"--size 4x0", "--size is WxH"},
-             {"--format Raw11", "unknown format 'Raw11'"},
-             {"--scale 1/3", "--scale is 1/1 or 1/2 or 1/4 or 1/8, not '1/3'"},
-             {"--crop 2x2", "--crop is WxH+X+Y"},
-             {"--crop 2x2+3+0", "the crop reaches out of the picture's 4x3"},
-             {"--crop 2x2+0+4294967295", "--crop is WxH+X+Y"},
-             {"--bayer rgbg", "--bayer is rggb or"},
-             {"--format Y16 --bayer rggb", "--bayer is for raw formats"},
-             {"--range full", "--matrix and --range are for YUV formats"},
-             {"--gamma 2", "--gamma"},
+    for (const auto& [arguments, reason] : std::vector<std::pair<std::string, std::string>>{
+             {dump, "expected 16 or 20 bytes for 4x3 YUV420NV12, found 17\n"},
+             {"--stride 6 --slice-height 3 --size 4x2 --format NV21 " + dump, "22 or 24 or 27 or 30 bytes for 4x2"},
+             {"--format Y16 --size 4x4 " + raw, "expected 16 or 32 bytes"},
+             {"--size 4x2 " + raw, "expected 16 bytes for 4x2 Raw10, found 24; --stride and --slice-height"},
+             {"--format Y16 --size 1x24 " + raw, "holds half a pixel a row"},
+             {"--stride 7 " + raw, "a stride of 7 is less than the picture's 8"},
+             {"--slice-height 2 " + raw, "a slice height of 2 is less than the picture's 3"},
+             {"--stride 8x " + raw, "--stride is a number from 1"},
+             {"--size 4x131073 " + raw, "--size is WxH, each from 1 to 131072"},
+             {"--format Raw11 " + raw, "unknown format 'Raw11'"},
+             {"--scale 1/3 " + raw, "--scale is 1/1 or 1/2 or 1/4 or 1/8, not '1/3'"},
+             {"--crop 2x2 " + raw, "--crop is WxH+X+Y"},
+             {"--crop 2x2+3+0 " + raw, "the crop reaches out of the picture's 4x3"},
+             {"--crop 2x2+0+4294967295 " + raw, "--crop is WxH+X+Y"},
+             {"--pixel 1,3 " + raw, "the pixel reaches out of the picture's 4x3"},
+             {"--format Y16 --bayer rggb " + raw, "--bayer is for raw formats"},
+             {"--range full " + raw, "--matrix and --range are for YUV formats"},
+             {"--white 1,2 --bayer rggb " + raw, "--white is auto or R,G,B"},
+             {"--white auto " + raw, "--white goes with --bayer"},
+             {"--gain nan " + raw, "--gain is auto or a number"},
+             {"--diff " + dump + " " + raw, "x_4x3_NV12.raw: expected"},
+             {"--diff " + raw + " --scale 1/2 " + raw, "--diff does not go with --scale"},
+             {"--histogram " + dump + " " + raw, "x_4x3_NV12.raw is no name for a PNG"},
+             {"--pixel 0,0 " + raw + " " + raw, "go with one dump"},
+             {"--gamma 2 " + raw, "--gamma"},
+             {"", "wants a dump"},
+             {NewDump("x_Raw12.raw", "x"), "no size such as"},
+             {NewDump("x_1x1_Raw121.raw", "x"), "no format in the name"},
+             {NewDump("x_4x3_Raw10.png", std::string(24, '\0')), "the PNG would replace the dump"},
+             {m_dir / "missing_4x3_Raw10.raw", "No such file or directory"},
+             {m_dir.Path() + " --size 4x3 --format Raw10", "is no regular file"},
          }) {
-        ExpectRefusal(options + " " + raw, reason);
+        const std::string output = zyttest::ExpectRefusal("tools/zytview/zytview " + arguments, reason);
+        EXPECT_EQ(output.find('\n'), output.size() - 1) << "in one line";
     }
-    ExpectRefusal("", "wants a dump");
-    ExpectRefusal(raw + " " + dump, "x_4x3_NV12.raw is no name for a PNG");
-    ExpectRefusal(NewDump("x_4x3_Raw10.png", std::string(24, '\0')), "the PNG would replace the dump");
-    ExpectRefusal(m_dir / "missing_4x3_Raw10.raw", "No such file or directory");
-    ExpectRefusal(m_dir.Path() + " --size 4x3 --format Raw10", "Is a directory");
-    EXPECT_EQ(ReadFile(dump).size(), 17u);
     EXPECT_EQ(ReadFile(m_dir / "x_4x3_Raw10.png").size(), 24u);
-
     for (const std::string& png : {m_dir / "missing/x.png", std::string("/dev/full")}) {
         const ChildResult result = Run(raw + " " + png);
         EXPECT_EQ(result.exitCode, 1);
         EXPECT_THAT(result.output, HasSubstr("cannot write " + png));
     }
-    WriteFile(m_dir / "old.png", "an older picture");
-    std::filesystem::create_directory(m_dir / "old.png.part");
-    EXPECT_EQ(Run(raw + " " + (m_dir / "old.png")).exitCode, 1);
-    EXPECT_EQ(ReadFile(m_dir / "old.png"), "an older picture");
+    // Several dumps: a bad one does not keep the others from being done, nor does one take another's PNG.
+    const ChildResult several =
+        Run(raw + " " + dump + " " + NewDump("y_1x2_Raw10.raw", "1234") + " " +
+            NewDump("x_4x3_Raw10.bin", ReadFile(raw)) + " " + NewDump("y_1x2_Raw10.bin", "abcd"));
+    EXPECT_EQ(several.exitCode, 2);
+    EXPECT_THAT(several.output, AllOf(HasSubstr("/y_1x2_Raw10.png  1x2 Raw10\n"),
+                                      HasSubstr("/y_1x2_Raw10.png is written already"), HasSubstr("found 17\n")));
+    // A file that is called like a temporary one is none, and what is not finished leaves nothing.
+    const std::string part = NewDump("new.png.part", ReadFile(raw));
+    EXPECT_EQ(Run("--size 4x3 --format raw10 " + part + " " + (m_dir / "new.png")).output, m_dir / "new.png\n");
+    EXPECT_EQ(ReadFile(part), ReadFile(raw));
+    for (const auto& entry : std::filesystem::directory_iterator(m_dir.Path()))
+        EXPECT_EQ(entry.path().filename().string().find(".zytview"), std::string::npos);
 }

@@ -1,9 +1,17 @@
 #include "dump.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
+#include <cerrno>
+#include <cstring>
 #include <set>
+
+#include "errors.h"
+#include "nodekit/rawpixels.h"
 
 namespace {
 
@@ -39,44 +47,33 @@ void RefuseLess(const std::string& what, uint32_t value, uint32_t least) {
                    std::to_string(least));
 }
 
-// Pixel x of a packed row: the upper 8 bits of each pixel of a group come first, then the lower bits of all of them,
-// those of the first pixel lowest. Bits that a cut row has lost are 0.
-uint16_t PackedSample(const unsigned char* row, uint32_t rowBytes, uint32_t x, uint32_t bits) {
-    const uint32_t groupPixels = bits == 12 ? 2 : 4;
-    const uint32_t group = x / groupPixels * (groupPixels * bits / 8);
-    const uint32_t index = x % groupPixels;
-    const uint32_t lowBits = bits - 8;
-    const uint32_t low = group + groupPixels + index * lowBits / 8;
-    const auto byte = [=](uint32_t i) -> uint32_t { return i < rowBytes ? row[i] : 0; };
-    const uint32_t lows = (byte(low) | byte(low + 1) << 8) >> index * lowBits % 8;
-    return static_cast<uint16_t>(byte(group + index) << lowBits | (lows & ((1u << lowBits) - 1)));
-}
-
 }  // namespace
 
 Dump::Dump(const std::string& path, const Geometry& geometry)
-    : m_layout(*geometry.layout),
+    : m_path(path),
+      m_format(*geometry.format),
+      m_layout(*zyt::FindFormatLayout(m_format)),
       m_width(geometry.width),
-      m_height(geometry.height),
-      m_rowBytes(static_cast<uint32_t>(m_layout.RowBytes(m_width))),
-      m_stride(geometry.stride.value_or(m_rowBytes)) {
+      m_height(geometry.height) {
+    const auto rowBytes = static_cast<uint32_t>(m_layout.RowBytes(m_width));
+    m_stride = geometry.stride.value_or(rowBytes);
     const uint32_t sliceHeight = geometry.sliceHeight.value_or(m_height);
-    RefuseLess("stride", m_stride, m_rowBytes);
+    RefuseLess("stride", m_stride, rowBytes);
     RefuseLess("slice height", sliceHeight, m_height);
     m_chroma = uint64_t{m_stride} * sliceHeight;
 
-    std::error_code error;
-    const uint64_t length = std::filesystem::file_size(path, error);
-    if (error) throw BadInput("cannot read " + path + ": " + error.message());
-    if (!std::filesystem::is_regular_file(path, error)) throw BadInput(path + " is no regular file");
-    std::set<uint64_t> lengths = Lengths(m_rowBytes, m_stride, m_height, sliceHeight, m_layout.HasChroma());
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) throw BadInput("cannot read " + path + ": " + std::strerror(errno));
+    if (!S_ISREG(status.st_mode)) throw BadInput(path + " is no regular file");
+    const auto length = static_cast<uint64_t>(status.st_size);
+    std::set<uint64_t> lengths = Lengths(rowBytes, m_stride, m_height, sliceHeight, m_layout.HasChroma());
     const uint64_t bytesOfHalf = uint64_t{m_width} * m_height;
     const bool mayBeHalf = m_layout.kind == zyt::FormatKind::kGrey && !geometry.stride && !geometry.sliceHeight;
     if (mayBeHalf) lengths.insert(bytesOfHalf);
     if (lengths.count(length) == 0) {
         const bool mayHaveSlack = length > *lengths.rbegin() && !geometry.stride && !geometry.sliceHeight;
-        throw BadInput(path + ": expected " + Join(lengths) + " bytes for " + std::to_string(m_width) + "x" +
-                       std::to_string(m_height) + " " + m_layout.name + ", found " + std::to_string(length) +
+        throw BadInput(path + ": expected " + Join(lengths) + " bytes for " + Describe() + ", found " +
+                       std::to_string(length) +
                        (mayHaveSlack ? "; --stride and --slice-height tell of slack that it kept" : ""));
     }
     if (mayBeHalf && length == bytesOfHalf) {
@@ -85,44 +82,79 @@ Dump::Dump(const std::string& path, const Geometry& geometry)
         m_width /= 2;
     }
     if (m_layout.HasChroma() && length > m_chroma) {
-        const uint64_t rows = (length - m_chroma + m_stride - m_rowBytes) / m_stride;
+        const uint64_t rows = (length - m_chroma + m_stride - rowBytes) / m_stride;
         m_chromaRows = static_cast<uint32_t>(std::min<uint64_t>(rows, (m_height + 1) / 2));
     }
-    m_bytes.resize(length);
-    std::ifstream file(path, std::ios::binary);
-    if (!file.read(reinterpret_cast<char*>(m_bytes.data()), static_cast<std::streamsize>(length))) {
-        throw BadInput("cannot read " + path);
-    }
+    Map(length);
 }
 
-uint16_t Dump::Sample(const unsigned char* row, uint32_t x) const {
-    if (m_layout.kind == zyt::FormatKind::kYuv420) return row[x];
-    if (m_layout.IsPacked()) return PackedSample(row, m_rowBytes, x, m_layout.bits);
-    const auto container = static_cast<uint16_t>(row[size_t{2} * x] | row[size_t{2} * x + 1] << 8);
-    // P010 has its bits at the upper end, raw formats have them at the lower.
-    return m_layout.kind == zyt::FormatKind::kP010 ? static_cast<uint16_t>(container >> (16 - m_layout.bits))
-                                                   : container;
+Dump::~Dump() { munmap(const_cast<unsigned char*>(m_bytes), m_length); }
+
+void Dump::Map(uint64_t length) {
+    const int fd = open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
+    void* bytes = fd < 0 ? MAP_FAILED : mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd, 0);
+    const int error = errno;
+    if (fd >= 0) close(fd);
+    if (bytes == MAP_FAILED) throw BadInput("cannot read " + m_path + ": " + std::strerror(error));
+    m_bytes = static_cast<const unsigned char*>(bytes);
+    m_length = length;
 }
 
-uint32_t Dump::ReadRow(uint32_t y, uint16_t* samples) const {
-    const unsigned char* row = &m_bytes[uint64_t{y} * m_stride];
-    const auto largest = static_cast<uint16_t>((1u << m_layout.bits) - 1);
-    uint32_t excessive = 0;
-    for (uint32_t x = 0; x < m_width; ++x) {
-        const uint16_t sample = Sample(row, x);
-        if (sample > largest) ++excessive;
-        samples[x] = std::min(sample, largest);
-    }
-    return excessive;
+std::string Dump::Describe() const {
+    return std::to_string(m_width) + "x" + std::to_string(m_height) + " " + m_layout.name;
+}
+
+void Dump::ReadRow(uint32_t y, uint16_t* samples) const {
+    zyt::UnpackRow(m_format, m_bytes + uint64_t{y} * m_stride, m_width, samples);
 }
 
 void Dump::ReadChroma(uint32_t y, uint16_t* samples) const {
-    const uint32_t whole = m_width - m_width % 2;
+    const uint32_t whole = 2 * ChromaPairs();
     if (m_chromaRows == 0 || whole == 0) {
         std::fill(samples, samples + m_width + m_width % 2, static_cast<uint16_t>(1u << (m_layout.bits - 1)));
         return;
     }
-    const unsigned char* row = &m_bytes[m_chroma + uint64_t{std::min(y / 2, m_chromaRows - 1)} * m_stride];
-    for (uint32_t x = 0; x < whole; ++x) samples[x] = Sample(row, x);
+    const uint64_t row = std::min(y / 2, m_chromaRows - 1);
+    zyt::UnpackRow(m_format, m_bytes + m_chroma + row * m_stride, whole, samples);
     if (whole < m_width) std::copy(samples + whole - 2, samples + whole, samples + whole);
+}
+
+LineReader::LineReader(const Dump& dump, const Rect& part) : m_dump(dump), m_part(part), m_row(dump.Width() + 1) {
+    Line& first = m_lines[0];
+    first.x = part.x;
+    first.count = part.width;
+    Line& second = m_lines[1];
+    second.isChroma = true;
+    second.x = part.x / 2 * 2;
+    const bool isVFirst = dump.Format() == ZYT_FORMAT_YUV420NV21;
+    second.channels[isVFirst] = 1;
+    second.channels[!isVFirst] = 2;
+    for (Line& line : m_lines) line.samples.resize(dump.Width() + 1);
+}
+
+const Line (&LineReader::Read(uint32_t y))[2] {
+    Line& first = m_lines[0];
+    m_dump.ReadRow(y, m_row.data());
+    std::copy_n(&m_row[first.x], first.count, first.samples.begin());
+    if (m_dump.Layout().kind == zyt::FormatKind::kRaw) {
+        for (uint32_t i : {0u, 1u}) first.channels[i] = 2 * (y & 1) + ((first.x + i) & 1);
+    }
+    Line& second = m_lines[1];
+    second.count = 0;
+    const bool startsChroma = y % 2 == 0 || y == m_part.y;
+    if (startsChroma && y / 2 < m_dump.ChromaRows()) {
+        m_dump.ReadChroma(y, m_row.data());
+        const uint32_t end = std::min((m_part.x + m_part.width + 1) / 2, m_dump.ChromaPairs()) * 2;
+        if (second.x < end) second.count = end - second.x;
+        std::copy_n(&m_row[second.x], second.count, second.samples.begin());
+    }
+    return m_lines;
+}
+
+std::vector<std::string> ChannelNames(const Dump& dump, const std::optional<uint32_t>& bayer) {
+    if (dump.Layout().HasChroma()) return {"Y", "U", "V"};
+    if (dump.Layout().kind == zyt::FormatKind::kGrey) return {"Y"};
+    if (!bayer) return {"0,0", "1,0", "0,1", "1,1"};
+    const std::vector<std::string> names = {"R", "Gr", "Gb", "B"};
+    return {names[*bayer], names[*bayer ^ 1], names[*bayer ^ 2], names[*bayer ^ 3]};
 }

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <cstring>
 
 namespace {
 
@@ -17,18 +15,42 @@ uint16_t Rounded(int64_t fixed, int64_t largest) {
     return static_cast<uint16_t>(std::clamp((fixed + half) >> kFractionBits, int64_t{0}, largest));
 }
 
+// The rounded mean of count values, of which there is at least one.
+uint16_t Mean(uint32_t sum, uint32_t count) {
+    return static_cast<uint16_t>((sum + count / 2) / count);  // NOLINT(clang-analyzer-core.DivideZero): never 0
+}
+
 }  // namespace
 
 Picture::Picture(const Dump& dump, const Look& look) : m_dump(dump), m_look(look) {
-    for (std::vector<uint16_t>& row : m_rows) row.resize(dump.Width() + 1);
-    const double redWeight = look.isBt709 ? 0.2126 : 0.299;
-    const double blueWeight = look.isBt709 ? 0.0722 : 0.114;
+    if (dump.Layout().HasChroma()) {
+        MakeFactors();
+    } else {
+        MakeTables();
+    }
+}
+
+void Picture::MakeTables() {
+    const double largest = m_dump.LargestSample();
+    for (uint32_t colour = 0; colour < (m_look.bayer ? 3u : 1u); ++colour) {
+        const double factor = m_look.levels.gain * (m_look.bayer ? m_look.levels.white[colour] : 1);
+        m_tables[colour].resize(1u << 16);
+        for (uint32_t sample = 0; sample <= 0xffff; ++sample) {
+            const double brightness = (std::min<double>(sample, largest) - m_look.levels.black) * factor;
+            m_tables[colour][sample] =
+                static_cast<uint16_t>(std::lround(std::clamp(brightness, 0.0, largest) * 65535 / largest));
+        }
+    }
+}
+
+void Picture::MakeFactors() {
+    const double redWeight = m_look.isBt709 ? 0.2126 : 0.299;
+    const double blueWeight = m_look.isBt709 ? 0.0722 : 0.114;
     const double greenWeight = 1 - redWeight - blueWeight;
-    const uint32_t bits = dump.Layout().bits;
-    const double fullSpan = (1u << bits) - 1;
-    const double lumaSpan = look.isLimitedRange ? 219u << (bits - 8) : fullSpan;
-    const double chromaSpan = look.isLimitedRange ? 224u << (bits - 8) : fullSpan;
-    const double largest = (1u << Depth()) - 1;
+    const uint32_t bits = m_dump.Layout().bits;
+    const double lumaSpan = m_look.isLimitedRange ? 219u << (bits - 8) : m_dump.LargestSample();
+    const double chromaSpan = m_look.isLimitedRange ? 224u << (bits - 8) : m_dump.LargestSample();
+    const double largest = m_look.levels.gain * (bits == 8 ? 0xff : 0xffff);
     m_luma = Fixed(largest / lumaSpan);
     m_redV = Fixed(2 * (1 - redWeight) * largest / chromaSpan);
     m_blueU = Fixed(2 * (1 - blueWeight) * largest / chromaSpan);
@@ -36,66 +58,142 @@ Picture::Picture(const Dump& dump, const Look& look) : m_dump(dump), m_look(look
     m_greenU = Fixed(2 * (1 - blueWeight) * blueWeight / greenWeight * largest / chromaSpan);
 }
 
-void Picture::ReadRow(uint32_t y, uint16_t* values) {
-    if (m_dump.Layout().HasChroma()) return ReadYuvRow(y, values);
-    if (m_look.bayer) return ReadBayerRow(y, values);
-    ReadSpreadRow(y, values);
-}
-
-void Picture::ReadSpreadRow(uint32_t y, uint16_t* samples) {
-    m_excessive += m_dump.ReadRow(y, samples);
-    const uint32_t bits = m_dump.Layout().bits;
-    for (uint32_t x = 0; x < Width(); ++x) {
-        samples[x] = static_cast<uint16_t>(samples[x] << (16 - bits) | samples[x] >> (2 * bits - 16));
+Rows Picture::AllRows() const {
+    const bool hasChroma = m_dump.Layout().HasChroma();
+    const size_t width = m_dump.Width();
+    Rows rows{
+        m_dump.Width(), m_dump.Height(), m_look.bayer || hasChroma ? 3u : 1u, m_dump.Layout().bits == 8 ? 8u : 16u, {}};
+    if (hasChroma) {
+        rows.newReader = [=]() -> RowReader {
+            return [this, luma = std::vector<uint16_t>(width), chroma = std::vector<uint16_t>(width + 1)](
+                       uint32_t y, uint16_t* values) mutable { ReadYuvRow(y, luma.data(), chroma.data(), values); };
+        };
+    } else if (m_look.bayer) {
+        rows.newReader = [=]() -> RowReader {
+            HeldRows held;
+            for (Held& row : held) row.samples.resize(width);
+            return [this, held](uint32_t y, uint16_t* values) mutable { ReadBayerRow(y, held, values); };
+        };
+    } else {
+        rows.newReader = [=]() -> RowReader {
+            return [this](uint32_t y, uint16_t* values) { m_excessive += ReadSpreadRow(y, values); };
+        };
     }
+    return rows;
 }
 
-void Picture::ReadYuvRow(uint32_t y, uint16_t* values) {
+uint32_t Picture::ReadSpreadRow(uint32_t y, uint16_t* samples) const {
+    m_dump.ReadRow(y, samples);
+    const uint16_t* tables[2] = {m_tables[0].data(), m_tables[0].data()};
+    for (const uint32_t x : {0u, 1u}) {
+        if (m_look.bayer) tables[x] = m_tables[ColourAt(*m_look.bayer, x, y)].data();
+    }
+    const uint32_t largest = m_dump.LargestSample();
+    uint32_t excessive = 0;
+    for (uint32_t x = 0; x < m_dump.Width(); ++x) {
+        if (samples[x] > largest) ++excessive;
+        samples[x] = tables[x & 1][samples[x]];
+    }
+    return excessive;
+}
+
+void Picture::ReadYuvRow(uint32_t y, uint16_t* luma, uint16_t* chroma, uint16_t* values) const {
     const uint32_t bits = m_dump.Layout().bits;
-    const int64_t black = m_look.isLimitedRange ? 16 << (bits - 8) : 0;
     const int64_t middle = 128 << (bits - 8);
-    const int64_t largest = (1 << Depth()) - 1;
-    const bool isVFirst = &m_dump.Layout() == zyt::FindFormatLayout(ZYT_FORMAT_YUV420NV21);
-    uint16_t* luma = m_rows[0].data();
-    uint16_t* chroma = m_rows[1].data();
+    const int64_t largest = bits == 8 ? 0xff : 0xffff;
+    const int64_t black = std::llround(static_cast<double>(m_luma) * m_look.levels.black);
+    const bool isVFirst = m_dump.Format() == ZYT_FORMAT_YUV420NV21;
     m_dump.ReadRow(y, luma);
     m_dump.ReadChroma(y, chroma);
-    for (uint32_t x = 0; x < Width(); ++x, values += 3) {
+    for (uint32_t x = 0; x < m_dump.Width(); ++x, values += 3) {
         const uint16_t* pair = chroma + (x & ~1u);
         const int64_t u = pair[isVFirst] - middle;
         const int64_t v = pair[!isVFirst] - middle;
-        const int64_t grey = m_luma * (luma[x] - black);
+        const int64_t grey = m_luma * luma[x] - black;
         values[0] = Rounded(grey + m_redV * v, largest);
         values[1] = Rounded(grey - m_greenU * u - m_greenV * v, largest);
         values[2] = Rounded(grey + m_blueU * u, largest);
     }
 }
 
-void Picture::ReadBayerRow(uint32_t y, uint16_t* values) {
-    // Red lies at odd columns in GRBG and BGGR and at odd rows in GBRG and BGGR. Seen from there, a pixel is red at
-    // even columns and rows, blue at odd ones, and green where one of both is odd.
-    const auto channelAt = [=](uint32_t column, uint32_t row) {
-        return ((column ^ *m_look.bayer) & 1) + ((row ^ *m_look.bayer >> 1) & 1);
-    };
-    const uint32_t top = y - std::min(y, 1u);
-    const uint32_t bottom = std::min(y + 1, Height() - 1);
-    for (m_nextRow = std::max(m_nextRow, top); m_nextRow <= bottom; ++m_nextRow) {
-        ReadSpreadRow(m_nextRow, m_rows[m_nextRow % 3].data());
+void Picture::ReadBayerRow(uint32_t y, HeldRows& held, uint16_t* values) const {
+    const uint32_t right = m_dump.Width() - 1;
+    const uint32_t bottom = m_dump.Height() - 1;
+    for (uint32_t row = y - std::min(y, 1u); row <= std::min(y + 1, bottom); ++row) {
+        Held& next = held[row % 3];
+        if (next.row != row) next.excessive = ReadSpreadRow(row, next.samples.data());
+        next.row = row;
     }
-    for (uint32_t x = 0; x < Width(); ++x, values += 3) {
-        uint32_t sum[3] = {};
-        uint32_t count[3] = {};
-        for (uint32_t row = top; row <= bottom; ++row) {
-            for (uint32_t column = x - std::min(x, 1u); column <= std::min(x + 1, Width() - 1); ++column) {
-                const uint32_t channel = channelAt(column, row);
-                sum[channel] += m_rows[row % 3][column];
-                ++count[channel];
+    m_excessive += held[y % 3].excessive;
+    if (y == 0 || y == bottom || right == 0) {
+        for (uint32_t x = 0; x <= right; ++x) MixPixel(x, y, held, values + size_t{3} * x);
+        return;
+    }
+    MixPixel(0, y, held, values);
+    MixPixel(right, y, held, values + size_t{3} * right);
+    // Inside, each colour has two or four neighbours.
+    const uint16_t* above = held[(y - 1) % 3].samples.data();
+    const uint16_t* here = held[y % 3].samples.data();
+    const uint16_t* below = held[(y + 1) % 3].samples.data();
+    const uint32_t first = ColourAt(*m_look.bayer, 0, y);
+    const uint32_t own = first == 1 ? ColourAt(*m_look.bayer, 1, y) : first;  // red or blue, whichever the row has
+    const uint32_t other = 2 - own;
+    for (uint32_t x = 1; x < right; ++x) {
+        uint16_t* pixel = values + size_t{3} * x;
+        if ((x & 1) == (first == 1)) {
+            pixel[own] = here[x];
+            pixel[1] = Mean(here[x - 1] + here[x + 1] + above[x] + below[x], 4);
+            pixel[other] = Mean(above[x - 1] + above[x + 1] + below[x - 1] + below[x + 1], 4);
+        } else {
+            pixel[own] = Mean(here[x - 1] + here[x + 1], 2);
+            pixel[1] = here[x];
+            pixel[other] = Mean(above[x] + below[x], 2);
+        }
+    }
+}
+
+// A pixel at the edge has the mean of what there is.
+void Picture::MixPixel(uint32_t x, uint32_t y, const HeldRows& held, uint16_t* values) const {
+    uint32_t sum[3] = {};
+    uint32_t count[3] = {};
+    for (uint32_t row = y - std::min(y, 1u); row <= std::min(y + 1, m_dump.Height() - 1); ++row) {
+        for (uint32_t column = x - std::min(x, 1u); column <= std::min(x + 1, m_dump.Width() - 1); ++column) {
+            const uint32_t colour = ColourAt(*m_look.bayer, column, row);
+            sum[colour] += held[row % 3].samples[column];
+            ++count[colour];
+        }
+    }
+    const uint16_t own = held[y % 3].samples[x];
+    for (uint32_t colour = 0; colour < 3; ++colour) {
+        values[colour] = count[colour] == 0 ? own : Mean(sum[colour], count[colour]);
+    }
+    values[ColourAt(*m_look.bayer, x, y)] = own;
+}
+
+Rows Part(const Rows& rows, const Rect& crop, uint32_t divisor) {
+    Rows part = rows;
+    part.width = (crop.width + divisor - 1) / divisor;
+    part.height = (crop.height + divisor - 1) / divisor;
+    if (part.width == rows.width && part.height == rows.height) return rows;
+    part.newReader = [=]() -> RowReader {
+        std::vector<uint16_t> row(size_t{rows.width} * rows.channels);
+        std::vector<uint32_t> sums(size_t{part.width} * rows.channels);
+        return [=, read = rows.newReader()](uint32_t y, uint16_t* values) mutable {
+            const uint32_t count = std::min(divisor, crop.height - y * divisor);
+            std::fill(sums.begin(), sums.end(), 0);
+            for (uint32_t i = 0; i < count; ++i) {
+                read(crop.y + y * divisor + i, row.data());
+                const uint16_t* next = &row[size_t{crop.x} * rows.channels];
+                for (uint32_t x = 0; x < crop.width; ++x) {
+                    uint32_t* sum = &sums[size_t{x / divisor} * rows.channels];
+                    for (uint32_t channel = 0; channel < rows.channels; ++channel) sum[channel] += *next++;
+                }
             }
-        }
-        const uint16_t own = m_rows[y % 3][x];
-        for (uint32_t channel = 0; channel < 3; ++channel) {
-            values[channel] = count[channel] == 0 ? own : Mean(sum[channel], count[channel]);
-        }
-        values[channelAt(x, y)] = own;
-    }
+            for (size_t i = 0; i < sums.size(); ++i) {
+                const auto x = static_cast<uint32_t>(i / rows.channels);
+                values[i] = Mean(sums[i], count * std::min(divisor, crop.width - x * divisor));
+            }
+        };
+    };
+    return part;
 }

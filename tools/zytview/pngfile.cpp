@@ -1,62 +1,100 @@
 #include "pngfile.h"
 
 #include <png.h>
+#include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csetjmp>
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <vector>
+
+#include "outputfile.h"
 
 namespace {
 
-// libpng reports an error by a jump back into this frame, so nothing here may need a destructor.
-bool Encode(FILE* file, const PngHeader& header, uint16_t* values, unsigned char* bytes, const RowReader& readRow) {
-    const auto jumpBack = [](png_structp png, png_const_charp) { png_longjmp(png, 1); };
-    const auto ignore = [](png_structp, png_const_charp) {};
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, jumpBack, ignore);
-    png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
-    if (info == nullptr || setjmp(png_jmpbuf(png)) != 0) {
-        png_destroy_write_struct(&png, &info);
-        return false;
+// libpng reports an error by a jump back into the frame that called it, so nothing there may need a destructor.
+class Encoder {
+public:
+    ~Encoder() { png_destroy_write_struct(&m_png, &m_info); }
+
+    bool Begin(FILE* file, const Rows& rows) {
+        const auto jumpBack = [](png_structp png, png_const_charp) { png_longjmp(png, 1); };
+        const auto ignore = [](png_structp, png_const_charp) {};
+        m_png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, jumpBack, ignore);
+        m_info = m_png != nullptr ? png_create_info_struct(m_png) : nullptr;
+        if (m_info == nullptr || setjmp(png_jmpbuf(m_png)) != 0) return false;
+        png_init_io(m_png, file);
+        png_set_IHDR(m_png, m_info, rows.width, rows.height, static_cast<int>(rows.depth),
+                     rows.channels == 1 ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
+                     PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+        // Measured over noise, photographs and smooth frames of 12 megapixels: a third of the default's time. A
+        // photograph becomes no larger, since its noise has no matches to be found; a smooth frame twice as large.
+        png_set_filter(m_png, PNG_FILTER_TYPE_BASE, PNG_FILTER_UP);
+        png_set_compression_strategy(m_png, Z_RLE);
+        png_set_compression_level(m_png, 1);
+        png_write_info(m_png, m_info);
+        return true;
     }
-    png_init_io(png, file);
-    png_set_IHDR(png, info, header.width, header.height, static_cast<int>(header.depth),
-                 header.channels == 1 ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
-                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
-    const size_t count = size_t{header.width} * header.channels;
-    for (uint32_t y = 0; y < header.height; ++y) {
-        readRow(y, values);
-        unsigned char* next = bytes;
-        for (size_t i = 0; i < count; ++i) {
-            if (header.depth == 16) *next++ = static_cast<unsigned char>(values[i] >> 8);
-            *next++ = static_cast<unsigned char>(values[i]);
-        }
-        png_write_row(png, bytes);
+
+    bool Write(const unsigned char* bytes, size_t rowBytes, uint32_t rows) {
+        if (setjmp(png_jmpbuf(m_png)) != 0) return false;
+        for (uint32_t y = 0; y < rows; ++y) png_write_row(m_png, bytes + y * rowBytes);
+        return true;
     }
-    png_write_end(png, info);
-    png_destroy_write_struct(&png, &info);
-    return true;
+
+    bool End() {
+        if (setjmp(png_jmpbuf(m_png)) != 0) return false;
+        png_write_end(m_png, m_info);
+        return true;
+    }
+
+private:
+    png_structp m_png = nullptr;
+    png_infop m_info = nullptr;
+};
+
+// The upper byte first, as PNG has it.
+void PutBytes(const std::vector<uint16_t>& values, uint32_t depth, unsigned char* bytes) {
+    if (depth == 8) {
+        std::copy(values.begin(), values.end(), bytes);
+        return;
+    }
+    for (const uint16_t value : values) {
+        const auto turned = static_cast<uint16_t>(value << 8 | value >> 8);
+        std::memcpy(bytes, &turned, sizeof(turned));
+        bytes += sizeof(turned);
+    }
 }
 
 }  // namespace
 
-void WritePng(const std::string& path, const PngHeader& header, const RowReader& readRow) {
-    std::error_code error;
-    // A pipe or a device has no content to lose, and must not be replaced.
-    const bool isInPlace = std::filesystem::exists(path, error) && !std::filesystem::is_regular_file(path, error);
-    const std::string target = isInPlace ? path : path + ".part";
-    std::vector<uint16_t> values(size_t{header.width} * header.channels);
-    std::vector<unsigned char> bytes(values.size() * 2);
-
-    FILE* file = std::fopen(target.c_str(), "wb");
-    bool isWritten = file != nullptr && Encode(file, header, values.data(), bytes.data(), readRow);
-    if (file != nullptr && std::fclose(file) != 0) isWritten = false;
-    if (isWritten && !isInPlace) isWritten = std::rename(target.c_str(), path.c_str()) == 0;
-    if (isWritten) return;
-    const std::string reason = std::strerror(errno);
-    if (file != nullptr && !isInPlace) std::remove(target.c_str());
-    throw WriteError("cannot write " + path + ": " + reason);
+void WritePng(const std::string& path, const Rows& rows, Workers& workers) {
+    constexpr size_t kBandBytes = 4 << 20;
+    const size_t rowBytes = size_t{rows.width} * rows.channels * rows.depth / 8;
+    const auto bandRows = static_cast<uint32_t>(std::clamp<size_t>(kBandBytes / rowBytes, 1, rows.height));
+    std::vector<unsigned char> band(bandRows * rowBytes);
+    OutputFile file(path);
+    Encoder encoder;
+    errno = 0;
+    const auto check = [&](bool isWritten) {
+        if (!isWritten) file.Fail(errno != 0 ? std::strerror(errno) : "libpng has no memory");
+    };
+    check(encoder.Begin(file.Stream(), rows));
+    for (uint32_t first = 0; first < rows.height; first += bandRows) {
+        const uint32_t end = std::min(first + bandRows, rows.height);
+        workers.ForRows(first, end, [&](uint32_t from, uint32_t to) {
+            const RowReader read = rows.newReader();
+            std::vector<uint16_t> values(size_t{rows.width} * rows.channels);
+            for (uint32_t y = from; y < to; ++y) {
+                read(y, values.data());
+                PutBytes(values, rows.depth, &band[(y - first) * rowBytes]);
+            }
+        });
+        errno = 0;
+        check(encoder.Write(band.data(), rowBytes, end - first));
+        workers.Show(end, rows.height);
+    }
+    check(encoder.End());
+    file.Commit();
 }

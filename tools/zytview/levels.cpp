@@ -1,0 +1,74 @@
+#include "levels.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+using Weighted = std::vector<std::pair<double, uint64_t>>;  // brightness, and how many samples have it
+
+// The brightness at a thousandth of the samples, from the darkest on or from the lightest.
+double Thousandth(const Weighted& sorted, bool isLightest) {
+    uint64_t left = 0;
+    for (const auto& [brightness, count] : sorted) left += count;
+    left /= 1000;
+    if (isLightest) {
+        for (auto it = sorted.rbegin(); it != sorted.rend(); left -= (it++)->second) {
+            if (it->second > left) return it->first;
+        }
+    } else {
+        for (auto it = sorted.begin(); it != sorted.end(); left -= (it++)->second) {
+            if (it->second > left) return it->first;
+        }
+    }
+    return 0;
+}
+
+Weighted Brightness(const std::vector<Counts>& counts, const Levels& levels, const std::optional<uint32_t>& bayer) {
+    Weighted sorted;
+    // With chroma only the first channel is brightness; four channels are Bayer's.
+    const uint32_t channels = counts.size() == 4 ? 4 : 1;
+    for (uint32_t channel = 0; channel < channels; ++channel) {
+        const double factor = bayer ? levels.white[ColourAt(*bayer, channel & 1, channel >> 1)] : 1;
+        for (uint32_t value = 0; value < counts[channel].size(); ++value) {
+            const uint64_t count = counts[channel][value];
+            if (count > 0) sorted.emplace_back((value - levels.black) * factor, count);
+        }
+    }
+    std::sort(sorted.begin(), sorted.end());
+    return sorted;
+}
+
+// Gains that make the means of red and blue that of green.
+void MakeGrey(const std::vector<Counts>& counts, uint32_t bayer, Levels& levels) {
+    double sums[3] = {};
+    double samples[3] = {};
+    for (uint32_t channel = 0; channel < 4; ++channel) {
+        const Statistics statistics = Describe(counts[channel], 0);
+        const uint32_t colour = ColourAt(bayer, channel & 1, channel >> 1);
+        const auto count = static_cast<double>(statistics.samples);
+        sums[colour] += (statistics.mean - levels.black) * count;
+        samples[colour] += count;
+    }
+    for (const uint32_t colour : {0u, 2u}) {
+        if (sums[colour] > 0 && sums[1] > 0) {
+            levels.white[colour] = sums[1] / samples[1] / (sums[colour] / samples[colour]);
+        }
+    }
+}
+
+}  // namespace
+
+Levels Resolve(const WantedLevels& wanted, const std::vector<Counts>& counts, const std::optional<uint32_t>& bayer,
+               double black, double span) {
+    Levels levels;
+    levels.black = wanted.black.value_or(wanted.isGainAuto ? Thousandth(Brightness(counts, {}, {}), false) : black);
+    levels.gain = wanted.gain;
+    std::copy_n(wanted.white, 3, levels.white);
+    if (wanted.isWhiteAuto) MakeGrey(counts, *bayer, levels);
+    if (wanted.isGainAuto) {
+        const double lightest = Thousandth(Brightness(counts, levels, bayer), true);
+        if (lightest > 0) levels.gain = span / lightest;
+    }
+    return levels;
+}

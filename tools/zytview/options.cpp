@@ -1,0 +1,239 @@
+#include "options.h"
+
+#include <getopt.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+#include "errors.h"
+#include "nodekit/dumpname.h"
+#include "outputfile.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: zytview [options] DUMP [PNG]\n"
+    "       zytview [options] DUMP...\n"
+    "\n"
+    "Turns a raw dump into a PNG, DUMP's name with .png unless another is given, and prints its name; - is the "
+    "standard\n"
+    "output. Size and format come from the dump's name, such as night_4000x3000_RawMipi10.raw, where no option tells\n"
+    "them; of several the last.\n"
+    "\n"
+    "What the dump is\n"
+    "  --size WxH               pixels, each side from 1 to 131072\n"
+    "  --format NAME            YUV420NV12, YUV420NV21 (or NV12, NV21), YUV_P010 (or P010), Y16,\n"
+    "                           RawMipi10, RawMipi12, RawMipi14, Raw10, Raw12, Raw14, Raw16\n"
+    "  --stride BYTES           from row to row, for a file that kept the slack behind its rows\n"
+    "  --slice-height ROWS      from the first plane to the second, for a file that kept the rows between them\n"
+    "  --matrix bt601|bt709     of YUV formats; bt601 unless told otherwise\n"
+    "  --range full|limited     of YUV formats; full unless told otherwise\n"
+    "\n"
+    "How it is shown\n"
+    "  --bayer rggb|grbg|gbrg|bggr\n"
+    "                           raw formats in colour; in grey unless told so\n"
+    "  --white R,G,B|auto       gains of the colours of --bayer; auto makes the picture grey on average\n"
+    "  --black N                the sample that is black: 0, or 16 of 255 in the limited range, unless told otherwise\n"
+    "  --gain X|auto            how much brighter; auto makes the darkest thousandth of the samples black, unless "
+    "--black\n"
+    "                           tells what is, and the lightest thousandth white\n"
+    "  --crop WxH+X+Y           that part only, in the dump's pixels\n"
+    "  --scale 1/1|1/2|1/4|1/8  each pixel the mean of a square of pixels\n"
+    "\n"
+    "What is in it; with these there is no picture unless PNG is given\n"
+    "  --stats                  each channel's minimum, maximum, mean, standard deviation and clipped samples: those "
+    "of 0\n"
+    "                           and of the format's largest. Bayer positions are column,row unless --bayer names them\n"
+    "  --pixel X,Y              the samples there and around it\n"
+    "  --diff OTHER             how another dump of that size and format differs; PNG shows where, the largest "
+    "difference\n"
+    "                           white and every other at least dark grey. Exit code 1 when it does\n"
+    "  --histogram PNG          how often each sample is there; heights are square roots, clipped samples are red\n"
+    "  --json                   --stats and --diff as JSON, an object a line\n"
+    "  -h, --help, --version\n"
+    "\n"
+    "All but 8-bit YUV becomes a 16-bit PNG. Raw samples lie in its upper bits, so that a shift gives each back. Exit "
+    "codes:\n"
+    "0 for success, 1 when something cannot be written or --diff finds a difference, 2 for a mistake in what was "
+    "given.\n"
+    "Of several dumps a bad one is reported and the others are done.\n";
+
+constexpr uint32_t kMaxNumber = 999999999;
+
+// The index of the word that was given.
+uint32_t Choice(const std::string& option, const std::string& value, const std::vector<std::string>& words) {
+    const auto found = std::find(words.begin(), words.end(), value);
+    if (found != words.end()) return static_cast<uint32_t>(found - words.begin());
+    std::string list;
+    for (const std::string& word : words) list += (list.empty() ? "" : " or ") + word;
+    throw BadInput("--" + option + " is " + list + ", not '" + value + "'");
+}
+
+// Reads a number that fills the text; false, with nothing changed, for anything else.
+template <typename Number>
+bool ReadNumber(std::string_view text, Number least, Number largest, Number& number) {
+    Number value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || stop != end || !(value >= least && value <= largest)) return false;
+    number = value;
+    return true;
+}
+
+uint32_t Number(const std::string& option, const std::string& value) {
+    uint32_t number = 0;
+    if (ReadNumber(value, 1u, kMaxNumber, number)) return number;
+    throw BadInput("--" + option + " is a number from 1 to " + std::to_string(kMaxNumber) + ", not '" + value + "'");
+}
+
+Rect Crop(const std::string& value) {
+    Rect crop;
+    const size_t first = value.find('+');
+    const size_t second = value.find('+', first + 1);
+    if (first != value.npos && second != value.npos &&
+        zyt::ParseSize(value.substr(0, first), crop.width, crop.height) &&
+        ReadNumber(value.substr(first + 1, second - first - 1), 0u, kMaxNumber, crop.x) &&
+        ReadNumber(value.substr(second + 1), 0u, kMaxNumber, crop.y)) {
+        return crop;
+    }
+    throw BadInput("--crop is WxH+X+Y, such as 640x480+100+50, not '" + value + "'");
+}
+
+Rect Pixel(const std::string& value) {
+    Rect pixel{0, 0, 1, 1};
+    const size_t comma = value.find(',');
+    if (comma != value.npos && ReadNumber(value.substr(0, comma), 0u, kMaxNumber, pixel.x) &&
+        ReadNumber(value.substr(comma + 1), 0u, kMaxNumber, pixel.y)) {
+        return pixel;
+    }
+    throw BadInput("--pixel is X,Y, such as 100,50, not '" + value + "'");
+}
+
+void SetLevels(WantedLevels& levels, const std::string& name, const std::string& value) {
+    constexpr double kMaxGain = 65535;
+    if (name == "black") {
+        uint32_t black = 0;
+        if (!ReadNumber(value, 0u, 65534u, black)) {
+            throw BadInput("--black is a sample from 0 to 65534, not '" + value + "'");
+        }
+        levels.black = black;
+    } else if (name == "gain") {
+        levels.isGainAuto = value == "auto";
+        if (!levels.isGainAuto && !ReadNumber(value, 0.0, kMaxGain, levels.gain)) {
+            throw BadInput("--gain is auto or a number from 0 to 65535, not '" + value + "'");
+        }
+    } else {
+        levels.isWhiteAuto = value == "auto";
+        const size_t first = value.find(',');
+        const size_t second = value.find(',', first + 1);
+        if (!levels.isWhiteAuto &&
+            (first == value.npos || second == value.npos ||
+             !ReadNumber(value.substr(0, first), 0.0, kMaxGain, levels.white[0]) ||
+             !ReadNumber(value.substr(first + 1, second - first - 1), 0.0, kMaxGain, levels.white[1]) ||
+             !ReadNumber(value.substr(second + 1), 0.0, kMaxGain, levels.white[2]))) {
+            throw BadInput("--white is auto or R,G,B, such as 1.9,1,1.6, not '" + value + "'");
+        }
+    }
+}
+
+void SetOption(Options& options, const std::string& name, const std::string& value) {
+    Geometry& geometry = options.geometry;
+    if (name == "size" && !zyt::ParseSize(value, geometry.width, geometry.height)) {
+        throw BadInput("--size is WxH, each from 1 to 131072, such as 4000x3000, not '" + value + "'");
+    }
+    if (name == "format" && !(geometry.format = zyt::FindFormat(value))) {
+        throw BadInput("unknown format '" + value + "'; --help lists them");
+    }
+    if (name == "stride") geometry.stride = Number(name, value);
+    if (name == "slice-height") geometry.sliceHeight = Number(name, value);
+    if (name == "matrix") options.isBt709 = Choice(name, value, {"bt601", "bt709"}) == 1;
+    if (name == "range") options.isLimitedRange = Choice(name, value, {"full", "limited"}) == 1;
+    options.hasYuvOption |= name == "matrix" || name == "range";
+    if (name == "bayer") options.bayer = Choice(name, value, {"rggb", "grbg", "gbrg", "bggr"});
+    if (name == "black" || name == "gain" || name == "white") SetLevels(options.levels, name, value);
+    if (name == "white") options.hasWhite = true;
+    if (name == "crop") options.crop = Crop(value);
+    if (name == "scale") options.divisor = 1u << Choice(name, value, {"1/1", "1/2", "1/4", "1/8"});
+    if (name == "pixel") options.pixel = Pixel(value);
+    if (name == "diff") options.other = value;
+    if (name == "histogram") options.histogram = value;
+    options.wantsStatistics |= name == "stats";
+    options.wantsJson |= name == "json";
+}
+
+void CheckNames(Options& options) {
+    std::vector<std::string>& dumps = options.dumps;
+    if (dumps.empty()) throw BadInput("wants a dump, and perhaps the name of a PNG; --help tells more");
+    if (dumps.size() > 1 && IsPngName(dumps.back())) {
+        if (dumps.size() > 2) throw BadInput("the name of a PNG goes with one dump; PNGs of several have their names");
+        options.png = dumps.back();
+        dumps.pop_back();
+    }
+    const bool isForOne = options.pixel || !options.other.empty() || !options.histogram.empty();
+    if (dumps.size() > 1 && isForOne) throw BadInput("--pixel, --diff and --histogram go with one dump");
+    if (!options.histogram.empty() && !IsPngName(options.histogram)) {
+        throw BadInput(options.histogram + " is no name for a PNG, such as x.png");
+    }
+    if (!options.other.empty() && options.divisor > 1) throw BadInput("--diff does not go with --scale");
+    if (options.hasWhite && !options.bayer) throw BadInput("--white goes with --bayer");
+    if (options.wantsJson && options.other.empty()) options.wantsStatistics = true;
+}
+
+}  // namespace
+
+bool IsPngName(const std::string& path) {
+    std::string extension = std::filesystem::path(path).extension();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    std::error_code error;
+    return extension == ".png" || IsStandardOutput(path) || std::filesystem::is_other(path, error);
+}
+
+Options ParseOptions(int argc, char** argv) {
+    static std::vector<option> known;
+    for (const char* name : {"size", "format", "stride", "slice-height", "matrix", "range", "bayer", "white", "black",
+                             "gain", "crop", "scale", "pixel", "diff", "histogram"}) {
+        known.push_back({name, required_argument, nullptr, 0});
+    }
+    for (const char* name : {"stats", "json"}) known.push_back({name, no_argument, nullptr, 0});
+    known.insert(known.end(), {{"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'v'}, {}});
+    Options options;
+    int index = 0;
+    for (int found = 0; (found = getopt_long(argc, argv, "h", known.data(), &index)) != -1;) {
+        if (found == '?') std::exit(2);  // getopt_long has said why
+        if (found == 'h') std::exit(std::fputs(kUsage, stdout) < 0);
+        if (found == 'v') std::exit(std::puts("zytview " ZYTVIEW_VERSION) < 0);
+        SetOption(options, known[static_cast<size_t>(index)].name, optarg != nullptr ? optarg : "");
+    }
+    options.dumps.assign(argv + optind, argv + argc);
+    CheckNames(options);
+    return options;
+}
+
+Geometry Complete(const Options& options, const std::string& dump, const Geometry& another) {
+    Geometry geometry = options.geometry;
+    const zyt::DumpInfo info = zyt::ParseDumpName(dump);
+    if (!geometry.format) geometry.format = info.format ? info.format : another.format;
+    if (geometry.width == 0) {
+        geometry.width = info.width > 0 ? info.width : another.width;
+        geometry.height = info.width > 0 ? info.height : another.height;
+    }
+    if (geometry.width == 0) {
+        throw BadInput("no size such as 4000x3000, each side from 1 to 131072, in the name of " + dump +
+                       ", nor --size");
+    }
+    if (!geometry.format) throw BadInput("no format in the name of " + dump + ", nor --format");
+    const zyt::FormatLayout& layout = *zyt::FindFormatLayout(*geometry.format);
+    const std::string name = layout.name;
+    if (options.bayer && layout.kind != zyt::FormatKind::kRaw) {
+        throw BadInput("--bayer is for raw formats, and " + name + " is none");
+    }
+    if (options.hasYuvOption && !layout.HasChroma()) {
+        throw BadInput("--matrix and --range are for YUV formats, and " + name + " is none");
+    }
+    return geometry;
+}
