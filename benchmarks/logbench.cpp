@@ -6,17 +6,14 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "logging/zytlogsite.h"
+#include "nodekit/logflush.h"
 
 namespace {
 
@@ -64,38 +61,6 @@ std::string ReadFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Returns once the workers are done with everything queued so far: each of them is held at a barrier behind it.
-class WorkerBarrier {
-public:
-    explicit WorkerBarrier(ZYTThreadPool& pool) {
-        WorkerBarrier* self = this;
-        for (unsigned int i = 0; i < ZYTOfflineLog::kWorkerCount; ++i) {
-            void* data = std::malloc(sizeof(self));
-            std::memcpy(data, &self, sizeof(self));
-            pool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, Arrive, data, sizeof(self)});
-        }
-        // All have left, not only arrived: the last one still notifies through this object.
-        std::unique_lock<std::mutex> lock(m_lock);
-        m_changed.wait(lock, [this] { return m_left == ZYTOfflineLog::kWorkerCount; });
-    }
-
-private:
-    static void Arrive(void* data, unsigned int) {
-        WorkerBarrier* self = nullptr;
-        std::memcpy(&self, data, sizeof(self));
-        std::unique_lock<std::mutex> lock(self->m_lock);
-        if (++self->m_arrived == ZYTOfflineLog::kWorkerCount) self->m_changed.notify_all();
-        self->m_changed.wait(lock, [self] { return self->m_arrived == ZYTOfflineLog::kWorkerCount; });
-        ++self->m_left;
-        self->m_changed.notify_all();
-    }
-
-    std::mutex m_lock;
-    std::condition_variable m_changed;
-    unsigned int m_arrived = 0;
-    unsigned int m_left = 0;
-};
-
 // Writes bursts to files of their own and reports seconds a line, for the caller alone or until all are in the file.
 void WriteOfflineBursts(benchmark::State& state, bool untilWritten) {
     ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
@@ -112,7 +77,7 @@ void WriteOfflineBursts(benchmark::State& state, bool untilWritten) {
                                           a.size, a.buffer, a.left);
         }
         const auto queued = Clock::now();
-        { WorkerBarrier barrier(log.m_threadPool); }
+        if (!zyt::FlushOfflineLog(std::chrono::minutes(1))) state.SkipWithError("the log is not written");
         const auto written = Clock::now();
         state.SetIterationTime(std::chrono::duration<double>((untilWritten ? written : queued) - start).count() /
                                kBurst);

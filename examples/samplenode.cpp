@@ -1,45 +1,57 @@
 // An algorithm node from start to finish: it takes frames, moves them through every kind of image memory, maps and
 // marks the faces that were found in them, describes them to a vendor's library, and dumps them. Its "algorithm" is the
-// marking; everything around it is what a real node does too.
+// marking; everything around it is what a real node does too. It runs on a device and at a desk, as it is.
 
-#include <hostdevice/hostdevice.h>
+#include <nodekit/connection.h>
+#include <nodekit/cpuaccess.h>
+#include <nodekit/dumpfile.h>
+#include <nodekit/image.h>
+#include <nodekit/logflush.h>
+#include <nodekit/poolstate.h>
 #include <sys/stat.h>
+#include <utilities/zytutil.h>
+#include <zytbuffermanager/zytbufferutil.h>
 
+#include <charconv>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <future>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "base/zytsharedflag.h"
-#include "logging/zytlogsite.h"
-#include "utilities/zytutil.h"
-#include "zytbuffermanager/zytbuffermanager.h"
-#include "zytbuffermanager/zytbufferutil.h"
-#include "zytsignaltask/zytsignaltask.h"
+
+// What a desk adds to the report, where it is linked in: samplenodedesk.cpp.
+__attribute__((weak)) void ReportDevice();
+__attribute__((weak)) void ReportLeftovers();
 
 namespace {
 
+constexpr const char* kName = "SampleNode";
 constexpr const char* kUsage =
     "usage: samplenode FILE WIDTHxHEIGHT [--format YUV420NV12|YUV420NV21] [--name NAME] [--out DIR]\n"
     "                  [--tuning DIR] [--faces FILE]\n"
-    "FILE holds raw frames without padding. The faces file has lines \"crop TOP LEFT WIDTH HEIGHT\" and\n"
-    "\"face TOP LEFT WIDTH HEIGHT\" in sensor pixels.\n";
+    "FILE holds raw frames without padding; both sides are even, as 4:2:0 wants them. The faces file has lines\n"
+    "\"crop TOP LEFT WIDTH HEIGHT\", once and first, and \"face TOP LEFT WIDTH HEIGHT\", in sensor pixels; a tuning\n"
+    "file has a line \"thickness=PIXELS\". Lines that begin with # are comments.\n";
 
 constexpr uint32_t kMaxSide = 16384;
-
-// What the camera's DMA engine and gralloc pad rows to, in bytes. A node is told these by its device.
+constexpr uint32_t kMaxSensorSide = 99999;
+constexpr uint32_t kMaxThickness = 99;
+// What the camera's DMA engine pads rows to, in bytes. A node is told by its device.
 constexpr uint32_t kCameraAlignment = 512;
-constexpr uint32_t kGrallocAlignment = 64;
+
+using Clock = std::chrono::steady_clock;
 
 // A mistake in what the user gave: one line, exit code 2.
-struct BadInput {
-    std::string message;
-};
+[[noreturn]] void Refuse(const std::string& message) {
+    std::fflush(stdout);  // in the order in which it happened, also in a log
+    std::fprintf(stderr, "samplenode: %s\n", message.c_str());
+    std::exit(2);
+}
 
 struct Options {
     std::string input;
@@ -53,10 +65,9 @@ struct Options {
 };
 
 ZYTFormat ParseFormat(const std::string& name) {
-    for (const ZYTFormat format : {ZYT_FORMAT_YUV420NV12, ZYT_FORMAT_YUV420NV21}) {
-        if (ZYTBufferUtil::GetBufferFormatString(format) == name) return format;
-    }
-    throw BadInput{"unknown format '" + name + "' (YUV420NV12 or YUV420NV21)"};
+    const auto format = zyt::FindFormat(name);
+    if (format && zyt::IsYuv420(*format)) return *format;
+    Refuse("unknown format '" + name + "' (YUV420NV12 or YUV420NV21)");
 }
 
 Options Parse(int argc, char** argv) {
@@ -64,11 +75,15 @@ Options Parse(int argc, char** argv) {
     std::vector<std::string> places;
     for (int i = 1; i < argc; ++i) {
         const std::string word = argv[i];
+        if (word == "--help") {
+            std::fputs(kUsage, stdout);
+            std::exit(0);
+        }
         if (word.rfind("--", 0) != 0) {
             places.push_back(word);
             continue;
         }
-        if (i + 1 == argc) throw BadInput{"no value for " + word};
+        if (i + 1 == argc) Refuse("no value for " + word);
         const std::string value = argv[++i];
         if (word == "--format") {
             options.format = ParseFormat(value);
@@ -81,15 +96,14 @@ Options Parse(int argc, char** argv) {
         } else if (word == "--faces") {
             options.faces = value;
         } else {
-            throw BadInput{"unknown option " + word};
+            Refuse("unknown option " + word);
         }
     }
-    if (places.size() != 2) throw BadInput{"wants a file and a size, such as frame.nv12 1920x1080"};
+    if (places.size() != 2) Refuse("wants a file and a size, such as frame.nv12 1920x1080");
     options.input = places[0];
-    char rest = 0;
-    const bool isSize = std::sscanf(places[1].c_str(), "%6ux%6u%c", &options.width, &options.height, &rest) == 2;
-    if (!isSize || options.width == 0 || options.height == 0 || options.width > kMaxSide || options.height > kMaxSide) {
-        throw BadInput{"'" + places[1] + "' is no size from 1x1 to 16384x16384"};
+    if (!zyt::ParseSize(places[1], options.width, options.height) || options.width > kMaxSide ||
+        options.height > kMaxSide || options.width % 2 != 0 || options.height % 2 != 0) {
+        Refuse("'" + places[1] + "' is no size from 2x2 to 16384x16384 with even sides");
     }
     return options;
 }
@@ -98,11 +112,34 @@ using FileData = std::unique_ptr<char, void (*)(char*)>;
 
 FileData ReadFile(const std::string& path, unsigned int& size) {
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0) throw BadInput{"cannot find " + path};
-    if (!S_ISREG(status.st_mode)) throw BadInput{path + " is no regular file"};
+    if (stat(path.c_str(), &status) != 0) Refuse("cannot find " + path);
+    if (!S_ISREG(status.st_mode)) Refuse(path + " is no regular file");
     FileData data(ZYTUtil::ReadFileData(path.c_str(), size), ZYTUtil::FreeFileData);
-    if (data == nullptr) throw BadInput{"cannot read " + path};
+    if (data == nullptr) Refuse("cannot read " + path);
     return data;
+}
+
+// Reads a whole number from `least` to `largest`.
+bool ParseNumber(const std::string& word, uint32_t least, uint32_t largest, uint32_t& number) {
+    const char* end = word.data() + word.size();
+    const auto [stop, error] = std::from_chars(word.data(), end, number);
+    return error == std::errc() && stop == end && number >= least && number <= largest;
+}
+
+// Calls visit(words, place) for each line that says something.
+template <typename Visit>
+void EachLine(const std::string& path, const Visit& visit) {
+    unsigned int size = 0;
+    const FileData data = ReadFile(path, size);
+    std::istringstream lines(std::string(data.get(), size));
+    unsigned int number = 0;
+    for (std::string line; std::getline(lines, line);) {
+        ++number;
+        std::istringstream text(line);
+        std::vector<std::string> words;
+        for (std::string word; text >> word;) words.push_back(word);
+        if (!words.empty() && words[0][0] != '#') visit(words, path + ": line " + std::to_string(number));
+    }
 }
 
 // What the detector found, in pixels of the sensor, and the part of the sensor that the frame shows.
@@ -114,25 +151,20 @@ struct Faces {
 Faces ReadFaces(const std::string& path) {
     Faces faces;
     if (path.empty()) return faces;
-    unsigned int size = 0;
-    const FileData data = ReadFile(path, size);
-    std::istringstream lines(std::string(data.get(), size));
-    unsigned int number = 0;
-    for (std::string line; std::getline(lines, line);) {
-        ++number;
-        if (line.empty() || line[0] == '#') continue;
-        char kind[8] = {};
+    EachLine(path, [&](const std::vector<std::string>& words, const std::string& place) {
+        if (words[0] != "crop" && words[0] != "face") Refuse(place + " is neither a crop nor a face");
         ZYTRect rect{};
-        if (std::sscanf(line.c_str(), "%7s %6u %6u %6u %6u", kind, &rect.top, &rect.left, &rect.width, &rect.height) !=
-            5) {
-            throw BadInput{path + ": line " + std::to_string(number) + " is neither a crop nor a face"};
+        if (words.size() != 5 || !ParseNumber(words[1], 0, kMaxSensorSide, rect.top) ||
+            !ParseNumber(words[2], 0, kMaxSensorSide, rect.left) ||
+            !ParseNumber(words[3], 1, kMaxSensorSide, rect.width) ||
+            !ParseNumber(words[4], 1, kMaxSensorSide, rect.height)) {
+            Refuse(place + " wants TOP LEFT WIDTH HEIGHT, whole numbers up to " + std::to_string(kMaxSensorSide));
         }
-        if (std::strcmp(kind, "crop") == 0) {
-            faces.crop = rect;
-        } else {
-            faces.rects.push_back(rect);
-        }
-    }
+        if (words[0] == "face" && faces.crop.width == 0) Refuse(place + " has a face, but no crop stands above it");
+        if (words[0] == "face") return faces.rects.push_back(rect);
+        if (faces.crop.width != 0) Refuse(place + " has a second crop");
+        faces.crop = rect;
+    });
     return faces;
 }
 
@@ -148,189 +180,136 @@ Tuning FindTuning(const std::string& dir, uint32_t device) {
     std::vector<std::string> found;
     const std::string own = "samplenode_" + std::to_string(device) + ".tuning";
     const std::string pattern = "samplenode_(" + std::to_string(device) + "|default)\\.tuning";
-    if (ZYTUtil::SearchFileByName(dir.c_str(), pattern.c_str(), found, true) != 0) throw BadInput{"cannot list " + dir};
+    if (ZYTUtil::SearchFileByName(dir.c_str(), pattern.c_str(), found, true) != 0) Refuse("cannot list " + dir);
     for (const std::string& path : found) {
         char name[256] = {};
         ZYTUtil::GetFileNameFromFilePath(path.c_str(), name, sizeof(name) - 1);
         if (tuning.path.empty() || own == name) tuning.path = path;
     }
     if (tuning.path.empty()) return tuning;
-    unsigned int size = 0;
-    const FileData data = ReadFile(tuning.path, size);
-    if (std::sscanf(std::string(data.get(), size).c_str(), "thickness=%3u", &tuning.thickness) != 1) {
-        throw BadInput{tuning.path + " has no thickness"};
-    }
+    bool isThere = false;
+    EachLine(tuning.path, [&](const std::vector<std::string>& words, const std::string& place) {
+        constexpr const char* kKey = "thickness=";
+        isThere = words.size() == 1 && words[0].rfind(kKey, 0) == 0 &&
+                  ParseNumber(words[0].substr(std::string(kKey).size()), 1, kMaxThickness, tuning.thickness);
+        if (!isThere) Refuse(place + " wants thickness=1 to thickness=" + std::to_string(kMaxThickness));
+    });
+    if (!isThere) Refuse(tuning.path + " has no thickness");
     return tuning;
 }
 
-uint32_t AlignUp(uint32_t value, uint32_t alignment) { return (value + alignment - 1) / alignment * alignment; }
-
-ZYTImageBuffer Describe(const Options& options, uint32_t stride) {
-    ZYTImageBuffer image{};
-    image.format = options.format;
-    image.width = options.width;
-    image.height = options.height;
-    image.planeStride = stride;
-    image.sliceHeight = options.height;
-    return image;
-}
-
-size_t FrameBytes(const Options& options) {
-    return size_t{options.width} * (size_t{options.height} + options.height / 2);
-}
+size_t FrameBytes(const Options& options) { return size_t{options.width} * options.height * 3 / 2; }
 
 class SampleNode {
 public:
     explicit SampleNode(const Options& options)
         : m_options(options),
-          m_cameraStride(AlignUp(options.width, kCameraAlignment)),
-          m_grallocStride(AlignUp(options.width, kGrallocAlignment)),
           m_tuning(FindTuning(options.tuning, ZYTUtil::GetProductInfo().device)),
           m_faces(ReadFaces(options.faces)) {}
 
-    // Takes one frame of packed pixels through the node and leaves its dump behind.
-    void Process(unsigned int number, unsigned char* pixels) {
-        const auto start = std::chrono::steady_clock::now();
-        ZYTImageBuffer packed = Describe(m_options, m_options.width);
+    void PrintSetUp() const {
+        const ZYTProductInfo product = ZYTUtil::GetProductInfo();
+        std::printf("device        %u, region %u\n", product.device, product.region);
+        std::printf("tuning        %s, thickness %u\n", m_tuning.path.empty() ? "built in" : m_tuning.path.c_str(),
+                    m_tuning.thickness);
+        std::printf("frame         %ux%u %s, %zu bytes\n", m_options.width, m_options.height,
+                    ZYTBufferUtil::GetBufferFormatString(m_options.format).c_str(), FrameBytes(m_options));
+    }
+
+    // Takes one frame of packed pixels through the node, on the signal task's thread as when the camera raises it, and
+    // leaves its dumps behind. Returns what went wrong, or nothing.
+    std::string Deliver(unsigned int number, unsigned char* pixels) {
+        m_number = number;
+        m_pixels = pixels;
+        m_result = {};
+        if (!m_onFrame.Raise()) return "somebody has disconnected the node";
+        return m_result.get_future().get();
+    }
+
+private:
+    std::string Process() {
+        const auto start = Clock::now();
+        ZYTImageBuffer packed = zyt::Describe(m_options.format, m_options.width, m_options.height);
+        zyt::Image plain(m_manager, packed, ZYT_BUFFER_TYPE_MALLOC, kName);
+        zyt::Image shown(m_manager, packed, ZYT_BUFFER_TYPE_GRALLOC, kName);
         packed.numberOfPlanes = 1;
-        packed.pAddr[0] = pixels;
+        packed.pAddr[0] = m_pixels;
+        zyt::Image camera(m_manager,
+                          zyt::Describe(m_options.format, m_options.width, m_options.height, kCameraAlignment),
+                          ZYT_BUFFER_TYPE_DMABUF, kName);
+        if (!camera || !shown || !plain) return "no memory for a frame; the log says why";
+        const auto allocated = Clock::now();
 
-        ZYTImageBuffer camera = Describe(m_options, m_cameraStride);
-        ZYTImageBuffer gralloc = Describe(m_options, m_grallocStride);
-        ZYTImageBuffer plain = Describe(m_options, m_options.width);
-        // The library maps stride * height bytes of a graphic buffer, so the chroma rows have to be asked for as well.
-        gralloc.height = m_options.height + (m_options.height + 1) / 2;
-        if (!m_manager.AllocBuffer(camera, ZYT_BUFFER_TYPE_DMABUF) ||
-            !m_manager.AllocBuffer(gralloc, ZYT_BUFFER_TYPE_GRALLOC) || gralloc.pAddr[0] == nullptr ||
-            !m_manager.AllocBuffer(plain, ZYT_BUFFER_TYPE_MALLOC)) {
-            throw BadInput{"no memory for a frame; the log says why"};
+        if (!Copy(camera, packed) || !Copy(shown, *camera) || !Copy(plain, *shown)) {
+            return "no access to a frame; the log says why";
         }
-        gralloc.height = m_options.height;
-        const auto allocated = std::chrono::steady_clock::now();
-
-        BracketedAccess(camera, CPU_SYNC_WRITE, [&] { ZYTBufferUtil::ZYTBufferCopy(&camera, &packed); });
-        BracketedAccess(camera, CPU_SYNC_READ, [&] { ZYTBufferUtil::ZYTBufferCopy(&gralloc, &camera); });
-        ZYTBufferUtil::ZYTBufferCopy(&plain, &gralloc);
-
         ASVL_OFFSCREEN offscreen{};
-        ZYTBufferUtil::ZYTBufferToASVLOffScreen(&plain, &offscreen);
-        const std::string frameDump = Dump(plain, m_options.name + "-frame" + std::to_string(number));
+        ZYTBufferUtil::ZYTBufferToASVLOffScreen(plain.Get(), &offscreen);
+        const std::string frameDump = Path(*plain, "-frame");
+        if (!zyt::WriteDump(*plain, frameDump, kName)) return "cannot write all of " + frameDump;
 
         std::vector<ZYTRect> marks;
         ZYTUtil::MapFaceROIToImageBuffer(m_faces.rects, marks, m_faces.crop, {0, 0, m_options.width, m_options.height});
         for (const ZYTRect& mark : marks) {
-            ZYTUtil::DrawRect(&plain, mark, m_tuning.thickness);
-            ZYTUtil::DrawPointer(&plain, mark.left + mark.width / 2, mark.top + mark.height / 2);
+            ZYTUtil::DrawRect(plain.Get(), mark, m_tuning.thickness);
+            ZYTUtil::DrawPointer(plain.Get(), mark.left + mark.width / 2, mark.top + mark.height / 2);
         }
-        const std::string markedDump =
-            marks.empty() ? "" : Dump(plain, m_options.name + "-faces" + std::to_string(number));
-
-        m_manager.FreeBuffer(camera);
-        m_manager.FreeBuffer(plain);
-        // A manager does not record gralloc images, so this one goes back to the pool directly.
-        m_pool.PutBufferToPool(gralloc.pAddr[0]);
+        const std::string markedDump = Path(*plain, "-faces");
+        if (!marks.empty() && !zyt::WriteDump(*plain, markedDump, kName)) return "cannot write all of " + markedDump;
 
         const auto nanos = [](auto duration) {
             return static_cast<unsigned long long>(std::chrono::nanoseconds(duration).count());
         };
         // Timestamps of the camera stack are ticks of its timer; a node reports in them.
-        const unsigned long long ticks =
-            ZYTUtil::QtimerNanoToQtimerTicks(nanos(std::chrono::steady_clock::now() - start));
-        std::printf("frame %u\n", number);
+        const unsigned long long ticks = ZYTUtil::QtimerNanoToQtimerTicks(nanos(Clock::now() - start));
+        std::printf("frame %u\n", m_number);
         std::printf("  memory      %s in %llu us: DMA-BUF fd %d and %d, gralloc fd %d, plain\n",
-                    number == 1 ? "allocated" : "reused from the pool", nanos(allocated - start) / 1000, camera.fd[0],
-                    camera.fd[1], gralloc.fd[0]);
+                    m_number == 1 ? "allocated" : "reused from the pool", nanos(allocated - start) / 1000,
+                    camera->fd[0], camera->fd[1], shown->fd[0]);
+        std::printf("  strides     DMA-BUF %u, gralloc %u, plain %u bytes\n", camera->planeStride, shown->planeStride,
+                    plain->planeStride);
         std::printf("  off-screen  format 0x%x, %dx%d, pitch %d\n", offscreen.u32PixelArrayFormat, offscreen.i32Width,
                     offscreen.i32Height, offscreen.pi32Pitch[0]);
         std::printf("  dump        %s\n", frameDump.c_str());
         for (const ZYTRect& mark : marks) {
             std::printf("  face        %ux%u at column %u, row %u\n", mark.width, mark.height, mark.left, mark.top);
         }
-        if (!markedDump.empty()) std::printf("  marked      %s\n", markedDump.c_str());
+        if (!marks.empty()) std::printf("  marked      %s\n", markedDump.c_str());
         std::printf("  took        %llu ticks, %llu us\n", ticks, ZYTUtil::QtimerTicksToQtimerNano(ticks) / 1000);
+        return {};
     }
 
-    void PrintSetUp() const {
-        const ZYTProductInfo product = ZYTUtil::GetProductInfo();
-        std::printf("heap          %s\n", hostdevice::HeapName());
-        std::printf("device        %u, region %u\n", product.device, product.region);
-        std::printf("tuning        %s, thickness %u\n", m_tuning.path.empty() ? "built in" : m_tuning.path.c_str(),
-                    m_tuning.thickness);
-        std::printf("frame         %ux%u %s, %zu bytes\n", m_options.width, m_options.height,
-                    ZYTBufferUtil::GetBufferFormatString(m_options.format).c_str(), FrameBytes(m_options));
-        std::printf("strides       DMA-BUF %u, gralloc %u, plain %u bytes\n", m_cameraStride, m_grallocStride,
-                    m_options.width);
+    bool Copy(zyt::Image& to, ZYTImageBuffer from) {
+        zyt::CpuAccess read(m_manager, CPU_SYNC_READ, from);
+        zyt::CpuAccess write(m_manager, CPU_SYNC_WRITE, to);
+        return read && write && ZYTBufferUtil::ZYTBufferCopy(to.Get(), &from) && read.Close() && write.Close();
     }
 
-private:
-    // Synchronised plane by plane: the operation that takes an image covers its first buffer only.
-    template <typename Work>
-    void BracketedAccess(const ZYTImageBuffer& image, CPUSyncType type, const Work& work) {
-        for (unsigned int k = 0; k < image.numberOfPlanes; ++k) m_manager.StartCPUSync(image.fd[k], type);
-        work();
-        for (unsigned int k = 0; k < image.numberOfPlanes; ++k) m_manager.EndCPUSync(image.fd[k]);
-    }
-
-    std::string Dump(const ZYTImageBuffer& image, const std::string& name) const {
-        std::string path = m_options.out + "/" + name + "_" + std::to_string(image.width) + "x" +
-                           std::to_string(image.height) + "_" + ZYTBufferUtil::GetBufferFormatString(&image) + ".raw";
-        if (!ZYTBufferUtil::ZYTBufferDump(&image, path.c_str())) throw BadInput{"cannot write " + path};
-        // The dump itself ignores write errors, as on a full disk.
-        struct stat status {};
-        if (stat(path.c_str(), &status) != 0 || static_cast<size_t>(status.st_size) != FrameBytes(m_options)) {
-            throw BadInput{"cannot write all of " + path};
-        }
-        return path;
+    std::string Path(const ZYTImageBuffer& image, const char* what) const {
+        return m_options.out + "/" + zyt::DumpName(image, m_options.name + what + std::to_string(m_number));
     }
 
     const Options m_options;
-    const uint32_t m_cameraStride;
-    const uint32_t m_grallocStride;
     const Tuning m_tuning;
     const Faces m_faces;
-    ZYTBufferPool m_pool;
-    ZYTBufferManager m_manager{"SampleNode"};
+    ZYTBufferManager m_manager{kName};
+    unsigned int m_number = 0;
+    unsigned char* m_pixels = nullptr;
+    std::promise<std::string> m_result;
+    zyt::Connection m_onFrame{[this] { m_result.set_value(Process()); }, kName};  // gone before what it uses
 };
 
-// Runs the node on the signal task's thread when the camera raises the frame's number, and waits for it.
-void RunOnSignal(SampleNode& node, unsigned int number, unsigned char* pixels) {
-    const auto failure = std::make_shared<std::promise<std::string>>();
-    WrapperTask task;
-    task.m_task = [&node, number, pixels, failure] {
-        try {
-            node.Process(number, pixels);
-            failure->set_value("");
-        } catch (const BadInput& bad) {
-            failure->set_value(bad.message);
-        }
-    };
-    ZYTSignalTask::instance()->insert(number, std::move(task));
-    ZYTSignalTask::instance()->signal(number);
-    const std::string message = failure->get_future().get();
-    if (!message.empty()) throw BadInput{message};
-}
-
 void PrintPool() {
-    size_t count = 0;
-    size_t bytes = 0;
-    std::lock_guard<std::mutex> lock(ZYTBufferPool::m_freeBufferListLock);
-    for (const auto& buffersBySize : ZYTBufferPool::m_freeBufferList) {
-        for (const auto& [size, buffers] : buffersBySize) {
-            count += buffers.size();
-            bytes += size * buffers.size();
-        }
+    size_t plain = 0, graphic = 0;
+    uint64_t bytes = 0;
+    const zyt::PoolState state = zyt::ReadPool();
+    if (!state.free) return;
+    for (const zyt::PoolBuffer& buffer : *state.free) {
+        ++(buffer.type == ZYT_BUFFER_TYPE_GRALLOC ? graphic : plain);
+        bytes += buffer.bytes;
     }
-    size_t graphic = 0;
-    for (const auto& [key, buffers] : ZYTBufferPool::m_freeGrallocBufferList) graphic += buffers.size();
-    std::printf("pool          releases %zu buffers of %zu bytes and %zu of gralloc\n", count, bytes, graphic);
-}
-
-void PrintLeftovers() {
-    const hostdevice::LiveResources live = hostdevice::CountLive();
-    std::printf("left          %llu heap descriptors, %llu heap mappings, %llu graphic buffers\n",
-                static_cast<unsigned long long>(live.heapDescriptors),
-                static_cast<unsigned long long>(live.heapMappings),
-                static_cast<unsigned long long>(live.graphicBuffers));
+    std::printf("pool          releases %zu buffers and %zu of gralloc, %llu bytes\n", plain, graphic,
+                static_cast<unsigned long long>(bytes));
 }
 
 void PrintOfflineLog() {
@@ -339,14 +318,10 @@ void PrintOfflineLog() {
         std::printf("offline log   off (persist.vendor.camera.zyttools.offlinelog)\n");
         return;
     }
-    // Its workers write behind the node's back; the first line may still be on its way.
-    std::string file;
-    for (int i = 0; i < 100 && file.empty(); ++i) {
-        if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        std::lock_guard<std::mutex> lock(log.m_logFileListLock);
-        if (!log.m_logFileList.empty()) file = log.m_logFileList.back();
-    }
-    std::printf("offline log   %s\n", file.empty() ? "on, but its directory cannot be written" : file.c_str());
+    zyt::FlushOfflineLog(std::chrono::seconds(5));
+    zyt::Lock lock(log.m_logFileListLock);
+    std::printf("offline log   %s\n", log.m_logFileList.empty() ? "on, but its directory cannot be written"
+                                                                : log.m_logFileList.back().c_str());
 }
 
 void Run(const Options& options) {
@@ -354,19 +329,22 @@ void Run(const Options& options) {
     const FileData data = ReadFile(options.input, size);
     const size_t frameBytes = FrameBytes(options);
     if (size < frameBytes) {
-        throw BadInput{options.input + " is too short: " + std::to_string(size) + " bytes, a frame has " +
-                       std::to_string(frameBytes)};
+        Refuse(options.input + " is too short: " + std::to_string(size) + " bytes, a frame has " +
+               std::to_string(frameBytes));
     }
     auto* first = reinterpret_cast<unsigned char*>(data.get());
     auto* second = size >= 2 * frameBytes ? first + frameBytes : first;
+    std::string failure;
     {
         SampleNode node(options);
+        if (ReportDevice != nullptr) ReportDevice();
         node.PrintSetUp();
-        RunOnSignal(node, 1, first);
-        RunOnSignal(node, 2, second);
-        PrintPool();
+        failure = node.Deliver(1, first);
+        if (failure.empty()) failure = node.Deliver(2, second);
+        if (failure.empty()) PrintPool();
     }
-    PrintLeftovers();
+    if (!failure.empty()) Refuse(failure);
+    if (ReportLeftovers != nullptr) ReportLeftovers();
     PrintOfflineLog();
 }
 
@@ -377,12 +355,5 @@ int main(int argc, char** argv) {
         std::fputs(kUsage, stderr);
         return 2;
     }
-    try {
-        Run(Parse(argc, argv));
-    } catch (const BadInput& bad) {
-        std::fflush(stdout);  // in the order in which it happened, also in a log
-        std::fprintf(stderr, "samplenode: %s\n", bad.message.c_str());
-        return 2;
-    }
-    return 0;
+    Run(Parse(argc, argv));
 }

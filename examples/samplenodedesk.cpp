@@ -1,0 +1,18 @@
+// What the sample node reports at a desk alone, by the emulated device's controls.
+
+#include <hostdevice/hostdevice.h>
+
+#include <cstdio>
+
+void ReportDevice();
+void ReportLeftovers();
+
+void ReportDevice() { std::printf("heap          %s\n", hostdevice::HeapName()); }
+
+void ReportLeftovers() {
+    const hostdevice::LiveResources live = hostdevice::CountLive();
+    std::printf("left          %llu heap descriptors, %llu heap mappings, %llu graphic buffers\n",
+                static_cast<unsigned long long>(live.heapDescriptors),
+                static_cast<unsigned long long>(live.heapMappings),
+                static_cast<unsigned long long>(live.graphicBuffers));
+}
