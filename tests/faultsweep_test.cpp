@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "logging/zytofflinelog.h"
+#include "nodekit/cpuaccess.h"
 #include "support.h"
 #include "threadpool/zytthreadpool.h"
 #include "utilities/zytutil.h"
@@ -108,16 +109,18 @@ Outcome UseEverything(const TempDir& dir) {
     expect(second.AllocBuffer(plain, ZYT_BUFFER_TYPE_MALLOC));
     graphic.height = 32;
     if (expect(IsUsable(camera))) {
-        for (uint32_t k = 0; k < 2; ++k) expect(first.StartCPUSync(camera.fd[k], CPU_SYNC_WRITE));
-        std::memset(camera.pAddr[0], 1, 96 * 32);
-        std::memset(camera.pAddr[1], 2, 96 * 16);
-        for (uint32_t k = 0; k < 2; ++k) expect(first.EndCPUSync(camera.fd[k]));
-        first.StartCPUSync(camera, CPU_SYNC_READ);
-        if (IsUsable(graphic)) ZYTBufferUtil::ZYTBufferCopy(&graphic, &camera);
-        first.EndCPUSync(camera);
+        zyt::CpuAccess filling(first, CPU_SYNC_WRITE, camera);
+        if (filling) std::memset(camera.pAddr[0], 1, 96 * 32);
+        if (filling) std::memset(camera.pAddr[1], 2, 96 * 16);
+        expect(filling.Close());
+        zyt::CpuAccess reading(first, CPU_SYNC_READ, camera), writing(first, CPU_SYNC_WRITE, graphic);
+        if (reading && writing && IsUsable(graphic)) ZYTBufferUtil::ZYTBufferCopy(&graphic, &camera);
+        expect(reading.Close() && writing.Close());
     }
     if (IsUsable(graphic) && IsUsable(plain)) {
-        ZYTBufferUtil::ZYTBufferCopy(&plain, &graphic);
+        zyt::CpuAccess reading(first, CPU_SYNC_READ, graphic);
+        if (expect(static_cast<bool>(reading))) ZYTBufferUtil::ZYTBufferCopy(&plain, &graphic);
+        expect(reading.Close());
         expect(ZYTBufferUtil::ZYTBufferDump(&plain, (dir / "dump.raw").c_str()), Outcome::kFileFailed);
         unsigned int size = 0;
         char* data = ZYTUtil::ReadFileData((dir / "dump.raw").c_str(), size);

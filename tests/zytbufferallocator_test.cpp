@@ -28,9 +28,11 @@ protected:
 TEST_F(Allocator, AllocatesMapsAndReleasesHeapMemory) {
     ASSERT_EQ(m_allocator.AllocDMABuffer(10000, &m_pBuf, m_fd), 0);
     ASSERT_GT(m_fd, 0);
-    std::memset(m_pBuf, 0x5a, 10000);
     char* again = m_allocator.MapFDToBufferPointer(m_fd, 10000);
+    m_allocator.StartCPUSync(m_fd, CPU_SYNC_WRITE);
+    std::memset(m_pBuf, 0x5a, 10000);
     EXPECT_EQ(std::memcmp(again, m_pBuf, 10000), 0) << "both map the same memory";
+    m_allocator.EndCPUSync(m_fd);
     munmap(again, 10000);
     EXPECT_EQ(m_allocator.DeallocDMABuffer(10000, m_pBuf, m_fd), 0);
     EXPECT_EQ(m_fd, -1);
@@ -72,7 +74,9 @@ TEST_F(Allocator, MapsTheStrideOfAGraphicBuffer) {
     EXPECT_EQ(buffer->getPixelFormat(), 34);
     EXPECT_EQ(buffer->getUsage(), 0x201ffu);
     EXPECT_EQ(m_fd, buffer->getNativeBuffer()->handle->data[0]);
+    m_allocator.StartCPUSync(m_fd, CPU_SYNC_WRITE);
     std::memset(m_pBuf, 1, 10240);
+    m_allocator.EndCPUSync(m_fd);
 
     m_allocator.DeallocGraphicBuffer(buffer);
     EXPECT_EQ(hostdevice::CountLive().graphicBuffers, 1u) << "one reference of two was dropped";

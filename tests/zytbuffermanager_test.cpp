@@ -124,8 +124,6 @@ TEST_F(Manager, TakesOneBufferAPlane) {
     image.pNativeHandle = this;
     ASSERT_TRUE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_DMABUF));
     EXPECT_EQ(image.numberOfPlanes, 2u);
-    std::memset(image.pAddr[0], 1, 2088960);
-    std::memset(image.pAddr[1], 1, 1044480);
     EXPECT_EQ(image.pAddr[3], nullptr);
     EXPECT_EQ(image.pNativeHandle, nullptr);
     EXPECT_GT(image.fd[1], image.fd[0]);
@@ -136,6 +134,11 @@ TEST_F(Manager, TakesOneBufferAPlane) {
                                      "Addr2: %p, Addr3: %p, pNativeHandle: %p, fd0: %d, fd1: %d, fd2: 0, fd3: 0",
                                      static_cast<void*>(image.pAddr[0]), static_cast<void*>(image.pAddr[1]), none, none,
                                      none, image.fd[0], image.fd[1]));
+    for (const auto& [plane, size] : {std::pair(0, 2088960), {1, 1044480}}) {
+        m_manager->StartCPUSync(image.fd[plane], CPU_SYNC_WRITE);
+        std::memset(image.pAddr[plane], 1, static_cast<size_t>(size));
+        m_manager->EndCPUSync(image.fd[plane]);
+    }
     EXPECT_TRUE(m_manager->FreeBuffer(image));
     Take();
 
@@ -283,6 +286,7 @@ TEST_F(Manager, SynchronisesTheFirstPlaneOnly) {
                                     InEnd('I', "End CPU Sync Buffer, fd: %d, result: 0", image.fd[0])));
     EXPECT_TRUE(m_manager->StartCPUSync(image.fd[1], static_cast<CPUSyncType>(9)));
     EXPECT_TRUE(m_manager->EndCPUSync(image.fd[1]));
+    EXPECT_TRUE(m_manager->StartCPUSync(image.fd[1], CPU_SYNC_READ));
     hostdevice::FailNth(Fault::kSync, 1);
     EXPECT_FALSE(m_manager->EndCPUSync(image.fd[1]));
     hostdevice::FailNth(Fault::kSync, 1);

@@ -7,7 +7,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 source tools/need.sh
 
 # In the order in which they run: those that say most for their time first.
-all_steps=(format shell soong docs gcc exports demo exits clang locks tidy aosp fma address thread)
+all_steps=(format shell soong docs gcc strict exports demo exits clang locks tidy aosp fma address thread)
 build_packages='g++ cmake make googletest libpng-dev'
 suite_packages="$build_packages ffmpeg pkgconf"
 clang_packages='clang libc++-14-dev libc++abi-14-dev'
@@ -18,6 +18,7 @@ declare -A packages=(
         golang-google-protobuf-dev golang-github-golang-protobuf-1-5-dev'
     [docs]=doxygen
     [gcc]=$suite_packages
+    [strict]="$suite_packages python3"
     [exports]="$build_packages binutils"
     [demo]="$suite_packages python3"
     [exits]=$build_packages
@@ -58,6 +59,12 @@ run_suite() {
 build_and_test() { build "$1" && run_suite "$1"; }
 
 step_gcc() { build_and_test gcc; }
+
+# No access to buffers without a bracket, in the suite, the guide's node, which is part of it, and the demo.
+step_strict() {
+    build gcc && HOSTDEVICE_STRICT=1 run_suite gcc || return 1
+    HOSTDEVICE_STRICT=1 ./dev demo >build/check-gcc/demo.log 2>&1 || { tail -n 20 build/check-gcc/demo.log; return 1; }
+}
 
 step_clang() { build_and_test clang; }
 
