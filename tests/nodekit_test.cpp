@@ -428,7 +428,6 @@ TEST(PoolState, IsReadWithoutWaitingForAnybody) {
 }
 
 TEST(FlushOfflineLog, ReturnsWhenAllIsWritten) {
-    const zyttest::LogDir dir;
     ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
     log.m_enable = true;
     std::vector<std::future<bool>> callers;

@@ -1,7 +1,6 @@
 // The library under load and on its way out. ZYT_EXIT_ROUNDS in the environment sets how many processes end under load.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <hostdevice/files.h>
 #include <hostdevice/hostdevice.h>
 #include <sched.h>
@@ -177,32 +176,26 @@ TEST(Load, NoBufferHasTwoHoldersAndNothingIsLeft) {
 }
 
 TEST(Exit, IsCalmWhateverIsGoingOn) {
-    const zyttest::LogDir dir;
     const char* setting = std::getenv("ZYT_EXIT_ROUNDS");
     const int rounds = setting != nullptr ? std::atoi(setting) : 20;
     std::atomic<bool> isOver{false};
     std::vector<std::thread> burners;
     for (unsigned int i = 0; i < std::thread::hardware_concurrency(); ++i) {
         burners.emplace_back([&isOver] {
-            while (!isOver) {
-            }
+            while (!isOver) continue;
         });
     }
-    int calm = 0;
-    for (int i = 0; i < rounds; ++i) {
+    for (int i = 0; i < rounds && !HasFailure(); ++i) {
         const zyttest::ChildResult child = zyttest::RunChild("ExitWhileBusy");
         const size_t shown = std::min<size_t>(child.output.size(), 3000);
         EXPECT_EQ(child.exitCode, 7) << "signal " << child.signal << child.output.substr(child.output.size() - shown);
-        if (child.exitCode != 7) break;
-        ++calm;
     }
     isOver = true;
     for (std::thread& burner : burners) burner.join();
-    EXPECT_EQ(calm, rounds);
+    EXPECT_GT(rounds, 0);
 }
 
 TEST(FullDisk, LosesLinesOnlyWhileThereIsNoRoom) {
-    const zyttest::LogDir dir;
     const zyttest::ChildResult child = zyttest::RunChild("LogToAFullDisk");
     if (child.exitCode == kCannotMount) GTEST_SKIP() << "this user may not mount a file system";
     EXPECT_EQ(child.exitCode, 0) << child.output;

@@ -1,15 +1,20 @@
 #ifndef ZYT_TESTS_RULES_H
 #define ZYT_TESTS_RULES_H
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
 #include <memory>
 #include <random>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -18,7 +23,7 @@
 
 /// Whether the library does as slow references do, for cases of any kind. The suite picks these by chance, the fuzz
 /// targets by what they find out about the branches taken. What the library answers by ending the process is sorted out
-/// before the call, so that whatever ends a caller is a finding.
+/// before the call, so that whatever ends a caller is a finding. Files go to the directory `scratch`.
 namespace zytrule {
 
 constexpr uint64_t kMax32 = UINT32_MAX;
@@ -77,7 +82,7 @@ inline bool IsMarked(int64_t x, int64_t y, const ZYTRect& rect, int64_t t) {
 
 /// Points and outlines over a luma plane that ends with its last pixel, against the rule applied to each pixel.
 template <typename Choices>
-bool DrawsByRule(Choices& data) {
+bool DrawsByRule(Choices& data, const std::string&) {
     ZYTImageBuffer image{};
     image.format = static_cast<ZYTFormat>(data.ConsumeBool() ? data.ConsumeIntegralInRange(0, 1)
                                                              : data.ConsumeIntegralInRange(-1, 11));
@@ -223,10 +228,9 @@ inline bool DumpsByRule(const ZYTImageBuffer& from, const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(file), {}) == expected;
 }
 
-/// Copies and dumps of images over memory that ends where their layout ends, against a copy byte by byte. The dump goes
-/// to a file of that path.
+/// Copies and dumps of images over memory that ends where their layout ends, against a copy byte by byte.
 template <typename Choices>
-bool MovesByRule(Choices& data, const std::string& path) {
+bool MovesByRule(Choices& data, const std::string& scratch) {
     const ZYTImageBuffer from = Describe(data);
     ZYTImageBuffer to = Describe(data);
     // Sizes that are left to chance hardly ever match.
@@ -234,7 +238,7 @@ bool MovesByRule(Choices& data, const std::string& path) {
     if (relation > 0) to.width = relation == 1 ? from.height : from.width;
     if (relation > 0) to.height = relation == 1 ? from.width : from.height;
     if (relation > 2) to.format = from.format;
-    return CopiesByRule(from, to) && DumpsByRule(from, path);
+    return CopiesByRule(from, to) && DumpsByRule(from, scratch + "/dump");
 }
 
 // Rectangles.
@@ -311,7 +315,7 @@ uint32_t About(Choices& data, uint64_t low, uint64_t high) {
 /// Crops and faces against the same rules in double and in whole numbers, rounded to single precision after every step.
 /// A double has room for the sum, product or quotient of two floats such that rounding it again gives the float's own.
 template <typename Choices>
-bool PlacesByRule(Choices& data) {
+bool PlacesByRule(Choices& data, const std::string&) {
     const ZYTRect rect = Rect(data), sides = Rect(data), crop = Rect(data), dst = Rect(data);
     if (!AreSame(ZYTUtil::TranslateCropInfo(rect, sides.top, sides.left, sides.width, sides.height),
                  ExpectedCrop(rect, sides.top, sides.left, sides.width, sides.height))) {
@@ -338,6 +342,176 @@ bool PlacesByRule(Choices& data) {
     }
     ZYTUtil::MapFaceROIToImageBuffer(faces, mapped, crop, dst);
     return std::equal(mapped.begin(), mapped.end(), expected.begin(), expected.end(), AreSame);
+}
+
+// Files.
+
+template <typename Choices>
+std::string Word(Choices& data, size_t longest) {
+    std::string word(data.template ConsumeIntegralInRange<size_t>(0, longest), '\0');
+    for (char& c : word) {
+        const bool isUsual = data.ConsumeBool();
+        c = isUsual ? "abAB./"[data.ConsumeIntegralInRange(0, 5)]
+                    : static_cast<char>(data.ConsumeIntegralInRange(1, 255));
+    }
+    return word;
+}
+
+/// Base names and lower case, over memory that ends with each string. What lies around a name is left alone.
+template <typename Choices>
+bool NamesByRule(Choices& data, const std::string&) {
+    const std::string text = Word(data, 40);
+    uint32_t capacity = data.template ConsumeIntegral<uint32_t>();
+    if (data.ConsumeBool()) capacity %= static_cast<uint32_t>(text.size()) + 3;
+    const std::unique_ptr<char[]> path(new char[text.size() + 1]);
+    std::memcpy(path.get(), text.c_str(), text.size() + 1);
+
+    // The terminator counts as part of the name only behind a slash.
+    const size_t slash = text.rfind('/');
+    const std::string name = slash == std::string::npos ? text : text.substr(slash + 1) + '\0';
+    const std::string expected = name.substr(0, capacity);
+    const std::string block = std::string(8, '#') + expected + std::string(std::min(8u, capacity), '#');
+    const std::unique_ptr<char[]> written(new char[block.size()]);
+    std::memset(written.get(), '#', block.size());
+    ZYTUtil::GetFileNameFromFilePath(path.get(), written.get() + 8, capacity);
+
+    std::string lower = text;
+    for (char& c : lower) {
+        const char* upper = c == '\0' ? nullptr : std::strchr("ABCDEFGHIJKLMNOPQRSTUVWXYZ", c);
+        if (upper != nullptr) c = "abcdefghijklmnopqrstuvwxyz"[*upper - 'A'];
+    }
+    return std::string(written.get(), block.size()) == block && ZYTUtil::ToLowerCaseStr(path.get()) == lower;
+}
+
+/// Whole files of any content, also empty, behind links, missing, and longer than 32 bits can count.
+template <typename Choices>
+bool ReadsByRule(Choices& data, const std::string& scratch) {
+    const bool isMissing = data.ConsumeIntegralInRange(0, 15) == 0;
+    const uint64_t wraps = data.ConsumeBool() ? 0 : data.template ConsumeIntegralInRange<uint64_t>(0, 3);
+    std::string content(data.template ConsumeIntegralInRange<size_t>(0, 40000), '\0');  // several of a stream's buffers
+    const std::string unit = Word(data, 40);
+    for (size_t i = 0; i < content.size(); ++i) {
+        content[i] = static_cast<char>(unit.empty() ? 0 : unit[i % unit.size()] ^ static_cast<char>(i >> 8));
+    }
+    const std::string file = scratch + "/file", link = scratch + "/link";
+    std::filesystem::remove(file);
+    std::filesystem::remove(link);
+    if (!isMissing) {
+        std::ofstream(file, std::ios::binary) << content;
+        // What lies beyond is a hole; only the length's low 32 bits count.
+        std::filesystem::resize_file(file, (wraps << 32) + content.size());
+    }
+    std::filesystem::create_symlink("file", link);
+    const std::string& path = data.ConsumeBool() ? link : file;
+    unsigned int count = 0xdeadbeef;
+    char* block = ZYTUtil::ReadFileData(path.c_str(), count);
+    const bool isRight =
+        isMissing ? block == nullptr && count == 0 : block != nullptr && std::string(block, count) == content;
+    ZYTUtil::FreeFileData(block);
+    return isRight && ZYTUtil::IsFileExist(path.c_str()) == !isMissing;
+}
+
+// False when dir or a directory below it cannot be listed.
+inline bool List(const std::string& dir, bool recursive, std::vector<std::string>& files) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    for (fs::directory_iterator entry(dir, error), end; !error && entry != end; entry.increment(error)) {
+        const std::string whole = dir + "/" + entry->path().filename().string();
+        const std::string path = whole.substr(0, 2046);
+        std::error_code missing;
+        const fs::file_status status = fs::status(path, missing);
+        if (missing || !fs::exists(status)) continue;
+        if (!fs::is_directory(status)) {
+            files.push_back(path);
+        } else if (recursive && (path == whole || !fs::equivalent(path, dir))) {
+            if (!List(path, true, files)) return false;
+        }
+    }
+    return !error;
+}
+
+// A small tree below base, and one of its directories: as it is, or something in it, or spelled so long that paths are
+// cut.
+template <typename Choices>
+std::string Plant(Choices& data, const std::string& base) {
+    namespace fs = std::filesystem;
+    const auto name = [&data] {
+        std::string word = Word(data, 4);
+        std::replace(word.begin(), word.end(), '/', '.');
+        return word.find_first_not_of('.') == std::string::npos ? word + "x" : word;
+    };
+    fs::remove_all(base);
+    fs::create_directory(base);
+    std::string last = base;
+    bool hasLink = false;
+    for (int i = data.ConsumeIntegralInRange(0, 12); i > 0; --i) {
+        const std::string path = (data.ConsumeBool() ? base : last) + "/" + name();
+        const int kind = data.ConsumeIntegralInRange(0, 7);
+        std::error_code exists;
+        if (kind < 3) {
+            if (fs::create_directory(path, exists)) last = path;
+        } else if (kind == 3 && !hasLink) {
+            // One at most: with two cycles the paths through them are beyond counting.
+            const int target = data.ConsumeIntegralInRange(0, 3);
+            fs::create_symlink(target == 0 ? "." : target == 1 ? ".." : target == 2 ? "missing" : name(), path, exists);
+            hasLink = !exists;
+        } else {
+            mknod(path.c_str(), (kind == 4 ? S_IFIFO : S_IFREG) | 0600, 0);
+        }
+    }
+    std::string dir = data.ConsumeBool() ? base : last;
+    const int spelling = data.ConsumeIntegralInRange(0, 5);
+    if (spelling == 0) dir += "/" + name();
+    if (spelling == 1) dir += "/";
+    if (spelling == 2) dir.resize(2047 - data.template ConsumeIntegralInRange<size_t>(0, 8), '/');
+    return dir;
+}
+
+// An ill-formed pattern ends the process by design, and one with many repeats may not end at all.
+template <typename Choices>
+std::string Pattern(Choices& data) {
+    constexpr const char* kUsual[] = {"a.*",    "[a-bX]+", "(a|B){2}",  ".",
+                                      "(.)\\1", "^[^.]+$", "\\w(?=b).", "[[:alpha:]_]*"};
+    const std::string word = Word(data, 8);
+    const bool isUsual = data.ConsumeBool();
+    if (isUsual) return kUsual[data.ConsumeIntegralInRange(0, 7)];
+    const auto repeats = [](char c) { return std::strchr("*+?{", c) != nullptr; };
+    try {
+        if (std::count_if(word.begin(), word.end(), repeats) < 3) return std::regex(word), word;
+    } catch (const std::regex_error&) {
+    }
+    return "";
+}
+
+/// Listing and searching a small tree, against a lister made of the standard library's parts. Lists are appended to.
+template <typename Choices>
+bool ListsByRule(Choices& data, const std::string& scratch) {
+    const std::string dir = Plant(data, scratch + "/tree"), pattern = Pattern(data);
+    const bool recursive = data.ConsumeBool();
+    const std::regex expression(pattern);
+    const auto agrees = [&] {
+        std::vector<std::string> listed = {"kept"}, files = listed, matching = listed, found = listed;
+        const int32_t result = List(dir, recursive, listed) ? 0 : 1;
+        if (ZYTUtil::GetFileListInDir(dir.c_str(), files, recursive) != result || files != listed) return false;
+        for (size_t i = 1; result == 0 && i < listed.size(); ++i) {
+            if (std::regex_match(listed[i].substr(listed[i].rfind('/') + 1), expression)) matching.push_back(listed[i]);
+        }
+        return ZYTUtil::SearchFileByName(dir.c_str(), pattern.c_str(), found, recursive) == result && found == matching;
+    };
+    // While anybody mounts a file system, the kernel counts links twice and gives up early on those that lead back into
+    // the tree: what differs has to differ again.
+    return agrees() || agrees() || agrees();
+}
+
+/// Whether a rule holds for cases by chance; on stderr the seed of the first for which it does not.
+inline bool Holds(bool (*rule)(RandomChoices&, const std::string&), uint64_t cases, const std::string& scratch) {
+    for (uint64_t seed = 0; seed < cases; ++seed) {
+        RandomChoices choices(seed);
+        if (rule(choices, scratch)) continue;
+        std::fprintf(stderr, "not for seed %llu\n", static_cast<unsigned long long>(seed));
+        return false;
+    }
+    return true;
 }
 
 }  // namespace zytrule

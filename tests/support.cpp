@@ -1,7 +1,6 @@
 #include "support.h"
 
 #include <fcntl.h>
-#include <hostdevice/files.h>
 #include <hostdevice/hostdevice.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -37,12 +36,6 @@ void SetLevel(int level) { __atomic_store_n(&ZYTLogUtil::m_level, level, __ATOMI
 
 std::filesystem::path Self() { return std::filesystem::read_symlink("/proc/self/exe"); }
 
-__attribute__((format(printf, 1, 0))) std::string Print(const char* format, va_list args) {
-    char text[4096];
-    std::vsnprintf(text, sizeof(text), format, args);
-    return text;
-}
-
 std::vector<char*> Pointers(const std::vector<std::string>& words) {
     std::vector<char*> pointers;
     for (const std::string& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
@@ -54,28 +47,21 @@ std::vector<char*> Pointers(const std::vector<std::string>& words) {
 std::string Text(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    const std::string text = Print(format, args);
+    char text[4096];
+    std::vsnprintf(text, sizeof(text), format, args);
     va_end(args);
     return text;
 }
 
-std::string LinesOf::operator()(char level, const char* format, ...) const {
-    va_list args;
-    va_start(args, format);
-    const std::string text = Print(format, args);
-    va_end(args);
-    return std::string(1, level) + " " + source + " " + function + "() " + text;
-}
-
-LogCapture::LogCapture() : m_savedLevel(ZYTLogUtil::m_level) {
+LogCapture::LogCapture(std::function<void(const std::string& line)> onLine) : m_savedLevel(ZYTLogUtil::m_level) {
     // A process's first log site starts the offline log's workers, and these announce themselves.
     ZYTOfflineLog::GetInstance();
     SetLevel(5);
-    hostdevice::SetLogSink([this](int priority, const char*, const char* text) {
-        static const std::regex kSourceLine("(\\.cpp):[0-9]+ ");
+    hostdevice::SetLogSink([this, onLine](int priority, const char*, const char* text) {
+        const std::string line = std::string(1, PriorityLetter(priority)) + " " + text;
+        if (onLine) onLine(line);
         std::lock_guard<std::mutex> lock(m_lock);
-        m_lines.push_back(std::string(1, PriorityLetter(priority)) + " " +
-                          std::regex_replace(text, kSourceLine, "$1 "));
+        m_lines.push_back(line);
     });
 }
 
@@ -89,6 +75,27 @@ std::vector<std::string> LogCapture::Take() {
     return std::exchange(m_lines, {});
 }
 
+std::string LogCapture::Transcript(const std::string& only) {
+    static const std::regex kPlace("[a-z]+\\.cpp:[0-9]+ "), kNumbered("(0x|fd[0-3]?[:,] )([1-9a-f][0-9a-f]*)");
+    std::string rest, text;
+    for (const std::string& line : Take()) {
+        if (line.find(only) == std::string::npos) {
+            std::lock_guard<std::mutex> lock(m_lock);
+            m_lines.push_back(line);
+        } else {
+            rest += "\n" + std::regex_replace(line, kPlace, "");
+        }
+    }
+    std::map<std::string, size_t> addresses, descriptors;
+    for (std::smatch match; std::regex_search(rest, match, kNumbered); rest = match.suffix()) {
+        const bool isAddress = match[1] == "0x";
+        std::map<std::string, size_t>& seen = isAddress ? addresses : descriptors;
+        const size_t number = seen.emplace(match[2], seen.size() + 1).first->second;
+        text += match.prefix().str() + (isAddress ? "@" : match[1].str() + "#") + std::to_string(number);
+    }
+    return text + rest;
+}
+
 TempDir::TempDir() {
     std::string path = (std::filesystem::temp_directory_path() / "zyttools-test-XXXXXX").string();
     if (mkdtemp(path.data()) == nullptr) std::abort();
@@ -98,18 +105,6 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
     std::error_code ignored;
     std::filesystem::remove_all(m_path, ignored);
-}
-
-LogDir::LogDir() {
-    for (const auto& entry : std::filesystem::directory_iterator(hostdevice::OfflineLogDir())) {
-        m_before.insert(entry.path());
-    }
-}
-
-LogDir::~LogDir() {
-    for (const auto& entry : std::filesystem::directory_iterator(hostdevice::OfflineLogDir())) {
-        if (m_before.count(entry.path()) == 0) std::filesystem::remove_all(entry.path());
-    }
 }
 
 ZYTImageBuffer Image(int format, uint32_t width, uint32_t height, uint32_t planeStride, uint32_t sliceHeight) {
@@ -189,8 +184,6 @@ bool RegisterChild(const char* name, int (*body)()) { return Children().emplace(
 int main(int argc, char** argv) {
     // Said once for a test is enough: what its children say is read to the letter.
     if (hostdevice::IsStrict()) setenv("HOSTDEVICE_STRICT", "quiet", 1);
-    // The device's files stay in the build's own folder, also when a test is started by hand.
-    setenv("HOSTDEVICE_DATA", (zyttest::Self().parent_path().parent_path() / "device").c_str(), 0);
     if (argc == 3 && std::strcmp(argv[1], "--child") == 0) {
         alarm(120);
         const auto child = zyttest::Children().find(argv[2]);
@@ -199,8 +192,9 @@ int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     // Deaths are staged in a fresh process: a mere fork would inherit the locks of threads that it does not have.
     testing::FLAGS_gtest_death_test_style = "threadsafe";
-    // What a process leaves behind that dies goes with its parent's directory.
+    // What a process leaves behind that dies goes with its parent's directory, and so do the device's files.
     const zyttest::TempDir dir;
     setenv("TMPDIR", dir.Path().c_str(), 1);
+    setenv("HOSTDEVICE_DATA", (dir / "device").c_str(), 0);
     return RUN_ALL_TESTS();
 }

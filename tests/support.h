@@ -1,42 +1,39 @@
 #ifndef ZYT_TESTS_SUPPORT_H
 #define ZYT_TESTS_SUPPORT_H
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <csignal>
 #include <functional>
 #include <map>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "zytbuffermanager/zytimagebuffer.h"
 
-/// The statement ends the process with abort(), whatever is caught around it.
-#define EXPECT_ABORT(...) EXPECT_EXIT(__VA_ARGS__, testing::KilledBySignal(SIGABRT), "")
+/// The statement ends the process with abort(), whatever is caught around it, and says so with these words.
+#define EXPECT_ABORT(words, ...) EXPECT_EXIT(__VA_ARGS__, testing::KilledBySignal(SIGABRT), testing::HasSubstr(words))
 
 namespace zyttest {
 
 /// printf into a string, for expected log lines.
 __attribute__((format(printf, 1, 2))) std::string Text(const char* format, ...);
 
-/// Expected log lines of one function.
-struct LinesOf {
-    const char* source;  // what stands before the function's name
-    const char* function;
-    __attribute__((format(printf, 3, 4))) std::string operator()(char level, const char* format, ...) const;
-};
-
 /// While it lives, all levels are on and every platform log line lands here, as "L text" with L the priority's letter.
-/// Source lines are cut out ("file.cpp:12 f()" becomes "file.cpp f()"), so that tests survive edits.
 class LogCapture {
 public:
-    LogCapture();
+    /// onLine sees each line on the thread that logs it, before the line is kept.
+    explicit LogCapture(std::function<void(const std::string& line)> onLine = {});
     ~LogCapture();
 
     /// What was logged since the last call.
     std::vector<std::string> Take();
+
+    /// The same as one text, a line break before each line; `only` the lines that have that in them, the others stay.
+    /// Source places are cut out, so that tests survive edits; addresses and descriptors are numbered in the order in
+    /// which they appear: @1, @2, and #1, #2.
+    std::string Transcript(const std::string& only = "");
 
 private:
     const int m_savedLevel;
@@ -54,16 +51,6 @@ public:
 
 private:
     std::string m_path;
-};
-
-/// The offline log's directory for one test: left as it was found. Others' logs stay.
-class LogDir {
-public:
-    LogDir();
-    ~LogDir();
-
-private:
-    std::set<std::string> m_before;
 };
 
 std::string ReadFile(const std::string& path);

@@ -1,12 +1,15 @@
 #include "logging/zytofflinelog.h"
 
 #include <cutils/properties.h>
-#include <gmock/gmock.h>
 #include <hostdevice/files.h>
 #include <hostdevice/hostdevice.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <iostream>
 #include <sstream>
@@ -15,8 +18,12 @@
 #include "base/zytsharedflag.h"
 #include "support.h"
 
+using testing::AnyOf;
+using testing::HasSubstr;
 using testing::MatchesRegex;
+using zyttest::ReadFile;
 using zyttest::RunChild;
+using zyttest::Text;
 
 namespace {
 
@@ -25,23 +32,15 @@ namespace fs = std::filesystem;
 constexpr const char* kSwitchProperty = "persist.vendor.camera.zyttools.offlinelog";
 constexpr const char* kFrameworkProperty = "test.framework";  // what the framework's switch is set to
 
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
-    return lines;
-}
-
 size_t FilesInLogDir() {
     return static_cast<size_t>(
         std::distance(fs::directory_iterator(hostdevice::OfflineLogDir()), fs::directory_iterator()));
 }
 
-// Switches the process's log on for one test and takes the files it made away again.
+// Switches the process's log on for one test.
 class OfflineLog : public testing::Test {
 protected:
     void SetUp() override {
-        m_filesBefore = FilesInLogDir();
         zyt::StoreFlag(m_log.m_enable, true);
         StartNextFile();
     }
@@ -49,7 +48,6 @@ protected:
     void TearDown() override {
         zyt::StoreFlag(m_log.m_enable, false);
         Drain();
-        std::lock_guard<std::mutex> lock(m_log.m_logFileListLock);
         m_log.m_logFileList.clear();
     }
 
@@ -71,16 +69,13 @@ protected:
         m_log.m_curLogFileSize = size;
     }
 
-    uint32_t FileSize() {
-        std::lock_guard<std::mutex> lock(m_log.m_logFileLock);
-        return m_log.m_curLogFileSize;
-    }
-
     void StartNextFile() { SetFileSize(ZYTOfflineLog::kFileSizeLimit); }
 
-    std::vector<std::string> Files() {
-        std::lock_guard<std::mutex> lock(m_log.m_logFileListLock);
-        return {m_log.m_logFileList.begin(), m_log.m_logFileList.end()};
+    // What the log's files hold, oldest first.
+    std::vector<std::string> Contents() {
+        std::vector<std::string> contents;
+        for (const std::string& file : m_log.m_logFileList) contents.push_back(ReadFile(file));
+        return contents;
     }
 
     bool WriteLine(const std::string& text) {
@@ -89,9 +84,7 @@ protected:
         return m_log.FlushLogPoolToFile2(&param);
     }
 
-    const zyttest::LogDir m_dir;
     ZYTOfflineLog& m_log = ZYTOfflineLog::GetInstance();
-    size_t m_filesBefore = 0;
 };
 
 ptrdiff_t CountThreads() { return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()); }
@@ -104,86 +97,129 @@ ZYT_CHILD(PrintSwitch) {
     ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
     log.m_threadPool.DeInit(false);
     std::cout << log.m_enable << log.m_previewEnable << log.m_captureEnable << hasWorkers << log.m_logFileList.size();
-    for (const std::string& file : log.m_logFileList) fs::remove(file);
+    return 0;
+}
+
+// Keeps a worker busy until the log's destructor has queued the stop tasks.
+void WaitForStop(void*, unsigned int) {
+    ZYTThreadPool& pool = ZYTOfflineLog::GetInstance().m_threadPool;
+    for (bool isStopped = false; !isStopped; std::this_thread::yield()) {
+        std::lock_guard<std::mutex> lock(pool.m_taskListLock);
+        isStopped = !pool.m_taskList.empty() && pool.m_taskList.back().type == ZYT_THREAD_POOL_TASK_STOP;
+    }
+}
+
+ZYT_CHILD(ExitWithALineQueued) {
+    ZYTThreadPool& pool = ZYTOfflineLog::GetInstance().m_threadPool;
+    for (unsigned int i = 0; i < ZYTOfflineLog::kWorkerCount; ++i) {
+        pool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, WaitForStop, nullptr, 0});
+    }
+    ZYTOfflineLog::GetInstance().PushLogToLogPool("queued", ZYTOfflineLogLevel::E);
     return 0;
 }
 
 }  // namespace
 
 TEST_F(OfflineLog, StampsALineAndKeepsEveryLevel) {
+    m_log.m_threadPool.DeInit(false);
+    m_log.m_threadPool.Init(1);  // keeps their order
     ZYTOfflineLog::ZYTOfflineLogE("text %d", 1);
     ZYTOfflineLog::ZYTOfflineLogW("text %d", 2);
     ZYTOfflineLog::ZYTOfflineLogD("text %d", 3);
     ZYTOfflineLog::ZYTOfflineLogI("text %d", 4);
     ZYTOfflineLog::ZYTOfflineLogV("text %d", 5);
-    m_log.PushLogToLogPool("text 6", static_cast<ZYTOfflineLogLevel>(9));
-    m_log.PushLogToLogPool("text 7", static_cast<ZYTOfflineLogLevel>(0));
-    Drain();
-
-    ASSERT_EQ(Files().size(), 1u);
-    EXPECT_THAT(
-        Files()[0],
-        MatchesRegex(
-            hostdevice::OfflineLogDir() +
-            std::string("ZYTOfflineLog_[0-9]{4}-[0-9]{2}-[0-9]{2}--[0-9]{2}-[0-9]{2}-[0-9]{2}-[0-9]{6}\\.txt")));
-    std::vector<std::string> lines = Lines(zyttest::ReadFile(Files()[0]));
-    std::sort(lines.begin(), lines.end(),
-              [](const std::string& a, const std::string& b) { return a.back() < b.back(); });
-    const std::string letters = "EWDIVVV";
-    ASSERT_EQ(lines.size(), letters.size());
-    for (size_t i = 0; i < lines.size(); ++i) {
-        const std::string ids = zyttest::Text("  %4d  %4d ", getpid(), gettid());
-        EXPECT_THAT(lines[i], MatchesRegex("[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}:[0-9]{9}" + ids + letters[i] +
-                                           " ZYT: text " + std::to_string(i + 1)));
-    }
-}
-
-TEST_F(OfflineLog, CutsALongLineWithItsNewline) {
+    for (const int level : {9, 0}) m_log.PushLogToLogPool("text 6", static_cast<ZYTOfflineLogLevel>(level));
     ZYTOfflineLog::ZYTOfflineLogE("%s", std::string(3000, 'x').c_str());
     Drain();
-    ASSERT_EQ(Files().size(), 1u);
-    const std::string content = zyttest::ReadFile(Files()[0]);
-    EXPECT_EQ(content.size(), 2047u);
-    EXPECT_EQ(content.back(), 'x');
+
+    ASSERT_EQ(Contents().size(), 1u);
+    std::istringstream lines(Contents()[0]);
+    std::string line;
+    for (const char* end : {"E ZYT: text 1", "W ZYT: text 2", "D ZYT: text 3", "I ZYT: text 4", "V ZYT: text 5",
+                            "V ZYT: text 6", "V ZYT: text 6", "E ZYT: x+"}) {
+        std::getline(lines, line);
+        EXPECT_THAT(line, MatchesRegex(Text("[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}:[0-9]{9}  %4d  %4d %s",
+                                            getpid(), gettid(), end)));
+    }
+    EXPECT_TRUE(lines.eof()) << "a line that is cut loses its newline";
+    EXPECT_EQ(line.size(), 2047u);
 }
 
-TEST_F(OfflineLog, RollsOverWhenALineWouldReachTheLimit) {
+TEST_F(OfflineLog, StampsWithTheZonesTimeAndTheThreadThatLogs) {
+    m_log.m_threadPool.DeInit(true);
+    const auto stamp = [this] {
+        m_log.PushLogToLogPool("", ZYTOfflineLogLevel::E);
+        const ZYTThreadPoolTask task = m_log.m_threadPool.m_taskList.back();
+        const std::string line = static_cast<ZYTOfflineLogParameter*>(task.data)->logLine;
+        m_log.m_threadPool.FlushTask();
+        return line;
+    };
+    const std::pair<const char*, int> zones[] = {{"AAA-13:45", 49500}, {"BBB+9:15", -33300}};
+    for (const auto& [zone, offset] : zones) {
+        setenv("TZ", zone, 1);
+        // The rest of a second is stamped as it began.
+        EXPECT_TRUE(zyttest::WaitUntil([set = time(nullptr)] { return time(nullptr) > set; }));
+        const time_t before = time(nullptr) + offset;
+        const std::string line = stamp();
+        StartNextFile();
+        ASSERT_TRUE(WriteLine("line\n"));
+        const time_t after = time(nullptr) + offset;
+        const auto print = [](time_t second, const char* format) {
+            char text[64] = {};
+            std::strftime(text, sizeof(text), format, std::gmtime(&second));
+            return HasSubstr(text);
+        };
+        EXPECT_THAT(line, AnyOf(print(before, "%m-%d %H:%M:%S:"), print(after, "%m-%d %H:%M:%S:")));
+        const char* const name = "/ZYTOfflineLog_%Y-%m-%d--%H-%M-%S-";
+        EXPECT_THAT(m_log.m_logFileList.back(), AnyOf(print(before, name), print(after, name)));
+        EXPECT_THAT(m_log.m_logFileList.back(), MatchesRegex(".*-[0-9]{6}\\.txt"));
+    }
+    unsetenv("TZ");
+
+    const auto names = [&stamp](pid_t process, pid_t thread) {
+        return stamp().find(Text("  %4d  %4d E ", process, thread)) != std::string::npos;
+    };
+    EXPECT_TRUE(names(getpid(), gettid()));
+    std::thread([&names] { EXPECT_TRUE(names(getpid(), gettid())); }).join();
+    const pid_t child = fork();
+    if (child == 0) _exit(names(getpid(), gettid()) ? 0 : 1);
+    int status = 1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(OfflineLog, RollsOverWhenALineWouldReachTheLimitAndDeletesTheOldestOf301Files) {
     const std::string line = "0123456789\n";
     const auto length = static_cast<uint32_t>(line.size());
     ASSERT_TRUE(WriteLine(line));
     ASSERT_TRUE(WriteLine(line));
-    EXPECT_EQ(Files().size(), 1u);
-    EXPECT_EQ(FileSize(), 2 * length);
-
+    EXPECT_EQ(m_log.m_curLogFileSize, 2 * length);
     SetFileSize(ZYTOfflineLog::kFileSizeLimit - length - 1);
     ASSERT_TRUE(WriteLine(line));
-    EXPECT_EQ(Files().size(), 1u) << "one byte below the limit still fits";
+    EXPECT_EQ(m_log.m_logFileList.size(), 1u) << "one byte below the limit still fits";
     SetFileSize(ZYTOfflineLog::kFileSizeLimit - length);
     ASSERT_TRUE(WriteLine(line));
-    ASSERT_EQ(Files().size(), 2u);
-    EXPECT_EQ(zyttest::ReadFile(Files()[0]), line + line + line);
-    EXPECT_EQ(zyttest::ReadFile(Files()[1]), line);
-    EXPECT_EQ(FileSize(), length);
-}
+    EXPECT_THAT(Contents(), testing::ElementsAre(line + line + line, line));
+    EXPECT_EQ(m_log.m_curLogFileSize, length);
 
-TEST_F(OfflineLog, KeepsItsLast300Files) {
-    for (int i = 0; i < 302; ++i) {
+    const std::list<std::string> oldest = m_log.m_logFileList;
+    for (int i = 0; i < 300; ++i) {
         StartNextFile();
-        ASSERT_TRUE(WriteLine("line\n"));
+        ASSERT_TRUE(WriteLine(line));
     }
-    EXPECT_EQ(Files().size(), 300u);
-    EXPECT_EQ(FilesInLogDir() - m_filesBefore, 300u);
+    for (const std::string& file : oldest) EXPECT_FALSE(fs::exists(file));
+    EXPECT_EQ(Contents(), std::vector<std::string>(300, line));
 }
 
 TEST_F(OfflineLog, KeepsEachLineOnceAndWholeAcrossRollOvers) {
     constexpr int kThreads = 8;
     constexpr int kLinesEach = 400;
     const auto text = [](int t, int i) {
-        return zyttest::Text("<%d:%d %s>", t, i, std::string(static_cast<size_t>(i), 'x').c_str());
+        return Text("<%d:%d %s>", t, i, std::string(static_cast<size_t>(i), 'x').c_str());
     };
     ASSERT_TRUE(WriteLine("<first>\n"));
     std::vector<std::thread> threads;
-    std::vector<std::string> expected = {"<first>"};
+    std::vector<std::string> expected = {"<first>"}, found;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([this, t, &text] {
             for (int i = 0; i < kLinesEach; ++i) {
@@ -199,44 +235,40 @@ TEST_F(OfflineLog, KeepsEachLineOnceAndWholeAcrossRollOvers) {
     for (std::thread& thread : threads) thread.join();
     Drain();
 
-    std::vector<std::string> found;
-    for (const std::string& file : Files()) {
-        for (const std::string& line : Lines(zyttest::ReadFile(file))) found.push_back(line.substr(line.find('<')));
+    EXPECT_GT(Contents().size(), 10u);
+    for (const std::string& content : Contents()) {
+        std::istringstream lines(content);
+        for (std::string line; std::getline(lines, line);) found.push_back(line.substr(line.find('<')));
     }
-    EXPECT_GT(Files().size(), 10u);
     std::sort(expected.begin(), expected.end());
     std::sort(found.begin(), found.end());
-    EXPECT_EQ(found.size(), expected.size());
     EXPECT_TRUE(found == expected);
 }
 
-TEST_F(OfflineLog, LosesALineThatCannotBeWrittenAndTriesAgain) {
+TEST_F(OfflineLog, LosesLinesThatCannotBeWrittenAndTriesAgain) {
     const fs::path dir = fs::path(hostdevice::OfflineLogDir()).parent_path();
     const fs::path aside = dir.string() + ".aside";
     fs::rename(dir, aside);
     EXPECT_FALSE(WriteLine("lost\n"));
     EXPECT_FALSE(m_log.FlushLogPoolToFile());
-    EXPECT_EQ(FileSize(), ZYTOfflineLog::kFileSizeLimit) << "so that the next line opens a file again";
+    EXPECT_EQ(m_log.m_curLogFileSize, ZYTOfflineLog::kFileSizeLimit) << "so that the next line opens a file again";
     fs::rename(aside, dir);
     EXPECT_TRUE(WriteLine("kept\n"));
-    ASSERT_EQ(Files().size(), 1u);
+    ASSERT_EQ(m_log.m_logFileList.size(), 1u);
 
-    fs::remove(Files()[0]);
-    fs::create_directory(Files()[0]);  // an append now fails
-    EXPECT_FALSE(WriteLine("lost\n"));
-    EXPECT_EQ(FileSize(), 5u);
-    EXPECT_EQ(Files().size(), 1u);
-}
-
-TEST_F(OfflineLog, LosesLinesOnAFullDiskOnly) {
-    ASSERT_TRUE(WriteLine("first\n"));
-    fs::rename(Files()[0], Files()[0] + ".aside");
-    fs::create_symlink("/dev/full", Files()[0]);
+    const std::string file = m_log.m_logFileList.front();
+    fs::rename(file, aside);
+    fs::create_symlink("/dev/full", file);
     EXPECT_TRUE(WriteLine("lost\n")) << "a write that fails counts as one";
-    EXPECT_EQ(FileSize(), 11u);
-    fs::rename(Files()[0] + ".aside", Files()[0]);
+    EXPECT_EQ(m_log.m_curLogFileSize, 10u);
+    fs::remove(file);
+    fs::create_directory(file);  // an append now fails
+    EXPECT_FALSE(WriteLine("lost\n"));
+    EXPECT_EQ(m_log.m_curLogFileSize, 10u);
+    fs::remove(file);
+    fs::rename(aside, file);
     EXPECT_TRUE(WriteLine("kept\n"));
-    EXPECT_EQ(zyttest::ReadFile(Files()[0]), "first\nkept\n");
+    EXPECT_THAT(Contents(), testing::ElementsAre("kept\nkept\n"));
 }
 
 TEST_F(OfflineLog, FlushesThePoolToAFileOfItsOwn) {
@@ -245,27 +277,21 @@ TEST_F(OfflineLog, FlushesThePoolToAFileOfItsOwn) {
     content.copy(m_log.m_logPool, content.size());
     m_log.m_logPoolSize = static_cast<uint32_t>(content.size());
     ASSERT_TRUE(m_log.FlushLogPoolToFile());
-    EXPECT_EQ(m_log.m_logPoolSize, 0u);
-    EXPECT_EQ(m_log.m_logPool[0], '\0');
-    ASSERT_EQ(Files().size(), 2u);
-    EXPECT_EQ(zyttest::ReadFile(Files()[1]), content);
-
+    EXPECT_TRUE(m_log.m_logPoolSize == 0 && m_log.m_logPool[0] == '\0');
     ASSERT_TRUE(WriteLine("more\n"));
-    EXPECT_EQ(zyttest::ReadFile(Files()[0]), "line\nmore\n") << "the line writer keeps its own file";
+    EXPECT_THAT(Contents(), testing::ElementsAre("line\nmore\n", content)) << "the line writer keeps its own file";
 }
 
 TEST_F(OfflineLog, SavesOnlyWholeBlocks) {
     ZYTOfflineLogParameter param{"line\n"};
     ZYTOfflineLog::SaveLog(&param, 2047);
     ZYTOfflineLog::SaveLog(nullptr, 2048);
-    EXPECT_TRUE(Files().empty());
+    EXPECT_TRUE(m_log.m_logFileList.empty());
     ZYTOfflineLog::SaveLog(&param, 2048);
-    ASSERT_EQ(Files().size(), 1u);
-    EXPECT_EQ(zyttest::ReadFile(Files()[0]), "line\n");
+    EXPECT_THAT(Contents(), testing::ElementsAre("line\n"));
 }
 
 TEST(OfflineLogSwitch, IsThePropertyAndWithoutItTheFrameworks) {
-    const zyttest::LogDir dir;
     const auto print = [](const char* property, const char* framework) {
         return RunChild("PrintSwitch", {{kSwitchProperty, property}, {kFrameworkProperty, framework}}).output;
     };
@@ -276,4 +302,10 @@ TEST(OfflineLogSwitch, IsThePropertyAndWithoutItTheFrameworks) {
         EXPECT_EQ(print(unset, "1"), on) << unset;
         EXPECT_EQ(print(unset, "0"), off) << unset;
     }
+}
+
+TEST(OfflineLogAtExit, DiscardsWhatIsQueued) {
+    const size_t before = FilesInLogDir();
+    EXPECT_EQ(RunChild("ExitWithALineQueued").exitCode, 0);
+    EXPECT_EQ(FilesInLogDir(), before);
 }

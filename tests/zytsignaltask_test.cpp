@@ -1,6 +1,6 @@
 #include "zytsignaltask/zytsignaltask.h"
 
-#include <gmock/gmock.h>
+#include <hostdevice/hostdevice.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -9,13 +9,13 @@
 #include <memory>
 #include <thread>
 
+#include "base/zytexitgate.h"
 #include "base/zytsharedflag.h"
 #include "logging/zytlogsite.h"
 #include "support.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
 using zyttest::LogCapture;
 using zyttest::WaitUntil;
 
@@ -32,10 +32,6 @@ protected:
     void TearDown() override {
         m_isReleased = true;
         m_task.disconnect();
-    }
-
-    std::string Line(const char* function, const char* text) {
-        return zyttest::Text("V zytsignaltask.cpp %s() [%p] %s", function, static_cast<void*>(&m_task), text);
     }
 
     // Connects a task of which no other copy is left, and returns its flags: alive and done.
@@ -84,10 +80,24 @@ ZYT_CHILD(ExitFromATask) {
 
 ZYT_CHILD(RunAnEmptyCallable) { return RunToTheEnd({}); }
 
+// Destroyed after the task, which refuses everything by then.
+struct Late {
+    ~Late() { std::_Exit(ZYTSignalTask::instance()->insert(5) == 0 ? 7 : 1); }
+};
+
 ZYT_CHILD(LogAtExit) {
+    static const Late late;
     ZYTLogUtil::m_level = 5;
     ZYTSignalTask::instance();
     return 0;
+}
+
+ZYT_CHILD(ExitFromALogSink) {
+    LogCapture log([](const std::string& line) {
+        if (line.find("success signal") != std::string::npos) std::exit(7);
+    });
+    ZYTSignalTask::instance()->signal(1);
+    return 1;
 }
 
 }  // namespace
@@ -145,9 +155,7 @@ TEST_F(SignalTask, DisconnectsSignalsAndTasks) {
         m_isReleased = true;
         disconnecting.join();
         Settle();
-        EXPECT_EQ(runs, 0);
-        EXPECT_FALSE(zyt::LoadFlag(*isAlive));
-        EXPECT_FALSE(zyt::LoadFlag(*isDone));
+        EXPECT_TRUE(runs == 0 && !zyt::LoadFlag(*isAlive) && !zyt::LoadFlag(*isDone));
     }
 
     const WrapperTask kept = Wrap([&runs] { ++runs; });
@@ -166,15 +174,23 @@ TEST_F(SignalTask, AReplacedConnectionKeepsItsFlags) {
     EXPECT_TRUE(zyt::LoadFlag(*replacedIsAlive));
 }
 
+TEST_F(SignalTask, LetsGoOfCapturesOutsideItsLocks) {
+    std::atomic<bool> isConnected{false};
+    m_task.insert(5, Wrap([capture = std::shared_ptr<void>(nullptr, [&](void*) {
+                               m_task.insert(9, WrapperTask());
+                               isConnected = true;
+                           })] {}));
+    m_task.signal(5);
+    EXPECT_TRUE(WaitUntil([&isConnected] { return isConnected.load(); }));
+}
+
 TEST(Wrapper, AssignmentSharesAllFourMembersEvenFromATemporary) {
     WrapperTask a;
     WrapperTask b;
     const std::shared_ptr<bool> oldAlive = a.m_isAlive;
     b.m_task = [] {};
     a = std::move(b);
-    EXPECT_EQ(a.m_isAlive, b.m_isAlive);
-    EXPECT_EQ(a.m_isDone, b.m_isDone);
-    EXPECT_EQ(a.m_token, b.m_token);
+    EXPECT_TRUE(a.m_isAlive == b.m_isAlive && a.m_isDone == b.m_isDone && a.m_token == b.m_token);
     EXPECT_TRUE(a.m_task && b.m_task);
     EXPECT_TRUE(*oldAlive) << "assignment is no destruction";
 
@@ -189,43 +205,71 @@ TEST(Wrapper, AssignmentSharesAllFourMembersEvenFromATemporary) {
 
 TEST_F(SignalTask, LogsEachStep) {
     Settle();
-    LogCapture log;
+    m_task.insert(5, Wrap([] {}));
     HoldLoop();
-    log.Take();
+    std::atomic<int> rounds{0};
+    LogCapture log([&rounds](const std::string& line) { rounds += line.find("loop alive") != std::string::npos; });
     m_task.insert(5);
     m_task.insert(5);
-    EXPECT_THAT(log.Take(),
-                ElementsAre(Line("insert", "try signal 5"), Line("insert", "success signal 5 with 1 signals left"),
-                            Line("insert", "try signal 5")));
     m_isReleased = true;
-    m_task.remove(5);
-    Settle();
-    log.Take();
+    EXPECT_TRUE(WaitUntil([&rounds] { return rounds == 2; }));
     m_task.insert(9, Wrap([] {}));
     m_task.remove(9);
     m_task.remove();
-    m_task.insert(9, Wrap([] {}));
-    m_task.signal(9);
-    Settle();
-    const std::vector<std::string> lines = log.Take();
-    EXPECT_THAT(lines,
-                testing::IsSupersetOf(
-                    {Line("insert", "try connect 9"), Line("insert", "success connect 9 with 1 tasks left"),
-                     Line("remove", "disconnect 9"), Line("remove", "disconnect all"), Line("loop", "loop alive")}));
-    EXPECT_THAT(lines, testing::Contains(Line("loop", "task 9 done")).Times(1));
+    EXPECT_EQ(log.Transcript("loop()"), R"(
+V loop() [@1] task 18446744073709551614 done
+V loop() [@1] loop alive
+V loop() [@1] task 5 done
+V loop() [@1] loop alive)");
+    EXPECT_EQ(log.Transcript(), R"(
+V insert() [@1] try signal 5
+V insert() [@1] success signal 5 with 1 signals left
+V insert() [@1] try signal 5
+V insert() [@1] try connect 9
+V insert() [@1] success connect 9 with 1 tasks left
+V remove() [@1] disconnect 9
+V remove() [@1] disconnect all)");
 }
 
-TEST(SignalTaskAtExit, EndsWhenATaskItselfExits) { EXPECT_EQ(zyttest::RunChild("ExitFromATask").exitCode, 7); }
-
-TEST(SignalTaskAtExit, LogsItsEndAndStopsItsLoop) {
+TEST(SignalTaskAtExit, LeavesAndRefusesWhatComesLater) {
     const zyttest::ChildResult child = zyttest::RunChild("LogAtExit");
-    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.exitCode, 7);
     EXPECT_THAT(child.output, HasSubstr("disconnect all"));
     EXPECT_THAT(child.output, HasSubstr("loop stop"));
+    EXPECT_EQ(zyttest::RunChild("ExitFromATask").exitCode, 7);
+    EXPECT_EQ(zyttest::RunChild("ExitFromALogSink").exitCode, 7);
 }
 
 TEST(SignalTaskAtExit, AnEmptyCallableEndsTheProcess) {
     const zyttest::ChildResult child = zyttest::RunChild("RunAnEmptyCallable");
     EXPECT_EQ(child.signal, SIGABRT);
     EXPECT_THAT(child.output, HasSubstr("bad_function_call"));
+}
+
+TEST(ExitGate, ClosesOnceOthersHaveLeftHoweverManyAsk) {
+    using Pass = zyt::ExitGate::Pass;
+    static zyt::ExitGate gate;
+    std::atomic<bool> isInside{false}, hasLeft{false}, isOver{false};
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] {
+        const Pass pass(gate);
+        isInside = true;
+        while (Pass(gate)) std::this_thread::yield();  // until the gate is being closed
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        hasLeft = true;
+    });
+    for (int i = 0; i < 16; ++i) {
+        threads.emplace_back([&isOver] {
+            while (!isOver) const Pass pass(gate);
+        });
+    }
+    EXPECT_TRUE(WaitUntil([&isInside] { return isInside.load(); }));
+    {
+        const Pass own(gate), another(gate);  // as when a log sink below them calls exit()
+        gate.Close();
+        EXPECT_TRUE(hasLeft);
+    }
+    EXPECT_FALSE(Pass(gate));
+    isOver = true;
+    for (std::thread& thread : threads) thread.join();
 }

@@ -1,6 +1,6 @@
 #include "threadpool/zytthreadpool.h"
 
-#include <gmock/gmock.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -23,9 +23,9 @@ std::vector<int> g_order;
 
 void CountRun(void*, unsigned int) { ++g_runs; }
 
-void RecordValue(void* data, unsigned int) {
+void RecordValue(void* data, unsigned int size) {
     int value = 0;
-    std::memcpy(&value, data, sizeof(value));
+    std::memcpy(&value, data, size);
     g_order.push_back(value);
 }
 
@@ -33,10 +33,6 @@ ZYTThreadPoolTask TaskWithValue(void (*func)(void*, unsigned int), int value) {
     void* data = std::malloc(sizeof(value));
     std::memcpy(data, &value, sizeof(value));
     return {ZYT_THREAD_POOL_TASK_NORMAL, func, data, sizeof(value)};
-}
-
-size_t Count(const std::vector<std::string>& lines, const std::string& line) {
-    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
 
 class ThreadPool : public testing::Test {
@@ -58,18 +54,39 @@ TEST_F(ThreadPool, StartsAndJoinsItsWorkers) {
     EXPECT_THAT(m_log.Take(), ElementsAre());
 
     ASSERT_TRUE(m_pool.Init(2));
-    ASSERT_EQ(m_pool.m_threadIdList.size(), 2u);
-    const auto first = m_pool.m_threadIdList[0];
-    const auto second = m_pool.m_threadIdList[1];
+    const std::vector<int64_t> ids = m_pool.m_threadIdList;
     EXPECT_THAT(m_log.Take(),
-                ElementsAre(zyttest::Text("D Create New Thread[0] Success: %u", static_cast<unsigned>(first)),
-                            zyttest::Text("D Create New Thread[1] Success: %u", static_cast<unsigned>(second))));
+                ElementsAre(zyttest::Text("D Create New Thread[0] Success: %u", static_cast<unsigned>(ids.at(0))),
+                            zyttest::Text("D Create New Thread[1] Success: %u", static_cast<unsigned>(ids.at(1)))));
+    char name[16] = {};
+    pthread_getname_np(static_cast<pthread_t>(ids[1]), name, sizeof(name));
+    EXPECT_STREQ(name, "ZYTThreadPool");
     m_pool.DeInit(false);
     std::vector<std::string> lines = m_log.Take();
-    EXPECT_EQ(Count(lines, kStopped), 2u);
-    EXPECT_EQ(Count(lines, zyttest::Text("D Join Thread[0]: %lu", static_cast<unsigned long>(first))), 1u);
-    EXPECT_EQ(lines.back(), zyttest::Text("D Join Thread[1]: %lu", static_cast<unsigned long>(second)));
-    EXPECT_TRUE(m_pool.m_threadIdList.empty());
+    std::sort(lines.begin(), lines.end());  // the first worker can be joined before the second stops
+    EXPECT_THAT(lines, ElementsAre(zyttest::Text("D Join Thread[0]: %ld", ids[0]),
+                                   zyttest::Text("D Join Thread[1]: %ld", ids[1]), kStopped, kStopped));
+
+    // What is started twice forgets the workers of the first time, which still serve it.
+    ASSERT_TRUE(m_pool.Init(1));
+    const auto forgotten = static_cast<pthread_t>(m_pool.m_threadIdList.at(0));
+    ASSERT_TRUE(m_pool.Init(1));
+    EXPECT_EQ(m_pool.m_threadIdList.size(), 1u);
+    m_pool.QueueTask({ZYT_THREAD_POOL_TASK_STOP, nullptr, nullptr, 0});
+    m_pool.DeInit(false);
+    pthread_join(forgotten, nullptr);
+}
+
+TEST_F(ThreadPool, StopsOnceHoweverManyStopIt) {
+    for (int round = 0; round < 50; ++round) {
+        ASSERT_TRUE(m_pool.Init(3));
+        m_log.Take();
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 3; ++i) threads.emplace_back([this, i] { m_pool.DeInit(i % 2 == 0); });
+        for (std::thread& thread : threads) thread.join();
+        EXPECT_EQ(m_log.Take().size(), 6u) << "three workers stop and are joined";
+        EXPECT_TRUE(m_pool.m_threadIdList.empty() && m_pool.m_taskList.empty());
+    }
 }
 
 TEST_F(ThreadPool, RunsWhatIsQueuedInOrderBeforeItStops) {
@@ -91,18 +108,12 @@ TEST_F(ThreadPool, RunsWhatIsQueuedInOrderBeforeItStops) {
     EXPECT_EQ(g_runs, 8000);
 }
 
-TEST_F(ThreadPool, DropsWhatIsQueuedWhenFlushed) {
-    for (int i = 0; i < 5; ++i) m_pool.QueueTask(TaskWithValue(CountRun, i));
-    m_pool.FlushTask();
-    EXPECT_TRUE(m_pool.m_taskList.empty());
-
-    for (int i = 0; i < 5; ++i) m_pool.QueueTask(TaskWithValue(CountRun, i));
-    m_pool.DeInit(true);
-    EXPECT_TRUE(m_pool.m_taskList.empty());
-    EXPECT_EQ(g_runs, 0);
-}
-
-TEST_F(ThreadPool, InitForgetsQueuedTasksWithoutFreeingTheirData) {
+TEST_F(ThreadPool, DropsWhatIsQueuedWhenFlushedAndFreesItUnlessInitDoes) {
+    for (const bool isByDeInit : {false, true}) {
+        for (int i = 0; i < 5; ++i) m_pool.QueueTask(TaskWithValue(CountRun, i));
+        isByDeInit ? m_pool.DeInit(true) : m_pool.FlushTask();
+        EXPECT_TRUE(m_pool.m_taskList.empty());
+    }
     const ZYTThreadPoolTask task = TaskWithValue(CountRun, 1);
     m_pool.QueueTask(task);
     ASSERT_TRUE(m_pool.Init(1));

@@ -1,8 +1,0 @@
-#include "fuzzsupport.h"
-#include "rules.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
-    FuzzedDataProvider data(bytes, size);
-    FUZZ_CHECK(zytrule::PlacesByRule(data));
-    return 0;
-}
