@@ -39,6 +39,14 @@ cmake --build build >"$dir/log" 2>&1 || { cat "$dir/log" >&2; exit 1; }
 run build/brightnode bright_640x480_YUV420NV12.raw
 [[ $(stat -c %s bright_640x480_YUV420NV12.raw) == $((640 * 480 * 3 / 2)) ]]
 run build/brightnode_test passed
+flags=$(PKG_CONFIG_PATH=$libraries/pkgconfig pkg-config --cflags zyttools)
+# shellcheck disable=SC2046,SC2086
+{
+    $CXX -std=c++17 $CXXFLAGS -fsyntax-only brought.cpp $flags
+    ! pkg-config --exists opencv4 ||
+        $CXX -std=c++17 $CXXFLAGS -fsyntax-only opencv.cpp $flags $(pkg-config --cflags opencv4 | sed 's/-I/-isystem /g')
+    [[ ! -e /usr/include/libyuv.h ]] || $CXX -std=c++17 $CXXFLAGS -fsyntax-only libyuv.cpp $flags
+}
 
 cmake -S "$tree/examples/denoise" -B "$dir/denoise" -DCMAKE_PREFIX_PATH="$dir/prefix" >/dev/null
 cmake --build "$dir/denoise" >"$dir/log" 2>&1 || { cat "$dir/log" >&2; exit 1; }
