@@ -26,7 +26,6 @@ namespace {
 
 using android::GraphicBuffer;
 using android::sp;
-using hostdevice::Fault;
 using testing::ElementsAre;
 using testing::ExitedWithCode;
 
@@ -45,18 +44,7 @@ std::string GetProperty(const char* key, const char* defaultValue) {
     return value;
 }
 
-class HostDeviceTest : public testing::Test {
-protected:
-    ~HostDeviceTest() override {
-        hostdevice::ClearFaults();
-        hostdevice::SetStrideAlignment(64);
-        hostdevice::SetLogSink({});
-    }
-
-    BufferAllocator m_allocator;
-};
-
-TEST_F(HostDeviceTest, PropertiesAreReadAsNumbersAndSwitches) {
+TEST(HostDeviceTest, PropertiesAreReadAsNumbersAndSwitches) {
     using Numbers = std::vector<int64_t>;
     const auto read = [](auto function, const std::vector<const char*>& values) {
         Numbers numbers;
@@ -76,40 +64,32 @@ TEST_F(HostDeviceTest, PropertiesAreReadAsNumbersAndSwitches) {
     EXPECT_EQ(property_get_int32(nullptr, 8) + property_get_bool(nullptr, 1), 9);
 }
 
-TEST_F(HostDeviceTest, PropertyValuesAreCutAndDefaulted) {
+TEST(HostDeviceTest, PropertyValuesAreCutAndDefaulted) {
     const std::string longest(91, 'v');
     hostdevice::SetProperty("test.long", longest + "w");
     EXPECT_EQ(GetProperty("test.long", ""), longest);
     EXPECT_EQ(GetProperty("test.unset", (longest + "w").c_str()), longest);
     EXPECT_EQ(GetProperty("test.unset", nullptr), "");
-    hostdevice::SetProperty("test.empty", "");
-    EXPECT_EQ(GetProperty("test.empty", "default"), "default");
-
     EXPECT_EQ(property_set("test.set", longest.c_str()), 0);
     EXPECT_EQ(property_set("test.set", (longest + "w").c_str()), -1);
     EXPECT_EQ(GetProperty("test.set", ""), longest);
     EXPECT_EQ(property_set("test.set", nullptr), 0);
     EXPECT_EQ(GetProperty("test.set", "default"), "default");
-    EXPECT_EQ(property_set("", "value"), -1);
-    EXPECT_EQ(property_set("ro.test", "first"), 0);
-    EXPECT_EQ(property_set("ro.test", "second"), -1) << "set once";
-    hostdevice::ClearProperty("ro.test");
-    EXPECT_EQ(GetProperty("ro.test", "default"), "default");
+    EXPECT_EQ(property_set("ro.test", "first") + property_set("ro.test", "second"), -1) << "set once";
     EXPECT_EXIT(GetProperty(nullptr, ""), testing::KilledBySignal(SIGABRT), "^hostdevice: a property's key is null");
 }
 
-TEST_F(HostDeviceTest, PropertyFileIsReadBeforeTheFirstProperty) {
+TEST(HostDeviceTest, PropertyFileIsReadBeforeTheFirstProperty) {
     const zyttest::TempDir dir;
-    zyttest::WriteFile(
-        dir / "prop",
-        "# comment = 1\n\n  test.spaced \t=  a = b \r\ntest.kept=file\nnonsense\ntest.overridden=1\ntest.last=end");
+    zyttest::WriteFile(dir / "prop",
+                       "# comment = 1\n\n  test.spaced \t=  a = b \r\ntest.kept=file\nnonsense\n"
+                       "test.overridden=1\ntest.last=end");
     setenv("HOSTDEVICE_PROPERTIES", (dir / "prop").c_str(), 1);
     const auto check = [] {
         hostdevice::SetProperty("test.overridden", "2");
-        const bool isRight = GetProperty("test.spaced", "") == "a = b" && GetProperty("test.kept", "") == "file" &&
-                             GetProperty("# comment", "unset") == "unset" &&
-                             property_get_int32("test.overridden", 0) == 2 && GetProperty("test.last", "") == "end";
-        _exit(isRight ? 0 : 1);
+        _exit(GetProperty("test.spaced", "") != "a = b" || GetProperty("test.kept", "") != "file" ||
+              GetProperty("# comment", "unset") != "unset" || GetProperty("test.overridden", "") != "2" ||
+              GetProperty("test.last", "") != "end");
     };
     EXPECT_EXIT(check(), ExitedWithCode(0), "^hostdevice: [^\n]*:5: [^\n]*\n$");
     for (const char* unreadable : {"/nonexistent/properties", "/"}) {
@@ -119,7 +99,7 @@ TEST_F(HostDeviceTest, PropertyFileIsReadBeforeTheFirstProperty) {
     unsetenv("HOSTDEVICE_PROPERTIES");
 }
 
-TEST_F(HostDeviceTest, FilesLieInAFolderOfTheUsers) {
+TEST(HostDeviceTest, FilesLieInAFolderOfTheUsers) {
     const zyttest::TempDir dir;
     const std::string log = "data/vendor/camera/offlinelog/";
     const std::string longest(210 - (dir / "/" + log).size(), 'x');
@@ -138,15 +118,14 @@ TEST_F(HostDeviceTest, FilesLieInAFolderOfTheUsers) {
             setenv("HOSTDEVICE_DATA", c.data.c_str(), 1);
             setenv("XDG_STATE_HOME", c.state.c_str(), 1);
             setenv("HOME", c.home.c_str(), 1);
-            const std::string path = hostdevice::OfflineLogDir();
-            const bool isUsable = c.said.empty() == (access(path.c_str(), W_OK) == 0);
-            _exit(path == c.expected && hostdevice::OfflineLogDir() == path && isUsable ? 0 : 1);
+            const char* const path = hostdevice::OfflineLogDir();
+            _exit(path == c.expected && c.said.empty() == (access(path, W_OK) == 0) ? 0 : 1);
         };
         EXPECT_EXIT(ask(), ExitedWithCode(0), "^" + c.said + "$") << c.expected;
     }
 }
 
-TEST_F(HostDeviceTest, LogLinesLookLikeThreadtime) {
+TEST(HostDeviceTest, LogLinesLookLikeThreadtime) {
     testing::internal::CaptureStderr();
     std::thread([] {
         hostdevice::SetProperty("test.tid", std::to_string(syscall(SYS_gettid)));
@@ -160,7 +139,7 @@ TEST_F(HostDeviceTest, LogLinesLookLikeThreadtime) {
                 testing::MatchesRegex(stamp + "V ZYT     : short tag\n" + error + "two\n" + error + "lines\n"));
 }
 
-TEST_F(HostDeviceTest, LogIsFilteredFormattedAndFatalAsOnADevice) {
+TEST(HostDeviceTest, LogIsFilteredFormattedAndFatalAsOnADevice) {
     std::vector<std::string> lines;
     hostdevice::SetLogSink([&lines](int, const char*, const char* text) { lines.push_back(text); });
     const std::vector<std::vector<std::string>> kSteps = {
@@ -184,13 +163,13 @@ TEST_F(HostDeviceTest, LogIsFilteredFormattedAndFatalAsOnADevice) {
     EXPECT_EXIT(__android_log_assert("a == b", "tag", "%d", 42), dies, "F tag     : 42\n");
 }
 
-TEST_F(HostDeviceTest, LogSinkIsCalledWithoutALockAndNoMoreOnceItIsReplaced) {
+TEST(HostDeviceTest, LogSinkIsCalledWithoutALockAndNoMoreOnceItIsReplaced) {
     // Two threads at a time inside the sink, which logs itself; then nobody once the next one is in place.
     std::atomic<int> calls{0}, inside{0};
     std::atomic<bool> isFull{false};
     hostdevice::SetLogSink([&](int priority, const char* tag, const char* text) {
         if (++inside == 4) isFull = true;
-        if (priority == ANDROID_LOG_INFO && std::strcmp(tag, "tag") == 0 && std::strcmp(text, "text") == 0) ++calls;
+        if (priority == ANDROID_LOG_INFO && std::string(tag) + text == "tagtext") ++calls;
         if (calls < 3) __android_log_write(ANDROID_LOG_INFO, "tag", "text");
         while (!isFull) std::this_thread::yield();
         --inside;
@@ -204,86 +183,65 @@ TEST_F(HostDeviceTest, LogSinkIsCalledWithoutALockAndNoMoreOnceItIsReplaced) {
     EXPECT_GE(calls, 4);
 }
 
-TEST_F(HostDeviceTest, DeviceServesLateDestructorsAtExit) {
-    const auto logAtExit = [] {
-        // Registered before the device is first used, so it runs after anything that the device would destroy.
-        std::atexit([] { __android_log_write(ANDROID_LOG_ERROR, "late", GetProperty("test.late", "").c_str()); });
-        hostdevice::SetProperty("test.late", "a value too long for the string object to hold in itself");
-        hostdevice::SetLogSink({});
-        std::exit(0);
-    };
-    EXPECT_EXIT(logAtExit(), ExitedWithCode(0), "E late    : a value too long for .* in itself\n$");
-}
-
-TEST_F(HostDeviceTest, HeapMemoryIsSharedBetweenMappingsAndKeepsItsSize) {
-    const bool isKernelHeapOpen = access("/dev/dma_heap/system", R_OK) == 0;
-    EXPECT_EQ(hostdevice::UsesKernelHeap(), isKernelHeapOpen);
-    EXPECT_STREQ(hostdevice::HeapName(), isKernelHeapOpen ? "/dev/dma_heap/system" : "memfd");
-
+TEST(HostDeviceTest, HeapMemoryIsSharedBetweenMappingsAndKeepsItsSize) {
+    EXPECT_STREQ(hostdevice::HeapName(), access("/dev/dma_heap/system", R_OK) == 0 ? "/dev/dma_heap/system" : "memfd");
+    BufferAllocator heap;
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    int fd = m_allocator.Alloc("system", page + 1);
+    int fd = heap.Alloc("system", page + 1);
     ASSERT_GT(fd, STDERR_FILENO);
     EXPECT_EQ(lseek(fd, 0, SEEK_END), static_cast<off_t>(2 * page));
-    EXPECT_EQ(ftruncate(fd, 0), -1);
-    EXPECT_EQ(ftruncate(fd, static_cast<off_t>(4 * page)), -1);
+    EXPECT_TRUE(ftruncate(fd, 0) == -1 && ftruncate(fd, static_cast<off_t>(4 * page)) == -1);
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
-
     ZYTBufferAllocator allocator;
     char* const first = allocator.MapFDToBufferPointer(fd, 2 * page);
     char* const second = allocator.MapFDToBufferPointer(fd, 2 * page);
-    m_allocator.CpuSyncStart(static_cast<unsigned>(fd), kSyncReadWrite);
+    allocator.StartCPUSync(fd, CPU_SYNC_READ_WRITE);
     EXPECT_EQ(second[page], 0);
     first[page] = 42;
     EXPECT_EQ(second[page], 42);
-    m_allocator.CpuSyncEnd(static_cast<unsigned>(fd));
+    allocator.EndCPUSync(fd);
     EXPECT_EQ(munmap(first, 2 * page), 0);
     EXPECT_EQ(allocator.DeallocDMABuffer(2 * page, second, fd), 0);
-
     for (const auto& [size, error] : {std::pair<size_t, int>{0, EINVAL}, {SIZE_MAX, ENOMEM}}) {
-        EXPECT_EQ(m_allocator.AllocSystem(true, size), -1);
+        EXPECT_EQ(heap.AllocSystem(true, size), -1);
         EXPECT_EQ(errno, error);
     }
-    EXPECT_EQ(m_allocator.Alloc("reserved", page), -1);
+    EXPECT_EQ(heap.Alloc("reserved", page), -1);
 }
 
-TEST_F(HostDeviceTest, DescriptorsStayClearOfClosedStandardOnes) {
+TEST(HostDeviceTest, DescriptorsStayClearOfStandardOnes) {
     const auto allocate = [] {
+        hostdevice::FailNth(hostdevice::Fault::kGraphicDescriptor, 1);
+        const bool isMade = MakeGraphicBuffer(8, 8)->initCheck() == 0 && fcntl(STDIN_FILENO, F_GETFD) != -1;
         for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) close(fd);
         const int heap = BufferAllocator().AllocSystem(true, 1);
         const sp<GraphicBuffer> buffer = MakeGraphicBuffer(1, 1);
         const bool areClosed = fcntl(STDIN_FILENO, F_GETFD) == -1 && fcntl(STDERR_FILENO, F_GETFD) == -1;
-        _exit(areClosed && heap > STDERR_FILENO && buffer->handle->data[0] > STDERR_FILENO ? 0 : 1);
+        _exit(isMade && areClosed && heap > STDERR_FILENO && buffer->handle->data[0] > STDERR_FILENO ? 0 : 1);
     };
     EXPECT_EXIT(allocate(), ExitedWithCode(0), "");
 }
 
-TEST_F(HostDeviceTest, SyncAcceptsTheDevicesMemoryOnly) {
-    const int heap = m_allocator.AllocSystem(true, 100);
+TEST(HostDeviceTest, SyncAcceptsTheDevicesMemoryOnly) {
+    BufferAllocator allocator;
+    const int heap = allocator.AllocSystem(true, 100);
     const sp<GraphicBuffer> buffer = MakeGraphicBuffer(16, 16);
     const int foreign = memfd_create("foreign", MFD_CLOEXEC);
-    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     const std::pair<int, int> kCases[] = {
-        {heap, 0}, {buffer->handle->data[0], 0}, {foreign, ENOTTY}, {null, ENOTTY}, {9999, EBADF}, {-3, EBADF}};
+        {heap, 0}, {buffer->handle->data[0], 0}, {foreign, ENOTTY}, {9999, EBADF}, {-3, EBADF}};
     for (const auto& [fd, error] : kCases) {
-        SCOPED_TRACE(fd);
-        const int expected = error == 0 ? 0 : -1;
-        for (const bool isStart : {true, false}) {
-            const uint64_t before = hostdevice::SyncCount();
-            const auto descriptor = static_cast<unsigned>(fd);
+        for (int (BufferAllocator::*sync)(unsigned, SyncType, const BufferAllocator::CustomCpuSyncLegacyIon&, void*) :
+             {&BufferAllocator::CpuSyncStart, &BufferAllocator::CpuSyncEnd}) {
             errno = 0;
-            EXPECT_EQ(isStart ? m_allocator.CpuSyncStart(descriptor, kSyncWrite) : m_allocator.CpuSyncEnd(descriptor),
-                      expected);
-            EXPECT_EQ(errno, error);
-            const hostdevice::SyncCall last = hostdevice::LastSync();
-            EXPECT_TRUE(last.fd == fd && last.direction == (isStart ? 2 : 1) && last.isStart == isStart &&
-                        last.result == expected);
-            EXPECT_EQ(hostdevice::SyncCount(), before + 1);
+            EXPECT_EQ((allocator.*sync)(static_cast<unsigned>(fd), kSyncWrite, {}, nullptr), error == 0 ? 0 : -1) << fd;
+            EXPECT_EQ(errno, error) << fd;
         }
     }
-    for (const int fd : {heap, foreign, null}) close(fd);
+    close(heap);
+    close(foreign);
 }
 
-TEST_F(HostDeviceTest, GraphicRowsArePaddedAndMemoryHoldsTwoBytesAPixel) {
+TEST(HostDeviceTest, GraphicRowsArePaddedAndMemoryHoldsTwoBytesAPixel) {
     const struct {
         uint32_t alignment, width, height, stride;
     } kCases[] = {{64, 65, 9, 128}, {48, 100, 9, 144}, {0, 1001, 9, 1001}, {64, 1000, 0, 64}, {64, 0, 9, 64}};
@@ -291,19 +249,13 @@ TEST_F(HostDeviceTest, GraphicRowsArePaddedAndMemoryHoldsTwoBytesAPixel) {
         SCOPED_TRACE(c.width);
         hostdevice::SetStrideAlignment(c.alignment);
         const sp<GraphicBuffer> buffer = MakeGraphicBuffer(c.width, c.height);
-        ASSERT_EQ(buffer->initCheck(), 0);
         EXPECT_EQ(buffer->getStride(), c.stride);
         EXPECT_GE(lseek(buffer->handle->data[0], 0, SEEK_END), off_t{c.stride} * c.height * 2);
-        const ANativeWindowBuffer* const native = buffer->getNativeBuffer();
-        EXPECT_TRUE(native->width == static_cast<int>(c.width) && native->height == static_cast<int>(c.height) &&
-                    native->stride == static_cast<int>(c.stride) && native->format == kImplementationDefined &&
-                    native->usage == kUsage && native->handle == buffer->handle);
+        EXPECT_EQ(buffer->getNativeBuffer()->width, static_cast<int>(c.width));
     }
     for (const auto& [width, height] : {std::pair(UINT32_MAX, 1u), {1u, UINT32_MAX}, {1u << 30, 1u << 30}}) {
         const sp<GraphicBuffer> tooLarge = MakeGraphicBuffer(width, height);
-        EXPECT_EQ(tooLarge->initCheck(), -ENOMEM);
-        EXPECT_EQ(tooLarge->handle, nullptr);
-        EXPECT_EQ(tooLarge->getStride(), 0u);
+        EXPECT_TRUE(tooLarge->initCheck() == -ENOMEM && !tooLarge->handle && tooLarge->getStride() == 0) << width;
     }
 }
 
@@ -312,13 +264,12 @@ struct Counted : android::RefBase {
     void onFirstRef() override { ++firsts; }
 };
 
-TEST_F(HostDeviceTest, StrongPointersDeleteWithTheLastReference) {
+TEST(HostDeviceTest, StrongPointersDeleteWithTheLastReference) {
 #ifdef HOSTDEVICE_UTILS_STRONGPOINTER_H
     static_assert(!std::is_constructible_v<sp<Counted>, sp<android::RefBase>>);
     EXPECT_EQ(sp<Counted>::make()->firsts, 1);
 #endif
-    const sp<Counted> counted = new Counted;
-    EXPECT_EQ(sp<Counted>(counted)->firsts, 1);
+    EXPECT_EQ(sp<Counted>(new Counted)->firsts, 1);
     const auto alive = [] { return hostdevice::CountLive().graphicBuffers; };
     sp<GraphicBuffer> pointer = MakeGraphicBuffer(1, 1);
     sp<android::RefBase> base = pointer;
@@ -327,47 +278,11 @@ TEST_F(HostDeviceTest, StrongPointersDeleteWithTheLastReference) {
     EXPECT_TRUE(pointer == nullptr);  // NOLINT(bugprone-use-after-move): an empty pointer is what a move leaves
     base = nullptr;
     EXPECT_EQ(alive(), 1u);
-    sp<GraphicBuffer>& alias = moved;
-    moved = alias;
-    EXPECT_EQ(alive(), 1u);
     moved = MakeGraphicBuffer(2, 2);
     EXPECT_EQ(alive(), 1u);
 
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([copy = moved] {
-            for (int round = 0; round < 300000; ++round) sp<GraphicBuffer> another = copy;
-        });
-    }
     moved.clear();
-    for (std::thread& thread : threads) thread.join();
-    threads.clear();
     EXPECT_EQ(alive(), 0u);
-}
-
-// What each fault does is seen where the library meets it.
-TEST_F(HostDeviceTest, FaultsFireOnceAtTheNthCall) {
-    int target = m_allocator.AllocSystem(true, 1);
-    const auto sync = [&] {
-        if (m_allocator.CpuSyncStart(static_cast<unsigned>(target)) != 0) return errno == EIO;
-        return m_allocator.CpuSyncEnd(static_cast<unsigned>(target)) != 0;
-    };
-    hostdevice::FailNth(Fault::kSync, 5);
-    for (int call = 0; call < 6; ++call) {
-        EXPECT_EQ(hostdevice::FaultPending(Fault::kSync), call < 3);
-        EXPECT_EQ(sync(), call == 2);
-    }
-    for (void (*disarm)() : {+[] { hostdevice::FailNth(Fault::kSync, 0); }, +[] { hostdevice::ClearFaults(); }}) {
-        hostdevice::FailNth(Fault::kSync, 1);
-        disarm();
-        EXPECT_FALSE(sync());
-    }
-    close(target);
-
-    const int standardInput = fcntl(STDIN_FILENO, F_GETFD);
-    hostdevice::FailNth(Fault::kGraphicDescriptor, 1);
-    EXPECT_EQ(MakeGraphicBuffer(8, 8)->initCheck(), 0);
-    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), standardInput) << "a buffer with descriptor 0 closed it";
 }
 
 // Two pages of heap memory under strict mode, and what is done to them, a letter a step.
@@ -411,7 +326,7 @@ TEST(StrictDeathTest, EndsTheProcessAtTheMistake) {
     for (const auto& [steps, said] : kCases) {
         EXPECT_DEATH(LiveStrictly(steps), std::string("^hostdevice: ") + said) << steps;
     }
-    EXPECT_DEATH(LiveStrictly("0"), testing::Not(testing::HasSubstr("hostdevice"))) << "any other crash";
+    EXPECT_DEATH(LiveStrictly("0"), testing::Not(testing::HasSubstr("hostdevice: "))) << "any other crash";
     EXPECT_EXIT(LiveStrictly("RWEwroERrEWmEwx"), ExitedWithCode(0), "^$");
 }
 
@@ -422,8 +337,7 @@ TEST(StrictDeathTest, LocksRefusesLongMappingsAndHasThePhonesStack) {
         void* pixels = nullptr;
         bool isRight = graphic->lock(0x33, &pixels) == 0 && graphic->lock(0x3, &pixels) == -EBUSY;
         std::memset(pixels, 1, 4096);
-        isRight = isRight && graphic->unlock() == 0 && graphic->unlock() == -EINVAL &&
-                  graphic->lock(0x100, &pixels) == -EINVAL &&
+        isRight = isRight && graphic->unlock() == 0 && graphic->unlock() == -EINVAL && graphic->lock(0, &pixels) != 0 &&
                   ZYTBufferAllocator().MapFDToBufferPointer(graphic->handle->data[0], 4097) == MAP_FAILED;
         pthread_attr_t attributes;
         size_t stack = 0;

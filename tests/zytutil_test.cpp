@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <sstream>
 #include <thread>
 
 #include "rules.h"
@@ -72,6 +73,39 @@ TEST(Files, InADirectoryThatCannotBeOpenedEndTheListing) {
     EXPECT_TRUE(listing == 1 && search == 1);
     EXPECT_LE(files.size(), 1u) << "a, if the directory yields it before s";
     EXPECT_THAT(found, ElementsAre("kept"));
+}
+
+TEST(Files, AreFoundByWhatBothCxxLibrariesTake) {
+    TempDir dir;
+    WriteFile(dir / "cam_8.bin", "");
+    std::vector<std::string> files;
+    std::istringstream common(
+        R"~(cam.8.* c?a+m*_8.bin c{1}a{1,}m{1,2}.*? [a-c]am_[^9][.]bin [[:alpha:]]{3}_[[:digit:]].+?
+        (x|cam)_8.* (?:x|cam)_.* (?=c)(?!d).* ^cam_8\.bin$ \w+_\d\W\S\D.*|\s cam\b.*|.*\bbin (.).*\Bn(|\1)
+        \x63\u0061m_8.* cam_8[^\]\}\-\/]bin)~");
+    for (std::string pattern; common >> pattern;) {
+        files.clear();
+        EXPECT_EQ(ZYTUtil::SearchFileByName(dir.Path().c_str(), pattern.c_str(), files, false), 0);
+        EXPECT_EQ(files.size(), 1u) << pattern;
+    }
+    for (const char* pattern : {"cam\\_8\\.bin", "a}", "a]", "\\z", ".*++", "a{1}{2}"}) {
+#ifdef _LIBCPP_VERSION
+        EXPECT_ABORT(ZYTUtil::SearchFileByName(dir.Path().c_str(), pattern, files, false)) << pattern;
+#else
+        EXPECT_EQ(ZYTUtil::SearchFileByName(dir.Path().c_str(), pattern, files, false), 0) << pattern;
+#endif
+    }
+}
+
+TEST(Files, AreListedToTheDepthThatTheHeaderSays) {
+    TempDir dir;
+    std::string path = dir.Path();
+    for (int level = 1; level < 400; ++level) path += "/d";
+    std::filesystem::create_directories(path);
+    WriteFile(path + "/file", "");
+    std::vector<std::string> files;
+    std::thread([&] { EXPECT_EQ(ZYTUtil::GetFileListInDir(dir.Path().c_str(), files, true), 0); }).join();
+    EXPECT_THAT(files, ElementsAre(path + "/file"));
 }
 
 TEST(Product, IsReadOnceFromTheProperties) {

@@ -79,6 +79,11 @@ public:
     /// `cam.*\.bin`, not the shell wildcard `cam*.bin`. Returns 0 also when nothing matches, and 1, with `files`
     /// untouched, when dir or pattern is null or the listing failed. An ill-formed pattern, such as `*.bin`, ends the
     /// process, whatever the caller catches.
+    ///
+    /// A device's C++ library refuses what a desk's may take, such as `a}`, `\_` and `a{1}{2}`. Both take characters,
+    /// `.`, `[ ]` with ranges, `^` and classes, `( )`, `(?: )`, `(?= )`, `(?! )`, `|`, `^`, `$`, one of `* + ? {n} {n,}
+    /// {n,m}` behind an item and a `?` behind that, `\d \D \s \S \w \W \b \B \xHH \uHHHH`, `\1` to `\9` for a group, and a
+    /// backslash before punctuation other than `_`, which a literal `]` or `}` needs too.
     static int32_t SearchFileByName(const char* dir, const char* pattern, std::vector<std::string>& files,
                                     bool recursive) noexcept;
 
