@@ -316,7 +316,7 @@ TEST(DumpFile, ComesBackAsItWas) {
         EXPECT_FALSE(zyt::LoadDump(manager, dir / name, ZYT_BUFFER_TYPE_DMABUF)) << name;
     }
     zyttest::WriteFile(dir / "1x1_Raw16", "12");
-    for (const uint64_t n : {1, 2}) {
+    for (const uint64_t n : {1u, 2u}) {
         hostdevice::FailNth(Fault::kSync, n);
         EXPECT_FALSE(zyt::LoadDump(manager, dir / "1x1_Raw16", ZYT_BUFFER_TYPE_DMABUF));
     }

@@ -63,7 +63,7 @@ step_gcc() { build_and_test gcc; }
 # No access to buffers without a bracket, in the suite, the guide's node, which is part of it, and the demo.
 step_strict() {
     build gcc && HOSTDEVICE_STRICT=1 run_suite gcc || return 1
-    HOSTDEVICE_STRICT=1 ./dev demo >build/check-gcc/demo.log 2>&1 || { tail -n 20 build/check-gcc/demo.log; return 1; }
+    HOSTDEVICE_STRICT=1 ZYT_PRESET=check-gcc ./dev demo >build/check-gcc/demo.log 2>&1 || { tail -n 20 build/check-gcc/demo.log; return 1; }
 }
 
 step_clang() { build_and_test clang; }

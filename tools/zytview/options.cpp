@@ -84,6 +84,16 @@ bool ReadNumber(std::string_view text, Number least, Number largest, Number& num
     return true;
 }
 
+// The same for a fraction, which from_chars of libc++ 14 does not read.
+bool ReadNumber(const std::string& text, double least, double largest, double& number) {
+    if (text.find_first_not_of("0123456789.e-") != std::string::npos) return false;
+    char* stop = nullptr;
+    const double value = std::strtod(text.c_str(), &stop);
+    if (text.empty() || *stop != '\0' || !(value >= least && value <= largest)) return false;
+    number = value;
+    return true;
+}
+
 uint32_t Number(const std::string& option, const std::string& value) {
     uint32_t number = 0;
     if (ReadNumber(value, 1u, kMaxNumber, number)) return number;

@@ -231,8 +231,11 @@ void HandleFaults() {
     action.sa_sigaction = OnFault;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     sigaction(SIGSEGV, &action, &TheWatch().previous);
-    // A child of fork has the mappings and the accesses of its parent, and must not have its lock.
-    pthread_atfork([] { TheWatch().lock.lock(); }, [] { TheWatch().lock.unlock(); }, [] { TheWatch().lock.unlock(); });
+    // A child of fork has the mappings and the accesses of its parent, and must not have its lock. By the handle, for a
+    // lock that one function takes and another releases is refused by -Wthread-safety.
+    const auto lock = [] { pthread_mutex_lock(TheWatch().lock.native_handle()); };
+    const auto unlock = [] { pthread_mutex_unlock(TheWatch().lock.native_handle()); };
+    pthread_atfork(lock, unlock, unlock);
 }
 
 // At load: threads that start before main() get the phone's stack too.
