@@ -128,8 +128,8 @@ bool ReportTouch(uintptr_t address, const void* context) {
         if (watch.isDying) return true;
         watch.isDying = true;
         char what[64];
-        std::snprintf(what, sizeof what, "%s at offset %llu of", NameAccess(context),
-                      static_cast<unsigned long long>(range.offset + (address - range.begin)));
+        const unsigned long long offset = range.offset + (address - range.begin);
+        std::snprintf(what, sizeof what, "%s at offset %llu of", NameAccess(context), offset);
         Report(what, found->second);
         return true;
     }
