@@ -108,18 +108,20 @@ TEST(HostDeviceTest, FilesLieInAFolderOfTheUsers) {
         std::string data, state, home, expected, said;
     } kCases[] = {{dir / "a", dir / "b", dir / "c", dir / "a/" + log, ""},
                   {"", dir / "b", dir / "c", dir / "b/zyttools/" + log, ""},
+                  {"relative", "", "", dir / "relative/" + log, ""},
                   {"", "relative", dir / "c", dir / "c/.local/state/zyttools/" + log, ""},
                   {"", "", "", "/dev/null/", "hostdevice: no offline log: neither [^\n]*\n"},
                   {dir / "file", "", "", "/dev/null/", "hostdevice: no offline log: [^\n]*Not a directory\n"},
                   {dir / longest, "", "", dir / longest + "/" + log, ""},
                   {dir / longest + "x", "", "", "/dev/null/", "hostdevice: no offline log: [^\n]*no room[^\n]*\n"}};
     for (const auto& c : kCases) {
-        const auto ask = [&c] {
+        const auto ask = [&] {
             setenv("HOSTDEVICE_DATA", c.data.c_str(), 1);
             setenv("XDG_STATE_HOME", c.state.c_str(), 1);
             setenv("HOME", c.home.c_str(), 1);
+            const bool isThere = chdir(dir.Path().c_str()) == 0;
             const char* const path = hostdevice::OfflineLogDir();
-            _exit(path == c.expected && c.said.empty() == (access(path, W_OK) == 0) ? 0 : 1);
+            _exit(isThere && path == c.expected && c.said.empty() == (access(path, W_OK) == 0) ? 0 : 1);
         };
         EXPECT_EXIT(ask(), ExitedWithCode(0), "^" + c.said + "$") << c.expected;
     }
@@ -319,6 +321,7 @@ TEST(StrictDeathTest, EndsTheProcessAtTheMistake) {
         {"RRrw", "write at offset 0 of .* 2 open for reading;"},
         {"WwroEo", "read at offset 1 of .* the last access to it was closed"},
         {"RWEwEREw", "write at offset 0 of .* closed"},
+        {"WERw", "write at offset 0 of .* 1 open for reading"},
         {"gw", "write at offset 0 of .* no access"},
         {"REE", "end of an access that was not opened, to .* closed"},
         {"Wx", "release of .* 1 open for writing"},

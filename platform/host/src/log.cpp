@@ -87,7 +87,7 @@ bool IsLoggable(int priority, const std::string& tag) {
             constexpr char kLetters[] = "VDIWEFS";
             const char* const letter = std::strchr(kLetters, std::toupper(static_cast<unsigned char>(value[0])));
             if (letter == nullptr) continue;
-            return *letter != 'S' && priority >= ANDROID_LOG_VERBOSE + (letter - kLetters);
+            return priority >= ANDROID_LOG_VERBOSE + (letter - kLetters);
         }
     }
     return true;
