@@ -15,7 +15,7 @@ case "${1-}" in
     *) echo "usage: bench.sh [--update-docs]" >&2; exit 2 ;;
 esac
 
-need g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev libboost-dev python3-matplotlib
+need g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev libboost-dev libpng-dev ffmpeg python3-matplotlib
 
 mkdir -p "$build"
 cmake --preset bench >"$build/configure.log"
@@ -35,6 +35,7 @@ for round in 1 2 3 4 5 6 7 8 9; do
             { tail -n 30 "$build/run.log" >&2; exit 1; }
     done
     "$build/benchmarks/zytmemory" >"$build/round-$round-memory.json"
+    python3 benchmarks/viewbench.py "$build/tools/zytview/zytview" "$build" >"$build/round-$round-view.json"
 done
 
 python3 benchmarks/report.py "$build" "$docs"

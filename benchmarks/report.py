@@ -26,6 +26,8 @@ ROWS = [
     ("outline of 9 around 4000 x 3000", "as many bytes by rows", "outline/4000/3000", 1.5),
     ("thread pool, a task of four producers", "boost::asio::thread_pool", "tasks/4", 1.0),
     ("signal raised to task run", "boost::asio::post", "signal", 1.0),
+    ("zytview, Bayer noise 4000 x 3000 to PNG", "ffmpeg", "view/noise", 1.0),
+    ("zytview, smooth Bayer 4000 x 3000 to PNG", "ffmpeg", "view/smooth", 0.5),
 ]
 # What grows with what: title, label of the axis, benchmarks of one point a parameter. "{}" is the parameter.
 IMAGES = ["640/480", "1920/1080", "4000/3000", "8000/6000"]
@@ -39,15 +41,17 @@ GROWTH = {
 
 
 def read_rounds(build):
-    """Nanoseconds of every repetition, by benchmark, side and round, and what the memory probe said."""
+    """Nanoseconds of every repetition, by benchmark, side and round, what the memory probe said, and zytview's memory."""
     times = collections.defaultdict(lambda: {"ours": {}, "peer": {}})
-    probes = []
+    probes, views = [], []
     for path in sorted(glob.glob(f"{build}/round-*.json")):
         with open(path, encoding="utf-8") as file:
             data = json.load(file)
         if "before" in data:
             probes.append(data)
             continue
+        if "view_memory" in data:
+            views.append(data["view_memory"])
         round_number = re.search(r"round-([0-9]+)", path).group(1)
         scale = {"ns": 1, "us": 1e3, "ms": 1e6}
         for run in data["benchmarks"]:
@@ -59,7 +63,7 @@ def read_rounds(build):
             rest = [part for part in rest if not re.match(r"(real_time|manual_time|iterations:.*)$", part)]
             rounds = times["/".join([area, *rest])][side]
             rounds.setdefault(round_number, []).append(run["real_time"] * scale[run["time_unit"]])
-    return times, probes
+    return times, probes, views
 
 
 def medians(times, name):
@@ -85,7 +89,7 @@ def show_ratio(ratio):
     return f"{ratio:.2f}" if ratio >= 0.01 else f"1/{1 / ratio:.0f}"
 
 
-def make_rows(times, probes, build):
+def make_rows(times, probes, views, build):
     keys = ("subject", "ours", "peer", "against", "ratio", "target", "met")
     rows = []
     for subject, against, name, limit in ROWS:
@@ -98,6 +102,9 @@ def make_rows(times, probes, build):
     before, after = (statistics.median(probe[key] for probe in probes) for key in ("before", "after"))
     rows.append(("resident after the first log call, off", f"{after:.0f} KiB", f"{before:.0f} KiB", "before it",
                  f"+{after - before:.0f} KiB", "+1024 KiB", after - before <= 1024))
+    ours, peer = (statistics.median(view[side] for view in views) / 1024 for side in ("ours", "peer"))
+    rows.append(("zytview's memory for these, with the file's 23 MiB", f"{ours:.0f} MiB", f"{peer:.0f} MiB", "ffmpeg",
+                 show_ratio(ours / peer), show_ratio(0.1), ours / peer <= 0.1))
     size = os.path.getsize(f"{build}/libzyttools.stripped.so") / 1024
     rows.append(("stripped shared library", f"{size:.1f} KiB", "", "", "", "200 KiB", size <= 200))
     return [dict(zip(keys, row)) for row in rows]
@@ -170,8 +177,8 @@ def update_docs(path, sections):
 
 def main():
     build, docs = sys.argv[1:]
-    times, probes = read_rounds(build)
-    rows, growth, machine = make_rows(times, probes, build), make_growth(times), describe_machine()
+    times, probes, views = read_rounds(build)
+    rows, growth, machine = make_rows(times, probes, views, build), make_growth(times), describe_machine()
     with open(f"{build}/bench.json", "w", encoding="utf-8") as file:
         json.dump({"machine": machine, "rows": rows, "growth": growth, "nanoseconds": times}, file, indent=1)
     print_table(rows)

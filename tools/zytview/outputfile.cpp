@@ -63,7 +63,7 @@ void OutputFile::OpenBeside() {
     if (m_stream == nullptr) {
         m_temporary.clear();
     } else if (m_temporary.size() < sizeof(g_unfinished)) {
-        std::strcpy(g_unfinished, m_temporary.c_str());
+        std::memcpy(g_unfinished, m_temporary.c_str(), m_temporary.size() + 1);
     }
 }
 

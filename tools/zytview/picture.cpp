@@ -36,7 +36,7 @@ void Picture::MakeTables() {
         const double factor = m_look.levels.gain * (m_look.bayer ? m_look.levels.white[colour] : 1);
         m_tables[colour].resize(1u << 16);
         for (uint32_t sample = 0; sample <= 0xffff; ++sample) {
-            const double brightness = (std::min<double>(sample, largest) - m_look.levels.black) * factor;
+            const double brightness = (sample - m_look.levels.black) * factor;
             m_tables[colour][sample] =
                 static_cast<uint16_t>(std::lround(std::clamp(brightness, 0.0, largest) * 65535 / largest));
         }

@@ -25,6 +25,7 @@ std::string Block(const Dump& dump, uint32_t x, uint32_t y, uint32_t step,
             const bool isHere = row == y && column == x;
             text += Text("%8s", Text(isHere ? "[%u]" : "%u ", samples[column]).c_str());
         }
+        if (text.back() == ' ') text.pop_back();
         text += '\n';
     }
     return text;
@@ -40,7 +41,7 @@ std::string PixelText(const Dump& dump, uint32_t x, uint32_t y, const std::optio
         return row.data();
     };
     const uint16_t sample = readLuma(y)[x];
-    const std::string name = names[names.size() == 4 ? 2 * (y & 1) + (x & 1) : 0];
+    const std::string& name = names[names.size() == 4 ? 2 * (y & 1) + (x & 1) : 0];
     std::string text = Text("%s at %u,%u is %u\n", name.c_str(), x, y, sample) + Block(dump, x, y, 1, readLuma);
     for (const uint32_t channel : {1u, 2u}) {
         if (!dump.Layout().HasChroma()) continue;
