@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <hostdevice/hostdevice.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -7,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "logging/zytofflinelog.h"
@@ -188,6 +188,22 @@ void Sweep(Call call, char level, const std::vector<std::string>& lines, bool is
 const std::string kNoBuffer = "AllocBuffer() Alloc buffer failed! Type: ";
 const std::string kNoGraphic = "GetBufferFromPool() Get buffer type: 2, width: 64, height: 48, size: 3072 failed!";
 
+// Destroyed after the log, which takes no memory for a line by then.
+struct Late {
+    ZYTOfflineLog* log = nullptr;
+    ~Late() {
+        FailNth(LibcCall::kMalloc, 1);
+        log->PushLogToLogPool("late", ZYTOfflineLogLevel::E);
+        std::_Exit(FaultPending(LibcCall::kMalloc) ? 7 : 1);
+    }
+};
+
+ZYT_CHILD(LogAfterTheEnd) {
+    static Late late;
+    late.log = &ZYTOfflineLog::GetInstance();
+    return 0;
+}
+
 }  // namespace
 
 TEST(FaultSweep, EveryFailedDeviceCallIsReportedAndNothingIsLost) {
@@ -214,7 +230,7 @@ TEST(Faults, FilesThatDoNotFitMemoryKeepTheirLength) {
     EXPECT_EQ(size, 5u);
 }
 
-TEST(Faults, ALineWithoutMemoryIsDropped) {
+TEST(Faults, ALineWithoutMemoryOrTooLateIsDropped) {
     ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
     log.m_threadPool.DeInit(false);
     FailNth(LibcCall::kMalloc, 1);
@@ -223,6 +239,7 @@ TEST(Faults, ALineWithoutMemoryIsDropped) {
     log.PushLogToLogPool("queued", ZYTOfflineLogLevel::E);
     EXPECT_EQ(log.m_threadPool.m_taskList.size(), 1u);
     log.m_threadPool.FlushTask();
+    EXPECT_EQ(zyttest::RunChild("LogAfterTheEnd").exitCode, 7);
 }
 
 TEST(Faults, AWorkerThatCannotStartEndsInit) {

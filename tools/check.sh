@@ -68,7 +68,8 @@ step_strict() {
 
 step_clang() { build_and_test clang; }
 
-# The lock rules are worth something only if breaking one is noticed: takes one lock out and wants to see that it is.
+# The lock rules are worth something only if breaking one is noticed: takes one lock out, has a client hold one that it
+# must not hold, and wants to see that both are.
 step_locks() {
     local source=common/tools/zytbuffermanager/zytbufferpool.cpp copy=$PWD/build/check-locks command
     [[ -e build/check-clang/compile_commands.json ]] || cmake --preset check-clang >/dev/null || return 1
@@ -78,12 +79,16 @@ print(*(entry["command"] for entry in json.load(sys.stdin) if entry["file"].ends
         "$source" <build/check-clang/compile_commands.json | head -n 1)
     command="${command//"$PWD/common"/"$copy/common"} -fsyntax-only"
     eval "$command" || return 1
+    refuses() {
+        eval "$command" 2>"$copy/errors" && echo "accepted what breaks a lock rule" && return 1
+        grep -m 1 -E "$1" "$copy/errors"
+    }
+    cat >>"$copy/$source" <<EOF
+void Client(ZYTBufferPool& pool) { zyt::Lock lock(ZYTBufferPool::m_freeBufferListLock); pool.PutBufferToPool(nullptr); }
+EOF
+    refuses "cannot call function 'PutBufferToPool' while mutex 'm_freeBufferListLock' is held" || return 1
     sed -i '/::PutBufferToPool/,/^}/s/zyt::Lock lock(m_busyBufferListLock);//' "$copy/$source"
-    if eval "$command" 2>"$copy/errors"; then
-        echo "a missing lock was not noticed"
-        return 1
-    fi
-    grep -m 1 -E 'requires holding mutex' "$copy/errors"
+    refuses 'requires holding mutex'
 }
 
 # The platform's own log and strong pointers.

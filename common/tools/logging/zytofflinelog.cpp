@@ -29,9 +29,14 @@ zyt::ExitGate g_gate;
 
 std::atomic<uint32_t> g_forks{0};  // of this process and its ancestors
 
+// Around tzset(), whose own lock a thread sanitizer does not see, and around fork(), so that a child never finds it
+// held.
+std::mutex g_zoneLock;
+
 // Breaks a time down as localtime() does, which looks at TZ and the zone's file anew each time; localtime_r() alone
 // need not.
 tm LocalTime(time_t time) {
+    zyt::Lock lock(g_zoneLock);
     tzset();
     tm local{};
     localtime_r(&time, &local);
@@ -117,7 +122,12 @@ ZYTOfflineLog::ZYTOfflineLog() {
         }
     }
     // A child has a copy of the forking thread's stamp.
-    pthread_atfork(nullptr, nullptr, [] { g_forks.fetch_add(1, std::memory_order_relaxed); });
+    pthread_atfork([]() ZYT_NO_THREAD_SAFETY_ANALYSIS { g_zoneLock.lock(); },
+                   []() ZYT_NO_THREAD_SAFETY_ANALYSIS { g_zoneLock.unlock(); },
+                   []() ZYT_NO_THREAD_SAFETY_ANALYSIS {
+                       g_zoneLock.unlock();
+                       g_forks.fetch_add(1, std::memory_order_relaxed);
+                   });
     const int32_t property = property_get_int32("persist.vendor.camera.zyttools.offlinelog", -1);
     m_enable = property == -1 ? ReadEnableFromOverrideSettingsFile() : property > 0;
     m_previewEnable = m_enable;
