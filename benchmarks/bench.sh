@@ -28,7 +28,8 @@ rm -f "$build"/round-*.json
 # Several processes, each with several repetitions in random order: what one process draws by chance, such as where its
 # memory lies, is drawn anew in the next. One process an area, so that a subject and its peer run close together.
 for round in 1 2 3 4 5 6 7 8 9; do
-    for area in pool/ pool_sizes manager log_site offline copy_nv12 copy_p010 dump outline tasks signal; do
+    for area in pool/ pool_sizes manager log_site offline copy_nv12 copy_p010 dump outline tasks signal \
+        kit_plain kit_dmabuf kit_gralloc kit_rows kit_unpack kit_pack; do
         "$build/benchmarks/zytbench" --benchmark_filter="^$area" --benchmark_min_time=0.015 \
             --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
             --benchmark_out="$build/round-$round-${area%/}.json" >"$build/run.log" 2>&1 ||

@@ -28,6 +28,12 @@ ROWS = [
     ("signal raised to task run", "boost::asio::post", "signal", 1.0),
     ("zytview, Bayer noise 4000 x 3000 to PNG", "ffmpeg", "view/noise", 1.0),
     ("zytview, smooth Bayer 4000 x 3000 to PNG", "ffmpeg", "view/smooth", 0.5),
+    ("kit: plain image taken and given back", "the manager's two calls", "kit_plain", 1.1),
+    ("kit: DMA-BUF image taken and given back", "the manager's two calls", "kit_dmabuf", 1.1),
+    ("kit: gralloc image taken and given back", "the same calls by hand", "kit_gralloc", 1.1),
+    ("kit: rows of 640 x 480 in eight bands", "boost::asio::thread_pool, a latch", "kit_rows", 1.0),
+    ("kit: RawMipi10 4000 x 3000 unpacked", "memcpy of as many bytes", "kit_unpack", 1.5),
+    ("kit: RawMipi10 4000 x 3000 packed", "memcpy of as many bytes", "kit_pack", 2.5),
 ]
 # What grows with what: title, label of the axis, benchmarks of one point a parameter. "{}" is the parameter.
 IMAGES = ["640/480", "1920/1080", "4000/3000", "8000/6000"]
