@@ -3,21 +3,14 @@
 #include <hostdevice/hostdevice.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <future>
-#include <numeric>
 #include <random>
 #include <thread>
-#include <vector>
 
 #include "nodekit/connection.h"
-#include "nodekit/cpuaccess.h"
 #include "nodekit/dumpfile.h"
-#include "nodekit/image.h"
 #include "nodekit/importedimage.h"
 #include "nodekit/logflush.h"
-#include "nodekit/parallel.h"
-#include "nodekit/poolstate.h"
 #include "nodekit/rawpixels.h"
 #include "support.h"
 
@@ -27,7 +20,6 @@ using zyt::CpuAccess;
 using zyt::Describe;
 using zyt::Image;
 using zyttest::LogCapture;
-using zyttest::TempDir;
 
 namespace {
 
@@ -40,72 +32,71 @@ uint64_t CountLiveMemory() {
            live.graphicMappings;
 }
 
-// What was logged at E by the kit for an object of that name.
-size_t CountErrors(LogCapture& log, const std::string& name) {
-    const std::vector<std::string> lines = log.Take();
-    return static_cast<size_t>(std::count_if(
-        lines.begin(), lines.end(), [&](const std::string& line) { return line.rfind("E [" + name + "] ", 0) == 0; }));
+// What was logged at E by the kit for an object of that name since the last call.
+int CountErrors(LogCapture& log, const std::string& name) {
+    int count = 0;
+    for (const std::string& line : log.Take()) count += line.rfind("E [" + name + "] ", 0) == 0;
+    return count;
 }
 
 // Writes all that the record says there is, chroma included.
 void Fill(ZYTBufferManager& manager, Image& image) {
     CpuAccess access(manager, CPU_SYNC_WRITE, image);
-    ASSERT_TRUE(access);
-    zyt::detail::EachRow(*image, [](unsigned char* row, size_t bytes) {
-        std::iota(row, row + bytes, static_cast<unsigned char>(bytes));
-        return true;
-    });
+    int row = 0;
+    zyt::detail::EachRow(*image,
+                         [&](unsigned char* pixels, size_t bytes) { return std::memset(pixels, ++row, bytes); });
     EXPECT_TRUE(access.Close());
 }
 
-// Bit `bit` of pixel x in a packed row: the upper 8 of each pixel of a group come first, then the lower ones of all.
-size_t PlaceOfBit(size_t bits, size_t x, size_t bit) {
-    const size_t pixels = bits == 12 ? 2 : 4;
-    const size_t lows = bits - 8;
-    const size_t group = x / pixels * pixels * bits;
-    if (bit >= lows) return group + x % pixels * 8 + bit - lows;
-    return group + pixels * 8 + x % pixels * lows + bit;
+// Bit `bit` of pixel x in a row. Packed, the upper 8 of each pixel of a group come first, then the lower ones of all.
+size_t PlaceOfBit(const zyt::FormatLayout& layout, size_t x, size_t bit) {
+    if (!layout.IsPacked()) return x * 8 * layout.rowNumerator + bit + (layout.kind == zyt::FormatKind::kP010 ? 6 : 0);
+    const size_t pixels = layout.bits == 12 ? 2 : 4, lows = layout.bits - 8;
+    const size_t group = x / pixels * pixels * layout.bits;
+    return bit >= lows ? group + x % pixels * 8 + bit - lows : group + pixels * 8 + x % pixels * lows + bit;
+}
+
+// Drops what is queued, as FlushTask() does, but for what the kit would lose with it.
+void Flush(ZYTThreadPool& pool) {
+    const zyt::Lock lock(pool.m_taskListLock);
+    for (const ZYTThreadPoolTask& task : pool.m_taskList) {
+        zyt::detail::SharedWork* work = nullptr;
+        if (task.size == sizeof(work)) std::memcpy(&work, task.data, sizeof(work));
+        if (work != nullptr) work->Release();
+        std::free(task.data);
+    }
+    pool.m_taskList.clear();
 }
 
 }  // namespace
 
 TEST(RawPixels, AreEqualBitByBitInRowsOfAnyLength) {
     std::mt19937 random(3);
-    for (int f = 0; f <= ZYT_FORMAT_RAW16; ++f) {
-        const auto format = static_cast<ZYTFormat>(f);
-        const zyt::FormatLayout& layout = *zyt::FindFormatLayout(format);
+    for (int format = 0; format <= ZYT_FORMAT_RAW16; ++format) {
+        const zyt::FormatLayout& layout = zyt::kFormatLayouts[format];
         for (uint32_t width = 0; width < 70; ++width) {
             SCOPED_TRACE(std::string(layout.name) + " of " + std::to_string(width));
-            std::vector<uint16_t> samples(width);
-            for (uint16_t& sample : samples) sample = static_cast<uint16_t>(random());
             // On the heap and at their exact lengths, so that a sanitizer sees one byte too far.
-            std::vector<unsigned char> row(static_cast<size_t>(layout.RowBytes(width)), 0xa5);
-            std::vector<unsigned char> expected(row.size());
-            std::vector<uint16_t> kept(width);
+            std::vector<unsigned char> row(static_cast<size_t>(layout.RowBytes(width)), 0xa5), expected(row.size());
+            std::vector<uint16_t> samples(width), kept(width);
             for (size_t x = 0; x < width; ++x) {
+                samples[x] = static_cast<uint16_t>(random());
                 const unsigned int sample = std::min<unsigned int>(samples[x], (1u << layout.bits) - 1);
                 for (size_t bit = 0; bit < layout.bits; ++bit) {
-                    const size_t container = 8 * layout.rowNumerator;
-                    const size_t shift = layout.kind == zyt::FormatKind::kP010 ? 6 : 0;
-                    const size_t place =
-                        layout.IsPacked() ? PlaceOfBit(layout.bits, x, bit) : x * container + bit + shift;
+                    const size_t place = PlaceOfBit(layout, x, bit);
                     if (place / 8 >= row.size() || (sample >> bit & 1) == 0) continue;
                     expected[place / 8] = static_cast<unsigned char>(expected[place / 8] | 1u << place % 8);
                     kept[x] = static_cast<uint16_t>(kept[x] | 1u << bit);
                 }
             }
-            ASSERT_TRUE(zyt::PackRow(format, samples.data(), width, row.data()));
+            EXPECT_TRUE(zyt::PackRow(static_cast<ZYTFormat>(format), samples.data(), width, row.data()));
             EXPECT_EQ(row, expected);
-            std::fill(samples.begin(), samples.end(), uint16_t{0xffff});
-            ASSERT_TRUE(zyt::UnpackRow(format, row.data(), width, samples.data()));
+            EXPECT_TRUE(zyt::UnpackRow(static_cast<ZYTFormat>(format), row.data(), width, samples.data()));
             EXPECT_EQ(samples, kept);
         }
     }
-    uint16_t untouched = 7;
-    unsigned char byte = 9;
-    EXPECT_FALSE(zyt::UnpackRow(static_cast<ZYTFormat>(11), &byte, 1, &untouched));
-    EXPECT_FALSE(zyt::PackRow(static_cast<ZYTFormat>(-1), &untouched, 1, &byte));
-    EXPECT_EQ(untouched + byte, 16);
+    EXPECT_FALSE(zyt::UnpackRow(static_cast<ZYTFormat>(11), nullptr, 1, nullptr));
+    EXPECT_FALSE(zyt::PackRow(static_cast<ZYTFormat>(-1), nullptr, 1, nullptr));
 }
 
 TEST(DumpName, TellsSizeAndFormat) {
@@ -118,10 +109,9 @@ TEST(DumpName, TellsSizeAndFormat) {
     }
     EXPECT_EQ(ParseDumpName("a-4X3.P010").format, ZYT_FORMAT_YUV_P010);
     EXPECT_EQ(ParseDumpName("a-4X3.P010").height, 3u);
-    for (const char* name : {"", "a", "x", "4x", "x3", "4x3x2", "0x3", "4x0", "+4x3", "4x-3", "4 x 3", "131073x1",
+    for (const char* name : {"", "a", "x", "4x", "x3", "4x3x2", "0x3", "4x0", "+4x3", "4x-3", "131073x1",
                              "99999999999x1", "4x3/a", "rawmipi1", "rawmipi100"}) {
-        EXPECT_EQ(ParseDumpName(name).width, 0u) << name;
-        EXPECT_EQ(ParseDumpName(name).format, std::nullopt) << name;
+        EXPECT_TRUE(ParseDumpName(name).width == 0 && !ParseDumpName(name).format) << name;
     }
 }
 
@@ -139,23 +129,16 @@ TEST(Image, OwnsMemoryForItsWholeGeometryAndGivesItBackOnce) {
                 void* address = image->pAddr[0];
                 Image other(std::move(image));
                 EXPECT_FALSE(image);  // NOLINT(bugprone-use-after-move)
-                EXPECT_EQ(other->pAddr[0], address);
-                other->pAddr[0] = nullptr;  // the caller's to change
+                EXPECT_EQ(std::exchange(other->pAddr[0], nullptr), address) << "the caller's to change";
                 if (type == ZYT_BUFFER_TYPE_GRALLOC) late = std::move(other);
             }
         }
         EXPECT_EQ(zyt::ReadPool().out->size(), 1u) << "the late one";
-        EXPECT_EQ(zyt::TrimPool(1), 0u);
-        Image again(manager, Describe(kNv12, 65, 65), ZYT_BUFFER_TYPE_MALLOC),
-            more(manager, *again, ZYT_BUFFER_TYPE_MALLOC);
     }
-    EXPECT_TRUE(late);
     late.Reset();
     EXPECT_EQ(zyt::ReadPool().clients, 0u);
-    // The pool's own clean-up leaves its mappings of graphic buffers: one for each geometry.
-    const hostdevice::LiveResources live = hostdevice::CountLive();
-    EXPECT_EQ(live.graphicMappings, 3u);
-    EXPECT_EQ(live.graphicBuffers + live.heapDescriptors + live.heapMappings, 0u);
+    EXPECT_EQ(hostdevice::CountLive().graphicMappings, 3u) << "as the pool's own clean-up leaves them";
+    EXPECT_EQ(CountLiveMemory(), 3u);
 }
 
 TEST(Image, IsThereOrNothingIsLeftOfIt) {
@@ -163,21 +146,20 @@ TEST(Image, IsThereOrNothingIsLeftOfIt) {
     for (const ZYTBufferType type : kTypes) {
         for (const Fault fault :
              {Fault::kHeapAllocation, Fault::kGraphicBuffer, Fault::kGraphicDescriptor, Fault::kMapping}) {
-            for (uint64_t n = 1, isFired = 1; isFired != 0; ++n) {
+            for (uint64_t n = 1; !hostdevice::FaultPending(fault); ++n) {
                 ZYTBufferManager manager("Node");
-                log.Take();
                 hostdevice::FailNth(fault, n);
+                log.Take();
                 Image image(manager, Describe(kNv12, 64, 64), type, "Mine");
-                isFired = !hostdevice::FaultPending(fault);
-                EXPECT_EQ(CountErrors(log, "Mine"), image ? 0u : 1u);
-                EXPECT_TRUE(image || (isFired && image->pAddr[0] == nullptr));
+                EXPECT_EQ(CountErrors(log, "Mine"), image ? 0 : 1);
+                EXPECT_TRUE(image || !hostdevice::FaultPending(fault));
                 EXPECT_TRUE(image || fault != Fault::kMapping) << "tried once more";
                 image.Reset();
-                hostdevice::ClearFaults();
                 EXPECT_TRUE(zyt::ReadPool().out->empty());
                 zyt::TrimPool(0);
                 EXPECT_EQ(CountLiveMemory(), 0u) << type << static_cast<int>(fault) << n;
             }
+            hostdevice::ClearFaults();
         }
     }
     // Dead buffers that others have left in the pool.
@@ -185,37 +167,33 @@ TEST(Image, IsThereOrNothingIsLeftOfIt) {
     ZYTImageBuffer dead = Describe(kNv12, 64, 64);
     hostdevice::FailNth(Fault::kMapping, 1);
     ASSERT_TRUE(manager.AllocBuffer(dead, ZYT_BUFFER_TYPE_DMABUF));
-    manager.FreeBuffer(dead.pAddr[1]);
-    manager.FreeBuffer(dead.pAddr[0]);
     ASSERT_EQ(dead.pAddr[0], MAP_FAILED);
+    manager.FreeBuffer(dead);
     EXPECT_TRUE(Image(manager, dead, ZYT_BUFFER_TYPE_DMABUF));
 }
 
 TEST(Image, SaysWhatIsWrong) {
     LogCapture log;
     ZYTBufferManager manager;
-    const auto with = [](uint32_t ZYTImageBuffer::*field, uint32_t value) {
-        ZYTImageBuffer image = Describe(kNv12, 64, 64);
-        image.*field = value;
-        return image;
+    ZYTImageBuffer narrow = Describe(kNv12, 64, 64), low = narrow;
+    narrow.planeStride = low.sliceHeight = 63;
+    const std::tuple<ZYTImageBuffer, int, const char*> refused[] = {
+        {Describe(static_cast<ZYTFormat>(11), 64, 64), 0, "format is unknown"},
+        {Describe(kNv12, 64, 0), 0, "no pixels"},
+        {Describe(kNv12, 0, 64), 2, "no pixels"},
+        {Describe(ZYT_FORMAT_RAW16, 0xffffffffu, 1), 0, "32 bits"},
+        {Describe(kNv12, 65536, 65536), 1, "32 bits"},
+        {Describe(kNv12, 65536, 65536), 2, "32 bits"},
+        {narrow, 0, "stride is below"},
+        {low, 0, "slice height is below"},
+        {Describe(ZYT_FORMAT_YUV_P010, 64, 64), 0, "cannot be allocated"},
+        {Describe(ZYT_FORMAT_RAW10, 64, 64), 2, "NV12 or NV21"},
+        {Describe(kNv12, 64, 64), 3, "no memory"},
     };
-    const std::pair<ZYTImageBuffer, const char*> refused[] = {
-        {Describe(static_cast<ZYTFormat>(11), 64, 64), "format is unknown"},
-        {Describe(kNv12, 0, 64), "no pixels"},
-        {Describe(kNv12, 64, 0), "no pixels"},
-        {Describe(ZYT_FORMAT_RAW16, 0xffffffffu, 1), "32 bits"},
-        {Describe(kNv12, 65536, 65536), "32 bits"},
-        {with(&ZYTImageBuffer::planeStride, 63), "stride is below"},
-        {with(&ZYTImageBuffer::sliceHeight, 63), "slice height is below"},
-        {Describe(ZYT_FORMAT_YUV_P010, 64, 64), "cannot be allocated"},
-        {Describe(ZYT_FORMAT_Y16, 64, 64), "cannot be allocated"},
-    };
-    for (const auto& [description, reason] : refused) {
-        EXPECT_FALSE(Image(manager, description, ZYT_BUFFER_TYPE_MALLOC));
+    for (const auto& [description, type, reason] : refused) {
+        EXPECT_FALSE(Image(manager, description, static_cast<ZYTBufferType>(type)));
         EXPECT_THAT(log.Take().back(), HasSubstr(reason));
     }
-    EXPECT_FALSE(Image(manager, Describe(ZYT_FORMAT_RAW10, 64, 64), ZYT_BUFFER_TYPE_GRALLOC));
-    EXPECT_FALSE(Image(manager, Describe(kNv12, 64, 64), static_cast<ZYTBufferType>(3)));
     Image image(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
     image->pAddr[1] = static_cast<unsigned char*>(MAP_FAILED);
     EXPECT_STREQ(zyt::WhatIsWrong(*image), "the kernel refused to map it");
@@ -223,53 +201,45 @@ TEST(Image, SaysWhatIsWrong) {
     EXPECT_STREQ(zyt::WhatIsWrong(*image), "it has no chroma");
     image->height = image->sliceHeight = 640;
     EXPECT_STREQ(zyt::WhatIsWrong(*image), "a descriptor is smaller than its plane");
-    image->numberOfPlanes = 5;
-    EXPECT_STREQ(zyt::WhatIsWrong(*image), "it has more than 4 planes");
     EXPECT_STREQ(zyt::WhatIsWrong(Describe(kNv12, 64, 64)), "it has no memory");
 }
 
 TEST(CpuAccess, OpensEachDescriptorOnceAndClosesWhatItOpened) {
     LogCapture log;
     ZYTBufferManager manager;
-    const Image shared(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
-    const Image plain(manager, *shared, ZYT_BUFFER_TYPE_MALLOC);
+    const Image shared(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_DMABUF),
+        plain(manager, *shared, ZYT_BUFFER_TYPE_MALLOC);
     const uint64_t before = hostdevice::SyncCount();
-    const auto calls = [before] { return hostdevice::SyncCount() - before; };
     {
         CpuAccess access(manager, CPU_SYNC_WRITE, shared, plain, *shared);
         EXPECT_TRUE(access);
-        EXPECT_EQ(calls(), 2u);
+        EXPECT_EQ(hostdevice::SyncCount() - before, 2u);
         EXPECT_EQ(hostdevice::LastSync().direction, CPU_SYNC_WRITE);
-        EXPECT_TRUE(access.Close());
-        EXPECT_TRUE(access.Close());
+        EXPECT_TRUE(access.Close() && access.Close());
     }
-    EXPECT_EQ(calls(), 4u);
+    EXPECT_EQ(hostdevice::SyncCount() - before, 4u);
     hostdevice::FailNth(Fault::kSync, 2);
     EXPECT_FALSE(CpuAccess(manager, CPU_SYNC_READ, shared)) << "opens one, fails at the other, closes the one";
-    EXPECT_EQ(calls(), 7u);
-    EXPECT_FALSE(hostdevice::LastSync().isStart);
+    EXPECT_EQ(hostdevice::SyncCount() - before, 7u);
     hostdevice::FailNth(Fault::kSync, 3);
     EXPECT_FALSE(CpuAccess(manager, CPU_SYNC_READ, shared).Close());
-    EXPECT_EQ(CountErrors(log, "nodekit"), 2u);
+    EXPECT_EQ(CountErrors(log, "nodekit"), 2);
 }
 
 TEST(ImportedImage, MapsWhatItIsGivenAndClosesNothing) {
+    LogCapture log;
     ZYTBufferManager manager;
     Image camera(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_GRALLOC);  // one descriptor, as a camera's
     Fill(manager, camera);
     for (const uint32_t planes : {1u, 2u}) {
-        ZYTImageBuffer brought = zyt::detail::WithoutMemory(*camera);
+        ZYTImageBuffer brought = *camera;
         brought.numberOfPlanes = planes;
-        for (uint32_t k = 0; k < planes; ++k) brought.fd[k] = camera->fd[0];
-        zyt::ImportedImage image(brought);
-        ASSERT_TRUE(image);
-        zyt::ImportedImage moved(std::move(image));
+        brought.fd[planes - 1] = camera->fd[0];
+        zyt::ImportedImage image(brought, "Mine"), moved(std::move(image));
+        ASSERT_TRUE(moved);
         CpuAccess access(manager, CPU_SYNC_READ, moved);
-        EXPECT_EQ(zyt::detail::ChromaOf(*moved)[63], zyt::detail::ChromaOf(*camera)[63]);
+        EXPECT_EQ(zyt::detail::ChromaOf(*moved)[63], 65) << "the row after 64";
         EXPECT_NE(moved->pAddr[0], camera->pAddr[0]);
-
-        LogCapture log;
-        hostdevice::LiveResources live = hostdevice::CountLive();
         for (const int fd : {0, -1, 9999}) {
             brought.fd[planes - 1] = fd;
             EXPECT_FALSE(zyt::ImportedImage(brought, "Mine")) << fd;
@@ -277,16 +247,16 @@ TEST(ImportedImage, MapsWhatItIsGivenAndClosesNothing) {
         brought = *camera;
         brought.sliceHeight = 128;
         EXPECT_FALSE(zyt::ImportedImage(brought, "Mine")) << "smaller than said";
-        EXPECT_EQ(CountErrors(log, "Mine"), 4u);
-        EXPECT_EQ(hostdevice::CountLive().graphicMappings, live.graphicMappings);
+        EXPECT_EQ(CountErrors(log, "Mine"), 4);
+        EXPECT_EQ(hostdevice::CountLive().graphicMappings, 3u) << "the pool's, the image's, the import's";
     }
     EXPECT_NE(fcntl(camera->fd[0], F_GETFD), -1);
-    EXPECT_EQ(hostdevice::CountLive().graphicMappings, 2u) << "the pool's and the image's";
+    EXPECT_EQ(hostdevice::CountLive().graphicMappings, 2u);
 }
 
-TEST(DumpFile, ComesBackAsItWas) {
+TEST(DumpFile, ComesBackAsItWasOrIsRefused) {
     LogCapture log;
-    TempDir dir;
+    zyttest::TempDir dir;
     ZYTBufferManager manager;
     for (int format = 0; format <= ZYT_FORMAT_RAW16; ++format) {
         if (!zyt::kFormatLayouts[format].IsAllocatable()) continue;
@@ -294,25 +264,23 @@ TEST(DumpFile, ComesBackAsItWas) {
         Fill(manager, image);
         CpuAccess access(manager, CPU_SYNC_READ, image);
         const std::string path = dir / zyt::DumpName(*image, "a");
-        ASSERT_TRUE(zyt::WriteDump(*image, path));
-        const Image loaded = zyt::LoadDump(manager, path, ZYT_BUFFER_TYPE_MALLOC);
-        ASSERT_TRUE(loaded);
-        ASSERT_TRUE(zyt::WriteDump(*loaded, dir / "b"));
+        const Image loaded =
+            zyt::WriteDump(*image, path) ? zyt::LoadDump(manager, path, ZYT_BUFFER_TYPE_MALLOC) : Image();
+        ASSERT_TRUE(loaded && zyt::WriteDump(*loaded, dir / "b"));
         EXPECT_EQ(zyttest::ReadFile(path), zyttest::ReadFile(dir / "b"));
     }
-    std::vector<unsigned char> pixels(12);
+    unsigned char pixels[12] = {};
     ZYTImageBuffer y16 = Describe(ZYT_FORMAT_Y16, 2, 3);
-    y16.pAddr[y16.numberOfPlanes++] = pixels.data();
-    EXPECT_TRUE(zyt::WriteDump(y16, dir / "c"));
-    EXPECT_EQ(zyttest::ReadFile(dir / "c").size(), 12u) << "whole";
-    EXPECT_EQ(CountErrors(log, "nodekit"), 0u);
+    y16.pAddr[y16.numberOfPlanes++] = pixels;
+    EXPECT_TRUE(zyt::WriteDump(y16, dir / "1x1_Raw16"));
+    EXPECT_EQ(zyttest::ReadFile(dir / "1x1_Raw16").size(), 12u) << "whole";
+    EXPECT_EQ(CountErrors(log, "nodekit"), 0);
 
     EXPECT_FALSE(zyt::WriteDump(y16, "/dev/full"));
     EXPECT_FALSE(zyt::WriteDump(y16, dir / "none/c"));
     EXPECT_FALSE(zyt::WriteDump(Describe(kNv12, 2, 2), dir / "d"));
-    for (const char* name : {"missing_2x2_Raw16", "nameless", "short_2x2_Raw16", "long_2x2_Raw16", "short_2x2_NV12"}) {
-        if (name[0] == 's') zyttest::WriteFile(dir / name, "12345");
-        if (name[0] == 'l') zyttest::WriteFile(dir / name, "123456789");
+    zyttest::WriteFile(dir / "2x2_Raw16", "12345");
+    for (const char* name : {"nameless", "missing_2x2_Raw16", "2x2_Raw16", "1x1_Raw16"}) {
         EXPECT_FALSE(zyt::LoadDump(manager, dir / name, ZYT_BUFFER_TYPE_DMABUF)) << name;
     }
     zyttest::WriteFile(dir / "1x1_Raw16", "12");
@@ -320,26 +288,14 @@ TEST(DumpFile, ComesBackAsItWas) {
         hostdevice::FailNth(Fault::kSync, n);
         EXPECT_FALSE(zyt::LoadDump(manager, dir / "1x1_Raw16", ZYT_BUFFER_TYPE_DMABUF));
     }
-    EXPECT_EQ(CountErrors(log, "nodekit"), 12u);
+    EXPECT_EQ(CountErrors(log, "nodekit"), 11) << "one each, and the access's own two";
     EXPECT_TRUE(zyt::ReadPool().out->empty());
-}
-
-// Drops what is queued, as FlushTask() does, but for what the kit would lose with it.
-void Flush(ZYTThreadPool& pool) {
-    const zyt::Lock lock(pool.m_taskListLock);
-    for (const ZYTThreadPoolTask& task : pool.m_taskList) {
-        zyt::detail::SharedWork* work = nullptr;
-        if (task.size == sizeof(work)) std::memcpy(&work, task.data, sizeof(work));
-        if (work != nullptr) work->Release();
-        std::free(task.data);
-    }
-    pool.m_taskList.clear();
 }
 
 TEST(Parallel, LosesNothingWhateverHappensToThePool) {
     using Event = void (*)(ZYTThreadPool&);
-    const Event events[] = {[](ZYTThreadPool&) {}, Flush, [](ZYTThreadPool& pool) { pool.DeInit(false); }};
-    for (const Event event : events) {
+    for (const Event event :
+         {Event([](ZYTThreadPool&) {}), Event(Flush), Event([](ZYTThreadPool& pool) { pool.DeInit(false); })}) {
         for (const uint32_t rows : {0u, 1u, 7u, 3001u}) {
             ZYTThreadPool pool;
             ASSERT_TRUE(pool.Init(3));
@@ -380,49 +336,47 @@ TEST(Connection, RunsForEachRaiseThatFindsNonePending) {
             ASSERT_TRUE(connection.Raise());
             ASSERT_TRUE(zyttest::WaitUntil([&] { return runs == 101 * i; })) << i;
         }
-        std::thread raisers[4];
-        for (std::thread& raiser : raisers) {
-            raiser = std::thread([&] {
+        std::future<void> raisers[4];
+        for (auto& raiser : raisers) {
+            raiser = std::async(std::launch::async, [&] {
                 for (int i = 0; i < 1000; ++i) connection.Raise();
             });
         }
-        for (std::thread& raiser : raisers) raiser.join();
+        for (auto& raiser : raisers) raiser.get();
         const int before = runs;
         connection.Raise();
         EXPECT_TRUE(zyttest::WaitUntil([&] { return runs > before; })) << "still connected";
-        EXPECT_EQ(captured.use_count(), 2);
     }
     EXPECT_EQ(captured.use_count(), 1) << "gone with the connection";
 
     LogCapture log;
-    zyt::Connection disconnected([&] { ++runs; }, "Mine");
+    zyt::Connection disconnected([] {}, "Mine");
     ZYTSignalTask::instance()->disconnect();
     EXPECT_FALSE(disconnected.Raise());
-    EXPECT_EQ(CountErrors(log, "Mine"), 1u);
+    EXPECT_EQ(CountErrors(log, "Mine"), 1);
 }
 
 TEST(PoolState, IsReadWithoutWaitingForAnybody) {
     ZYTBufferManager manager;
     Image plain(manager, Describe(ZYT_FORMAT_RAW16, 10, 10), ZYT_BUFFER_TYPE_MALLOC);
-    Image graphic(manager, Describe(kNv12, 10, 10), ZYT_BUFFER_TYPE_GRALLOC);
-    const zyt::PoolBuffer out = zyt::ReadPool().out->at(0);
-    EXPECT_EQ(out.address, plain->pAddr[0]);
-    EXPECT_EQ(out.bytes, 200u);
+    EXPECT_EQ(zyt::ReadPool().out->at(0).address, plain->pAddr[0]);
+    Image(manager, Describe(kNv12, 10, 10), ZYT_BUFFER_TYPE_GRALLOC);
     plain.Reset();
-    graphic.Reset();
-    TempDir dir;
+    zyttest::TempDir dir;
     const int fd = open((dir / "text").c_str(), O_RDWR | O_CREAT, 0600);
     zyt::PrintPool(fd);
-    std::unique_lock<std::mutex> lock(ZYTBufferPool::m_freeBufferListLock);
-    EXPECT_FALSE(zyt::ReadPool().free);
-    zyt::PrintPool(fd);
-    lock.unlock();
+    {
+        const std::lock_guard<std::mutex> lock(ZYTBufferPool::m_freeBufferListLock);
+        EXPECT_FALSE(zyt::ReadPool().free);
+        zyt::PrintPool(fd);
+    }
     close(fd);
     const std::string text = zyttest::ReadFile(dir / "text");
     for (const char* part : {"clients: 1\nout: 0 buffers, 0 bytes\nfree: 2 buffers", "malloc         200 bytes",
                              "10x10\n", "free: unknown, the lock is held\n", "offline log: 0 lines"}) {
         EXPECT_THAT(text, HasSubstr(part));
     }
+    EXPECT_EQ(zyt::TrimPool(1), 0u);
     EXPECT_EQ(zyt::TrimPool(0), 2u);
     EXPECT_EQ(CountLiveMemory(), 0u);
 }
@@ -430,11 +384,9 @@ TEST(PoolState, IsReadWithoutWaitingForAnybody) {
 TEST(FlushOfflineLog, ReturnsWhenAllIsWritten) {
     ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
     log.m_enable = true;
-    std::vector<std::future<bool>> callers;
     for (int i = 0; i < 100; ++i) ZYTOfflineLog::ZYTOfflineLogE("line");
-    for (int i = 0; i < 4; ++i) {
-        callers.push_back(std::async(std::launch::async, [] { return zyt::FlushOfflineLog(std::chrono::minutes(5)); }));
-    }
+    std::future<bool> callers[4];
+    for (auto& caller : callers) caller = std::async(std::launch::async, zyt::FlushOfflineLog, std::chrono::minutes(5));
     for (auto& caller : callers) EXPECT_TRUE(caller.get());
     const std::string text = zyttest::ReadFile(log.m_curLogFileName);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 100);
@@ -442,9 +394,8 @@ TEST(FlushOfflineLog, ReturnsWhenAllIsWritten) {
     // A worker that is held up elsewhere: the others are let go, and the next flush succeeds.
     static std::mutex held;
     std::unique_lock<std::mutex> lock(held);
-    log.m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL,
-                                [](void*, unsigned int) { const std::lock_guard<std::mutex> guard(held); }, nullptr,
-                                0});
+    const auto wait = [](void*, unsigned int) { const std::lock_guard<std::mutex> guard(held); };
+    log.m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, wait, nullptr, 0});
     EXPECT_FALSE(zyt::FlushOfflineLog(std::chrono::milliseconds(20)));
     lock.unlock();
     EXPECT_TRUE(zyt::FlushOfflineLog(std::chrono::minutes(5)));

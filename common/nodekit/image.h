@@ -90,9 +90,9 @@ inline const char* WhatIsWrongWithDescriptor(const ZYTImageBuffer& image, uint32
 }  // namespace detail
 
 /// A record without memory whose geometry suits the format: the stride is a row's bytes, whole groups of packed pixels
-/// and pairs of chroma included, rounded up to strideAlignment (bytes); the slice height is the height, even where
-/// chroma follows, rounded up to sliceAlignment (rows). An alignment is 1 or more. What does not fit the record becomes
-/// 0, which an Image refuses.
+/// and pairs of chroma included, rounded up to strideAlignment (bytes); the slice height is the height, whole pairs of
+/// rows where chroma follows, rounded up to sliceAlignment (rows). What does not fit 32 bits becomes 0, which an Image
+/// refuses.
 inline ZYTImageBuffer Describe(ZYTFormat format, uint32_t width, uint32_t height, uint32_t strideAlignment = 1,
                                uint32_t sliceAlignment = 1) {
     ZYTImageBuffer image{};
