@@ -62,7 +62,7 @@ inline bool FlushOfflineLog(std::chrono::milliseconds timeout) {
         // Under one hold of the queue's lock: two callers' notices do not mix, or each would hold half of the workers.
         const bool areAllCalled = detail::Notify(writers, *roll, count) == count;
         isFlushed = roll->Wait(areAllCalled ? timeout : std::chrono::milliseconds(0));
-        roll->Release();
+        detail::Withdraw(writers, *roll);
     }
     if (!isFlushed)
         ZYT_LOG(E, "nodekit", "The offline log was not written out within %lld ms",

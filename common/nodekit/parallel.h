@@ -17,10 +17,10 @@
 ///
 /// Whoever waits takes part: what no worker has begun by then, it does itself. So nothing is lost and nothing waits for
 /// ever, also on a pool without workers, on one that is flushed, stopped or started again meanwhile, inside one of its
-/// own tasks, and when there is no memory to tell the workers. (A pool that drops the word to its workers leaks the
-/// small block behind it.) An exception that leaves the work ends the process.
+/// own tasks, and when there is no memory to tell the workers. (A pool that is flushed meanwhile leaks a small block.)
+/// An exception that leaves the work ends the process.
 ///
-/// REQUIRES: the pool lives while work is given to it. Nobody waits for a group inside one of its own tasks.
+/// REQUIRES: the pool outlives the group. Nobody waits for a group inside one of its own tasks.
 
 #include <algorithm>
 #include <atomic>
@@ -50,6 +50,17 @@ struct SharedWork {
         if (m_owners.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
     }
 
+    /// A notice's data is the address of the work alone.
+    static SharedWork* FromNotice(const void* data) {
+        SharedWork* work = nullptr;
+        std::memcpy(&work, data, sizeof(work));
+        return work;
+    }
+    static void RunNotice(void* data, unsigned int) {
+        FromNotice(data)->RunWhatIsLeft();
+        FromNotice(data)->Release();
+    }
+
     std::atomic<uint32_t> m_owners{1};
 
 protected:
@@ -60,18 +71,12 @@ protected:
 /// many.
 inline uint32_t Notify(ZYTThreadPool& pool, SharedWork& work, uint32_t count) {
     std::list<ZYTThreadPoolTask> notices;
-    const auto run = [](void* data, unsigned int) {
-        SharedWork* self = nullptr;
-        std::memcpy(&self, data, sizeof(self));
-        self->RunWhatIsLeft();
-        self->Release();
-    };
     SharedWork* const self = &work;
     for (uint32_t i = 0; i < count; ++i) {
         void* data = std::malloc(sizeof(self));
         if (data == nullptr) break;
         std::memcpy(data, &self, sizeof(self));
-        notices.push_back({ZYT_THREAD_POOL_TASK_NORMAL, run, data, sizeof(self)});
+        notices.push_back({ZYT_THREAD_POOL_TASK_NORMAL, SharedWork::RunNotice, data, sizeof(self)});
     }
     const auto queued = static_cast<uint32_t>(notices.size());
     work.m_owners.fetch_add(queued, std::memory_order_relaxed);
@@ -81,6 +86,23 @@ inline uint32_t Notify(ZYTThreadPool& pool, SharedWork& work, uint32_t count) {
     }
     for (uint32_t i = 0; i < queued; ++i) pool.m_taskCond.notify_one();
     return queued;
+}
+
+/// Takes the notices that nobody has run yet off the queue, and releases the work.
+inline void Withdraw(ZYTThreadPool& pool, SharedWork& work) {
+    if (work.m_owners.load(std::memory_order_relaxed) > 1) {
+        Lock lock(pool.m_taskListLock);
+        for (auto task = pool.m_taskList.begin(); task != pool.m_taskList.end();) {
+            if (task->func != SharedWork::RunNotice || SharedWork::FromNotice(task->data) != &work) {
+                ++task;
+                continue;
+            }
+            std::free(task->data);
+            task = pool.m_taskList.erase(task);
+            work.Release();
+        }
+    }
+    work.Release();
 }
 
 /// Bands of rows, taken one after the other by whoever has time.
@@ -180,7 +202,7 @@ void ParallelRows(ZYTThreadPool& pool, uint32_t rows, Function&& function, uint3
     if (work == nullptr) return static_cast<void>(function(0u, rows));
     detail::Notify(pool, *work, std::min(bands - 1, detail::CountWorkers(pool, bands)));
     work->Wait();
-    work->Release();
+    detail::Withdraw(pool, *work);
 }
 
 /// Callables that run on a pool's workers and can be waited for together. Safe on any threads; a callable may add to
@@ -192,7 +214,7 @@ public:
     /// Does Wait().
     ~TaskGroup() {
         Wait();
-        m_jobs->Release();
+        detail::Withdraw(m_pool, *m_jobs);
     }
     TaskGroup(const TaskGroup&) = delete;
     TaskGroup& operator=(const TaskGroup&) = delete;
