@@ -85,6 +85,7 @@ TEST_F(Allocator, MapsTheStrideOfAGraphicBuffer) {
     EXPECT_EQ(hostdevice::CountLive().graphicBuffers, 0u);
     EXPECT_EQ(hostdevice::CountLive().graphicMappings, 1u) << "the mapping outlives the buffer";
     munmap(m_pBuf, 10240);
+    EXPECT_EQ(hostdevice::CountLive().graphicMappings, 0u) << "it is no longer than that";
 }
 
 TEST_F(Allocator, ReadsAMissingGraphicDescriptorAsNone) {

@@ -18,8 +18,6 @@
 #include "base/zytsharedflag.h"
 #include "support.h"
 
-using testing::AnyOf;
-using testing::HasSubstr;
 using testing::MatchesRegex;
 using zyttest::ReadFile;
 using zyttest::RunChild;
@@ -159,20 +157,24 @@ TEST_F(OfflineLog, StampsWithTheZonesTimeAndTheThreadThatLogs) {
         setenv("TZ", zone, 1);
         // The rest of a second is stamped as it began.
         EXPECT_TRUE(zyttest::WaitUntil([set = time(nullptr)] { return time(nullptr) > set; }));
-        const time_t before = time(nullptr) + offset;
-        const std::string line = stamp();
-        StartNextFile();
-        ASSERT_TRUE(WriteLine("line\n"));
-        const time_t after = time(nullptr) + offset;
-        const auto print = [](time_t second, const char* format) {
+        const auto now = [offset = offset](const char* format) {
+            timespec time{};
+            clock_gettime(CLOCK_REALTIME, &time);
+            time.tv_sec += offset;
             char text[64] = {};
-            std::strftime(text, sizeof(text), format, std::gmtime(&second));
-            return HasSubstr(text);
+            std::strftime(text, sizeof(text), format, std::gmtime(&time.tv_sec));
+            return Text("%s%09ld", text, time.tv_nsec);
         };
-        EXPECT_THAT(line, AnyOf(print(before, "%m-%d %H:%M:%S:"), print(after, "%m-%d %H:%M:%S:")));
-        const char* const name = "/ZYTOfflineLog_%Y-%m-%d--%H-%M-%S-";
-        EXPECT_THAT(m_log.m_logFileList.back(), AnyOf(print(before, name), print(after, name)));
-        EXPECT_THAT(m_log.m_logFileList.back(), MatchesRegex(".*-[0-9]{6}\\.txt"));
+        const std::string before = now("%m-%d %H:%M:%S:"), line = stamp();
+        EXPECT_TRUE(before <= line && line.substr(0, before.size()) <= now("%m-%d %H:%M:%S:")) << line;
+        StartNextFile();
+        const std::string earlier = hostdevice::OfflineLogDir() + now("ZYTOfflineLog_%Y-%m-%d--%H-%M-%S-");
+        ASSERT_TRUE(WriteLine("line\n"));
+        const std::string later = hostdevice::OfflineLogDir() + now("ZYTOfflineLog_%Y-%m-%d--%H-%M-%S-");
+        const std::string& name = m_log.m_logFileList.back();
+        const size_t stamped = earlier.size() - 3;  // to the microsecond
+        EXPECT_TRUE(earlier.substr(0, stamped) <= name && name.substr(0, stamped) <= later) << name;
+        EXPECT_EQ(name.substr(stamped), ".txt");
     }
     unsetenv("TZ");
 
