@@ -88,7 +88,7 @@ struct Late {
 ZYT_CHILD(LogAtExit) {
     static const Late late;
     ZYTLogUtil::m_level = 5;
-    ZYTSignalTask::instance();
+    ZYTSignalTask::instance()->signal(1);
     return 0;
 }
 
