@@ -208,9 +208,10 @@ constexpr const char* kTold[] = {
     "n_4x2_Raw10.raw|--stats --bayer bggr|w 0 100 10 1023 7 512 9 513|\nB              0      10       5.00       5.00 "
     "        1",
     "n_8x2_Y16.raw|--stats|b 0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15|left 4 of 8 columns",
-    "n_4x2_Raw10.raw|--pixel 1,1 --bayer grbg|w 0 100 10 1023 7 512 9 513|Gb at 1,1 is 512\n"
-    "              0       1       2       3\n      0      0     100      10    1023\n      1      7    [512]      9   "
-    "  513\n",
+    "n_4x2_Raw10.raw|--pixel 2,1 --bayer grbg|w 0 100 10 1023 7 512 9 513|B at 2,1 is 9\n"
+    "              0       1       2       3\n      0      0     100      10    1023\n      1      7     512      [9]  "
+    "  "
+    "513\n",
     "n_2x2_NV21.raw|--pixel 1,0|b 1 2 3 4 100 50|U at 0,0 is 50\n",
     "n_9x1_Y16.raw|--histogram @bars.PNG|w 0 0 650 650 650 650 6500 65535 65535|bars.PNG\n",
     "n_3x1_Raw10.raw|--bayer gbrg --scale 1/2|w 7 1024 1023|samples of more than 10 bits, shown as the largest value: "
@@ -240,7 +241,7 @@ TEST_F(ZytView, TellsNumbers) {
     EXPECT_FALSE(std::filesystem::exists(m_dir / "n_2x2_NV21.png")) << "no picture was asked for";
     // Heights of the bars: clipped samples in the margins, between them a column for 64 values; square roots.
     const Samples drawn = Decode("-i " + (m_dir / "bars.PNG"), "gray");
-    for (const auto& [x, height] : {std::pair(24, 114), {46, 160}, {137, 80}, {138, 0}, {1062, 114}}) {
+    for (const auto& [x, height] : {std::pair(24, 114), {36, 0}, {46, 160}, {137, 80}, {138, 0}, {1062, 114}}) {
         int seen = 0;
         for (int y = 36; y < 196; ++y) seen += drawn[static_cast<size_t>(y * 1096 + x)] > 60;
         EXPECT_EQ(seen, height) << x;
@@ -258,6 +259,7 @@ constexpr const char* kRefused[] = {
     "17\n",
     "x_2x1_Raw10.raw||b 1 2 3 4 5|expected 4 bytes for 2x1 Raw10, found 5; --stride and --slice-height",
     "x_2x1_Raw10.raw|--stride 3|w 1 2|a stride of 3 is less than the picture's 4",
+    "x_2x1_Raw10.raw|--stride 0|w 1 2|--stride is a number from 1",
     "x_2x1_Raw10.raw|--stride 8x|w 1 2|--stride is a number from 1",
     "x_2x1_Raw10.raw|--size 4x131073|w 1 2|--size is WxH, each from 1 to 131072",
     "x_2x1_Raw10.raw|--crop 2x1+1+0|w 1 2|the crop reaches out of the picture's 2x1",
