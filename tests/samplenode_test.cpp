@@ -17,6 +17,9 @@ protected:
         for (size_t i = 0; i < m_frame.size(); ++i) m_frame[i] = static_cast<char>(i % 200);
         WriteFile(m_frameFile, m_frame);
         std::filesystem::create_directory(m_dir / "tuning");
+        // The child's device, whatever this one is.
+        WriteFile(m_dir / "properties", "ro.product.device=kivo\n");
+        setenv("HOSTDEVICE_PROPERTIES", (m_dir / "properties").c_str(), 1);
     }
     void ExpectRefusal(const std::string& arguments, const std::string& reason) {
         zyttest::ExpectRefusal("examples/samplenode " + m_frameFile + " " + arguments, reason);
@@ -32,7 +35,7 @@ protected:
 TEST_F(SampleNode, DumpsTheFrameAsItCameAndThenItsFaces) {
     WriteFile(m_dir / "faces",
               "# one of two is in the crop\ncrop 0 0 1000 600\nface 100 200 300 200\nface 900 0 50 50\n");
-    WriteFile(m_dir / "tuning/samplenode_131.tuning", "thickness=1\n");
+    WriteFile(m_dir / "tuning/samplenode_8.tuning", "thickness=1\n");
     WriteFile(m_dir / "tuning/samplenode_default.tuning", "thickness=9\n");
     const auto result = zyttest::RunBuilt("examples/samplenode " + m_frameFile + " 100x60 --name node --faces " +
                                           (m_dir / "faces --tuning ") + (m_dir / "tuning --out ") + m_dir.Path());
@@ -40,7 +43,7 @@ TEST_F(SampleNode, DumpsTheFrameAsItCameAndThenItsFaces) {
     for (const char* number : {"1", "2"}) {
         EXPECT_EQ(zyttest::ReadFile(m_dir / "node-frame" + number + "_100x60_YUV420NV12.raw"), m_frame);
     }
-    for (const char* part : {"samplenode_131.tuning, thickness 1", "face        30x20 at column 20, row 10",
+    for (const char* part : {"samplenode_8.tuning, thickness 1", "face        30x20 at column 20, row 10",
                              "0 heap descriptors, 0 heap mappings, 0 graphic buffers", "reused from the pool"}) {
         EXPECT_THAT(result.output, HasSubstr(part));
     }
