@@ -82,8 +82,8 @@ public:
     ///
     /// A device's C++ library refuses what a desk's may take, such as `a}`, `\_` and `a{1}{2}`. Both take characters,
     /// `.`, `[ ]` with ranges, `^` and classes, `( )`, `(?: )`, `(?= )`, `(?! )`, `|`, `^`, `$`, one of `* + ? {n} {n,}
-    /// {n,m}` behind an item and a `?` behind that, `\d \D \s \S \w \W \b \B \xHH \uHHHH`, `\1` to `\9` for a group, and a
-    /// backslash before punctuation other than `_`, which a literal `]` or `}` needs too.
+    /// {n,m}` behind an item and a `?` behind that, `\d \D \s \S \w \W \b \B \xHH \uHHHH`, `\1` to `\9` for a group,
+    /// and a backslash before punctuation other than `_`, which a literal `]` or `}` needs too.
     static int32_t SearchFileByName(const char* dir, const char* pattern, std::vector<std::string>& files,
                                     bool recursive) noexcept;
 
