@@ -12,7 +12,7 @@ using hostdevice::Fault;
 int DenoiseMain(int argc, char** argv);  // its main function, named so by the build
 
 TEST(Denoise, AveragesOrSaysWhyAndLeaksNothing) {
-    constexpr uint32_t kWidth = 20, kHeight = 9;
+    constexpr size_t kWidth = 20, kHeight = 9;
     zyttest::TempDir dir;
     std::string words[6] = {"denoise"};
     char* argv[6] = {words[0].data()};
@@ -51,8 +51,8 @@ TEST(Denoise, AveragesOrSaysWhyAndLeaksNothing) {
             const std::string dump = zyttest::ReadFile(output);
             if (result == 0) {
                 ASSERT_EQ(dump.size(), kWidth * kHeight * 2);
-                for (uint32_t i = 0; i < kWidth * kHeight; ++i) {
-                    const uint32_t sample =
+                for (size_t i = 0; i < kWidth * kHeight; ++i) {
+                    const size_t sample =
                         static_cast<unsigned char>(dump[2 * i]) + static_cast<unsigned char>(dump[2 * i + 1]) * 256u;
                     ASSERT_EQ(sample, (1000 + 4 * (i / kWidth)) * 16);
                 }

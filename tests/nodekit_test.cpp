@@ -58,9 +58,10 @@ size_t PlaceOfBit(const zyt::FormatLayout& layout, size_t x, size_t bit) {
 
 // Drops what is queued, as FlushTask() does, but for what the kit would lose with it.
 void Flush(ZYTThreadPool& pool) {
+    using Work = zyt::detail::SharedWork;
     const zyt::Lock lock(pool.m_taskListLock);
     for (const ZYTThreadPoolTask& task : pool.m_taskList) {
-        if (task.func == zyt::detail::SharedWork::RunNotice) zyt::detail::SharedWork::FromNotice(task.data)->Release();
+        if (task.func == Work::RunNotice) static_cast<Work::Notice*>(task.data)->work->Release();
         std::free(task.data);
     }
     pool.m_taskList.clear();
@@ -357,7 +358,7 @@ TEST(PoolState, IsReadWithoutWaitingForAnybody) {
     ZYTBufferManager manager;
     Image plain(manager, Describe(ZYT_FORMAT_RAW16, 10, 10), ZYT_BUFFER_TYPE_MALLOC);
     EXPECT_EQ(zyt::ReadPool().out->at(0).address, plain->pAddr[0]);
-    Image(manager, Describe(kNv12, 10, 10), ZYT_BUFFER_TYPE_GRALLOC);
+    EXPECT_TRUE(Image(manager, Describe(kNv12, 10, 10), ZYT_BUFFER_TYPE_GRALLOC));
     plain.Reset();
     zyttest::TempDir dir;
     const int fd = open((dir / "text").c_str(), O_RDWR | O_CREAT, 0600);

@@ -86,13 +86,12 @@ inline Image LoadDump(ZYTBufferManager& manager, const std::string& path, const 
     const char* reason = file == nullptr ? std::strerror(errno) : nullptr;
     if (file != nullptr) {
         CpuAccess access(manager, CPU_SYNC_WRITE, image);
-        if (!access) {
-            reason = "its memory cannot be accessed";
-        } else if (!detail::EachRow(*image, [file](unsigned char* row, size_t bytes) {
-                       return std::fread(row, 1, bytes, file) == bytes;
-                   })) {
+        const bool isRead = access && detail::EachRow(*image, [file](unsigned char* row, size_t bytes) {
+                                return std::fread(row, 1, bytes, file) == bytes;
+                            });
+        if (access && !isRead) {
             reason = std::ferror(file) != 0 ? std::strerror(errno) : "it is shorter than the image";
-        } else if (std::fgetc(file) != EOF) {
+        } else if (isRead && std::fgetc(file) != EOF) {
             reason = "it is longer than the image";
         } else if (!access.Close()) {
             reason = "its memory cannot be accessed";

@@ -27,7 +27,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <list>
 #include <memory>
@@ -50,15 +49,14 @@ struct SharedWork {
         if (m_owners.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
     }
 
-    /// A notice's data is the address of the work alone.
-    static SharedWork* FromNotice(const void* data) {
-        SharedWork* work = nullptr;
-        std::memcpy(&work, data, sizeof(work));
-        return work;
-    }
+    /// What a worker is handed.
+    struct Notice {
+        SharedWork* work;
+    };
     static void RunNotice(void* data, unsigned int) {
-        FromNotice(data)->RunWhatIsLeft();
-        FromNotice(data)->Release();
+        SharedWork* work = static_cast<Notice*>(data)->work;
+        work->RunWhatIsLeft();
+        work->Release();
     }
 
     std::atomic<uint32_t> m_owners{1};
@@ -71,12 +69,11 @@ protected:
 /// many.
 inline uint32_t Notify(ZYTThreadPool& pool, SharedWork& work, uint32_t count) {
     std::list<ZYTThreadPoolTask> notices;
-    SharedWork* const self = &work;
     for (uint32_t i = 0; i < count; ++i) {
-        void* data = std::malloc(sizeof(self));
-        if (data == nullptr) break;
-        std::memcpy(data, &self, sizeof(self));
-        notices.push_back({ZYT_THREAD_POOL_TASK_NORMAL, SharedWork::RunNotice, data, sizeof(self)});
+        auto* notice = static_cast<SharedWork::Notice*>(std::malloc(sizeof(SharedWork::Notice)));
+        if (notice == nullptr) break;
+        notice->work = &work;
+        notices.push_back({ZYT_THREAD_POOL_TASK_NORMAL, SharedWork::RunNotice, notice, sizeof(*notice)});
     }
     const auto queued = static_cast<uint32_t>(notices.size());
     work.m_owners.fetch_add(queued, std::memory_order_relaxed);
@@ -93,7 +90,7 @@ inline void Withdraw(ZYTThreadPool& pool, SharedWork& work) {
     if (work.m_owners.load(std::memory_order_relaxed) > 1) {
         Lock lock(pool.m_taskListLock);
         for (auto task = pool.m_taskList.begin(); task != pool.m_taskList.end();) {
-            if (task->func != SharedWork::RunNotice || SharedWork::FromNotice(task->data) != &work) {
+            if (task->func != SharedWork::RunNotice || static_cast<SharedWork::Notice*>(task->data)->work != &work) {
                 ++task;
                 continue;
             }

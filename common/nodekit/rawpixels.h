@@ -61,11 +61,11 @@ struct Places {
     constexpr Places() {
         constexpr uint32_t kLowBits = kBits - 8;
         for (uint32_t i = 0; i < 16; ++i) packedHighs[i] = packedLows[i] = kNoByte;
-        for (uint32_t i = 0; i < 8; ++i) {
-            const uint32_t group = i / kGroupPixels<kBits> * kGroupBytes<kBits>;
-            const uint32_t lowBit = i % kGroupPixels<kBits> * kLowBits;
-            const uint32_t low = group + kGroupPixels<kBits> + lowBit / 8;
-            const uint32_t high = group + i % kGroupPixels<kBits>;
+        for (size_t i = 0; i < 8; ++i) {
+            const size_t group = i / kGroupPixels<kBits> * kGroupBytes<kBits>;
+            const size_t lowBit = i % kGroupPixels<kBits> * kLowBits;
+            const size_t low = group + kGroupPixels<kBits> + lowBit / 8;
+            const size_t high = group + i % kGroupPixels<kBits>;
             highs[2 * i] = static_cast<uint8_t>(high);
             highs[2 * i + 1] = kNoByte;
             lows[2 * i] = static_cast<uint8_t>(low);
