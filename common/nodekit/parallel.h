@@ -32,6 +32,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <thread>
 #include <type_traits>
 #include <utility>
 
@@ -120,6 +121,8 @@ public:
 
     void Wait() {
         RunWhatIsLeft();
+        // Others are at their last band: to look again takes less time than to be woken.
+        for (int i = 0; i < 200 && m_done.load(std::memory_order_acquire) != m_bands; ++i) std::this_thread::yield();
         std::unique_lock<std::mutex> lock(m_lock);
         m_isDone.wait(lock, [this] { return m_done.load(std::memory_order_acquire) == m_bands; });
     }
@@ -197,7 +200,9 @@ void ParallelRows(ZYTThreadPool& pool, uint32_t rows, Function&& function, uint3
     using Work = detail::Bands<std::remove_reference_t<Function>>;
     Work* work = bands > 1 ? new (std::nothrow) Work(rows, bands, function) : nullptr;
     if (work == nullptr) return static_cast<void>(function(0u, rows));
-    detail::Notify(pool, *work, std::min(bands - 1, detail::CountWorkers(pool, bands)));
+    // This thread is one of those that work; more than the processors can run at once only take each other's time.
+    const uint32_t others = std::max(std::thread::hardware_concurrency(), 2u) - 1;
+    detail::Notify(pool, *work, std::min({bands - 1, others, detail::CountWorkers(pool, bands)}));
     work->Wait();
     detail::Withdraw(pool, *work);
 }
