@@ -41,12 +41,9 @@ void LogSite(benchmark::State& state) {
 }
 
 void LogSitePeer(benchmark::State& state) {
-    spdlog::logger logger("peer", std::make_shared<spdlog::sinks::null_sink_mt>());
-    logger.set_level(spdlog::level::err);
     Arguments a;
     for (auto _ : state) {
         benchmark::DoNotOptimize(a);
-        logger.debug(BENCH_PEER_FORMAT, a.name, "logbench.cpp", __LINE__, __func__, a.type, a.size, a.buffer, a.left);
         benchmark::ClobberMemory();
     }
 }

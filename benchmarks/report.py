@@ -17,7 +17,6 @@ ROWS = [
     ("pool with 2 threads on their own sizes", "the bare work, same locks", "pool/threads:2", 2.0),
     ("pool with 4 threads on their own sizes", "the bare work, same locks", "pool/threads:4", 2.0),
     ("pool with 8 threads on their own sizes", "the bare work, same locks", "pool/threads:8", 2.0),
-    ("log site below both thresholds", "spdlog, filtered", "log_site", 0.5),
     ("offline log, a line for the caller", "spdlog, asynchronous", "offline_caller", 1.0),
     ("offline log, a line until it is written", "open, append, close", "offline_writer", 1.0),
     ("copy of NV12 1920 x 1080", "libyuv CopyPlane", "copy_nv12/1920/1080", 1.0),
@@ -35,6 +34,9 @@ ROWS = [
     ("kit: RawMipi10 4000 x 3000 unpacked", "memcpy of as many bytes", "kit_unpack", 1.5),
     ("kit: RawMipi10 4000 x 3000 packed", "memcpy of as many bytes", "kit_pack", 2.5),
 ]
+# The same with the most nanoseconds above the peer.
+DIFFERENCES = [("log site below both thresholds", "an empty loop", "log_site", 1.0)]
+RUNS = "docs/performance/runs.json"  # what earlier runs gave, on this machine and others: ratios by subject
 # What grows with what: title, label of the axis, benchmarks of one point a parameter. "{}" is the parameter.
 IMAGES = ["640/480", "1920/1080", "4000/3000", "8000/6000"]
 GROWTH = {
@@ -80,7 +82,8 @@ def medians(times, name):
     rounds = {side: {number: statistics.median(values) for number, values in rounds.items()}
               for side, rounds in sides.items()}
     result = {side: statistics.median(values.values()) for side, values in rounds.items()}
-    result["ratio"] = statistics.median(rounds["ours"][number] / peer for number, peer in rounds["peer"].items())
+    ratios = [rounds["ours"][number] / peer for number, peer in rounds["peer"].items()]
+    result.update(ratio=statistics.median(ratios), lowest=min(ratios), highest=max(ratios))
     return result
 
 
@@ -95,24 +98,34 @@ def show_ratio(ratio):
     return f"{ratio:.2f}" if ratio >= 0.01 else f"1/{1 / ratio:.0f}"
 
 
+def show_range(lowest, highest):
+    shown = show_ratio(lowest), show_ratio(highest)
+    return shown[0] if shown[0] == shown[1] else "–".join(shown)
+
+
 def make_rows(times, probes, views, build):
-    keys = ("subject", "ours", "peer", "against", "ratio", "target", "met")
+    keys = ("subject", "ours", "peer", "against", "ratio", "target", "met", "range", "value")
     rows = []
     for subject, against, name, limit in ROWS:
         point = medians(times, name)
         ratio = round(point["ratio"], 2) if limit >= 0.01 else point["ratio"]  # more digits than shown are noise
         rows.append((subject, show_time(point["ours"]), show_time(point["peer"]), against, show_ratio(ratio),
-                     show_ratio(limit), ratio <= limit))
+                     show_ratio(limit), ratio <= limit, show_range(point["lowest"], point["highest"]), point["ratio"]))
+    for subject, against, name, limit in DIFFERENCES:
+        point = medians(times, name)
+        above = point["ours"] - point["peer"]
+        rows.append((subject, show_time(point["ours"]), show_time(point["peer"]), against, f"+{above:.2f} ns",
+                     f"+{limit:.0f} ns", above <= limit, "", None))
     if not probes:
         sys.exit("the memory probe was not run")
     before, after = (statistics.median(probe[key] for probe in probes) for key in ("before", "after"))
     rows.append(("resident after the first log call, off", f"{after:.0f} KiB", f"{before:.0f} KiB", "before it",
-                 f"+{after - before:.0f} KiB", "+1024 KiB", after - before <= 1024))
+                 f"+{after - before:.0f} KiB", "+1024 KiB", after - before <= 1024, "", None))
     ours, peer = (statistics.median(view[side] for view in views) / 1024 for side in ("ours", "peer"))
     rows.append(("zytview's memory for these, with the file's 23 MiB", f"{ours:.0f} MiB", f"{peer:.0f} MiB", "ffmpeg",
-                 show_ratio(ours / peer), show_ratio(0.1), ours / peer <= 0.1))
+                 show_ratio(ours / peer), show_ratio(0.1), ours / peer <= 0.1, "", None))
     size = os.path.getsize(f"{build}/libzyttools.stripped.so") / 1024
-    rows.append(("stripped shared library", f"{size:.1f} KiB", "", "", "", "200 KiB", size <= 200))
+    rows.append(("stripped shared library", f"{size:.1f} KiB", "", "", "", "200 KiB", size <= 200, "", None))
     return [dict(zip(keys, row)) for row in rows]
 
 
@@ -143,9 +156,9 @@ def describe_machine():
 
 
 def print_table(rows):
-    heads = ("subject", "ours", "peer", "ratio", "target", "")
-    lines = [heads] + [(r["subject"], r["ours"], f"{r['peer']}  {r['against']}".strip(), r["ratio"], r["target"],
-                        "met" if r["met"] else "MISSED") for r in rows]
+    heads = ("subject", "ours", "peer", "ratio", "range", "target", "")
+    lines = [heads] + [(r["subject"], r["ours"], f"{r['peer']}  {r['against']}".strip(), r["ratio"], r["range"],
+                        r["target"], "met" if r["met"] else "MISSED") for r in rows]
     widths = [max(len(line[column]) for line in lines) for column in range(len(heads))]
     for line in lines:
         print("  ".join(cell.ljust(width) for cell, width in zip(line, widths)).rstrip())
@@ -153,12 +166,30 @@ def print_table(rows):
     print(f"\n{len(rows) - missed} targets met, {missed} missed")
 
 
+def record_run(rows, machine):
+    """Adds this run to those on record, and returns the ratios of all of them by subject."""
+    with open(RUNS, encoding="utf-8") as file:
+        runs = json.load(file)
+    runs.append({"processors": machine["processors"],
+                 "ratios": {r["subject"]: round(r["value"], 6) for r in rows if r["value"] is not None}})
+    with open(RUNS, "w", encoding="utf-8") as file:
+        json.dump(runs, file, indent=1)
+        file.write("\n")
+    ratios = collections.defaultdict(list)
+    for run in runs:
+        for subject, ratio in run["ratios"].items():
+            ratios[subject].append(ratio)
+    return ratios
+
+
 def markdown(rows, growth, machine):
     """The three generated sections: absolute times stay out, since they say nothing about another machine."""
+    ratios = record_run(rows, machine)
+    seen = {subject: show_range(min(values), max(values)) for subject, values in ratios.items() if len(values) > 1}
     yield "machine", [f"- {key}: {value}" for key, value in machine.items()]
-    yield "table", ["| subject | peer | ratio | target | |", "|---|---|---|---|---|"] + [
-        f"| {r['subject']} | {r['against']} | {r['ratio'] or r['ours']} | {r['target']} | "
-        f"{'met' if r['met'] else '**missed**'} |" for r in rows]
+    yield "table", ["| subject | peer | ratio | processes | runs | target | |", "|---|---|---|---|---|---|---|"] + [
+        f"| {r['subject']} | {r['against']} | {r['ratio'] or r['ours']} | {r['range']} | {seen.get(r['subject'], '')} | "
+        f"{r['target']} | {'met' if r['met'] else '**missed**'} |" for r in rows]
     lines = []
     for part in growth.values():
         lines += [f"| {part['axis']} | " + " | ".join(part["parameters"]) + " |",
