@@ -2,17 +2,17 @@
 #define ZYT_NODEKIT_CONNECTION_H
 
 /// @file
-/// A callable on the signal task's thread, raised as often as one likes.
+/// A callable that runs on the signal task's thread each time it is raised.
 ///
 /// @code
 /// class MyNode {
 ///     std::atomic<int> m_newest{0};
-///     zyt::Connection m_onFrame{[this] { Process(m_newest); }};  // declared last: gone before what it uses
+///     zyt::Connection m_onFrame{[this] { Process(m_newest); }};  // declared last, so destroyed first
 ///
 /// public:
 ///     void OnFrame(int frame) {
 ///         m_newest = frame;
-///         m_onFrame.Raise();                                     // from any thread, a task included
+///         m_onFrame.Raise();                                     // on any thread, also inside a task
 ///     }
 /// };
 /// @endcode
@@ -29,26 +29,26 @@
 
 namespace zyt {
 
-/// Keeps a callable connected to the signal task under a number of its own, which no other connection of the process
-/// has, and connects it anew after each run.
+/// Keeps a callable connected to the signal task under a number that is unique in the process, and reconnects it after
+/// each run.
 ///
-/// Raises while one is pending are one; a raise during a run leads to one more run. The tasks of all nodes run one
-/// after the other, so the callable is to be short, or to hand on to workers. An exception that leaves it ends the
-/// process.
+/// Raises while one is pending are merged; a raise during a run leads to one more run. The tasks of all nodes run one
+/// after the other, so the callable should be short or hand its work to a thread pool. An exception that leaves it ends
+/// the process.
 ///
-/// Raise() is safe on any thread. REQUIRES: it is made and destroyed neither inside a task of the signal task nor under
-/// a lock that such a task wants: both wait for the task that is running. Nobody disconnects all signals of the process
-/// (ZYTSignalTask::disconnect() without a number); that ends all connections for good.
+/// Raise() is thread-safe. REQUIRES: the constructor and the destructor are called neither inside a task of the signal
+/// task nor with a lock held that such a task takes; both wait for the running task. Nobody disconnects all signals of
+/// the process (ZYTSignalTask::disconnect() without a number); that ends all connections for good.
 class Connection {
 public:
-    /// Connects a callable without arguments. `name` tags log lines and is used as long as the connection.
+    /// Connects a callable without arguments. `name` tags log lines and must outlive the connection.
     explicit Connection(std::function<void()> function, const char* name = "nodekit")
         : m_state(std::make_shared<State>()), m_name(name) {
         m_state->function = std::move(function);
         State::Connect(m_state);
     }
 
-    /// Drops a pending raise, waits for the run that is going on, and destroys the callable.
+    /// Drops a pending raise, waits for a run in progress and destroys the callable.
     ~Connection() {
         {
             const std::lock_guard<std::mutex> lock(m_state->mutex);
@@ -60,7 +60,7 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Has the callable run once more. False, with a line at E, when somebody has disconnected it.
+    /// Requests one more run. Returns false, and logs an error, when the signal has been disconnected.
     bool Raise() {
         if (!m_state->isConnected) {
             ZYT_LOG(E, m_name, "Somebody has disconnected signal %llu",
@@ -75,9 +75,9 @@ private:
     struct State {
         uint64_t Number() const { return reinterpret_cast<uintptr_t>(this); }
 
-        // The signal task drops its copy of a task, and with it the last ticket, after the run and outside its locks:
-        // there a connection may be made anew. A ticket that has not run goes because somebody disconnected, and under
-        // a lock that connecting wants.
+        // The signal task destroys its copy of a task, and with it the last ticket, after the run and without a lock
+        // held, so the destructor may reconnect. A ticket that has not run is destroyed by a disconnect, under a lock
+        // that connecting takes.
         static void Connect(const std::shared_ptr<State>& state) {
             struct Ticket {
                 explicit Ticket(std::shared_ptr<State> owner) : state(std::move(owner)) {}
@@ -100,9 +100,9 @@ private:
             ZYTSignalTask::instance()->insert(state->Number(), std::move(task));
         }
 
-        std::function<void()> function;  // called by the loop alone, and gone only when that no longer can
+        std::function<void()> function;  // called by the signal task only; cleared after it can no longer be called
         std::atomic<bool> isConnected{true};
-        std::mutex mutex;  // guards isClosed, and connecting against closing; taken before the signal task's own
+        std::mutex mutex;  // guards isClosed and serializes connecting and closing; taken before the signal task's lock
         bool isClosed = false;
     };
 

@@ -2,18 +2,18 @@
 #define ZYT_NODEKIT_CPUACCESS_H
 
 /// @file
-/// A bracket around what the processor does to images that devices share.
+/// Scoped CPU access to images that are shared with devices.
 ///
 /// @code
 /// {
 ///     zyt::CpuAccess access(manager, CPU_SYNC_READ, frame, reference);  // zyt::Image, or plain records
-///     if (!access) return false;                                        // the platform refused; nothing stays open
+///     if (!access) return false;                                        // refused; no access stays open
 ///     Measure(*frame, *reference);
 /// }                                                                     // closed here
 ///
 /// zyt::CpuAccess access(manager, CPU_SYNC_WRITE, shown);
 /// Draw(*shown);
-/// return access.Close();                                                // where the other end's result is wanted
+/// return access.Close();                                                // reports whether closing succeeded
 /// @endcode
 
 #include <cstdint>
@@ -23,14 +23,14 @@
 
 namespace zyt {
 
-/// Opens a CPU access to each distinct descriptor of its images and closes what it opened. Planes without a descriptor
-/// need none, so plain images cost nothing.
+/// Opens a CPU access to each distinct descriptor of its images, and closes each that it opened. Planes without a
+/// descriptor are skipped, so malloc images cost nothing.
 ///
-/// REQUIRES: the manager outlives it, and so do the descriptors. One thread at a time.
+/// REQUIRES: the manager and the descriptors outlive this object. Not thread-safe.
 class CpuAccess {
 public:
-    /// Opens the access. When the platform refuses a descriptor, those opened before are closed again, and both logs
-    /// have a line at E.
+    /// Opens the access. When the platform refuses a descriptor, closes those already opened and logs an error to both
+    /// logs.
     template <typename... Images>
     CpuAccess(ZYTBufferManager& manager, CPUSyncType type, const Images&... images) : m_manager(manager) {
         static_assert(sizeof...(images) * 4 <= kMaxDescriptors, "too many images for one access");
@@ -41,10 +41,10 @@ public:
     CpuAccess(const CpuAccess&) = delete;
     CpuAccess& operator=(const CpuAccess&) = delete;
 
-    /// Whether the platform opened all of it, and, once closed, closed all of it.
+    /// Returns true when all descriptors were opened and, once closed, all were closed without an error.
     explicit operator bool() const { return m_isGood; }
 
-    /// Closes the access early. Returns whether the platform both opened and closed all of it; called again, the same.
+    /// Closes the access early. Returns true when all descriptors were opened and closed. Later calls return the same.
     bool Close() {
         CloseAll();
         return m_isGood;

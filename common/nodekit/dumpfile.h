@@ -2,17 +2,17 @@
 #define ZYT_NODEKIT_DUMPFILE_H
 
 /// @file
-/// Images to files and back.
+/// Writes images to files and loads them.
 ///
 /// @code
 /// zyt::Image frame = zyt::LoadDump(manager, "night_4000x3000_RawMipi10.raw", ZYT_BUFFER_TYPE_DMABUF, "MyNode");
-/// if (!frame) return 1;                                // both logs say why
+/// if (!frame) return 1;                                // both logs have the reason
 /// zyt::CpuAccess access(manager, CPU_SYNC_READ_WRITE, frame);
 /// Denoise(*frame);
 /// if (!access || !zyt::WriteDump(*frame, "out/" + zyt::DumpName(*frame, "denoised"), "MyNode")) return 1;
 /// @endcode
 ///
-/// A dump has all rows of all planes back to back, no header and no padding.
+/// A dump holds all rows of all planes back to back, without header or padding.
 
 #include <cerrno>
 #include <cstddef>
@@ -30,7 +30,7 @@ namespace zyt {
 
 namespace detail {
 
-/// Gives the pixels of each row of all planes to a function, as an address and a length, until that returns false.
+/// Calls visit(address, bytes) for the pixels of each row of all planes. Stops and returns false when visit does.
 template <typename Visit>
 bool EachRow(const ZYTImageBuffer& image, const Visit& visit) {
     const FormatLayout& layout = *FindFormatLayout(image.format);
@@ -47,9 +47,9 @@ bool EachRow(const ZYTImageBuffer& image, const Visit& visit) {
 
 }  // namespace detail
 
-/// Creates or truncates the file and writes the image. False, with a line at E, unless all of it is in the file: an
-/// image that cannot be touched, a path that cannot be written, a full disk. What was written by then stays. Unlike
-/// ZYTBufferDump it writes Y16 whole. CPU access is the caller's to bracket.
+/// Creates or truncates the file and writes the image. Returns false and logs an error when the image is not valid (see
+/// WhatIsWrong) or the file cannot be written completely; a partial file stays. Unlike ZYTBufferDump it writes Y16
+/// completely. REQUIRES: the caller holds a CPU access for reading.
 inline bool WriteDump(const ZYTImageBuffer& image, const std::string& path, const char* name = "nodekit") {
     const char* reason = WhatIsWrong(image);
     FILE* file = nullptr;
@@ -57,7 +57,7 @@ inline bool WriteDump(const ZYTImageBuffer& image, const std::string& path, cons
         file = std::fopen(path.c_str(), "wb");
         bool isWritten = file != nullptr;
         if (isWritten) {
-            // File systems take many small writes several times as long as a few large ones.
+            // A few large writes are several times as fast as many small ones.
             std::setvbuf(file, nullptr, _IOFBF, size_t{512} << 10);
             isWritten = detail::EachRow(image, [file](const unsigned char* row, size_t bytes) {
                 return std::fwrite(row, 1, bytes, file) == bytes;
@@ -76,8 +76,9 @@ inline bool WriteDump(const ZYTImageBuffer& image, const std::string& path, cons
     return false;
 }
 
-/// Takes an image of that geometry and type and fills it with the dump; see Image. Empty, with a line at E, also when
-/// the file cannot be read or is not exactly as long as the image. The access that filling needs is closed again.
+/// Allocates an image of that geometry and type (see Image) and loads the dump into it. Returns an empty image and logs
+/// an error when that fails, when the file cannot be read, or when its length is not that of the image. Opens and
+/// closes the CPU access that it needs.
 inline Image LoadDump(ZYTBufferManager& manager, const std::string& path, const ZYTImageBuffer& description,
                       ZYTBufferType type, const char* name = "nodekit") {
     Image image(manager, description, type, name);
@@ -104,7 +105,7 @@ inline Image LoadDump(ZYTBufferManager& manager, const std::string& path, const 
     return {};
 }
 
-/// The same for a dump whose name tells its size and format, without padding.
+/// Like above, with size and format taken from the file name; the image has no padding.
 inline Image LoadDump(ZYTBufferManager& manager, const std::string& path, ZYTBufferType type,
                       const char* name = "nodekit") {
     const DumpInfo info = ParseDumpName(path);

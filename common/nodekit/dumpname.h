@@ -2,15 +2,15 @@
 #define ZYT_NODEKIT_DUMPNAME_H
 
 /// @file
-/// Names of dumps that tell their size and format: a dump has no header, so the name is all that its reader knows.
+/// Names of dumps, which carry size and format because a dump has no header.
 ///
 /// @code
 /// std::string name = zyt::DumpName(frame, "night");                        // "night_4000x3000_RawMipi10.raw"
 /// zyt::DumpInfo info = zyt::ParseDumpName("/tmp/night-4000X3000.nv12");
-/// if (info.width == 0 || !info.format) return 1;                           // neither is missing here
+/// if (info.width == 0 || !info.format) return 1;                           // both are present here
 /// @endcode
 ///
-/// The functions are pure: safe on any threads, no log line, no code of the library's.
+/// The functions are pure: thread-safe, without log lines, and independent of the compiled library.
 
 #include <charconv>
 #include <cstdint>
@@ -23,14 +23,14 @@
 
 namespace zyt {
 
-/// What a dump's name tells. What it does not tell stays empty.
+/// Size and format found in a dump's name.
 struct DumpInfo {
     std::optional<ZYTFormat> format;  ///< Empty when no format is named.
     uint32_t width = 0;               ///< Pixels; 0 when there is no size.
     uint32_t height = 0;              ///< Rows; 0 when there is no size.
 };
 
-/// The format of that name: as the library spells it but in any case, also without its "YUV420" or "YUV_".
+/// Returns the format with that name, ignoring case. The prefix "YUV420" or "YUV_" may be left out.
 inline std::optional<ZYTFormat> FindFormat(std::string_view name) {
     const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
     const auto isName = [&](std::string_view other) {
@@ -50,8 +50,8 @@ inline std::optional<ZYTFormat> FindFormat(std::string_view name) {
     return std::nullopt;
 }
 
-/// Reads a size such as "4000x3000" or "4000X3000", each side from 1 to 131072; more than any sensor has, and small
-/// enough for a row to fit 32 bits. False, with nothing changed, for anything else.
+/// Parses a size such as "4000x3000" or "4000X3000". Each side is 1 to 131072 pixels, which exceeds any sensor and lets
+/// a row fit in 32 bits. Returns false for any other text and leaves width and height unchanged.
 inline bool ParseSize(std::string_view text, uint32_t& width, uint32_t& height) {
     constexpr uint32_t kMaxSide = 1u << 17;
     uint32_t sides[2] = {};
@@ -70,8 +70,8 @@ inline bool ParseSize(std::string_view text, uint32_t& width, uint32_t& height) 
     return true;
 }
 
-/// What the words of the file's name tell; '_', '-', '.' and blanks part them. Of several sizes or formats the last
-/// counts. Directories do not.
+/// Parses a file name, whose words are separated by '_', '-', '.' and blanks. The last size and the last format win.
+/// Directories are ignored.
 inline DumpInfo ParseDumpName(std::string_view path) {
     path.remove_prefix(path.rfind('/') + 1);
     DumpInfo info;
@@ -86,7 +86,7 @@ inline DumpInfo ParseDumpName(std::string_view path) {
     return info;
 }
 
-/// "STEM_WIDTHxHEIGHT_FORMAT.raw", a name that ParseDumpName and zytview understand; the format is "Unknow" for a value
+/// Returns "STEM_WIDTHxHEIGHT_FORMAT.raw", which ParseDumpName and zytview understand. FORMAT is "Unknow" for a value
 /// outside the enumeration.
 inline std::string DumpName(const ZYTImageBuffer& image, std::string_view stem) {
     const FormatLayout* layout = FindFormatLayout(image.format);

@@ -2,17 +2,17 @@
 #define ZYT_NODEKIT_IMAGE_H
 
 /// @file
-/// An image that owns its memory, whichever kind that is.
+/// An image that owns its memory, of any buffer type.
 ///
 /// @code
 /// ZYTBufferManager manager("MyNode");
 /// zyt::Image frame(manager, zyt::Describe(ZYT_FORMAT_YUV420NV12, 1920, 1080, 512), ZYT_BUFFER_TYPE_DMABUF, "MyNode");
 /// zyt::Image shown(manager, zyt::Describe(ZYT_FORMAT_YUV420NV12, 1920, 1080), ZYT_BUFFER_TYPE_GRALLOC, "MyNode");
-/// if (!frame || !shown) return false;                      // both logs say why, and nothing is left behind
+/// if (!frame || !shown) return false;                      // both logs have the reason; nothing leaks
 /// zyt::CpuAccess access(manager, CPU_SYNC_READ_WRITE, frame, shown);
 /// if (!access) return false;
 /// ZYTBufferUtil::ZYTBufferCopy(shown.Get(), frame.Get());  // or frame->width, *frame
-/// @endcode                                                 // both go back by themselves
+/// @endcode                                                 // the destructors release both
 
 #include <sys/mman.h>
 
@@ -34,14 +34,14 @@ namespace zyt {
 
 namespace detail {
 
-/// Bytes of pixel data in a row; nothing ends the process, however wide.
+/// Returns the bytes of pixel data in a row. Unlike FormatLayout::RowBytes it never ends the process.
 inline uint64_t RowBytes(const FormatLayout& layout, uint32_t width) {
     return uint64_t{width} * layout.rowNumerator / layout.rowDenominator;
 }
 
 inline uint64_t AlignUp(uint64_t value, uint64_t alignment) { return (value + alignment - 1) / alignment * alignment; }
 
-/// Null, or what keeps the geometry from being an image's.
+/// Returns null when the geometry is valid, otherwise the reason why not.
 inline const char* WhatIsWrongWithGeometry(const ZYTImageBuffer& image) {
     const FormatLayout* layout = FindFormatLayout(image.format);
     if (layout == nullptr) return "its format is unknown";
@@ -66,13 +66,13 @@ inline ZYTImageBuffer WithoutMemory(ZYTImageBuffer image) {
     return image;
 }
 
-/// Where the chroma begins: at an address of its own, or behind the first plane.
+/// Returns the start of the chroma: the second plane's address, or the end of the only plane's luma.
 inline unsigned char* ChromaOf(const ZYTImageBuffer& image) {
     if (image.numberOfPlanes > 1) return image.pAddr[1];
     return image.pAddr[0] + size_t{image.planeStride} * image.sliceHeight;
 }
 
-/// Null, or why the descriptor of plane k, which has one, cannot hold it.
+/// Returns null when the descriptor of plane k is large enough, otherwise the reason why not. REQUIRES: fd[k] is set.
 inline const char* WhatIsWrongWithDescriptor(const ZYTImageBuffer& image, uint32_t k) {
     const FormatLayout& layout = *FindFormatLayout(image.format);
     const uint64_t first = uint64_t{image.planeStride} * image.sliceHeight;
@@ -89,10 +89,10 @@ inline const char* WhatIsWrongWithDescriptor(const ZYTImageBuffer& image, uint32
 
 }  // namespace detail
 
-/// A record without memory whose geometry suits the format: the stride is a row's bytes, whole groups of packed pixels
-/// and pairs of chroma included, rounded up to strideAlignment (bytes); the slice height is the height, whole pairs of
-/// rows where chroma follows, rounded up to sliceAlignment (rows). What does not fit 32 bits becomes 0, which an Image
-/// refuses.
+/// Returns a record without memory for that format and size. The stride is the bytes of a row, with whole groups of
+/// packed pixels and whole chroma pairs, rounded up to strideAlignment (bytes). The slice height is the height, made
+/// even for formats with chroma, rounded up to sliceAlignment (rows). A result that does not fit in 32 bits becomes 0,
+/// which Image refuses.
 inline ZYTImageBuffer Describe(ZYTFormat format, uint32_t width, uint32_t height, uint32_t strideAlignment = 1,
                                uint32_t sliceAlignment = 1) {
     ZYTImageBuffer image{};
@@ -112,9 +112,9 @@ inline ZYTImageBuffer Describe(ZYTFormat format, uint32_t width, uint32_t height
     return image;
 }
 
-/// Null, or one sentence on what keeps the record from being an image whose pixels can be touched: its geometry, a
-/// plane without an address or with a refused mapping, a descriptor that is smaller than its plane. Moves the file
-/// offset of its descriptors, which means nothing to buffers.
+/// Returns null when the pixels of the image can be accessed, otherwise the reason why not: a bad geometry, a plane
+/// without an address or with a refused mapping, or a descriptor that is smaller than its plane. Moves the file offset
+/// of the descriptors, which buffers do not use.
 inline const char* WhatIsWrong(const ZYTImageBuffer& image) {
     if (const char* reason = detail::WhatIsWrongWithGeometry(image)) return reason;
     if (image.numberOfPlanes == 0) return "it has no memory";
@@ -129,8 +129,8 @@ inline const char* WhatIsWrong(const ZYTImageBuffer& image) {
     return nullptr;
 }
 
-/// The record of an image that somebody owns; all zeros for no image. What is changed in it changes nothing of what is
-/// given back.
+/// Access to the record of an image; all zeros when there is no image. Changes to the record do not affect which memory
+/// is released.
 class ImageRecord {
 public:
     ZYTImageBuffer* Get() { return &m_record; }                     ///< The record.
@@ -143,32 +143,32 @@ public:
 
 protected:
     ImageRecord() = default;
-    /// Begins with a copy of the record.
+    /// Copies the record.
     explicit ImageRecord(const ZYTImageBuffer& record) : m_record(record) {}
     ~ImageRecord() = default;
     ImageRecord(const ImageRecord&) = delete;
     ImageRecord& operator=(const ImageRecord&) = delete;
 
-    ZYTImageBuffer m_record{};  ///< The record that the image shows.
+    ZYTImageBuffer m_record{};  ///< The record that callers see.
 };
 
-/// Owns the memory of one image. Move-only; empty after any failure, of which both logs have a line at E.
+/// Owns the memory of one image. Move-only. Empty after any failure, which is logged as an error to both logs.
 ///
-/// An image that is there can be touched: all planes are mapped and as large as the record says. A refused mapping
-/// leaves no dead buffer behind in the pool, and is tried once more. (When the kernel refuses two threads at the same
-/// moment, the pool itself can lose one of the two descriptors.)
+/// The pixels of a non-empty image can be accessed: all planes are mapped and as large as the record says. A mapping
+/// that the kernel refuses is tried once more and leaves no unmapped buffer in the pool. (When the kernel refuses two
+/// threads at the same time, the pool itself can leak one of the two descriptors.)
 ///
-/// Plain and DMA-BUF images have a buffer for each plane. A gralloc image is in one piece, of NV12 or NV21 only; it has
-/// the stride that gralloc gives it, whatever the description says, and its chroma begins behind sliceHeight rows, or
-/// behind its height when the description leaves that 0.
+/// Malloc and DMA-BUF images have one buffer for each plane. A gralloc image is one buffer and NV12 or NV21 only. Its
+/// stride is gralloc's, not the description's. Its chroma begins after sliceHeight rows, or after height rows when the
+/// description's sliceHeight is 0.
 ///
-/// REQUIRES: plain and DMA-BUF images go before their manager; a gralloc image may outlive it. One thread at a time.
+/// REQUIRES: the manager outlives malloc and DMA-BUF images; a gralloc image may outlive it. Not thread-safe.
 class Image : public ImageRecord {
 public:
-    /// No image.
+    /// Creates an empty image.
     Image() = default;
 
-    /// Takes memory for what the description says. `name` tags the log lines and is used as long as the image.
+    /// Allocates memory for the description. `name` tags the log lines and must outlive the image.
     Image(ZYTBufferManager& manager, const ZYTImageBuffer& description, ZYTBufferType type,
           const char* name = "nodekit")
         : ImageRecord(detail::WithoutMemory(description)) {
@@ -179,9 +179,9 @@ public:
                 description.height, description.planeStride, type, reason);
     }
 
-    /// Takes over the other's memory and leaves it empty.
+    /// Takes over the memory of other, which becomes empty.
     Image(Image&& other) noexcept { *this = std::move(other); }
-    /// Releases what it has, then takes over the other's memory and leaves that empty.
+    /// Releases its own memory and takes over that of other, which becomes empty.
     Image& operator=(Image&& other) noexcept {
         if (this == &other) return *this;
         Reset();
@@ -195,7 +195,7 @@ public:
     }
     ~Image() { Reset(); }
 
-    /// Gives the memory back and is empty from then on.
+    /// Releases the memory and makes the image empty.
     void Reset() {
         if (m_mapping != nullptr) munmap(m_mapping, m_mappedBytes);
         for (void* buffer : m_buffers) {
@@ -211,11 +211,11 @@ public:
         m_record = {};
     }
 
-    /// Whether there is an image.
+    /// Returns true unless the image is empty.
     explicit operator bool() const { return m_buffers[0] != nullptr; }
 
 private:
-    // All three return null, or what went wrong. What they have taken by then goes with Reset().
+    // These return null on success, otherwise the reason. Reset() then releases what they have taken.
     const char* TakePlanes(ZYTBufferManager& manager, ZYTBufferType type) {
         if (const char* reason = detail::WhatIsWrongWithGeometry(m_record)) return reason;
         m_manager = &manager;
@@ -230,7 +230,7 @@ private:
         return nullptr;
     }
 
-    // One at a time: refused buffers of one size share one address, by which the pool would mix them up.
+    // Planes are taken one at a time: refused buffers all have the address MAP_FAILED, so the pool would confuse them.
     const char* TakePlane(unsigned int k, unsigned int size, ZYTBufferType type) {
         for (int attempt = 0; attempt < 2; ++attempt) {
             void* buffer = nullptr;
@@ -271,7 +271,7 @@ private:
         return "the kernel refused to map it";
     }
 
-    // The pool maps a byte a pixel, which leaves out the chroma; this maps all there is.
+    // The pool maps one byte per pixel, without the chroma. This maps the whole buffer.
     const char* MapGralloc() {
         {
             Lock lock(ZYTBufferPool::m_busyBufferListLock);
@@ -292,9 +292,9 @@ private:
     }
 
     ZYTBufferManager* m_manager = nullptr;
-    std::unique_ptr<ZYTBufferPool> m_client;  // of a gralloc image
-    void* m_buffers[2] = {};                  // as the manager or the pool knows them
-    void* m_mapping = nullptr;                // of a gralloc image: all of it
+    std::unique_ptr<ZYTBufferPool> m_client;  // for gralloc images only
+    void* m_buffers[2] = {};                  // identify the buffers to the manager or the pool
+    void* m_mapping = nullptr;                // the whole buffer; for gralloc images only
     size_t m_mappedBytes = 0;
 };
 

@@ -2,18 +2,18 @@
 #define ZYT_NODEKIT_IMPORTEDIMAGE_H
 
 /// @file
-/// An image whose memory somebody else owns, such as a buffer that the camera brings.
+/// An image whose memory has another owner, such as a buffer from the camera.
 ///
 /// @code
 /// bool MyNode::OnFrame(int cameraFd) {
-///     ZYTImageBuffer brought = zyt::Describe(ZYT_FORMAT_YUV420NV12, 1920, 1080, 512, 32);  // as the camera says
-///     brought.numberOfPlanes = 1;                     // luma and chroma in one piece
+///     ZYTImageBuffer brought = zyt::Describe(ZYT_FORMAT_YUV420NV12, 1920, 1080, 512, 32);  // the camera's layout
+///     brought.numberOfPlanes = 1;                     // luma and chroma in one buffer
 ///     brought.fd[0] = cameraFd;
 ///     zyt::ImportedImage frame(brought, "MyNode");
-///     if (!frame) return false;                       // both logs say why
+///     if (!frame) return false;                       // both logs have the reason
 ///     zyt::CpuAccess access(m_manager, CPU_SYNC_READ, frame);
 ///     return access && Process(*frame);
-/// }                                                   // unmapped; the descriptor is still the camera's
+/// }                                                   // unmapped; the camera still owns the descriptor
 /// @endcode
 
 #include <sys/mman.h>
@@ -27,17 +27,17 @@
 
 namespace zyt {
 
-/// Maps the descriptors of an image and checks that they are as large as the image. Move-only; empty after any failure,
-/// of which both logs have a line at E.
+/// Maps the descriptors of an image and checks that they are large enough. Move-only. Empty after any failure, which is
+/// logged as an error to both logs.
 ///
-/// The record says geometry, number of planes and their descriptors; its addresses are not read. Two planes of one
-/// descriptor lie behind each other, the chroma at planeStride * sliceHeight bytes; a descriptor of its own holds its
-/// plane from its start.
+/// The record gives the geometry, the number of planes and their descriptors; its addresses are ignored. When both
+/// planes have the same descriptor, the chroma begins at planeStride * sliceHeight bytes; otherwise each plane begins
+/// at the start of its descriptor.
 ///
-/// REQUIRES: the descriptors stay open while it lives. It closes none of them. One thread at a time.
+/// REQUIRES: the descriptors outlive this object, which never closes them. Not thread-safe.
 class ImportedImage : public ImageRecord {
 public:
-    /// No image.
+    /// Creates an empty image.
     ImportedImage() = default;
 
     /// Maps what the record describes. `name` tags the log line.
@@ -49,9 +49,9 @@ public:
                 brought.width, brought.height, brought.planeStride, brought.fd[0], reason);
     }
 
-    /// Takes over the other's mapping and leaves it empty.
+    /// Takes over the mappings of other, which becomes empty.
     ImportedImage(ImportedImage&& other) noexcept { *this = std::move(other); }
-    /// Unmaps what it has, then takes over the other's mapping and leaves that empty.
+    /// Unmaps its own memory and takes over the mappings of other, which becomes empty.
     ImportedImage& operator=(ImportedImage&& other) noexcept {
         if (this == &other) return *this;
         Reset();
@@ -61,7 +61,7 @@ public:
     }
     ~ImportedImage() { Reset(); }
 
-    /// Unmaps the memory and is empty from then on.
+    /// Unmaps the memory and makes the image empty.
     void Reset() {
         for (Mapping& mapping : m_mappings) {
             if (mapping.address != nullptr) munmap(mapping.address, mapping.bytes);
@@ -70,7 +70,7 @@ public:
         m_record = {};
     }
 
-    /// Whether there is an image.
+    /// Returns true unless the image is empty.
     explicit operator bool() const { return m_mappings[0].address != nullptr; }
 
 private:
@@ -79,7 +79,7 @@ private:
         size_t bytes = 0;
     };
 
-    // Null, or what went wrong. What is mapped by then goes with Reset().
+    // Returns null on success, otherwise the reason. Reset() then unmaps what was mapped.
     const char* Map() {
         if (const char* reason = detail::WhatIsWrongWithGeometry(m_record)) return reason;
         if (m_record.numberOfPlanes == 0 || m_record.numberOfPlanes > 2) return "it has neither one plane nor two";

@@ -2,12 +2,12 @@
 #define ZYT_NODEKIT_LOGFLUSH_H
 
 /// @file
-/// The offline log's queue, written out: before a planned end, a test's look at the files, a bug report.
+/// Flushes the offline log, for example before a planned exit or a bug report.
 ///
 /// @code
 /// ZYT_LOG(E, "MyNode", "The sensor is gone");
-/// if (!zyt::FlushOfflineLog(std::chrono::seconds(2))) return 1;  // the line may still be on its way
-/// CollectFiles("/data/vendor/camera/offlinelog");                // the line is there
+/// if (!zyt::FlushOfflineLog(std::chrono::seconds(2))) return 1;  // the line may still be queued
+/// CollectFiles("/data/vendor/camera/offlinelog");                // the line is in the file
 /// @endcode
 
 #include <chrono>
@@ -23,7 +23,7 @@ namespace zyt {
 
 namespace detail {
 
-/// Holds each worker until all have come: then none of them is writing a line that was queued before.
+/// A barrier for all workers: once all have reached it, none is still writing a line that was queued earlier.
 class Roll final : public SharedWork {
 public:
     explicit Roll(uint32_t workers) : m_missing(workers) {}
@@ -50,16 +50,16 @@ private:
 
 }  // namespace detail
 
-/// Returns true when all lines that were queued before are in their files, as far as these can be written. False, with
-/// a line at E, when that takes longer, when the process is ending, or when
-/// there is no memory. Safe on any thread but the log's own workers.
+/// Waits until all lines queued before the call are in their files, as far as these can be written, and returns true.
+/// Returns false and logs an error after the timeout, while the process exits, and when memory runs out. Thread-safe.
+/// REQUIRES: the caller is not a worker of the offline log.
 inline bool FlushOfflineLog(std::chrono::milliseconds timeout) {
     ZYTThreadPool& writers = ZYTOfflineLog::GetInstance().m_threadPool;
     const uint32_t count = detail::CountWorkers(writers, 0);
     auto* roll = count > 0 ? new (std::nothrow) detail::Roll(count) : nullptr;
     bool isFlushed = false;
     if (roll != nullptr) {
-        // Under one hold of the queue's lock: two callers' notices do not mix, or each would hold half of the workers.
+        // Notify queues all notices under one lock. If those of two callers mixed, each would hold half of the workers.
         const bool areAllCalled = detail::Notify(writers, *roll, count) == count;
         isFlushed = roll->Wait(areAllCalled ? timeout : std::chrono::milliseconds(0));
         detail::Withdraw(writers, *roll);

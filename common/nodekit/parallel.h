@@ -2,7 +2,7 @@
 #define ZYT_NODEKIT_PARALLEL_H
 
 /// @file
-/// Work spread over the workers of a ZYTThreadPool, and waited for.
+/// Runs work on the workers of a ZYTThreadPool and waits for it.
 ///
 /// @code
 /// zyt::ParallelRows(m_workers, image->height, [&](uint32_t from, uint32_t to) {
@@ -12,15 +12,15 @@
 /// zyt::TaskGroup group(m_workers);
 /// group.Run([&] { FindFaces(*preview); });
 /// group.Run([&] { Measure(*frame); });
-/// group.Wait();                                    // as the group's destructor does
+/// group.Wait();                                    // the destructor waits too
 /// @endcode
 ///
-/// Whoever waits takes part: what no worker has begun by then, it does itself. So nothing is lost and nothing waits for
-/// ever, also on a pool without workers, on one that is flushed, stopped or started again meanwhile, inside one of its
-/// own tasks, and when there is no memory to tell the workers. (A pool that is flushed meanwhile leaks a small block.)
-/// An exception that leaves the work ends the process.
+/// The waiting thread itself does the work that no worker has begun. So all work is done and no wait hangs, even when
+/// the pool has no workers, is flushed, stopped or restarted meanwhile, when the caller is a task of the same pool, and
+/// when memory for notifying the workers runs out. (A flush meanwhile leaks a small block.) An exception that leaves
+/// the work ends the process.
 ///
-/// REQUIRES: the pool outlives the group. Nobody waits for a group inside one of its own tasks.
+/// REQUIRES: the pool outlives the group. No callable waits for its own group.
 
 #include <algorithm>
 #include <atomic>
@@ -43,14 +43,14 @@ namespace zyt {
 
 namespace detail {
 
-/// What a group and the notices about it share; the last of them deletes it.
+/// Work shared by its creator and the notices queued for it; the last owner deletes it.
 struct SharedWork {
     virtual void RunWhatIsLeft() = 0;
     void Release() {
         if (m_owners.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
     }
 
-    /// What a worker is handed.
+    /// Data of the queued task.
     struct Notice {
         SharedWork* work;
     };
@@ -66,8 +66,8 @@ protected:
     virtual ~SharedWork() = default;
 };
 
-/// Queues `count` notices that there is work, under one hold of the queue's lock. Fewer for want of memory; returns how
-/// many.
+/// Queues up to `count` notices for the work, all under one lock. Returns the number queued, which is smaller only when
+/// memory runs out.
 inline uint32_t Notify(ZYTThreadPool& pool, SharedWork& work, uint32_t count) {
     std::list<ZYTThreadPoolTask> notices;
     for (uint32_t i = 0; i < count; ++i) {
@@ -86,7 +86,7 @@ inline uint32_t Notify(ZYTThreadPool& pool, SharedWork& work, uint32_t count) {
     return queued;
 }
 
-/// Takes the notices that nobody has run yet off the queue, and releases the work.
+/// Removes the notices that are still queued and releases the creator's share of the work.
 inline void Withdraw(ZYTThreadPool& pool, SharedWork& work) {
     if (work.m_owners.load(std::memory_order_relaxed) > 1) {
         Lock lock(pool.m_taskListLock);
@@ -103,7 +103,7 @@ inline void Withdraw(ZYTThreadPool& pool, SharedWork& work) {
     work.Release();
 }
 
-/// Bands of rows, taken one after the other by whoever has time.
+/// Bands of rows, which threads claim one after the other.
 template <typename Function>
 class Bands final : public SharedWork {
 public:
@@ -121,7 +121,7 @@ public:
 
     void Wait() {
         RunWhatIsLeft();
-        // Others are at their last band: to look again takes less time than to be woken.
+        // The other threads are at their last band; polling is faster than being woken.
         for (int i = 0; i < 200 && m_done.load(std::memory_order_acquire) != m_bands; ++i) std::this_thread::yield();
         std::unique_lock<std::mutex> lock(m_lock);
         m_isDone.wait(lock, [this] { return m_done.load(std::memory_order_acquire) == m_bands; });
@@ -132,14 +132,14 @@ private:
 
     const uint32_t m_rows;
     const uint32_t m_bands;
-    Function& m_function;  // touched by those alone who have a band, for whom Wait() waits
+    Function& m_function;  // used only by threads that have a band, for which Wait() waits
     std::atomic<uint32_t> m_next{0};
     std::atomic<uint32_t> m_done{0};
     std::mutex m_lock;
     std::condition_variable m_isDone;
 };
 
-/// Callables that wait for their turn, and how many are running.
+/// A queue of callables and the number of running ones.
 class Jobs final : public SharedWork {
 public:
     void Add(std::function<void()> job) {
@@ -171,7 +171,7 @@ private:
         ++m_running;
         lock.unlock();
         job();
-        job = nullptr;  // its captures are gone when the group has been waited for
+        job = nullptr;  // Wait() guarantees that the captures are destroyed
         lock.lock();
         if (--m_running == 0) m_changed.notify_all();
     }
@@ -182,7 +182,7 @@ private:
     uint32_t m_running = 0;
 };
 
-/// Workers that a pool has, or `otherwise` while it is being started or stopped.
+/// Returns the number of workers of the pool, or `otherwise` while it is being started or stopped.
 inline uint32_t CountWorkers(ZYTThreadPool& pool, uint32_t otherwise) ZYT_NO_THREAD_SAFETY_ANALYSIS {
     const std::unique_lock<std::mutex> lock(pool.m_threadListLock, std::try_to_lock);
     return lock.owns_lock() ? static_cast<uint32_t>(pool.m_threadIdList.size()) : otherwise;
@@ -190,9 +190,9 @@ inline uint32_t CountWorkers(ZYTThreadPool& pool, uint32_t otherwise) ZYT_NO_THR
 
 }  // namespace detail
 
-/// Calls function(from, to) for bands that make up the rows from 0 to rows, on the pool's workers and on this thread,
-/// and returns when all have been called. Bands differ by a row at most and begin in ascending order; there are as many
-/// as said, or as there are rows. No heap use but one block and one for each worker.
+/// Splits rows 0 to rows - 1 into bands, calls function(from, to) for each on the pool's workers and on this thread,
+/// and returns when all calls have returned. There are min(bands, rows) bands; their sizes differ by one row at most
+/// and they begin in ascending order. Allocates one block, and one for each worker.
 template <typename Function>
 void ParallelRows(ZYTThreadPool& pool, uint32_t rows, Function&& function, uint32_t bands = 8) {
     bands = std::min(rows, std::max(bands, 1u));
@@ -200,20 +200,20 @@ void ParallelRows(ZYTThreadPool& pool, uint32_t rows, Function&& function, uint3
     using Work = detail::Bands<std::remove_reference_t<Function>>;
     Work* work = bands > 1 ? new (std::nothrow) Work(rows, bands, function) : nullptr;
     if (work == nullptr) return static_cast<void>(function(0u, rows));
-    // This thread is one of those that work; more than the processors can run at once only take each other's time.
+    // More threads than processors, this one included, would only compete with each other.
     const uint32_t others = std::max(std::thread::hardware_concurrency(), 2u) - 1;
     detail::Notify(pool, *work, std::min({bands - 1, others, detail::CountWorkers(pool, bands)}));
     work->Wait();
     detail::Withdraw(pool, *work);
 }
 
-/// Callables that run on a pool's workers and can be waited for together. Safe on any threads; a callable may add to
-/// its own group, but not wait for it.
+/// Callables that run on a pool's workers and can be waited for together. Thread-safe. A callable may add to its own
+/// group, but must not wait for it.
 class TaskGroup {
 public:
-    /// A group without callables.
+    /// Creates an empty group.
     explicit TaskGroup(ZYTThreadPool& pool) : m_pool(pool), m_jobs(new detail::Jobs) {}
-    /// Does Wait().
+    /// Calls Wait().
     ~TaskGroup() {
         Wait();
         detail::Withdraw(m_pool, *m_jobs);
@@ -221,7 +221,7 @@ public:
     TaskGroup(const TaskGroup&) = delete;
     TaskGroup& operator=(const TaskGroup&) = delete;
 
-    /// Takes over a callable without arguments, copyable or not, to be called once.
+    /// Queues a callable without arguments, which may be move-only. It is called once.
     template <typename Function>
     void Run(Function&& function) {
         auto shared = std::make_shared<std::decay_t<Function>>(std::forward<Function>(function));
@@ -229,7 +229,7 @@ public:
         detail::Notify(m_pool, *m_jobs, 1);
     }
 
-    /// Runs what no worker has begun, and returns when all is done, captures destroyed.
+    /// Runs the callables that no worker has begun, and returns when all have run and their captures are destroyed.
     void Wait() { m_jobs->Wait(); }
 
 private:

@@ -2,11 +2,11 @@
 #define ZYT_NODEKIT_POOLSTATE_H
 
 /// @file
-/// What the process's buffer pool holds, for a service's dump and for two in the morning.
+/// Reads, prints and trims the process's buffer pool, for example in a service's dump.
 ///
 /// @code
 /// status_t MyService::dump(int fd, const Vector<String16>&) {
-///     zyt::PrintPool(fd);                      // who is out, what is free, how much memory that is
+///     zyt::PrintPool(fd);                      // buffers in use, free buffers and their memory
 ///     return OK;
 /// }
 ///
@@ -15,8 +15,8 @@
 /// }
 /// @endcode
 ///
-/// Reading never waits for a lock that somebody keeps: after some 20 ms it says that it is held, which is the answer to
-/// why nothing moves. All functions are safe on any thread that holds none of the pool's locks.
+/// Reading waits about 20 ms for a lock and then reports it as held, so a dump also works in a deadlocked process.
+/// Thread-safe. REQUIRES: the caller holds none of the pool's locks.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -40,28 +40,28 @@ namespace zyt {
 
 /// A buffer of the pool.
 struct PoolBuffer {
-    ZYTBufferType type;  ///< What backs it.
-    void* address;       ///< Its identity; MAP_FAILED when the kernel refused to map it.
-    int fd;              ///< 0 for plain memory.
-    uint64_t bytes;      ///< Memory behind it; of gralloc what its descriptor is long.
+    ZYTBufferType type;  ///< Kind of memory.
+    void* address;       ///< Identifies the buffer; MAP_FAILED when the kernel refused to map it.
+    int fd;              ///< 0 for malloc.
+    uint64_t bytes;      ///< Size of the memory; for gralloc the length of the descriptor.
     uint32_t width;      ///< Pixels of a gralloc buffer, 0 for the others.
     uint32_t height;     ///< Rows of a gralloc buffer, 0 for the others.
 };
 
-/// What the pool held. A part whose lock could not be had is empty.
+/// State of the pool. A part whose lock could not be taken is empty.
 struct PoolState {
-    std::optional<uint32_t> clients;              ///< Registered clients; the last one to go releases the pool.
-    std::optional<std::vector<PoolBuffer>> out;   ///< Buffers that somebody holds.
-    std::optional<std::vector<PoolBuffer>> free;  ///< Buffers that wait to be taken again.
+    std::optional<uint32_t> clients;              ///< Registered clients; the last one releases the pool.
+    std::optional<std::vector<PoolBuffer>> out;   ///< Buffers in use.
+    std::optional<std::vector<PoolBuffer>> free;  ///< Buffers in the free lists.
     std::optional<size_t> offlineLines;           ///< Lines that the offline log has not written yet.
 };
 
 namespace detail {
 
-/// What a descriptor is long in bytes, or negative where it has no length.
+/// Returns the length of a descriptor in bytes, or a negative value when it has none.
 inline int64_t DescriptorLength(int fd) { return lseek(fd, 0, SEEK_END); }
 
-/// Holds a lock that could be had within some 20 ms.
+/// A lock that gives up after about 20 ms.
 struct PatientLock : std::unique_lock<std::mutex> {
     explicit PatientLock(std::mutex& mutex) : std::unique_lock<std::mutex>(mutex, std::try_to_lock) {
         for (int attempt = 0; attempt < 20 && !owns_lock() && !try_lock(); ++attempt) {
@@ -96,12 +96,12 @@ inline void Release(const ZYTBufferPoolBufferInfo& info) {
     if (info.type == ZYT_BUFFER_TYPE_DMABUF) close(info.fd);
 }
 
-/// The graphic buffer itself goes with the record.
+/// Destroying the record releases the graphic buffer itself.
 inline void Release(const ZYTGrallocBufferPoolBufferInfo& info) {
     if (info.pBuf != MAP_FAILED) munmap(info.pBuf, size_t{info.graphicBuffer->getStride()} * info.height);
 }
 
-/// Releases the buffers that `mayGo(buffer, how many are left with it)` says of a queue; returns how many.
+/// Releases the buffers for which mayGo(buffer, current queue length) is true. Returns how many it released.
 template <typename Info, typename MayGo>
 size_t ReleaseFrom(std::deque<Info>& buffers, const MayGo& mayGo) {
     size_t released = 0;
@@ -147,7 +147,7 @@ inline void PrintBuffers(int fd, const char* title, const std::optional<std::vec
 
 }  // namespace detail
 
-/// What the pool holds now: each part at a moment of its own, while others go on.
+/// Returns the state of the pool. The parts are read one after the other, so they need not match each other.
 inline PoolState ReadPool() ZYT_NO_THREAD_SAFETY_ANALYSIS {
     using Pool = ZYTBufferPool;
     PoolState state;
@@ -168,7 +168,7 @@ inline PoolState ReadPool() ZYT_NO_THREAD_SAFETY_ANALYSIS {
     return state;
 }
 
-/// Writes that as text to a descriptor, one line a buffer.
+/// Writes the state of the pool as text to a descriptor, one line per buffer.
 inline void PrintPool(int fd) {
     const PoolState state = ReadPool();
     if (state.clients) {
@@ -185,14 +185,14 @@ inline void PrintPool(int fd) {
     }
 }
 
-/// Releases free buffers, the oldest first, until `keep` of each size or geometry are left; 0 empties the free lists.
-/// Graphic buffers are unmapped, which the pool's own clean-up leaves out. Returns how many went.
+/// Releases free buffers, oldest first, until `keep` of each size or geometry are left; 0 empties the free lists.
+/// Unmaps graphic buffers, which the pool's own clean-up does not. Returns the number of released buffers.
 inline size_t TrimPool(size_t keep) {
     return detail::ReleaseFreeBuffers([keep](const auto&, size_t left) { return left > keep; });
 }
 
-/// Releases the free buffers that the kernel refused to map: the pool would hand them out again, unmapped as they are.
-/// Returns how many went.
+/// Releases the free buffers that the kernel refused to map, which the pool would otherwise hand out again. Returns the
+/// number of released buffers.
 inline size_t PurgeUnmapped() {
     return detail::ReleaseFreeBuffers([](const auto& info, size_t) { return info.pBuf == MAP_FAILED; });
 }

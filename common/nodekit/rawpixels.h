@@ -2,7 +2,7 @@
 #define ZYT_NODEKIT_RAWPIXELS_H
 
 /// @file
-/// Rows of an image as 16-bit samples, and back.
+/// Unpacks rows of an image to 16-bit samples and packs them again.
 ///
 /// @code
 /// std::vector<uint16_t> samples(frame.width);
@@ -11,13 +11,13 @@
 ///     for (uint16_t& sample : samples) sample = sample > 64 ? sample - 64 : 0;
 ///     zyt::PackRow(frame, y, samples.data());
 /// }
-/// // A row of any other memory:
+/// // A row in any other memory:
 /// zyt::UnpackRow(ZYT_FORMAT_RAWMIPI12, bytes, 4000, samples.data());
 /// @endcode
 ///
-/// All eleven formats are known; of those with chroma a row of either plane is as good. Samples have the format's own
-/// range: 8 bits for NV12 and NV21, 10 for P010, whose containers hold them at the upper end. The functions are pure:
-/// safe on any threads, no heap, no log line, no code of the library's.
+/// All eleven formats are supported; a row may be of the luma or the chroma plane. Samples have the range of the
+/// format: 8 bits for NV12 and NV21, 10 bits for P010, which stores them in the upper bits of its containers. The
+/// functions are pure: thread-safe, without heap use or log lines, and independent of the compiled library.
 
 #include <cstddef>
 #include <cstdint>
@@ -33,7 +33,7 @@
 
 namespace zyt {
 
-/// What the row functions are made of; no part of the interface.
+/// Implementation of the row functions, not part of the interface.
 namespace detail {
 
 using Bytes = uint8_t __attribute__((vector_size(16)));
@@ -46,17 +46,17 @@ inline constexpr uint32_t kGroupPixels = kBits == 12 ? 2 : 4;
 template <uint32_t kBits>
 inline constexpr uint32_t kGroupBytes = kGroupPixels<kBits>* kBits / 8;
 
-constexpr uint8_t kNoByte = 0x80;  // a shuffle puts 0 there
+constexpr uint8_t kNoByte = 0x80;  // index for which a shuffle yields 0
 
-// Where the bits of eight pixels lie among their bytes, of which there are as many as a pixel has bits.
+// Shuffle indices and factors for eight pixels, which take kBits bytes.
 template <uint32_t kBits>
 struct Places {
-    uint8_t highs[16] = {};        // of unpacked word i: the byte with the upper bits, and none
-    uint8_t lows[16] = {};         // of unpacked word i: the two bytes with the lower bits
-    uint16_t factors[8] = {};      // move those to bit 6
-    uint8_t packedHighs[16] = {};  // of packed byte i: the word with the upper bits
-    uint8_t packedLows[16] = {};   // of packed byte i: the byte of the lower bits, four pixels' in each half
-    uint16_t shifts[8] = {};       // move a word's lower bits behind those of its left neighbour
+    uint8_t highs[16] = {};        // unpacked word i: the byte with the upper bits, then kNoByte
+    uint8_t lows[16] = {};         // unpacked word i: the two bytes with the lower bits
+    uint16_t factors[8] = {};      // shift the lower bits to bit 6
+    uint8_t packedHighs[16] = {};  // packed byte i: the word with the upper bits
+    uint8_t packedLows[16] = {};   // packed byte i: the byte with the lower bits; four pixels in each half
+    uint16_t shifts[8] = {};       // shift a word's lower bits above those of its left neighbour
 
     constexpr Places() {
         constexpr uint32_t kLowBits = kBits - 8;
@@ -103,7 +103,7 @@ ZYT_RAWPIXELS_TARGET inline Bytes Shuffle(Bytes bytes, Bytes places) {
 }
 #endif
 
-// Eight pixels at a time, as long as 16 bytes of the row are left. Return how many pixels they did.
+// Convert eight pixels at a time while 16 bytes of the row are left. Return the number of pixels converted.
 template <uint32_t kBits>
 ZYT_RAWPIXELS_TARGET inline uint32_t UnpackEights(const unsigned char* row, size_t rowBytes, uint16_t* samples) {
     const Bytes highs = Load<Bytes>(kPlaces<kBits>.highs);
@@ -137,7 +137,7 @@ ZYT_RAWPIXELS_TARGET inline uint32_t PackEights(const uint16_t* samples, size_t 
         const auto fours = reinterpret_cast<Quads>((pairs | pairs >> 16) & 0xffffu);
         const auto low = reinterpret_cast<Bytes>(fours | fours >> (32 - 2 * kLowBits));
         const Bytes bytes = Shuffle(reinterpret_cast<Bytes>(fitting >> kLowBits), highs) | Shuffle(low, lows);
-        std::memcpy(row + at, &bytes, sizeof(bytes));  // what it writes too much, the next eight or the rest overwrite
+        std::memcpy(row + at, &bytes, sizeof(bytes));  // the next pixels overwrite the excess bytes
     }
     return x;
 }
@@ -195,9 +195,9 @@ inline void PackContainers(const uint16_t* samples, uint32_t width, uint32_t bit
 
 }  // namespace detail
 
-/// Reads width samples from the row's FormatLayout::RowBytes(width) bytes, and no byte behind them. Where these cut a
-/// group of packed pixels short, the lower bits that are not there are 0. A 16-bit container that holds more than the
-/// format's bits is given as it is. False, with nothing written, for a value outside the enumeration.
+/// Unpacks width samples from the FormatLayout::RowBytes(width) bytes at row, and reads no byte beyond them. When the
+/// row ends within a group of packed pixels, the missing lower bits are 0. A 16-bit container that exceeds the format's
+/// range is returned unchanged. Returns false, and writes nothing, for a format outside the enumeration.
 inline bool UnpackRow(ZYTFormat format, const unsigned char* row, uint32_t width, uint16_t* samples) {
     const FormatLayout* layout = FindFormatLayout(format);
     if (layout == nullptr) return false;
@@ -217,14 +217,14 @@ inline bool UnpackRow(ZYTFormat format, const unsigned char* row, uint32_t width
     return true;
 }
 
-/// The same for row y of the image's first plane. CPU access is the caller's to bracket.
+/// Unpacks row y of the image's first plane. REQUIRES: the caller holds a CPU access for reading.
 inline bool UnpackRow(const ZYTImageBuffer& image, uint32_t y, uint16_t* samples) {
     return UnpackRow(image.format, image.pAddr[0] + size_t{y} * image.planeStride, image.width, samples);
 }
 
-/// Writes width samples into the row's FormatLayout::RowBytes(width) bytes, and no byte behind them: what UnpackRow
-/// reads back. A sample beyond the format's range is stored as its largest. False, with nothing written, for a value
-/// outside the enumeration.
+/// Packs width samples into the FormatLayout::RowBytes(width) bytes at row, and writes no byte beyond them. UnpackRow
+/// reads them back. A sample above the format's range is stored as the largest value. Returns false, and writes
+/// nothing, for a format outside the enumeration.
 inline bool PackRow(ZYTFormat format, const uint16_t* samples, uint32_t width, unsigned char* row) {
     const FormatLayout* layout = FindFormatLayout(format);
     if (layout == nullptr) return false;
@@ -241,7 +241,7 @@ inline bool PackRow(ZYTFormat format, const uint16_t* samples, uint32_t width, u
     return true;
 }
 
-/// The same for row y of the image's first plane. CPU access is the caller's to bracket.
+/// Packs row y of the image's first plane. REQUIRES: the caller holds a CPU access for writing.
 inline bool PackRow(const ZYTImageBuffer& image, uint32_t y, const uint16_t* samples) {
     return PackRow(image.format, samples, image.width, image.pAddr[0] + size_t{y} * image.planeStride);
 }
