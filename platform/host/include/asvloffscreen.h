@@ -38,10 +38,10 @@ typedef uint32_t MUInt32;  ///< The vendor's unsigned 32-bit number.
 
 /// @}
 
-/// An image as ArcSoft's algorithms take it. Borrows the planes.
+/// An image for the vendor's algorithms. Does not own the planes.
 typedef struct __tag_ASVL_OFFSCREEN {
     MUInt32 u32PixelArrayFormat;    ///< An ASVL_PAF_ code.
-    MInt32 i32Width;                ///< Pixels a row.
+    MInt32 i32Width;                ///< Pixels per row.
     MInt32 i32Height;               ///< Rows of the first plane.
     MUInt8* ppu8Plane[4];           ///< Start of each plane.
     MInt32 pi32Pitch[4];            ///< Bytes from one row to the next, for each plane.

@@ -12,23 +12,23 @@
 /// The camera framework's namespace.
 namespace CamX {
 
-/// The camera framework's settings, as far as this device has any: one switch.
+/// The camera framework's settings, of which this device has one switch.
 struct StaticSettings {
     uint8_t otherSettings[15];  ///< Keeps the switch in its place; all zeros.
-    bool enableOfflineLog;      ///< Whether off-line logs are wanted where no property says so.
+    bool enableOfflineLog;      ///< Enables offline logs when no property decides.
 };
 
-// Clients of the framework read the switch by its position.
+// Clients of the framework read the switch at this offset.
 static_assert(offsetof(StaticSettings, enableOfflineLog) == 15 && sizeof(bool) == 1);
 
-/// Gives out the settings; one per process, never destroyed. Safe from any thread, but see
-/// hostdevice::SetOfflineLogSwitch, which changes them.
+/// Provides the settings. One per process, never destroyed. Thread-safe, except while hostdevice::SetOfflineLogSwitch
+/// changes the settings.
 class HOSTDEVICE_EXPORT SettingsManager {
 public:
-    /// Never null. The framework's argument, settings to start from, means nothing here.
+    /// Returns the manager, never null. The argument, initial settings on the framework, is ignored.
     static SettingsManager* GetInstance(const void* pStaticSettings);
 
-    /// Never null, and the same record at every call.
+    /// Returns the settings, never null and always the same record.
     const StaticSettings* GetStaticSettings() const;
 
     SettingsManager(const SettingsManager&) = delete;

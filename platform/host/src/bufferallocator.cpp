@@ -18,13 +18,13 @@ namespace {
 
 constexpr char kKernelHeap[] = "/dev/dma_heap/system";
 
-// The kernel's heap, or negative where there is none that this user may open.
+// Returns the descriptor of the kernel's heap, or a negative value when it cannot be opened.
 int HeapDevice() {
     static const int device = hostdevice::AboveStandardDescriptors(open(kKernelHeap, O_RDONLY | O_CLOEXEC));
     return device;
 }
 
-// A synchronisation that a signal interrupts ends with either error and, so the kernel asks, is to be started again.
+// Retries on EINTR and EAGAIN, as the kernel documents for an interrupted synchronisation.
 template <typename Argument>
 int RetryingIoctl(int fd, unsigned long request, Argument* argument) {
     int result;
@@ -44,7 +44,7 @@ int AllocFromKernel(size_t len) {
     return hostdevice::AboveStandardDescriptors(static_cast<int>(allocation.fd));
 }
 
-// A negative errno, as functions in here return it, the platform's way.
+// Sets errno from a negative errno and returns -1, as the platform does.
 int Failure(int error) {
     errno = -error;
     return -1;
@@ -54,7 +54,7 @@ int SyncMemory(int fd, SyncType type, bool isStart) {
     if (hostdevice::TakeFault(Fault::kSync)) return Failure(-EIO);
     const MemoryKind kind = hostdevice::KindOfDescriptor(fd);
     if (kind == MemoryKind::kEmulatedHeap || kind == MemoryKind::kGraphic) return 0;
-    // Whatever else it is, the kernel knows: a DMA-BUF, or a descriptor to refuse.
+    // The kernel accepts a DMA-BUF and refuses any other descriptor.
     dma_buf_sync sync{};
     sync.flags = static_cast<uint64_t>(type) | (isStart ? DMA_BUF_SYNC_START : DMA_BUF_SYNC_END);
     return RetryingIoctl(fd, DMA_BUF_IOCTL_SYNC, &sync);
@@ -70,7 +70,7 @@ int Sync(unsigned int dmabuf_fd, SyncType type, bool isStart) {
     const int fd = static_cast<int>(dmabuf_fd);
     const int result = SyncMemory(fd, type, isStart);
     const int savedErrno = errno;
-    // A caller whose end fails has done its part.
+    // A failed end still closes the access.
     if (!isStart) hostdevice::CloseAccess(fd);
     if (isStart && result == 0) hostdevice::OpenAccess(fd, type);
     errno = savedErrno;

@@ -6,7 +6,7 @@
 namespace hostdevice {
 namespace {
 
-// Calls left until the fault fires; 0 when it is not armed. One a Fault, in the enumeration's order.
+// Calls left until the fault fires, indexed by Fault; 0 when it is not armed.
 std::atomic<uint64_t> g_callsLeft[static_cast<size_t>(Fault::kSync) + 1];
 
 std::atomic<uint64_t>& CallsLeft(Fault fault) { return g_callsLeft[static_cast<size_t>(fault)]; }

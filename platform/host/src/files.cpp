@@ -13,20 +13,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Clients put a file's name behind the directory, in 256 bytes with the terminator.
+// Clients append a file name to the directory in a 256-byte buffer.
 constexpr size_t kLongestDirectory = 255 - sizeof("ZYTOfflineLog_YYYY-MM-DD--hh-mm-ss-uuuuuu.txt") + 1;
 
-// A directory to nobody, root included.
+// Not a directory, even for root.
 constexpr char kNowhere[] = "/dev/null/";
 
-// An empty path where the variable is unset or empty.
+// Returns an empty path when the variable is unset or empty.
 fs::path FromEnvironment(const char* variable, const char* below) {
     const char* value = std::getenv(variable);
     return value != nullptr && *value != '\0' ? fs::path(value) / below : fs::path();
 }
 
 fs::path DataFolder() {
-    // Absolute, so that the device's files stay together when the process changes its directory.
+    // Absolute, so that a change of the working directory does not move the device's files.
     if (fs::path folder = FromEnvironment("HOSTDEVICE_DATA", ""); !folder.empty()) return fs::absolute(folder);
     if (fs::path folder = FromEnvironment("XDG_STATE_HOME", "zyttools"); folder.is_absolute()) return folder;
     return FromEnvironment("HOME", ".local/state/zyttools");

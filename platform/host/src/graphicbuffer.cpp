@@ -20,7 +20,7 @@ namespace {
 std::atomic<uint32_t> g_strideAlignment{64};
 std::atomic<uint64_t> g_liveBuffers{0};
 
-// Room for the two kinds of image that share this memory: 8-bit YUV 4:2:0 (1.5 bytes a pixel) and 16-bit raw.
+// Enough for both kinds of image: 8-bit YUV 4:2:0 (1.5 bytes per pixel) and 16-bit raw.
 constexpr uint64_t kBytesPerPixel = 2;
 
 int CreateDescriptor(uint64_t bytes) {

@@ -21,13 +21,13 @@
 namespace hostdevice {
 namespace {
 
-// The sink in place, held as well by each call that is inside it.
+// The current sink. Each call inside it holds a reference too.
 struct Sink {
     std::mutex lock;
     std::shared_ptr<const LogSink> function = std::make_shared<const LogSink>();
 };
 
-// One call of a sink on this thread, innermost first.
+// One sink call on this thread; the list starts with the innermost.
 struct SinkCall {
     const std::shared_ptr<const LogSink> function;
     const SinkCall* const outer;
@@ -41,7 +41,7 @@ constexpr struct {
 } kStyles[] = {{'?', 231}, {'?', 231}, {'V', 231}, {'D', 75}, {'I', 40},
                {'W', 166}, {'E', 196}, {'F', 196}, {'S', 231}};
 
-// "month-day hour:minute:second.millisecond  pid  tid P tag     : ", as logcat -v threadtime has it.
+// Returns "month-day hour:minute:second.millisecond  pid  tid P tag     : ", like logcat -v threadtime.
 std::string ThreadtimePrefix(char letter, const char* tag) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -74,11 +74,11 @@ void Print(int priority, const char* tag, const char* text) {
         line += length;
         if (*line == '\n') ++line;
     } while (*line != '\0');
-    // In one piece, so that lines of several threads and processes on one stderr do not mix.
+    // One write, so that lines of several threads and processes do not mix on stderr.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, lines.data(), lines.size());
 }
 
-// The first property that is set to a letter decides: a tag's own before the one for all.
+// The first property that is set to a letter decides; the tag's own precedes the one for all tags.
 bool IsLoggable(int priority, const std::string& tag) {
     for (const std::string& name : {"log.tag." + tag, std::string("log.tag")}) {
         for (const std::string& key : {"persist." + name, name}) {
@@ -125,7 +125,7 @@ void SetLogSink(LogSink function) {
         const std::lock_guard<std::mutex> guard(sink.lock);
         sink.function.swap(replaced);
     }
-    // What the previous sink refers to may go as soon as this returns. This thread's own calls of it go on afterwards.
+    // The caller may destroy what the previous sink refers to once this returns. Its calls on this thread continue.
     long own = 0;
     for (const SinkCall* call = t_innermostCall; call != nullptr; call = call->outer) own += call->function == replaced;
     while (replaced.use_count() > own + 1) std::this_thread::sleep_for(std::chrono::microseconds(50));

@@ -9,7 +9,7 @@
 
 namespace {
 
-// What the platform's log has room for.
+// Size of the platform's formatting buffer.
 constexpr size_t kTextSize = 1024;
 
 }  // namespace

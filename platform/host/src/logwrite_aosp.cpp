@@ -8,10 +8,10 @@ void Deliver(const __android_logger_data* data, const char* message) {
     hostdevice::DeliverLog(data->priority, data->tag, message);
 }
 
-// At load: a library that links to this one may log in its own static initialisers.
+// Runs at load: a library that links to this one may log in its static initialisers.
 [[maybe_unused]] const bool g_installed = [] {
     __android_log_set_logger(Deliver);
-    // Off a device liblog would drop all below INFO.
+    // Outside a device, liblog drops messages below INFO by default.
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     return true;
 }();

@@ -30,7 +30,7 @@ bool MapsReader::ReadLine() {
     }
 }
 
-// "begin-end perms offset major:minor inode   path", all hexadecimal but the inode.
+// A line is "begin-end perms offset major:minor inode   path"; all numbers but the inode are hexadecimal.
 bool MapsReader::Next(MappedRange& range) {
     if (!ReadLine()) return false;
     char* at = m_line;

@@ -11,13 +11,13 @@ namespace hostdevice {
 /// A line of /proc/self/maps.
 struct MappedRange {
     uintptr_t begin, end;
-    uint64_t offset;   ///< Of the file, in bytes.
-    dev_t device;      ///< As fstat has it.
-    ino_t inode;       ///< 0 where no file is mapped.
-    const char* path;  ///< Cut; empty where there is none; valid until the next line is read.
+    uint64_t offset;   ///< Bytes into the file.
+    dev_t device;      ///< As returned by fstat.
+    ino_t inode;       ///< 0 when no file is mapped.
+    const char* path;  ///< Truncated; empty when there is none. Valid until the next line is read.
 };
 
-/// Reads /proc/self/maps with system calls alone and without memory of its own, so that a signal handler may.
+/// Reads /proc/self/maps with system calls only and without the heap, so a signal handler may use it.
 class MapsReader {
 public:
     MapsReader();
@@ -25,7 +25,7 @@ public:
     MapsReader(const MapsReader&) = delete;
     MapsReader& operator=(const MapsReader&) = delete;
 
-    /// False behind the last line.
+    /// Reads the next line. Returns false at the end.
     bool Next(MappedRange& range);
 
 private:

@@ -16,12 +16,12 @@ namespace {
 
 constexpr char kMemfdPrefix[] = "/memfd:";
 
-// By MemoryKind.
+// Indexed by MemoryKind.
 constexpr const char* kPathPrefixes[] = {"/memfd:hostdevice-heap", "/memfd:hostdevice-graphic", "/dmabuf:"};
 
 uint64_t PageSize() { return static_cast<uint64_t>(sysconf(_SC_PAGESIZE)); }
 
-// Fixes the size, as a DMA-BUF's is fixed. Here the kMapping fault strikes too.
+// Fixes the size, like that of a DMA-BUF. Applies the kMapping fault.
 int Seal(int fd) {
     const int readOnly = TakeFault(Fault::kMapping) ? F_SEAL_WRITE : 0;
     return fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL | readOnly);

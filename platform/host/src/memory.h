@@ -5,23 +5,23 @@
 
 namespace hostdevice {
 
-/// Whose memory a descriptor or a mapping is, told by the name that the kernel shows for it.
+/// Kind of a descriptor or mapping, according to its name in /proc.
 enum class MemoryKind { kEmulatedHeap, kGraphic, kDmaBuf, kOther };
 
-/// `path` as /proc/self/fd and /proc/self/maps give it.
+/// Returns the kind for a path from /proc/self/fd or /proc/self/maps.
 MemoryKind KindOfPath(const char* path);
 MemoryKind KindOfDescriptor(int fd);
 
-/// Whether the machine has that much memory at all. Nothing else would refuse: a memfd is sparse and promises any size,
-/// and the kernel's heap takes pages until the machine has none left.
+/// Returns true when the machine has that much memory. Nothing else refuses a larger size: a memfd is sparse and
+/// accepts any size, and the kernel's heap takes pages until none are left.
 bool FitsMachine(uint64_t bytes);
 
-/// Makes zeroed memory of at least `bytes` bytes whose size can never change. Returns a descriptor, the caller's to
-/// close, or a negative errno. `kind` is kEmulatedHeap or kGraphic.
+/// Creates zeroed memory of at least `bytes` bytes, with a fixed size. Returns a descriptor, which the caller closes,
+/// or a negative errno. REQUIRES: `kind` is kEmulatedHeap or kGraphic.
 int CreateMemory(MemoryKind kind, uint64_t bytes);
 
-/// Takes what a system call has just returned and gives a descriptor above the standard ones, or a negative errno.
-/// Clients read descriptor 0 as "no descriptor", and a log line for a closed stderr must not land in an image.
+/// Takes the result of a system call and returns a descriptor above 2, or a negative errno. Clients treat descriptor 0
+/// as "no descriptor", and a log line to a closed stderr must not end up in an image.
 int AboveStandardDescriptors(int fd);
 
 }  // namespace hostdevice

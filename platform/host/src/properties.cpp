@@ -23,7 +23,7 @@ std::string Trim(const std::string& text) {
 
 class PropertyStore {
 public:
-    // Here, not in main(): other libraries read properties in their static initialisers.
+    // In the constructor, because other libraries read properties in their static initialisers.
     PropertyStore() {
         const char* path = std::getenv("HOSTDEVICE_PROPERTIES");
         if (path != nullptr && *path != '\0') Load(path);
@@ -56,7 +56,7 @@ private:
             m_values[Trim(line.substr(0, equals))] = Trim(line.substr(equals + 1));
         }
         std::free(text);
-        // The second: a directory opens, and fails only when it is read.
+        // ferror: opening a directory succeeds, only reading it fails.
         if (file == nullptr || std::ferror(file)) {
             std::fprintf(stderr, "hostdevice: cannot read properties from %s: %s\n", path, std::strerror(errno));
         }
@@ -69,7 +69,7 @@ private:
 
 PropertyStore& Properties() { return hostdevice::Immortal<PropertyStore>(); }
 
-// strtoimax with base 0, and with the binary prefix of the platform's.
+// Like strtoimax with base 0, with the platform's binary prefix.
 intmax_t ParseNumber(const char* text, char** end) {
     const char* const prefix = text + std::strspn(text, " \t\n\v\f\r");
     const char* const digits = prefix + std::strspn(prefix, "+-");
@@ -136,7 +136,7 @@ namespace hostdevice {
 
 void SetProperty(const std::string& key, const std::string& value) { Properties().Set(key, value); }
 
-// An empty value is what the platform reads of a property that is unset.
+// On the platform an unset property reads as an empty value.
 void ClearProperty(const std::string& key) { Properties().Set(key, {}); }
 
 }  // namespace hostdevice

@@ -27,25 +27,25 @@
 namespace hostdevice {
 namespace {
 
-// A buffer, whatever numbers its descriptors have: device and inode.
+// Device and inode, which identify a buffer for all its descriptors.
 using Identity = std::pair<dev_t, ino_t>;
 
 struct Buffer {
-    int fd = -1;  // as it was last seen
+    int fd = -1;  // the one last seen
     uint64_t size = 0;
     int openAccesses = 0;
-    int directions = 0;  // the union of those opened since none was open
+    int directions = 0;  // union of the directions opened since no access was open
     bool wasOpened = false;
 
     int Protection() const {
         if (openAccesses == 0) return PROT_NONE;
-        // A processor that may write may read.
+        // Write access includes read access.
         return (directions & kSyncWrite) != 0 ? PROT_READ | PROT_WRITE : PROT_READ;
     }
 };
 
 struct Watch {
-    // Never held while memory of a buffer is touched, so the handler of such a touch may take it.
+    // Never held while buffer memory is accessed, so the fault handler may take it.
     std::mutex lock;
     std::map<Identity, Buffer> buffers;
     int openBuffers = 0;
@@ -57,7 +57,7 @@ std::atomic<bool> g_isStrict{false};
 
 Watch& TheWatch() { return Immortal<Watch>(); }
 
-// Null for a descriptor of neither heap nor graphic memory.
+// Returns null for a descriptor that is neither heap nor graphic memory.
 std::pair<const Identity, Buffer>* Find(Watch& watch, int fd) {
     struct stat status {};
     if (fd < 0 || KindOfDescriptor(fd) == MemoryKind::kOther || fstat(fd, &status) != 0) return nullptr;
@@ -67,18 +67,18 @@ std::pair<const Identity, Buffer>* Find(Watch& watch, int fd) {
     return &*found;
 }
 
-// All mappings of the buffer, also those that were made behind the device's back.
+// Protects all mappings of the buffer, also those made outside the device's interfaces.
 void Protect(const Identity& identity, const Buffer& buffer) {
     MapsReader maps;
     for (MappedRange range; maps.Next(range);) {
         if (Identity(range.device, range.inode) != identity) continue;
         auto* const start = reinterpret_cast<void*>(range.begin);
         if (mprotect(start, range.end - range.begin, buffer.Protection()) == 0) continue;
-        mprotect(start, range.end - range.begin, PROT_READ);  // of a descriptor that is open for reading only
+        mprotect(start, range.end - range.begin, PROT_READ);  // the descriptor is read-only
     }
 }
 
-// In one piece, and without memory from the heap.
+// Uses one write and no heap memory.
 void Report(const char* what, const Buffer& buffer) {
     static constexpr const char* kDirections[] = {"nothing", "reading", "writing", "reading and writing"};
     char state[64] = "no access was ever opened";
@@ -96,14 +96,14 @@ void Report(const char* what, const Buffer& buffer) {
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, static_cast<size_t>(length));
 }
 
-// "read", "write", or "access" where the processor does not tell.
+// Returns "read", "write", or "access" when the CPU does not report which.
 const char* NameAccess(const void* context) {
     [[maybe_unused]] const mcontext_t& machine = static_cast<const ucontext_t*>(context)->uc_mcontext;
 #if defined(__x86_64__)
     constexpr greg_t kWrite = 2;
     return (machine.gregs[REG_ERR] & kWrite) != 0 ? "write" : "read";
 #elif defined(__aarch64__)
-    // The syndrome is one of the records behind the registers.
+    // The exception syndrome is one of the records after the registers.
     const auto* record = reinterpret_cast<const _aarch64_ctx*>(machine.__reserved);
     while (record->magic != 0 && record->magic != ESR_MAGIC) {
         record = reinterpret_cast<const _aarch64_ctx*>(reinterpret_cast<const char*>(record) + record->size);
@@ -116,7 +116,7 @@ const char* NameAccess(const void* context) {
 #endif
 }
 
-// Whether the address lies in a buffer; then it has been reported.
+// Reports the access and returns true when the address is in a buffer.
 bool ReportTouch(uintptr_t address, const void* context) {
     Watch& watch = TheWatch();
     const std::lock_guard<std::mutex> guard(watch.lock);
@@ -136,8 +136,8 @@ bool ReportTouch(uintptr_t address, const void* context) {
     return false;
 }
 
-// A touch of a buffer is said; then, as with any other fault, it is the turn of whoever handled them before: a
-// sanitizer, a crash reporter, or the kernel, to whom the instruction then presents itself again.
+// Reports an access to a buffer. Then passes this fault, like any other, to the previous handler: a sanitizer's, a
+// crash reporter's, or the kernel's default, which the repeated instruction triggers.
 void OnFault(int signal, siginfo_t* info, void* context) {
     const int savedErrno = errno;
     const struct sigaction& previous = TheWatch().previous;
@@ -146,7 +146,7 @@ void OnFault(int signal, siginfo_t* info, void* context) {
     const bool isFunction = previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN;
     if (isTouch || !isFunction) {
         sigaction(signal, &previous, nullptr);
-        if (info->si_code <= 0) raise(signal);  // sent by somebody: no instruction would repeat it
+        if (info->si_code <= 0) raise(signal);  // sent by a process: no instruction repeats it
     } else if ((previous.sa_flags & SA_SIGINFO) != 0) {
         previous.sa_sigaction(signal, info, context);
     } else {
@@ -182,7 +182,7 @@ bool HasDescriptor(const Identity& identity) {
     return isFound;
 }
 
-// A real DMA-BUF refuses what memfd would allow.
+// A DMA-BUF refuses such a mapping, memfd does not.
 bool IsLongerThanBuffer(const Buffer& buffer, size_t size, off_t offset) {
     const auto page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     const uint64_t room = (buffer.size + page - 1) / page * page;
@@ -198,13 +198,13 @@ void* MapStrictly(void* hint, size_t size, int protection, int flags, int fd, of
         errno = EINVAL;
         return MAP_FAILED;
     }
-    // With the protection asked for, so that a descriptor that does not allow it is refused.
+    // With the requested protection, so that a descriptor that does not allow it is refused.
     void* const mapped = mmap(hint, size, protection, flags, fd, offset);
     if (found != nullptr && mapped != MAP_FAILED) mprotect(mapped, size, protection & found->second.Protection());
     return mapped;
 }
 
-// Frames are larger under a sanitizer.
+// Sanitizers make stack frames larger.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define HOSTDEVICE_SANITIZED 1
 #elif defined(__has_feature)
@@ -231,14 +231,14 @@ void HandleFaults() {
     action.sa_sigaction = OnFault;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     sigaction(SIGSEGV, &action, &TheWatch().previous);
-    // A child of fork has the mappings and the accesses of its parent, and must not have its lock. By the handle, for a
-    // lock that one function takes and another releases is refused by -Wthread-safety.
+    // A forked child inherits mappings and accesses, but must not inherit a held lock. Uses the native handle because
+    // -Wthread-safety refuses a lock that one function takes and another releases.
     const auto lock = [] { pthread_mutex_lock(TheWatch().lock.native_handle()); };
     const auto unlock = [] { pthread_mutex_unlock(TheWatch().lock.native_handle()); };
     pthread_atfork(lock, unlock, unlock);
 }
 
-// At load: threads that start before main() get the phone's stack too.
+// Runs at load, so that threads started before main() have the phone's stack too.
 [[maybe_unused]] const bool g_isSetByEnvironment = [] {
     const char* const setting = std::getenv("HOSTDEVICE_STRICT");
     const bool isSet = setting != nullptr && *setting != '\0' && std::strcmp(setting, "0") != 0;
@@ -246,7 +246,7 @@ void HandleFaults() {
     return isSet;
 }();
 
-// Behind the static destructors of all that links to this library.
+// Runs after the static destructors of everything that links to this library.
 __attribute__((destructor)) void CheckAtExit() {
     if (!g_isStrict) return;
     Watch& watch = TheWatch();
@@ -312,7 +312,7 @@ void CheckReleased() {
 
 }  // namespace hostdevice
 
-// The names that the linker's --wrap looks for: the library's own calls come here.
+// The linker's --wrap redirects calls to these functions.
 extern "C" {
 
 HOSTDEVICE_EXPORT void* __wrap_mmap(void* hint, size_t size, int protection, int flags, int fd, off_t offset) {

@@ -3,15 +3,16 @@
 
 namespace hostdevice {
 
-// What the device tells strict mode. Nothing happens while that is off.
+// Notifications from the device to strict mode. No effect while it is off.
 
-/// An access in `direction` (a SyncType value) was opened on the buffer behind `fd`.
+/// Records an access in `direction` (a SyncType value) on the buffer of `fd`.
 void OpenAccess(int fd, int direction);
 
-/// It was closed. Ends the process when none is open.
+/// Records that an access was closed. Ends the process when none is open.
 void CloseAccess(int fd);
 
-/// A descriptor or a mapping went away. Ends the process when it was the last of a buffer with an open access.
+/// Records that a descriptor or mapping was released. Ends the process when it was the last of a buffer with an open
+/// access.
 void CheckReleased();
 
 }  // namespace hostdevice

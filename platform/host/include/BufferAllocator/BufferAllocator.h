@@ -12,18 +12,18 @@
 
 #include "hostdevice/export.h"
 
-/// What the processor is about to do with a buffer, or has done.
+/// Direction of a CPU access.
 typedef enum {
-    kSyncRead = DMA_BUF_SYNC_READ,     ///< Read it.
-    kSyncWrite = DMA_BUF_SYNC_WRITE,   ///< Write it.
+    kSyncRead = DMA_BUF_SYNC_READ,     ///< The CPU reads.
+    kSyncWrite = DMA_BUF_SYNC_WRITE,   ///< The CPU writes.
     kSyncReadWrite = DMA_BUF_SYNC_RW,  ///< Both.
 } SyncType;
 
-/// DMA-BUF memory from the system heap: the kernel's own where /dev/dma_heap/system can be opened, sealed memfd memory
-/// elsewhere. Keeps no record of what it hands out. Safe from any thread.
+/// Allocates DMA-BUF memory from the system heap: the kernel's heap where /dev/dma_heap/system can be opened, otherwise
+/// sealed memfd memory. Keeps no record of its buffers. Thread-safe.
 class HOSTDEVICE_EXPORT BufferAllocator {
 public:
-    /// Synchronises a buffer of the kernel's old ION interface, which this device does not have: never called.
+    /// Synchronises a buffer of the legacy ION interface. Never called: this device has no ION.
     using CustomCpuSyncLegacyIon = std::function<int(int fd, int direction, void* customData)>;
 
     BufferAllocator() = default;
@@ -31,21 +31,22 @@ public:
     BufferAllocator(const BufferAllocator&) = delete;
     BufferAllocator& operator=(const BufferAllocator&) = delete;
 
-    /// Makes zeroed memory of `len` bytes, rounded up to whole pages, and returns its descriptor: above 2, closed on
-    /// exec, the caller's to close. On failure -1, as platform 14 and later have it; errno says why here, but not on
-    /// every platform: EINVAL for no bytes, ENOMEM for more than there are. All memory is accessible to the processor,
-    /// and no heap flags exist; both arguments and `legacy_align` are there for the platform's signature.
+    /// Allocates zeroed memory of `len` bytes, rounded up to whole pages. Returns its descriptor, which is above 2 and
+    /// closed on exec; the caller closes it. Returns -1 on failure, as platform 14 and later do, with errno EINVAL for
+    /// 0 bytes and ENOMEM for too many; not every platform sets errno. All memory is accessible to the CPU and there
+    /// are no heap flags: the other arguments exist for the platform's signature and are ignored.
     int AllocSystem(bool cpu_access, size_t len, unsigned int heap_flags = 0, size_t legacy_align = 0);
 
-    /// AllocSystem for the heap "system", the only one that this device has. For any other -1 with errno ENODEV.
+    /// Calls AllocSystem for the heap "system", the only one of this device. Returns -1 with errno ENODEV for any
+    /// other.
     int Alloc(const std::string& heap_name, size_t len, unsigned int heap_flags = 0, size_t legacy_align = 0);
 
-    /// Opens an access by the processor. 0, or -1 with errno: EBADF for a negative or closed descriptor, ENOTTY for one
-    /// that is neither of this device's memory nor a DMA-BUF. On memfd memory there is no cache to maintain and nothing
-    /// is done. `custom` and `custom_data` are not used.
+    /// Opens a CPU access. Returns 0, or -1 with errno EBADF for a negative or closed descriptor and ENOTTY for one
+    /// that is neither memory of this device nor a DMA-BUF. Does nothing on memfd memory, which needs no cache
+    /// maintenance. `custom` and `custom_data` are ignored.
     int CpuSyncStart(unsigned int dmabuf_fd, SyncType type = kSyncRead, const CustomCpuSyncLegacyIon& custom = nullptr,
                      void* custom_data = nullptr);
-    /// Closes the access, with the same results.
+    /// Closes the CPU access. Same results as CpuSyncStart.
     int CpuSyncEnd(unsigned int dmabuf_fd, SyncType type = kSyncRead, const CustomCpuSyncLegacyIon& custom = nullptr,
                    void* custom_data = nullptr);
 };

@@ -10,8 +10,8 @@
 extern "C" {
 #endif
 
-/// Says why the process is about to abort. A device keeps the text for the tombstone; here it goes to stderr as one
-/// line, in one write. Null is ignored. Thread-safe.
+/// Sets the reason for the abort that follows. A phone keeps the text for the tombstone; this device writes it to
+/// stderr as one line, in one write. Null is ignored. Thread-safe.
 HOSTDEVICE_EXPORT void android_set_abort_message(const char* msg);
 
 #ifdef __cplusplus

@@ -2,16 +2,16 @@
 #define HOSTDEVICE_FILES_H
 
 /// @file
-/// Where the emulated device keeps its files.
+/// Location of the emulated device's files.
 
 #include "hostdevice/export.h"
 
 namespace hostdevice {
 
-/// The directory that stands for the device's /data/vendor/camera/offlinelog/, with a final slash: below the folder
-/// that HOSTDEVICE_DATA names, or $XDG_STATE_HOME/zyttools, or ~/.local/state/zyttools. Decided and made by the first
-/// call in the process. Where there is no such folder, or its path leaves no room for a file's name, one line on stderr
-/// says so and the result names a place in which no file can be made. Valid for ever. Safe from any thread.
+/// Returns the directory that stands for the phone's /data/vendor/camera/offlinelog/, with a final slash. It is below
+/// the folder in HOSTDEVICE_DATA, or $XDG_STATE_HOME/zyttools, or ~/.local/state/zyttools. The first call in the
+/// process chooses and creates it. When it cannot be created, or its path leaves no room for a file name, prints one
+/// line to stderr and returns a path below which no file can be created. Valid until the process ends. Thread-safe.
 HOSTDEVICE_EXPORT const char* OfflineLogDir();
 
 }  // namespace hostdevice

@@ -10,7 +10,7 @@
 extern "C" {
 #endif
 
-/// Priorities, with the letters that they are printed with. Any other value is printed as unknown.
+/// Priorities and their printed letters. Any other value is printed as unknown.
 typedef enum android_LogPriority {
     ANDROID_LOG_UNKNOWN = 0,  ///< "?".
     ANDROID_LOG_DEFAULT,      ///< "?".
@@ -20,20 +20,20 @@ typedef enum android_LogPriority {
     ANDROID_LOG_WARN,         ///< "W".
     ANDROID_LOG_ERROR,        ///< "E".
     ANDROID_LOG_FATAL,        ///< "F".
-    ANDROID_LOG_SILENT,       ///< "S"; for filters, but printed here like the others.
+    ANDROID_LOG_SILENT,       ///< "S"; meant for filters, but printed like the others.
 } android_LogPriority;
 
 /// Writes a message to the device's log: to stderr in logcat's threadtime format, or to the sink set with
 /// hostdevice::SetLogSink. A null tag stands for the program's name; a null text ends the process. Returns 1, or -EPERM
-/// where a property log.tag.TAG or log.tag, or one of these with persist. before it, sets a higher level (V to F, or S
-/// for none). Safe from any thread.
+/// when the property log.tag.TAG or log.tag, or one of these with the prefix persist., sets a higher level (V to F, or
+/// S for none). Thread-safe.
 HOSTDEVICE_EXPORT int __android_log_write(int prio, const char* tag, const char* text);
 
-/// The same with a printf format; the text is cut to 1023 bytes.
+/// Like __android_log_write, with a printf format. The text is cut to 1023 bytes.
 HOSTDEVICE_EXPORT int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 
-/// Logs the text, or without one the condition, as fatal and ends the process.
+/// Logs the text, or the condition when there is no text, as fatal and ends the process.
 HOSTDEVICE_EXPORT void __android_log_assert(const char* cond, const char* tag, const char* fmt, ...)
     __attribute__((noreturn, format(printf, 3, 4)));
 

@@ -2,12 +2,12 @@
 #define HOSTDEVICE_CUTILS_NATIVE_HANDLE_H
 
 /// @file
-/// What stands behind a graphic buffer.
+/// Native handles of graphic buffers.
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpedantic"
 
-/// The descriptors behind a graphic buffer, in the platform's layout.
+/// The descriptors of a graphic buffer, in the platform's layout.
 typedef struct native_handle {
     int version;  ///< sizeof(native_handle_t)
     int numFds;   ///< Descriptors at &data[0].
@@ -17,6 +17,6 @@ typedef struct native_handle {
 
 #pragma GCC diagnostic pop
 
-typedef const native_handle_t* buffer_handle_t;  ///< A handle that somebody else owns.
+typedef const native_handle_t* buffer_handle_t;  ///< A handle that its holder does not own.
 
 #endif  // HOSTDEVICE_CUTILS_NATIVE_HANDLE_H

@@ -2,7 +2,7 @@
 #define HOSTDEVICE_UTILS_REFBASE_H
 
 /// @file
-/// The platform's counted objects.
+/// The platform's reference-counted objects.
 
 #include <utils/StrongPointer.h>
 
@@ -11,27 +11,27 @@
 
 namespace android {
 
-/// Base of objects that android::sp shares: made with new, deleted with the last strong reference. Weak pointers are
-/// not emulated. The count is safe from any thread.
+/// Base of objects that android::sp shares. They are created with new and deleted with the last strong reference. Weak
+/// pointers are not emulated. The count is thread-safe.
 class RefBase {
 public:
     RefBase(const RefBase&) = delete;
     RefBase& operator=(const RefBase&) = delete;
 
-    /// Counts one more holder. `id` names it in the platform's debugging aids, which are not here.
+    /// Adds a reference. `id` is for the platform's debugging and ignored here.
     void incStrong(const void* /*id*/) const {
         if (mStrong.fetch_add(1, std::memory_order_relaxed) == 0) const_cast<RefBase*>(this)->onFirstRef();
     }
-    /// Counts one less, and deletes the object with the last.
+    /// Drops a reference, and deletes the object with the last one.
     void decStrong(const void* /*id*/) const {
-        // The last holder must see what every other one did to the object before letting go of it.
+        // acq_rel: the destructor must see all writes made through the other references.
         if (mStrong.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
     }
 
 protected:
     RefBase() = default;
     virtual ~RefBase() = default;
-    /// Called once, when the first strong pointer takes the object.
+    /// Called once, for the first strong reference.
     virtual void onFirstRef() {}
 
 private:

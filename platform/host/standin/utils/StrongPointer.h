@@ -2,7 +2,7 @@
 #define HOSTDEVICE_UTILS_STRONGPOINTER_H
 
 /// @file
-/// The platform's pointers to counted objects.
+/// The platform's pointer to reference-counted objects.
 
 #include <cstddef>
 #include <type_traits>
@@ -10,53 +10,53 @@
 
 namespace android {
 
-/// Keeps an object alive through the count that the object carries itself (see RefBase).
+/// A strong pointer to an object with an intrusive reference count (see RefBase).
 ///
-/// The part of the platform's class that code can rely on everywhere. Different pointers to one object may be used from
-/// different threads at once; one pointer may not.
+/// Has the members that all platform versions have, unless noted. Threads may use different pointers to one object at
+/// the same time, but not the same pointer.
 template <typename T>
 class sp {
 public:
-    /// Holds nothing.
+    /// Creates a null pointer.
     sp() = default;
-    /// Holds an object or, for null, nothing.
+    /// Refers to an object, which may be null.
     sp(T* other) : m_ptr(other) {  // NOLINT(google-explicit-constructor): as on the platform
         if (m_ptr != nullptr) m_ptr->incStrong(this);
     }
-    /// Holds what the other one holds.
+    /// Refers to the object of other.
     sp(const sp& other) : sp(other.m_ptr) {}
-    /// Takes over what the other one holds, which is empty then.
+    /// Takes over the object of other, which becomes null.
     sp(sp&& other) noexcept : m_ptr(std::exchange(other.m_ptr, nullptr)) {}
-    /// Holds an object of a derived class.
+    /// Refers to an object of a derived class.
     template <typename U, typename = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     sp(U* other) : sp(static_cast<T*>(other)) {}  // NOLINT(google-explicit-constructor)
-    /// Holds what a pointer to a derived class holds.
+    /// Refers to the object of a pointer to a derived class.
     template <typename U, typename = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     sp(const sp<U>& other) : sp(static_cast<T*>(other.get())) {}  // NOLINT(google-explicit-constructor)
-    /// Makes an object and holds it; platform 12 and later.
+    /// Creates an object. Platform 12 and later.
     template <typename... Args>
     static sp make(Args&&... args) {
         return new T(std::forward<Args>(args)...);
     }
-    /// Does clear().
+    /// Calls clear().
     ~sp() { clear(); }
 
-    /// Holds what the other one holds, and drops what it held.
+    /// Drops its object and refers to that of other.
     sp& operator=(sp other) noexcept {
         std::swap(m_ptr, other.m_ptr);
         return *this;
     }
 
-    /// Holds nothing any more. Null before the reference is dropped, so that a destructor which comes back to this
-    /// pointer finds it empty.
+    /// Drops the object. The pointer is null before the reference is dropped, so that a destructor that uses this
+    /// pointer finds it null.
     void clear() {
         if (T* const old = std::exchange(m_ptr, nullptr)) old->decStrong(this);
     }
 
-    T& operator*() const { return *m_ptr; }                      ///< The object; undefined when there is none.
+    T& operator*() const { return *m_ptr; }                      ///< The object. REQUIRES: not null.
     T* operator->() const { return m_ptr; }                      ///< The object, or null.
     T* get() const { return m_ptr; }                             ///< The object, or null.
-    explicit operator bool() const { return m_ptr != nullptr; }  ///< Whether there is an object.
+    explicit operator bool() const { return m_ptr != nullptr; }  ///< Returns true unless null.
 
 private:
     T* m_ptr = nullptr;
@@ -64,7 +64,7 @@ private:
 
 /// @{
 
-/// Compares what the pointers hold, by address.
+/// Compares the addresses of the objects.
 template <typename T, typename U>
 bool operator==(const sp<T>& a, const sp<U>& b) {
     return a.get() == b.get();
