@@ -15,8 +15,8 @@
 
 namespace {
 
-// Every length that a file of this geometry may have: it ends with the last pixel, with the last row's slack, or with
-// the memory that is reserved for the plane. The odd last row of a picture has a row of chroma of its own, or has not.
+// Returns all lengths that a file of this geometry may have. It ends after the last pixel, after the padding of the
+// last row, or after the memory reserved for the plane. An odd last row may or may not have its own row of chroma.
 std::set<uint64_t> Lengths(uint64_t rowBytes, uint64_t stride, uint64_t height, uint64_t sliceHeight, bool hasChroma) {
     std::set<uint64_t> lengths;
     const uint64_t first = stride * sliceHeight;

@@ -8,16 +8,16 @@
 
 #include "zytbuffermanager/zytimagelayout.h"
 
-/// What is known of a dump besides its bytes.
+/// Format and layout of a dump.
 struct Geometry {
     std::optional<ZYTFormat> format;
     uint32_t width = 0;                   // pixels; 0 while unknown
     uint32_t height = 0;                  // rows
-    std::optional<uint32_t> stride;       // bytes from row to row; a row's pixels unless given
-    std::optional<uint32_t> sliceHeight;  // rows from the first plane to the second; height unless given
+    std::optional<uint32_t> stride;       // bytes from row to row; default: the bytes of a row's pixels
+    std::optional<uint32_t> sliceHeight;  // rows from the first plane to the second; default: height
 };
 
-/// A part of a picture, in pixels.
+/// A rectangle in pixels.
 struct Rect {
     uint32_t x = 0;
     uint32_t y = 0;
@@ -25,10 +25,10 @@ struct Rect {
     uint32_t height = 0;
 };
 
-/// A dump file, mapped. Any number of threads may read its rows.
+/// A memory-mapped dump file. Thread-safe.
 class Dump {
 public:
-    /// Maps the file. Throws BadInput when it cannot be read, or has a length that the geometry does not have.
+    /// Maps the file. Throws BadInput when it cannot be read, or when its length does not match the geometry.
     /// REQUIRES: the geometry has a format and a size.
     Dump(const std::string& path, const Geometry& geometry);
     ~Dump();
@@ -38,25 +38,25 @@ public:
     const std::string& Path() const { return m_path; }
     ZYTFormat Format() const { return m_format; }
     const zyt::FormatLayout& Layout() const { return m_layout; }
-    /// In pixels. Half of what the geometry said where the file is the library's dump of Y16: at one byte a pixel, that
-    /// is the left half of each row.
+    /// Returns the width in pixels. It is half of the geometry's when the file is the library's dump of Y16, which has
+    /// one byte per pixel: the left half of each row.
     uint32_t Width() const { return m_width; }
     uint32_t Height() const { return m_height; }
-    /// The largest sample that the format's bits allow. A container can hold more.
+    /// Returns the largest sample of the format. A container can hold larger values.
     uint16_t LargestSample() const { return static_cast<uint16_t>((1u << m_layout.bits) - 1); }
-    /// Size and format, such as "4000x3000 Raw10".
+    /// Returns size and format, such as "4000x3000 Raw10".
     std::string Describe() const;
-    /// Rows of chroma and their pairs of U and V that the file holds: half of the picture's, with odd sizes rounded in
-    /// one way or the other.
+    /// Number of chroma rows in the file, and of UV pairs in a row: half of the picture's; odd sizes are rounded up or
+    /// down.
     uint32_t ChromaRows() const { return m_chromaRows; }
     uint32_t ChromaPairs() const { return m_width / 2; }
 
-    /// Reads Width() samples of the first plane, as the containers hold them.
+    /// Reads Width() samples of a row of the first plane, unchanged from their containers.
     void ReadRow(uint32_t y, uint16_t* samples) const;
 
-    /// Reads the chroma of a row of pixels: pairs in the order in which they lie, each for two columns, and one more
-    /// for the last column of an odd width. Where odd sizes have no chroma of their own it is their neighbours', and
-    /// grey where those have none either.
+    /// Reads the chroma of a row of pixels: pairs in the order of the file, each for two columns, and one more for the
+    /// last column of an odd width. An odd last column or row that has no chroma gets its neighbour's, or grey when
+    /// there is none.
     void ReadChroma(uint32_t y, uint16_t* samples) const;
 
 private:
@@ -74,23 +74,23 @@ private:
     uint64_t m_length = 0;
 };
 
-/// Samples of one row that belong to at most two channels, by turns.
+/// Samples of one row that alternate between at most two channels.
 struct Line {
     std::vector<uint16_t> samples;
     uint32_t count = 0;
-    uint32_t channels[2] = {};  // of samples with even and odd index
-    uint32_t x = 0;             // the pixel of the first sample
-    bool isChroma = false;      // then two samples are one pair, for two pixels
+    uint32_t channels[2] = {};  // channels of the samples with even and odd index
+    uint32_t x = 0;             // column of the first sample
+    bool isChroma = false;      // if true, two samples are one pair for two pixels
 };
 
-/// Reads a part of a dump channel by channel: Y, U and V, or the four positions of a Bayer plane, each sample once.
-/// Not thread-safe: each thread has its own.
+/// Reads the samples of a part of a dump with their channels: Y, U and V, or the four positions of a Bayer plane. Each
+/// sample is read once. Not thread-safe; each thread needs its own reader.
 class LineReader {
 public:
     LineReader(const Dump& dump, const Rect& part);
 
-    /// The row's samples of the first plane, and those of the second where it starts a row of that.
-    /// REQUIRES: the row lies in the part.
+    /// Returns the row's samples of the first plane, and a row of the second plane when one starts at y.
+    /// REQUIRES: the row is inside the part.
     const Line (&Read(uint32_t y))[2];
 
 private:
@@ -100,8 +100,8 @@ private:
     Line m_lines[2];
 };
 
-/// The names of a dump's channels; those of a Bayer plane without a colour order (0 RGGB, 1 GRBG, 2 GBRG, 3 BGGR) are
-/// positions, column first.
+/// Returns the names of a dump's channels. `bayer` is the colour order: 0 RGGB, 1 GRBG, 2 GBRG, 3 BGGR. Without it the
+/// names of Bayer channels are their positions, column first.
 std::vector<std::string> ChannelNames(const Dump& dump, const std::optional<uint32_t>& bayer);
 
 #endif  // ZYTVIEW_DUMP_H

@@ -3,12 +3,12 @@
 
 #include <stdexcept>
 
-/// A mistake in what the user gave: shown as one line, exit code 2.
+/// An invalid argument or input file. Reported as one line; the exit code is 2.
 struct BadInput : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// What could not be written: shown as one line, exit code 1.
+/// A failed write. Reported as one line; the exit code is 1.
 struct WriteError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

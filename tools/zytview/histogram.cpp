@@ -7,10 +7,10 @@
 namespace {
 
 constexpr uint32_t kColumns = 1024;
-constexpr uint32_t kBar = 12;  // of clipped samples
+constexpr uint32_t kBar = 12;  // width of the bar of clipped samples
 constexpr uint32_t kMargin = 24;
 constexpr uint32_t kPanel = 160;
-constexpr uint32_t kText = 4;  // size of a glyph's dot
+constexpr uint32_t kText = 4;  // pixels per dot of a glyph
 constexpr uint32_t kPanelStep = kPanel + 3 * kMargin;
 constexpr uint32_t kWidth = kColumns + 2 * (kBar + kMargin);
 
@@ -20,7 +20,7 @@ constexpr Colour kPaperOfPanel = {44, 44, 50};
 constexpr Colour kInk = {230, 230, 230};
 constexpr Colour kClipped = {235, 40, 40};
 
-// Five rows of three dots, an octal digit each.
+// Five rows of three dots; each row is an octal digit.
 struct Glyph {
     char character;
     uint32_t dots;
@@ -66,7 +66,7 @@ Colour ColourOf(const std::string& name) {
     return name[0] == 'G' ? Colour{110, 210, 110} : Colour{200, 200, 200};
 }
 
-// How many samples each column stands for, without clipped ones.
+// Returns the number of samples in each column, without clipped ones.
 std::vector<uint64_t> Columns(const Counts& counts, uint32_t largestSample) {
     std::vector<uint64_t> columns(kColumns);
     for (uint32_t column = 0; column < kColumns; ++column) {

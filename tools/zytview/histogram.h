@@ -7,9 +7,9 @@
 #include "picture.h"
 #include "stats.h"
 
-/// Draws how often each sample is there: a panel for each channel with its name, from 0 on the left to largestSample on
-/// the right. Heights are square roots, so that rare samples are seen beside frequent ones. Clipped samples have red
-/// bars of their own on both sides, cut where they are higher than the panel.
+/// Draws a histogram: one named panel per channel, from 0 on the left to largestSample on the right. Heights are square
+/// roots of the counts, so that rare samples stay visible beside frequent ones. Clipped samples are separate red bars
+/// on both sides, cut at the panel's height.
 Rows DrawHistogram(const std::vector<std::string>& names, const std::vector<Counts>& counts, uint32_t largestSample);
 
 #endif  // ZYTVIEW_HISTOGRAM_H

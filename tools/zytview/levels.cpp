@@ -5,9 +5,9 @@
 
 namespace {
 
-using Weighted = std::vector<std::pair<double, uint64_t>>;  // brightness, and how many samples have it
+using Weighted = std::vector<std::pair<double, uint64_t>>;  // brightness and number of samples
 
-// The brightness at a thousandth of the samples, from the darkest on or from the lightest.
+// Returns the brightness of the darkest or the lightest thousandth of the samples.
 double Thousandth(const Weighted& sorted, bool isLightest) {
     uint64_t left = 0;
     for (const auto& [brightness, count] : sorted) left += count;
@@ -26,7 +26,7 @@ double Thousandth(const Weighted& sorted, bool isLightest) {
 
 Weighted Brightness(const std::vector<Counts>& counts, const Levels& levels, const std::optional<uint32_t>& bayer) {
     Weighted sorted;
-    // With chroma only the first channel is brightness; four channels are Bayer's.
+    // Four channels are a Bayer plane. Otherwise only the first channel is brightness.
     const uint32_t channels = counts.size() == 4 ? 4 : 1;
     for (uint32_t channel = 0; channel < channels; ++channel) {
         const double factor = bayer ? levels.white[ColourAt(*bayer, channel & 1, channel >> 1)] : 1;
@@ -39,7 +39,7 @@ Weighted Brightness(const std::vector<Counts>& counts, const Levels& levels, con
     return sorted;
 }
 
-// Gains that make the means of red and blue that of green.
+// Sets the gains that make the means of red and blue equal that of green.
 void MakeGrey(const std::vector<Counts>& counts, uint32_t bayer, Levels& levels) {
     double sums[3] = {};
     double samples[3] = {};

@@ -7,14 +7,14 @@
 
 #include "stats.h"
 
-/// How a sample becomes brightness: (sample - black) * gain * white.
+/// Maps a sample to brightness: (sample - black) * gain * white.
 struct Levels {
     double black = 0;  // in samples
     double gain = 1;
-    double white[3] = {1, 1, 1};  // of R, G and B, for Bayer colour
+    double white[3] = {1, 1, 1};  // gains of R, G and B, for Bayer colour
 };
 
-/// Levels as they were asked for.
+/// Levels as requested on the command line.
 struct WantedLevels {
     std::optional<double> black;
     double gain = 1;
@@ -25,16 +25,17 @@ struct WantedLevels {
     bool IsAuto() const { return isGainAuto || isWhiteAuto; }
 };
 
-/// Whether a sample at that column and row of a colour order (0 RGGB, 1 GRBG, 2 GBRG, 3 BGGR) is red (0), green (1) or
-/// blue (2). Red lies at odd columns in GRBG and BGGR and at odd rows in GBRG and BGGR. Seen from there, a sample is
-/// red at even columns and rows, blue at odd ones, and green where one of both is odd.
+/// Returns the colour of a sample in a colour order (0 RGGB, 1 GRBG, 2 GBRG, 3 BGGR): 0 red, 1 green, 2 blue. Red is at
+/// odd columns in GRBG and BGGR, and at odd rows in GBRG and BGGR. Relative to red, blue is one column and one row
+/// away, and green one column or one row.
 inline uint32_t ColourAt(uint32_t bayer, uint32_t column, uint32_t row) {
     return ((column ^ bayer) & 1) + ((row ^ bayer >> 1) & 1);
 }
 
-/// Works out what is automatic from counted samples: white so that the means of all colours are green's, then black and
-/// gain so that the darkest and the lightest thousandth of all samples (with chroma, of Y) become black and white.
-/// Without gain, black is black and as much as span above it white. No counts are wanted when nothing is automatic.
+/// Computes the automatic levels from the counts: white makes the means of all colours equal that of green; then black
+/// and gain make the darkest and the lightest thousandth of all samples (of Y in formats with chroma) black and white.
+/// Otherwise `black` is the default black level, and gain 1 shows black + span as white. Counts are used for automatic
+/// levels only.
 Levels Resolve(const WantedLevels& wanted, const std::vector<Counts>& counts, const std::optional<uint32_t>& bayer,
                double black, double span);
 

@@ -1,4 +1,4 @@
-// A raw dump as a picture that a person can look at, and as numbers.
+// Shows raw dumps as pictures and as numbers.
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -17,12 +17,12 @@
 
 namespace {
 
-/// The work on one command line.
+/// Executes one command line.
 class View {
 public:
     explicit View(const Options& options) : m_options(options) {}
 
-    /// Does all that is wanted of one dump; the exit code. Throws BadInput and WriteError.
+    /// Processes one dump. Returns the exit code. Throws BadInput and WriteError.
     int Show(const std::string& path);
 
 private:
@@ -36,8 +36,8 @@ private:
 
     const Options& m_options;
     Workers m_workers;
-    std::vector<Counts> m_counts;  // of the dump at work on, once something has asked for them
-    std::set<std::string> m_pngs;  // written so far
+    std::vector<Counts> m_counts;  // of the current dump, computed on first use
+    std::set<std::string> m_pngs;  // PNGs written so far
 };
 
 int View::Show(const std::string& path) {
@@ -68,7 +68,7 @@ Rect View::Crop(const Dump& dump) const {
     throw BadInput(Text("the %s reaches out of the picture's %ux%u", outside, dump.Width(), dump.Height()));
 }
 
-// The PNG's name; empty when none is wanted.
+// Returns the PNG's name; empty when none is wanted.
 std::string View::PngFor(const std::string& path) {
     std::string png = m_options.png;
     if (png.empty() && !m_options.AsksForNumbers()) {
@@ -86,7 +86,7 @@ std::string View::PngFor(const std::string& path) {
     return png;
 }
 
-// Numbers make way for a PNG that goes to the standard output.
+// Prints numbers to stderr when a PNG is written to the standard output.
 void View::Print(const std::string& text) {
     m_workers.Clear();
     const bool isTaken = IsStandardOutput(m_options.png) || IsStandardOutput(m_options.histogram);

@@ -19,52 +19,47 @@ constexpr const char* kUsage =
     "usage: zytview [options] DUMP [PNG]\n"
     "       zytview [options] DUMP...\n"
     "\n"
-    "Turns a raw dump into a PNG, DUMP's name with .png unless another is given, and prints its name; - is the "
-    "standard\n"
-    "output. Size and format come from the dump's name, such as night_4000x3000_RawMipi10.raw, where no option tells\n"
-    "them; of several the last.\n"
+    "Converts a raw dump to a PNG and prints the PNG's name: DUMP's name with .png unless PNG is given; - is the\n"
+    "standard output. Size and format are taken from the options, otherwise from the dump's name, such as\n"
+    "night_4000x3000_RawMipi10.raw; the last size and the last format in the name win.\n"
     "\n"
-    "What the dump is\n"
-    "  --size WxH               pixels, each side from 1 to 131072\n"
+    "Layout of the dump\n"
+    "  --size WxH               in pixels, each side from 1 to 131072\n"
     "  --format NAME            YUV420NV12, YUV420NV21 (or NV12, NV21), YUV_P010 (or P010), Y16,\n"
     "                           RawMipi10, RawMipi12, RawMipi14, Raw10, Raw12, Raw14, Raw16\n"
-    "  --stride BYTES           from row to row, for a file that kept the slack behind its rows\n"
-    "  --slice-height ROWS      from the first plane to the second, for a file that kept the rows between them\n"
-    "  --matrix bt601|bt709     of YUV formats; bt601 unless told otherwise\n"
-    "  --range full|limited     of YUV formats; full unless told otherwise\n"
+    "  --stride BYTES           bytes from row to row, for a file with padded rows\n"
+    "  --slice-height ROWS      rows from the first plane to the second, for a file with padded planes\n"
+    "  --matrix bt601|bt709     for YUV formats; default: bt601\n"
+    "  --range full|limited     for YUV formats; default: full\n"
     "\n"
-    "How it is shown\n"
+    "Picture\n"
     "  --bayer rggb|grbg|gbrg|bggr\n"
-    "                           raw formats in colour; in grey unless told so\n"
-    "  --white R,G,B|auto       gains of the colours of --bayer; auto makes the picture grey on average\n"
-    "  --black N                the sample that is black: 0, or 16 of 255 in the limited range, unless told otherwise\n"
-    "  --gain X|auto            how much brighter; auto makes the darkest thousandth of the samples black, unless "
-    "--black\n"
-    "                           tells what is, and the lightest thousandth white\n"
-    "  --crop WxH+X+Y           that part only, in the dump's pixels\n"
-    "  --scale 1/1|1/2|1/4|1/8  each pixel the mean of a square of pixels\n"
+    "                           shows raw formats in colour; default: grey\n"
+    "  --white R,G,B|auto       colour gains, with --bayer; auto makes the picture grey on average\n"
+    "  --black N                sample shown as black; default: 0, or 16 of 255 in the limited range\n"
+    "  --gain X|auto            brightness factor; auto makes the lightest thousandth of the samples white, and the\n"
+    "                           darkest thousandth black unless --black is given\n"
+    "  --crop WxH+X+Y           shows a part, in pixels of the dump\n"
+    "  --scale 1/1|1/2|1/4|1/8  each pixel is the mean of a square of pixels\n"
     "\n"
-    "What is in it; with these there is no picture unless PNG is given\n"
-    "  --stats                  each channel's minimum, maximum, mean, standard deviation and clipped samples: those "
-    "of 0\n"
-    "                           and of the format's largest. Bayer positions are column,row unless --bayer names them\n"
-    "  --pixel X,Y              the samples there and around it\n"
-    "  --diff OTHER             how another dump of that size and format differs; PNG shows where, the largest "
-    "difference\n"
-    "                           white and every other at least dark grey. Exit code 1 when it does\n"
-    "  --histogram PNG          how often each sample is there; heights are square roots, clipped samples are red\n"
-    "  --json                   --stats and --diff as JSON, an object a line\n"
+    "Numbers; with these a picture is written only when PNG is given\n"
+    "  --stats                  minimum, maximum, mean, standard deviation and clipped samples of each channel;\n"
+    "                           samples of 0 and of the format's largest value or above count as clipped. Bayer\n"
+    "                           channels are named column,row without --bayer\n"
+    "  --pixel X,Y              the samples at and around a pixel\n"
+    "  --diff OTHER             differences from another dump of the same size and format; PNG shows them, the\n"
+    "                           largest white and all others at least dark grey. The exit code is 1 when they differ\n"
+    "  --histogram PNG          histogram of the samples; heights are square roots, clipped samples are red\n"
+    "  --json                   prints --stats and --diff as JSON, one object per line\n"
     "  -h, --help, --version\n"
     "\n"
-    "All but 8-bit YUV becomes a 16-bit PNG. Raw samples lie in its upper bits, so that a shift gives each back. Exit "
-    "codes:\n"
-    "0 for success, 1 when something cannot be written or --diff finds a difference, 2 for a mistake in what was "
-    "given.\n"
-    "Of several dumps a bad one is reported and the others are done.\n";
+    "8-bit YUV becomes an 8-bit PNG, every other format a 16-bit PNG. Raw samples are in the upper bits, so a right\n"
+    "shift restores them. Exit codes: 0 for success, 1 when writing failed or --diff found a difference, 2 for an\n"
+    "invalid argument or dump. With several dumps an invalid one is reported and the others are processed.\n";
 
 constexpr uint32_t kMaxNumber = 999999999;
 
-// The index of the word that was given.
+// Returns the index of value in words.
 uint32_t Choice(const std::string& option, const std::string& value, const std::vector<std::string>& words) {
     const auto found = std::find(words.begin(), words.end(), value);
     if (found != words.end()) return static_cast<uint32_t>(found - words.begin());
@@ -73,7 +68,7 @@ uint32_t Choice(const std::string& option, const std::string& value, const std::
     throw BadInput("--" + option + " is " + list + ", not '" + value + "'");
 }
 
-// Reads a number that fills the text; false, with nothing changed, for anything else.
+// Parses text as a number from least to largest. Returns false, and leaves number unchanged, for any other text.
 template <typename Number>
 bool ReadNumber(std::string_view text, Number least, Number largest, Number& number) {
     Number value = 0;
@@ -84,7 +79,7 @@ bool ReadNumber(std::string_view text, Number least, Number largest, Number& num
     return true;
 }
 
-// The same for a fraction, which from_chars of libc++ 14 does not read.
+// Like above for a fraction, which from_chars of libc++ 14 does not support.
 bool ReadNumber(const std::string& text, double least, double largest, double& number) {
     if (text.find_first_not_of("0123456789.e-") != std::string::npos) return false;
     char* stop = nullptr;
@@ -214,7 +209,7 @@ Options ParseOptions(int argc, char** argv) {
     Options options;
     int index = 0;
     for (int found = 0; (found = getopt_long(argc, argv, "h", known.data(), &index)) != -1;) {
-        if (found == '?') std::exit(2);  // getopt_long has said why
+        if (found == '?') std::exit(2);  // getopt_long has reported the error
         if (found == 'h') std::exit(std::fputs(kUsage, stdout) < 0);
         if (found == 'v') std::exit(std::puts("zytview " ZYTVIEW_VERSION) < 0);
         SetOption(options, known[static_cast<size_t>(index)].name, optarg != nullptr ? optarg : "");

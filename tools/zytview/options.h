@@ -8,10 +8,10 @@
 #include "dump.h"
 #include "levels.h"
 
-/// What the command line asks for.
+/// The command line.
 struct Options {
     std::vector<std::string> dumps;
-    std::string png;  // empty where it follows from the dump's name, or is not wanted
+    std::string png;  // empty: derived from the dump's name, or no picture
     Geometry geometry;
     bool isBt709 = false;
     bool isLimitedRange = false;
@@ -19,26 +19,26 @@ struct Options {
     std::optional<uint32_t> bayer;
     WantedLevels levels;
     bool hasWhite = false;
-    Rect crop;  // the whole picture while it has no width
+    Rect crop;  // the whole picture when the width is 0
     uint32_t divisor = 1;
     bool wantsStatistics = false;
     bool wantsJson = false;
-    std::optional<Rect> pixel;  // a size of 1x1
-    std::string other;          // what --diff compares with
-    std::string histogram;      // a PNG's name
+    std::optional<Rect> pixel;  // of size 1x1
+    std::string other;          // path of the dump to compare with
+    std::string histogram;      // path of the PNG
 
-    /// Whether something is asked for instead of a picture.
+    /// Returns true when an option replaces the picture.
     bool AsksForNumbers() const { return wantsStatistics || pixel || !other.empty() || !histogram.empty(); }
 };
 
-/// Reads the command line; --help and --version, and what getopt_long reports, end the process. Throws BadInput.
+/// Parses the command line. --help, --version and errors that getopt_long reports end the process. Throws BadInput.
 Options ParseOptions(int argc, char** argv);
 
-/// What a dump's name tells of its geometry, where no option has told it; what neither tells is that of another. Throws
-/// BadInput for what is missing or does not go together.
+/// Returns the geometry of a dump: from the options, otherwise from its name, otherwise from `another`. Throws BadInput
+/// when it is incomplete or inconsistent.
 Geometry Complete(const Options& options, const std::string& dump, const Geometry& another = {});
 
-/// Whether a path is one of a PNG: such a name, or a device, a pipe or the standard output.
+/// Returns true when the path has a PNG's name or is a device, a pipe or the standard output.
 bool IsPngName(const std::string& path);
 
 #endif  // ZYTVIEW_OPTIONS_H

@@ -13,7 +13,7 @@
 
 namespace {
 
-// What a signal has to remove; empty when there is nothing.
+// Path that a signal handler must remove; empty when there is none.
 char g_unfinished[PATH_MAX];
 
 void RemoveUnfinished(int signal) {
@@ -23,7 +23,7 @@ void RemoveUnfinished(int signal) {
         [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, reason, sizeof(reason) - 1);
         _exit(2);
     }
-    raise(signal);  // now with its default
+    raise(signal);  // now with the default action
 }
 
 void RemoveAtSignals() {

@@ -4,15 +4,15 @@
 #include <cstdio>
 #include <string>
 
-/// Whether the path means the standard output.
+/// Returns true when the path means the standard output.
 bool IsStandardOutput(const std::string& path);
 
-/// A file that comes to its name only when it is whole: until then it has a name of its own beside it, which no other
-/// file has, and which goes with the object or with a signal that ends the process. A pipe, a device or the standard
-/// output has no content to lose and is written in place. One at a time.
+/// An output file that appears under its name only when it is complete. Until then it has a unique temporary name in
+/// the same directory, and is removed by the destructor or by a signal that ends the process. Pipes, devices and the
+/// standard output have no old content to keep and are written in place. REQUIRES: only one exists at a time.
 class OutputFile {
 public:
-    /// Throws WriteError when the file cannot be made.
+    /// Throws WriteError when the file cannot be created.
     explicit OutputFile(const std::string& path);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
@@ -20,7 +20,7 @@ public:
 
     FILE* Stream() const { return m_stream; }
 
-    /// Gives the file its name. Throws WriteError, and what had the name before stays.
+    /// Renames the file to its final name. On failure throws WriteError; an old file of that name stays.
     void Commit();
 
     /// Throws WriteError with the reason.

@@ -7,7 +7,7 @@ namespace {
 
 constexpr int kFractionBits = 24;
 
-// Whole numbers, so that the same dump gives the same picture on every machine.
+// Fixed point, so that a dump gives the same picture on every machine.
 int64_t Fixed(double factor) { return std::llround(factor * (1 << kFractionBits)); }
 
 uint16_t Rounded(int64_t fixed, int64_t largest) {
@@ -15,7 +15,7 @@ uint16_t Rounded(int64_t fixed, int64_t largest) {
     return static_cast<uint16_t>(std::clamp((fixed + half) >> kFractionBits, int64_t{0}, largest));
 }
 
-// The rounded mean of count values, of which there is at least one.
+// Returns the rounded mean of count values. REQUIRES: count > 0.
 uint16_t Mean(uint32_t sum, uint32_t count) {
     return static_cast<uint16_t>((sum + count / 2) / count);  // NOLINT(clang-analyzer-core.DivideZero): never 0
 }
@@ -131,12 +131,12 @@ void Picture::ReadBayerRow(uint32_t y, HeldRows& held, uint16_t* values) const {
     }
     MixPixel(0, y, held, values);
     MixPixel(right, y, held, values + size_t{3} * right);
-    // Inside, each colour has two or four neighbours.
+    // Away from the edges, each missing colour has two or four neighbours.
     const uint16_t* above = held[(y - 1) % 3].samples.data();
     const uint16_t* here = held[y % 3].samples.data();
     const uint16_t* below = held[(y + 1) % 3].samples.data();
     const uint32_t first = ColourAt(*m_look.bayer, 0, y);
-    const uint32_t own = first == 1 ? ColourAt(*m_look.bayer, 1, y) : first;  // red or blue, whichever the row has
+    const uint32_t own = first == 1 ? ColourAt(*m_look.bayer, 1, y) : first;  // the row's colour, red or blue
     const uint32_t other = 2 - own;
     for (uint32_t x = 1; x < right; ++x) {
         uint16_t* pixel = values + size_t{3} * x;
@@ -152,7 +152,7 @@ void Picture::ReadBayerRow(uint32_t y, HeldRows& held, uint16_t* values) const {
     }
 }
 
-// A pixel at the edge has the mean of what there is.
+// Averages the neighbours that exist, for a pixel at the edge.
 void Picture::MixPixel(uint32_t x, uint32_t y, const HeldRows& held, uint16_t* values) const {
     uint32_t sum[3] = {};
     uint32_t count[3] = {};

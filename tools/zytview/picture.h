@@ -11,41 +11,41 @@
 #include "dump.h"
 #include "levels.h"
 
-/// Reads row y of a picture, width * channels values. One thread's; quickest for the rows from top to bottom.
+/// Reads the width * channels values of row y. Not thread-safe. Fastest for rows from top to bottom.
 using RowReader = std::function<void(uint32_t y, uint16_t* values)>;
 
-/// Rows of grey or RGB, for any number of threads that each have a reader of their own.
+/// The rows of a grey or RGB picture. Thread-safe; each thread needs its own reader.
 struct Rows {
     uint32_t width;
     uint32_t height;
     uint32_t channels;  // 1 for grey, 3 for RGB
-    uint32_t depth;     // bits of a channel, 8 or 16
+    uint32_t depth;     // bits per channel, 8 or 16
     std::function<RowReader()> newReader;
 };
 
-/// How the samples of a dump are to be understood.
+/// How to interpret the samples of a dump.
 struct Look {
-    bool isBt709 = false;           // the matrix of YUV formats, else BT.601
-    bool isLimitedRange = false;    // YUV formats: 8-bit luma from 16 to 235 and chroma from 16 to 240, else all values
-    std::optional<uint32_t> bayer;  // colour order of raw formats: 0 RGGB, 1 GRBG, 2 GBRG, 3 BGGR; grey without
+    bool isBt709 = false;           // matrix of YUV formats: BT.709 or BT.601
+    bool isLimitedRange = false;    // YUV formats: 8-bit luma is 16 to 235 and chroma 16 to 240, otherwise 0 to 255
+    std::optional<uint32_t> bayer;  // colour order of raw formats: 0 RGGB, 1 GRBG, 2 GBRG, 3 BGGR; empty for grey
     Levels levels;
 };
 
-/// A dump as a picture. Grey and raw samples with fewer than 16 bits are spread over all 16 so that, without levels, a
-/// shift to the right gives each back as it was.
+/// A dump as a picture. Grey and raw samples of fewer than 16 bits are scaled to 16 bits; without levels, a right shift
+/// restores the samples.
 class Picture {
 public:
     Picture(const Dump& dump, const Look& look);
 
-    /// Chroma is that of the sample, without interpolation; a colour that a Bayer pixel lacks is the mean of that
-    /// colour among the pixels around it. The picture has to outlive its readers.
+    /// Returns the rows. Chroma is not interpolated. A missing colour of a Bayer pixel is the mean of that colour in
+    /// the surrounding pixels. REQUIRES: the picture outlives the rows and their readers.
     Rows AllRows() const;
 
-    /// How many samples of the rows read so far did not fit the format's bits and are shown as the largest value.
+    /// Returns how many samples in the rows read so far exceed the format's range; they are shown as its largest value.
     uint64_t ExcessiveSamples() const { return m_excessive; }
 
 private:
-    // Rows of a Bayer picture that a reader holds at once.
+    // A row of a Bayer picture that a reader keeps.
     struct Held {
         std::vector<uint16_t> samples;
         uint32_t excessive = 0;
@@ -63,12 +63,13 @@ private:
     const Dump& m_dump;
     const Look m_look;
     mutable std::atomic<uint64_t> m_excessive{0};
-    std::vector<uint16_t> m_tables[3];  // brightness of each sample, by colour
+    std::vector<uint16_t> m_tables[3];  // brightness of each sample, for each colour
     // Fixed-point factors of the YUV conversion.
     int64_t m_luma = 0, m_redV = 0, m_greenU = 0, m_greenV = 0, m_blueU = 0;
 };
 
-/// A part of a picture, each pixel the mean of divisor * divisor, or of what is left at the end.
+/// Returns a part of a picture in which each pixel is the mean of divisor * divisor pixels, or fewer at the right and
+/// bottom edge.
 Rows Part(const Rows& rows, const Rect& crop, uint32_t divisor);
 
 #endif  // ZYTVIEW_PICTURE_H

@@ -9,7 +9,7 @@ namespace {
 
 constexpr uint32_t kAround = 3;
 
-// Numbers around a place, `step` columns and rows apart.
+// Returns the numbers around a position, `step` columns and rows apart.
 std::string Block(const Dump& dump, uint32_t x, uint32_t y, uint32_t step,
                   const std::function<const uint16_t*(uint32_t row)>& readRow) {
     const uint32_t left = x - std::min(x, kAround * step);

@@ -13,7 +13,7 @@
 
 namespace {
 
-// libpng reports an error by a jump back into the frame that called it, so nothing there may need a destructor.
+// libpng reports an error by longjmp to the calling frame, so that frame must have no objects with destructors.
 class Encoder {
 public:
     ~Encoder() { png_destroy_write_struct(&m_png, &m_info); }
@@ -28,8 +28,8 @@ public:
         png_set_IHDR(m_png, m_info, rows.width, rows.height, static_cast<int>(rows.depth),
                      rows.channels == 1 ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
                      PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-        // Measured over noise, photographs and smooth frames of 12 megapixels: a third of the default's time. A
-        // photograph becomes no larger, since its noise has no matches to be found; a smooth frame twice as large.
+        // Measured on noise, photographs and smooth frames of 12 megapixels: a third of the time of the default. A
+        // photograph does not grow, because its noise has no matches; a smooth frame doubles in size.
         png_set_filter(m_png, PNG_FILTER_TYPE_BASE, PNG_FILTER_UP);
         png_set_compression_strategy(m_png, Z_RLE);
         png_set_compression_level(m_png, 1);
@@ -54,7 +54,7 @@ private:
     png_infop m_info = nullptr;
 };
 
-// The upper byte first, as PNG has it.
+// Stores 16-bit values in PNG's byte order, upper byte first.
 void PutBytes(const std::vector<uint16_t>& values, uint32_t depth, unsigned char* bytes) {
     if (depth == 8) {
         std::copy(values.begin(), values.end(), bytes);

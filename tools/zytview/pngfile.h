@@ -6,7 +6,7 @@
 #include "picture.h"
 #include "workers.h"
 
-/// Writes a PNG file. Throws WriteError; what the path named before then stays.
+/// Writes a PNG file. On failure throws WriteError; an old file at the path stays.
 void WritePng(const std::string& path, const Rows& rows, Workers& workers);
 
 #endif  // ZYTVIEW_PNGFILE_H

@@ -23,7 +23,7 @@ std::vector<Counts> CountSamples(const Dump& dump, const Rect& part, Workers& wo
         }
     };
     const uint32_t end = part.y + part.height;
-    // Pieces have fewer than 2^32 samples, and each costs a megabyte to add up.
+    // A band must have fewer than 2^32 samples; adding up its counts costs a megabyte of reads.
     const uint32_t step = std::clamp(part.height / 16, 64u, 8192u);
     for (uint32_t y = part.y; y < end; y += step) {
         workers.ForRows(y, std::min(y + step, end), countRows);

@@ -7,30 +7,30 @@
 #include "dump.h"
 #include "workers.h"
 
-/// How often each sample is there.
-using Counts = std::vector<uint64_t>;  // 65536 of them
+/// Number of occurrences of each of the 65536 sample values.
+using Counts = std::vector<uint64_t>;
 
-/// What a channel's samples are like.
+/// Statistics of a channel.
 struct Statistics {
     uint64_t samples = 0;
     uint32_t least = 0;
     uint32_t largest = 0;
     double mean = 0;
-    double deviation = 0;  // the population's
+    double deviation = 0;  // population standard deviation
     uint64_t clippedLow = 0;
     uint64_t clippedHigh = 0;
 };
 
-/// Counts the samples of a part of the dump, channel by channel, in the order of ChannelNames.
+/// Counts the samples of a part of the dump, one Counts per channel in the order of ChannelNames.
 std::vector<Counts> CountSamples(const Dump& dump, const Rect& part, Workers& workers);
 
-/// Clipped are samples of 0, and of the format's largest and above.
+/// Computes the statistics. Samples of 0, and of largestSample or above, count as clipped.
 Statistics Describe(const Counts& counts, uint32_t largestSample);
 
-/// One line for each channel, below a head.
+/// Returns a header line and one line per channel.
 std::string StatisticsTable(const std::vector<std::string>& names, const std::vector<Statistics>& channels);
 
-/// The members of a JSON object, each a channel.
+/// Returns the members of a JSON object, one per channel.
 std::string StatisticsJson(const std::vector<std::string>& names, const std::vector<Statistics>& channels);
 
 #endif  // ZYTVIEW_STATS_H

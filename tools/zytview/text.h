@@ -4,13 +4,13 @@
 #include <cstdint>
 #include <string>
 
-/// printf into a string.
+/// Returns the text of a printf format.
 __attribute__((format(printf, 1, 2))) std::string Text(const char* format, ...);
 
-/// For "%llu".
+/// Converts a number for "%llu".
 constexpr unsigned long long Long(uint64_t number) { return number; }
 
-/// A JSON string.
+/// Returns text as a JSON string.
 std::string Quote(const std::string& text);
 
 #endif  // ZYTVIEW_TEXT_H

@@ -12,7 +12,7 @@
 #include "nodekit/parallel.h"
 
 Workers::Workers() : m_isTerminal(isatty(STDERR_FILENO) == 1) {
-    ZYTLogUtil::m_level = 0;  // without its threads the work takes longer, and is done all the same
+    ZYTLogUtil::m_level = 0;  // a thread that cannot be started only makes the work slower
     m_pool.Init(std::max(std::thread::hardware_concurrency(), 1u));
 }
 

@@ -8,21 +8,22 @@
 
 #include "threadpool/zytthreadpool.h"
 
-/// The processors' threads, at work on rows. On a terminal, whatever takes longer than a second shows how far it is.
+/// Processes rows on all processors. On a terminal, shows the progress of work that takes longer than a second.
 class Workers {
 public:
     Workers();
 
-    /// What is at work on from now on.
+    /// Starts a new piece of work; `name` is shown with its progress.
     void Begin(const std::string& name);
 
-    /// Does all rows from first to end in pieces, in any order, and returns when they are done.
+    /// Calls work for bands of the rows from first to end - 1, in any order, and returns when all are done. Rethrows an
+    /// exception of work.
     void ForRows(uint32_t first, uint32_t end, const std::function<void(uint32_t from, uint32_t to)>& work);
 
-    /// Shows that done of total rows are done.
+    /// Shows the progress.
     void Show(uint32_t done, uint32_t total);
 
-    /// Removes what Show left on the terminal.
+    /// Removes the progress from the terminal.
     void Clear();
 
 private:
@@ -30,7 +31,7 @@ private:
     std::string m_name;
     const bool m_isTerminal;
     std::chrono::steady_clock::time_point m_start;
-    uint32_t m_shown = 0;  // percent, plus one
+    uint32_t m_shown = 0;  // percent + 1; 0 when nothing is shown
 };
 
 #endif  // ZYTVIEW_WORKERS_H

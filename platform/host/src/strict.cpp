@@ -136,8 +136,8 @@ bool ReportTouch(uintptr_t address, const void* context) {
     return false;
 }
 
-// Reports an access to a buffer. Then passes this fault, like any other, to the previous handler: a sanitizer's, a
-// crash reporter's, or the kernel's default, which the repeated instruction triggers.
+// Reports an access to a buffer and restores the previous handler (a sanitizer's, a crash reporter's or the kernel's
+// default), which the repeated instruction reaches. Passes any other fault to that handler.
 void OnFault(int signal, siginfo_t* info, void* context) {
     const int savedErrno = errno;
     const struct sigaction& previous = TheWatch().previous;

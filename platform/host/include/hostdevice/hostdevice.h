@@ -52,9 +52,9 @@ HOSTDEVICE_EXPORT void SetOfflineLogSwitch(bool on);
 /// In strict mode heap and graphic memory may be accessed only between CpuSyncStart and CpuSyncEnd on one of its
 /// descriptors (or lock and unlock of the graphic buffer), and written only when an access for writing was opened since
 /// the buffer last had no open access. Any other access prints one line to stderr and ends the process with SIGSEGV. An
-/// end without a start, and a release of a buffer with an open access, end it with SIGABRT. An access still open at exit
-/// makes the exit status 1. A mapping longer than its buffer is refused. New threads have the phone's stack of 1,032,192
-/// bytes. Needs /proc. REQUIRES: no heap or graphic buffer has been created.
+/// end without a start, and a release of a buffer with an open access, end it with SIGABRT. An access still open at
+/// exit makes the exit status 1. A mapping longer than its buffer is refused. New threads have the phone's stack of
+/// 1,032,192 bytes. Needs /proc. REQUIRES: no heap or graphic buffer has been created.
 HOSTDEVICE_EXPORT void SetStrict(bool on, bool quiet = false);
 
 /// Returns true when strict mode is on.
