@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Makes the demo's scene: three faces in front of hills, as a PPM picture, and the faces as a detector reports them.
+"""Creates the demo's scene, three faces in front of hills, as a PPM picture, and the faces as a detector reports them.
 
 usage: makescene.py PICTURE.ppm FACES.txt
 
-The faces are placed in pixels of a 4000x3000 sensor; the picture shows the middle 16:9 of it, scaled to 1280x720. Where
-each face lands in the picture is worked out here, independently of the library, so that a mark beside a face in the
-demo's output is a fault in the library's mapping.
+Faces are given in pixels of a 4000x3000 sensor. The picture shows the central 16:9 part, scaled to 1280x720. Face
+positions in the picture are computed here, independently of the library, so a mark beside a face in the demo's output is
+a fault in the library's mapping.
 """
 import math
 import sys
@@ -24,7 +24,7 @@ def background(x, y):
 
 
 def face_pixel(u, v, tone):
-    """Colour at (u, v), each from -1 to 1 across the face's rectangle, or None outside the face."""
+    """Returns the colour at (u, v), each from -1 to 1 across the face's rectangle, or None outside the face."""
     if u * u + v * v > 1:
         return None
     for eye in (-0.38, 0.38):

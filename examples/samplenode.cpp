@@ -1,6 +1,6 @@
-// An algorithm node from start to finish: it takes frames, moves them through every kind of image memory, maps and
-// marks the faces that were found in them, describes them to a vendor's library, and dumps them. Its "algorithm" is the
-// marking; everything around it is what a real node does too. It runs on a device and at a desk, as it is.
+// A complete algorithm node. It receives frames, moves them through every kind of image memory, maps and marks detected
+// faces, describes the frames to a vendor's library, and dumps them. The marking stands for an algorithm; everything
+// else is what a real node does. Runs unchanged on a device and on a desktop.
 
 #include <nodekit/connection.h>
 #include <nodekit/cpuaccess.h>
@@ -24,7 +24,7 @@
 
 #include "base/zytsharedflag.h"
 
-// What a desk adds to the report, where it is linked in: samplenodedesk.cpp.
+// Defined in samplenodedesk.cpp, which only the desktop build links.
 __attribute__((weak)) void ReportDevice();
 __attribute__((weak)) void ReportLeftovers();
 
@@ -34,21 +34,21 @@ constexpr const char* kName = "SampleNode";
 constexpr const char* kUsage =
     "usage: samplenode FILE WIDTHxHEIGHT [--format YUV420NV12|YUV420NV21] [--name NAME] [--out DIR]\n"
     "                  [--tuning DIR] [--faces FILE]\n"
-    "FILE holds raw frames without padding; both sides are even, as 4:2:0 wants them. The faces file has lines\n"
-    "\"crop TOP LEFT WIDTH HEIGHT\", once and first, and \"face TOP LEFT WIDTH HEIGHT\", in sensor pixels; a tuning\n"
-    "file has a line \"thickness=PIXELS\". Lines that begin with # are comments.\n";
+    "FILE contains raw frames without padding; width and height must be even. The first line of the faces file is\n"
+    "\"crop TOP LEFT WIDTH HEIGHT\", the others are \"face TOP LEFT WIDTH HEIGHT\", in sensor pixels. A tuning file\n"
+    "has a line \"thickness=PIXELS\". Lines that begin with # are comments.\n";
 
 constexpr uint32_t kMaxSide = 16384;
 constexpr uint32_t kMaxSensorSide = 99999;
 constexpr uint32_t kMaxThickness = 99;
-// What the camera's DMA engine pads rows to, in bytes. A node is told by its device.
+// Row alignment of the camera's DMA engine, in bytes. It depends on the device.
 constexpr uint32_t kCameraAlignment = 512;
 
 using Clock = std::chrono::steady_clock;
 
-// A mistake in what the user gave: one line, exit code 2.
+// Reports an invalid argument in one line and exits with code 2.
 [[noreturn]] void Refuse(const std::string& message) {
-    std::fflush(stdout);  // in the order in which it happened, also in a log
+    std::fflush(stdout);  // keeps stdout and stderr in order when both go to one file
     std::fprintf(stderr, "samplenode: %s\n", message.c_str());
     std::exit(2);
 }
@@ -119,14 +119,14 @@ FileData ReadFile(const std::string& path, unsigned int& size) {
     return data;
 }
 
-// Reads a whole number from `least` to `largest`.
+// Parses a whole number from `least` to `largest`.
 bool ParseNumber(const std::string& word, uint32_t least, uint32_t largest, uint32_t& number) {
     const char* end = word.data() + word.size();
     const auto [stop, error] = std::from_chars(word.data(), end, number);
     return error == std::errc() && stop == end && number >= least && number <= largest;
 }
 
-// Calls visit(words, place) for each line that says something.
+// Calls visit(words, place) for each line that is neither empty nor a comment.
 template <typename Visit>
 void EachLine(const std::string& path, const Visit& visit) {
     unsigned int size = 0;
@@ -142,7 +142,7 @@ void EachLine(const std::string& path, const Visit& visit) {
     }
 }
 
-// What the detector found, in pixels of the sensor, and the part of the sensor that the frame shows.
+// The detected faces, and the part of the sensor that the frame shows; both in sensor pixels.
 struct Faces {
     ZYTRect crop{};
     std::vector<ZYTRect> rects;
@@ -170,10 +170,10 @@ Faces ReadFaces(const std::string& path) {
 
 struct Tuning {
     std::string path;
-    uint32_t thickness = 5;  // of the marks, in pixels
+    uint32_t thickness = 5;  // thickness of the marks, in pixels
 };
 
-// A node ships tuning for the devices that need their own, and a default.
+// A node ships a default tuning, and separate ones for the devices that need them.
 Tuning FindTuning(const std::string& dir, uint32_t device) {
     Tuning tuning;
     if (dir.empty()) return tuning;
@@ -216,8 +216,8 @@ public:
                     ZYTBufferUtil::GetBufferFormatString(m_options.format).c_str(), FrameBytes(m_options));
     }
 
-    // Takes one frame of packed pixels through the node, on the signal task's thread as when the camera raises it, and
-    // leaves its dumps behind. Returns what went wrong, or nothing.
+    // Processes one frame of packed pixels on the signal task's thread, as for a camera, and writes its dumps. Returns
+    // an error text, empty on success.
     std::string Deliver(unsigned int number, unsigned char* pixels) {
         m_number = number;
         m_pixels = pixels;
@@ -260,7 +260,7 @@ private:
         const auto nanos = [](auto duration) {
             return static_cast<unsigned long long>(std::chrono::nanoseconds(duration).count());
         };
-        // Timestamps of the camera stack are ticks of its timer; a node reports in them.
+        // The camera stack's timestamps are timer ticks, so a node reports ticks too.
         const unsigned long long ticks = ZYTUtil::QtimerNanoToQtimerTicks(nanos(Clock::now() - start));
         std::printf("frame %u\n", m_number);
         std::printf("  memory      %s in %llu us: DMA-BUF fd %d and %d, gralloc fd %d, plain\n",
@@ -296,7 +296,7 @@ private:
     unsigned int m_number = 0;
     unsigned char* m_pixels = nullptr;
     std::promise<std::string> m_result;
-    zyt::Connection m_onFrame{[this] { m_result.set_value(Process()); }, kName};  // gone before what it uses
+    zyt::Connection m_onFrame{[this] { m_result.set_value(Process()); }, kName};  // declared last, destroyed first
 };
 
 void PrintPool() {

@@ -1,4 +1,4 @@
-// What the sample node reports at a desk alone, by the emulated device's controls.
+// The sample node's reports on a desktop, which use the emulated device's controls.
 
 #include <hostdevice/hostdevice.h>
 

@@ -1,4 +1,4 @@
-// A node that averages four raw frames on worker threads: half the noise, and two more bits of each pixel.
+// A node that averages four raw frames on worker threads, which halves the noise and adds two bits per pixel.
 // usage: denoise FRAME FRAME FRAME FRAME DIRECTORY, each frame a dump such as night1_4000x3000_RawMipi10.raw
 
 #include <nodekit/cpuaccess.h>
@@ -23,7 +23,7 @@ public:
 
     zyt::Image Load(const char* path) { return zyt::LoadDump(m_manager, path, kMemory, kName); }
 
-    // The frames' mean as 16-bit raw, no image on failure.
+    // Returns the mean of the frames as 16-bit raw, or an empty image on failure.
     zyt::Image Process(const Frames& frames) {
         const ZYTImageBuffer& first = *frames[0];
         for (const zyt::Image& frame : frames) {
