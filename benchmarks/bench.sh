@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds the benchmarks optimised, runs each subject beside its peer and prints one table; the same goes to
-# build/bench/bench.json. With --update-docs it also rewrites the figures and plots of docs/performance.md.
-# Fails when something could not be run. A missed target is only reported.
+# Builds the benchmarks optimised, runs each subject next to its peer, prints one table and writes it to
+# build/bench/bench.json. With --update-docs also rewrites the figures and plots of docs/performance.md.
+# Fails when a benchmark cannot be run. A missed target is only reported.
 set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -22,11 +22,11 @@ cmake --preset bench >"$build/configure.log"
 cmake --build "$build" -j "$(nproc)" >"$build/build.log" || { tail -n 30 "$build/build.log" >&2; exit 1; }
 strip -o "$build/libzyttools.stripped.so" "$build/common/tools/libzyttools.so"
 
-# A desk's own properties could switch the logs on.
+# The user's properties could turn the logs on.
 unset HOSTDEVICE_PROPERTIES
 rm -f "$build"/round-*.json
-# Several processes, each with several repetitions in random order: what one process draws by chance, such as where its
-# memory lies, is drawn anew in the next. One process an area, so that a subject and its peer run close together.
+# Several processes, each with several repetitions in random order, because a result depends on chance, such as a
+# process's memory addresses. One process per area, so that a subject and its peer run close together in time.
 for round in 1 2 3 4 5 6 7 8 9; do
     for area in pool/ pool_sizes manager log_site offline copy_nv12 copy_p010 dump outline tasks signal \
         kit_plain kit_dmabuf kit_gralloc kit_rows kit_unpack kit_pack; do

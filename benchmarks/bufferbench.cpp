@@ -17,8 +17,8 @@ namespace {
 
 constexpr uint32_t kPageSize = 4096;
 
-// What taking and returning a buffer cannot do without: the pool's containers under the pool's locks, nothing around
-// them. A busy record remembers its queue, so that a return needs no second look-up in the free lists.
+// The minimum for taking and returning a buffer: the pool's containers under the pool's locks and nothing else. A busy
+// record keeps a pointer to its queue, so that a return needs no second look-up in the free lists.
 class BarePool {
 public:
     explicit BarePool(uint32_t sizes) : m_memory(sizes) {
@@ -66,7 +66,7 @@ private:
     std::map<void*, Buffer> m_busy;
 };
 
-// The only client while a benchmark runs: destroying it empties the pool for the next one.
+// The only client during a benchmark, so that its destructor empties the pool for the next one.
 class Pool {
 public:
     explicit Pool(uint32_t sizes) {
@@ -89,7 +89,7 @@ private:
     ZYTBufferPool m_client;
 };
 
-// One size for each thread.
+// Each thread has its own size.
 template <typename P>
 std::unique_ptr<P> g_pool;
 

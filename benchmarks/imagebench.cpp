@@ -16,8 +16,8 @@ constexpr char kDumpPath[] = ZYT_BENCH_SCRATCH "dump.raw";
 
 uint32_t AlignUp(uint32_t value, uint32_t alignment) { return (value + alignment - 1) / alignment * alignment; }
 
-// Subject and peer work on the same pages: where an image lies in memory decides more about a copy than who makes it.
-// Aligned as the mappings are that images live in, and written once before anything is measured.
+// Subject and peer use the same pages, because an image's address affects the speed of a copy more than the code does.
+// Page-aligned like the mappings of images, and written once before the measurement.
 unsigned char* Arena(int index) {
     constexpr size_t kSize = 160u << 20;
     static unsigned char* const arenas[] = {static_cast<unsigned char*>(std::aligned_alloc(kPageSize, kSize)),
@@ -71,8 +71,7 @@ void CopyPeer(benchmark::State& state) {
     }
 }
 
-// A new file each time: file systems write a file out early when it is truncated and closed, which would measure the
-// disk.
+// Makes each dump a new file. File systems flush a file that is truncated and closed, which would measure the disk.
 void RemoveDump(benchmark::State& state) {
     state.PauseTiming();
     unlink(kDumpPath);
@@ -110,7 +109,7 @@ void Outline(benchmark::State& state) {
     }
 }
 
-// As many bytes in each row as the outline has there, without asking where they belong.
+// Writes as many bytes in each row as the outline has, without computing their positions.
 void OutlinePeer(benchmark::State& state) {
     const Image image(0, ZYT_FORMAT_YUV420NV12, state, 64);
     const uint32_t reach = kThickness / 2;

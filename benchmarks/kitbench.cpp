@@ -42,8 +42,7 @@ void ImagePeer(benchmark::State& state) {
     }
 }
 
-// What a node has to do by hand for a gralloc image that it can touch: a client of its own, the stride, all of the
-// memory.
+// What a node must do itself for an accessible gralloc image: create a client, get the stride, map all of the memory.
 void GrallocPeer(benchmark::State& state) {
     ZYTBufferManager manager("Bench");
     for (auto _ : state) {
@@ -69,7 +68,7 @@ void GrallocPeer(benchmark::State& state) {
 constexpr unsigned int kWorkers = 4;
 constexpr uint32_t kBands = 8;
 
-// Rows of a preview, brightened.
+// Brightens the rows of a preview.
 struct Preview {
     std::vector<unsigned char> pixels = std::vector<unsigned char>(size_t{640} * 480);
 
@@ -114,7 +113,7 @@ void RowsPeer(benchmark::State& state) {
 
 constexpr size_t kRowBytes = size_t{kWidth} * 10 / 8;
 
-// A raw image and its samples, on pages of their own and written once before anything is measured.
+// A raw image and its samples, on separate pages and written once before the measurement.
 struct Raw {
     unsigned char* rows = Fresh(kRowBytes * kHeight);
     unsigned char* samples = Fresh(size_t{kWidth} * kHeight * 2);
@@ -153,7 +152,7 @@ void Pack(benchmark::State& state) {
     }
 }
 
-// As many bytes as the subject writes.
+// Writes as many bytes as the subject.
 void UnpackPeer(benchmark::State& state) {
     for (auto _ : state) {
         std::memcpy(TheRaw().samples, TheRaw().other, size_t{kWidth} * kHeight * 2);

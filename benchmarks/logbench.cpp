@@ -19,7 +19,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The line that a node's frame loop writes most, in both dialects.
+// The most frequent line of a node's frame loop.
 #define BENCH_FORMAT "Get buffer type: %d, size: %u, pBuf: %p. Free buf num this size: %u"
 #define BENCH_PEER_FORMAT "[{}] {}:{} {}() Get buffer type: {}, size: {}, pBuf: {}. Free buf num this size: {}"
 
@@ -48,17 +48,17 @@ void LogSitePeer(benchmark::State& state) {
     }
 }
 
-// The peer's queue takes a whole burst, so that neither caller ever waits for a place; ours has no bound.
+// The peer's queue holds a whole burst, so that its caller never waits; our queue is unbounded.
 constexpr int kBurst = 2000;
 constexpr size_t kQueueSize = 8192;
-constexpr int kBursts = 10;  // timed by hand, so the count is fixed too
+constexpr int kBursts = 10;  // fixed, because the time is measured manually
 
 std::string ReadFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Writes bursts to files of their own and reports seconds a line, for the caller alone or until all are in the file.
+// Writes each burst to a new file. Reports seconds per line, for the caller only or until all lines are in the file.
 void WriteOfflineBursts(benchmark::State& state, bool untilWritten) {
     ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
     const Arguments a;
@@ -66,7 +66,7 @@ void WriteOfflineBursts(benchmark::State& state, bool untilWritten) {
     for (auto _ : state) {
         {
             const zyt::Lock lock(log.m_logFileLock);
-            log.m_curLogFileSize = ZYTOfflineLog::kFileSizeLimit;  // the next line starts a file
+            log.m_curLogFileSize = ZYTOfflineLog::kFileSizeLimit;  // the next line starts a new file
         }
         const auto start = Clock::now();
         for (int i = 0; i < kBurst; ++i) {

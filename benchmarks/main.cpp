@@ -4,9 +4,9 @@
 #include "logging/zytofflinelog.h"
 
 int main(int argc, char** argv) {
-    // Both logs off, unless a benchmark of a log says otherwise. The offline log starts its workers here, because a
-    // process without other threads takes cheaper paths in malloc and in shared pointers: whatever happened to run
-    // before the first log call would be measured in another world than its peer.
+    // Both logs are off, except in the benchmarks of a log. The offline log starts its workers here, because malloc and
+    // shared pointers are faster in a single-threaded process: otherwise a subject measured before the first log call
+    // would have an advantage over a peer measured after it.
     ZYTLogUtil::m_level = 0;
     ZYTOfflineLog::GetInstance().m_enable = false;
     benchmark::Initialize(&argc, argv);

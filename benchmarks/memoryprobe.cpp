@@ -9,8 +9,7 @@
 
 namespace {
 
-// From smaps_rollup, which walks the page tables: the counter in statm lags behind by up to a batch of pages a
-// processor.
+// Reads smaps_rollup, which walks the page tables. The counter in statm can lag by a batch of pages per processor.
 long ResidentKiB() {
     std::ifstream rollup("/proc/self/smaps_rollup");
     std::string word;
@@ -25,10 +24,10 @@ long ResidentKiB() {
 
 int main() {
     ZYTLogUtil::m_level = 0;
-    ResidentKiB();  // whatever a file stream needs is resident from here on
+    ResidentKiB();  // makes the memory of a file stream resident
     const long before = ResidentKiB();
     ZYT_LOG(E, "probe", "never written: %d", 1);
-    // The workers' stacks count too, once they have all got as far as waiting for their first line.
+    // Include the stacks of the workers: give them time to reach the wait for their first line.
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const long after = ResidentKiB();
     std::printf("{\"before\": %ld, \"after\": %ld}\n", before, after);

@@ -1,4 +1,4 @@
-"""Draws each "how cost grows" of bench.json as a PNG: cost relative to the first point, ours and the peer's."""
+"""Draws each growth series of bench.json as a PNG: our cost and the peer's, relative to the first point."""
 
 import json
 import os
@@ -29,7 +29,7 @@ def plot(name, part, directory):
     axes.grid(alpha=0.3)
     axes.legend(fontsize="small")
     figure.tight_layout()
-    # Without the version in it, so that the same figures give the same file.
+    # Without matplotlib's version, so that the same figures give the same file.
     figure.savefig(os.path.join(directory, f"{name}.png"), dpi=110, metadata={"Software": None})
 
 

@@ -1,4 +1,4 @@
-"""Turns the rounds of a benchmark run into one table and bench.json, and rewrites the figures of the documentation."""
+"""Combines the rounds of a benchmark run into a table and bench.json, and rewrites the figures of the documentation."""
 
 import collections
 import glob
@@ -9,7 +9,7 @@ import statistics
 import subprocess
 import sys
 
-# Subject, peer, benchmark, highest ratio.
+# Subject, peer, benchmark, target ratio.
 ROWS = [
     ("pool: take and return one buffer", "the bare work", "pool/threads:1", 2.0),
     ("manager: NV12 4000 x 3000 taken and freed", "fresh memory", "manager/4000/3000", 1 / 3000),
@@ -34,10 +34,10 @@ ROWS = [
     ("kit: RawMipi10 4000 x 3000 unpacked", "memcpy of as many bytes", "kit_unpack", 1.5),
     ("kit: RawMipi10 4000 x 3000 packed", "memcpy of as many bytes", "kit_pack", 2.5),
 ]
-# The same with the most nanoseconds above the peer.
+# Subject, peer, benchmark, target difference in nanoseconds.
 DIFFERENCES = [("log site below both thresholds", "an empty loop", "log_site", 1.0)]
-RUNS = "docs/performance/runs.json"  # what earlier runs gave, on this machine and others: ratios by subject
-# What grows with what: title, label of the axis, benchmarks of one point a parameter. "{}" is the parameter.
+RUNS = "docs/performance/runs.json"  # ratios of earlier runs by subject, on this machine and others
+# Growth series: axis label, parameters, and benchmarks by title. "{}" is the parameter.
 IMAGES = ["640/480", "1920/1080", "4000/3000", "8000/6000"]
 GROWTH = {
     "threads": ("Threads", [1, 2, 3, 4, 6, 8], {"pool, take and return": "pool/threads:{}"}),
@@ -49,7 +49,7 @@ GROWTH = {
 
 
 def read_rounds(build):
-    """Nanoseconds of every repetition, by benchmark, side and round, what the memory probe said, and zytview's memory."""
+    """Returns all times in ns by benchmark, side and round, the memory probe's output, and zytview's memory."""
     times = collections.defaultdict(lambda: {"ours": {}, "peer": {}})
     probes, views = [], []
     for path in sorted(glob.glob(f"{build}/round-*.json")):
@@ -75,7 +75,7 @@ def read_rounds(build):
 
 
 def medians(times, name):
-    """The medians of both sides, and of their ratio within each round, so that what slows a whole round cancels out."""
+    """Returns the medians of both sides and of their ratio per round, in which a slowdown of a whole round cancels."""
     sides = times[name]
     if not sides["ours"] or sides["ours"].keys() != sides["peer"].keys():
         sys.exit(f"{name} was not run")
@@ -108,7 +108,7 @@ def make_rows(times, probes, views, build):
     rows = []
     for subject, against, name, limit in ROWS:
         point = medians(times, name)
-        ratio = round(point["ratio"], 2) if limit >= 0.01 else point["ratio"]  # more digits than shown are noise
+        ratio = round(point["ratio"], 2) if limit >= 0.01 else point["ratio"]  # compare the digits shown
         rows.append((subject, show_time(point["ours"]), show_time(point["peer"]), against, show_ratio(ratio),
                      show_ratio(limit), ratio <= limit, show_range(point["lowest"], point["highest"]), point["ratio"]))
     for subject, against, name, limit in DIFFERENCES:
@@ -167,7 +167,7 @@ def print_table(rows):
 
 
 def record_run(rows, machine):
-    """Adds this run to those on record, and returns the ratios of all of them by subject."""
+    """Adds this run to the recorded ones and returns the ratios of all runs by subject."""
     with open(RUNS, encoding="utf-8") as file:
         runs = json.load(file)
     runs.append({"processors": machine["processors"],
@@ -183,7 +183,7 @@ def record_run(rows, machine):
 
 
 def markdown(rows, growth, machine):
-    """The three generated sections: absolute times stay out, since they say nothing about another machine."""
+    """Returns the three generated sections, without absolute times, which mean nothing on another machine."""
     ratios = record_run(rows, machine)
     seen = {subject: show_range(min(values), max(values)) for subject, values in ratios.items() if len(values) > 1}
     yield "machine", [f"- {key}: {value}" for key, value in machine.items()]

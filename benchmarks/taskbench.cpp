@@ -25,7 +25,7 @@ double SecondsSince(Clock::time_point start) { return std::chrono::duration<doub
 constexpr int kProducers = 4;
 constexpr int kTasks = 100000;
 
-// Counts tasks down; the last one lets the benchmark go on.
+// Counts tasks down; the last one wakes the benchmark.
 struct Countdown {
     std::atomic<int> left{kTasks};
     std::promise<void> done;
@@ -35,7 +35,7 @@ struct Countdown {
     }
 };
 
-// Seconds from the moment the producers may start until the last task has run.
+// Returns the seconds from the start of the producers until the last task has run.
 double RunProducers(Countdown& countdown, const std::function<void()>& queueOne) {
     std::promise<void> go;
     const std::shared_future<void> mayGo(go.get_future());
@@ -91,10 +91,9 @@ void TasksPeer(benchmark::State& state) {
 
 constexpr int kSignals = 1000;
 
-// The median time in seconds from raise() to what it makes another thread do, which is to store the time in ranAt.
-// Between two signals that thread gets time to go back to sleep, for that is where a signal finds it in a camera at 30
-// frames a second; one that arrives while the machine is doing something else takes a thousand times as long, so a mean
-// would measure the machine.
+// Returns the median time in seconds from raise() until another thread stores the time in ranAt. Between two signals
+// that thread has time to go back to sleep, as in a camera at 30 frames per second. The median is used because a signal
+// that arrives while the machine is busy takes a thousand times as long and would dominate a mean.
 template <typename Raise>
 double MedianLatency(std::atomic<int64_t>& ranAt, Raise raise) {
     std::vector<int64_t> latencies;

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Times zytview beside ffmpeg: a Bayer frame of 12 megapixels and 16 bits to a PNG of 16 bits a channel, once each.
+"""Times zytview and ffmpeg, which convert Bayer frames of 12 megapixels and 16 bits to PNGs of 16 bits per channel.
 
 usage: viewbench.py ZYTVIEW DIRECTORY >round.json
 
-Both read a frame of noise, which nothing compresses, and a smooth one. Prints wall times in the form of Google
-Benchmark's JSON, and the most memory that each had, in KiB. The frames are made once.
+One frame is incompressible noise, the other is smooth; each is converted once. Prints wall times in the format of
+Google Benchmark's JSON, and the peak memory of each program in KiB. The frames are created once.
 """
 import array
 import json
@@ -17,7 +17,7 @@ WIDTH, HEIGHT = 4000, 3000
 
 
 def smooth_frame():
-    """Diagonal waves, another brightness for each colour: row y is a piece of a longer row that begins at y."""
+    """Yields diagonal waves with a brightness per colour: row y is the part of a longer row that begins at y."""
     def wave(x, weight):
         return int(weight * (32768 + 14000 * math.sin(x / 700) + 9000 * math.cos(x / 450)))
 
@@ -40,7 +40,7 @@ def make_frames(directory):
 
 
 def run(command):
-    """Nanoseconds and KiB."""
+    """Returns nanoseconds and KiB."""
     start = time.perf_counter_ns()
     child = os.posix_spawnp(command[0], command, os.environ, file_actions=[
         (os.POSIX_SPAWN_OPEN, 0, "/dev/null", os.O_RDONLY, 0), (os.POSIX_SPAWN_OPEN, 1, "/dev/null", os.O_WRONLY, 0)])

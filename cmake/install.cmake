@@ -1,5 +1,4 @@
-# What `cmake --install` copies: libraries and zytview, the headers that clients include, and how CMake and pkg-config find
-# them.
+# Rules of `cmake --install`: libraries, zytview, the headers for clients, and the files for CMake and pkg-config.
 include(CMakePackageConfigHelpers)
 set(ZYT_HEADERS ${CMAKE_INSTALL_INCLUDEDIR}/zyttools)
 set(ZYT_CONFIG ${CMAKE_INSTALL_LIBDIR}/cmake/zyttools)
@@ -11,7 +10,7 @@ if(ZYT_BUILD_TOOLS)
     install(TARGETS zytview)
 endif()
 
-# The platform's own headers and libraries, or the emulated device's in their place.
+# The platform's headers and libraries, or those of the emulated device.
 if(ZYT_HOST_AOSP)
     set(ZYT_PC_CFLAGS "-isystem ${ZYT_AOSP_INCLUDE_DIR}")
     cmake_path(GET ZYT_AOSP_LIBUTILS PARENT_PATH ZYT_AOSP_LIBDIR)

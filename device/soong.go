@@ -1,6 +1,6 @@
-// Resolves Android.bp with the platform's own build system, as a vendor tree's build would, and looks at what comes out:
-// which sources are compiled, with which flags, and whether each platform header is on the include path. The platform's
-// modules are stubs. Breaks the file in ways that have happened, to see that each is noticed.
+// Resolves Android.bp with the platform's own build system, as in a vendor tree, and checks the result: which sources
+// are compiled, with which flags, and whether each platform header is on the include path. The platform's modules are
+// stubs. Then injects mistakes that have happened before, and checks that each is reported.
 //
 // usage, at the top of the tree: GO111MODULE=off GOPATH=/usr/share/gocode go run device/soong.go
 package main
@@ -18,12 +18,12 @@ import (
 )
 
 const (
-	checkout = "vendor/zyttools/" // where a vendor tree has this one
+	checkout = "vendor/zyttools/" // path of this tree in a vendor tree
 	variant  = "android_vendor.VER_arm64_armv8-a_shared"
 )
 
-// The platform's modules, each with a folder for its headers, and a vendor's own: what it names in BoardConfig.mk, and a
-// node that links to the library as docs/device-build.md says.
+// The platform's modules, each with a folder for its headers, and a vendor's modules: those named in BoardConfig.mk
+// and a node that links to the library as described in docs/device-build.md.
 const platform = `
 cc_library { name: "libcutils", vendor_available: true, export_include_dirs: ["stub/libcutils"], nocrt: true }
 cc_library { name: "libdmabufheap", vendor_available: true, export_include_dirs: ["stub/libdmabufheap"], nocrt: true }
@@ -42,7 +42,7 @@ cc_library_shared { name: "node", vendor: true, srcs: ["node.cpp"], shared_libs:
     header_libs: ["libzyttools_nodekit"], compile_multilib: "64" }
 `
 
-// Which module has a platform header: its folder, searched for on the include path of every compilation.
+// The module folder of each platform header, which must be on the include path of every compilation.
 var providers = map[string]string{
 	"android/log.h":                     "stub/liblog",
 	"android/set_abort_message.h":       "stub/liblog",
@@ -53,7 +53,7 @@ var providers = map[string]string{
 	"asvloffscreen.h":                   "stub/vendor_headers",
 }
 
-// What must not pass: a piece of Android.bp, what takes its place, and a word of the complaint.
+// Injected mistakes: a part of Android.bp, its replacement, and a word of the expected complaint.
 var mistakes = [][3]string{
 	{`init_rc: `, `init_rcs: `, `unrecognized property "init_rcs"`},
 	{`vendor: true`, `vendors: true`, `unrecognized property "vendors"`},
@@ -65,10 +65,10 @@ var mistakes = [][3]string{
 	{`"tests/zytutil_test.cpp"`, `"tests/zytutils_test.cpp"`, `zytutils_test.cpp`},
 }
 
-// For the environment that Soong reads.
+// Build directory for Soong.
 var scratch, _ = os.MkdirTemp("", "zyttools-soong-")
 
-// Not built by Soong; Android.bp says why.
+// Sources that Soong does not build; Android.bp gives the reasons.
 var notOnHost = regexp.MustCompile(`_aosp\.cpp$|^tests/(denoise|faultsweep|reliability|samplenode|zytview)_test\.cpp$`)
 
 func fatal(format string, args ...interface{}) {
@@ -85,7 +85,7 @@ func glob(patterns ...string) (files []string) {
 	return files
 }
 
-// The sources of this tree that a module compiles, with the flags of each.
+// Returns the sources of this tree that a module compiles, with their flags.
 func compilations(module android.Module) map[string]string {
 	flags := map[string]string{}
 	for _, params := range module.BuildParamsForTests() {
@@ -96,11 +96,11 @@ func compilations(module android.Module) map[string]string {
 	return flags
 }
 
-// What does not fit when Android.bp reads so, in a tree whose BoardConfig.mk names these modules. With isHost the tests
-// are built too.
+// Returns the faults of an Android.bp in a tree whose BoardConfig.mk names these modules. With isHost the tests are
+// built too.
 func faults(bp string, named map[string]string, isHost bool) (list []string) {
 	if isHost {
-		// This Soong knows no C library for the build machine but glibc.
+		// The only C library for the build machine in this Soong is glibc.
 		bp = regexp.MustCompile(`linux_glibc: {\s*enabled: false`).ReplaceAllString(bp, "linux_glibc: { enabled: true")
 	}
 	fs := map[string][]byte{checkout + "Android.bp": []byte(bp)}
@@ -138,7 +138,7 @@ func faults(bp string, named map[string]string, isHost bool) (list []string) {
 	return list
 }
 
-// What libzyttools compiles against what common/tools has, and the include paths of the library and of a node.
+// Compares the sources of libzyttools with common/tools, and checks the include paths of the library and of a node.
 func sourceFaults(ctx *android.TestContext, named map[string]string) (list []string) {
 	compiled := compilations(ctx.ModuleForTests("libzyttools", variant).Module())
 	for _, source := range glob("common/tools/*/*.cpp") {
@@ -160,7 +160,8 @@ func sourceFaults(ctx *android.TestContext, named map[string]string) (list []str
 	return list
 }
 
-// Files and folders of this tree that a command names and that are not there, or the other way round on the build machine.
+// Returns paths of this tree that the commands name but that do not exist and, on the build machine, sources that no
+// command names.
 func pathFaults(commands string, isHost bool) (list []string) {
 	isNamed := map[string]bool{}
 	for _, match := range regexp.MustCompile(`(?:\s|-I)`+checkout+`([^\s:$]+)`).FindAllStringSubmatch(commands, -1) {
@@ -191,7 +192,7 @@ func flagFaults(commands string) (list []string) {
 	return list
 }
 
-// The platform's headers that a file includes and these flags do not find.
+// Returns the platform headers that a file includes and that the flags do not find.
 func missingHeaders(file, flags string, named map[string]string) (list []string) {
 	text, err := os.ReadFile(file)
 	if err != nil {

@@ -1,10 +1,10 @@
-# Debian's cross compiler for 64-bit Arm: what `./dev device` runs is built with it.
+# Debian's cross compiler for 64-bit Arm, used by `./dev device`.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 
-# The desk's own libraries must not be found in place of the device's.
+# Do not find the build machine's libraries.
 set(CMAKE_FIND_ROOT_PATH /usr/aarch64-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

@@ -1,7 +1,7 @@
 # shellcheck shell=bash
-# Sourced by device.sh and run.sh, which set `work`, the directory for all that they make: builds the kernel, packs the
-# device's files and boots it. Whatever keeps that from happening ends in one "device: ..." line on stderr and a
-# non-zero exit. README.md has the knobs.
+# Sourced by device.sh and run.sh, which set `work`, their output directory. Builds the kernel, packs the device's files
+# and boots it. Every failure prints one "device: ..." line to stderr and exits with a non-zero status. README.md lists
+# the settings.
 
 failure=1
 die() {
@@ -9,7 +9,7 @@ die() {
     printf 'device: %s\n' "$*" >&2
     exit "$failure"
 }
-# For what no check below foresees. A subshell leaves the telling to its parent: one line, not two.
+# Reports failures that no check below covers. A subshell leaves the report to its parent, so that there is one line.
 trap '((BASH_SUBSHELL)) || die "${0##*/}:$LINENO: $BASH_COMMAND failed"' ERR
 
 root=${work:?}/rootfs
@@ -31,21 +31,21 @@ for limit in "$run_limit" "$test_limit" "$boot_limit"; do
     [[ $limit =~ ^[1-9][0-9]*$ ]] || die "a time-out must be a whole number of seconds, not '$limit'"
 done
 
-# One run at a time.
+# Allows one run at a time.
 lock_work() {
     mkdir -p "$work"
     exec {lock}>"$work/lock"
     flock --nonblock "$lock" || die "another run is at work in $work"
 }
 
-# Runs a long command with its output in a log; a failure shows the log's end and what it was for.
+# logged NAME PURPOSE COMMAND…    runs a command with its output in a log; on failure shows the log's end and PURPOSE
 logged() {
     local log=$work/$1.log what=$2
     shift 2
     "$@" >"$log" 2>&1 || { tail -n 20 "$log" >&2; die "$what failed, see $log"; }
 }
 
-# Sets `image`. The kernel is built once and kept outside the tree, under a name that changes with what it is made of.
+# Sets `image`. The kernel is built once and cached outside the tree, under a hash of its inputs.
 build_kernel() {
     local fragment=$PWD/devicelab/kernel.config key keep line
     key=$({ cat "$fragment"; dpkg-query -W -f='${Version}' linux-source-6.1; } | sha256sum | cut -c1-16)
@@ -55,7 +55,7 @@ build_kernel() {
 
     echo "building the kernel (a few minutes, once; kept in $keep)"
     scratch=$(mktemp -d "${TMPDIR:-/var/tmp}/zyttools-kernel-XXXXXX")
-    # Kconfig reads every directory's Kconfig, so what this kernel has no use for still leaves those behind.
+    # Unused directories are unpacked without sources, because Kconfig reads the Kconfig file of every directory.
     logged kernel-source 'unpacking the kernel' tar -xJf /usr/src/linux-source-6.1.tar.xz -C "$scratch" \
         --strip-components=1 --exclude='linux-source-6.1/drivers/'{gpu,net,media,staging,infiniband,scsi}'/*.[ch]' \
         --exclude='linux-source-6.1/sound/*.[ch]' --exclude='linux-source-6.1/tools/testing/*'
@@ -74,7 +74,7 @@ build_kernel() {
     done <"$fragment"
     logged kernel 'building the kernel' "${make[@]}" Image
 
-    # Renamed into place when complete, so that an interrupted or a simultaneous run leaves no half of a kernel.
+    # Renamed when complete, so that an interrupted or concurrent run leaves no partial kernel.
     mkdir -p "$keep"
     cp "$scratch/arch/arm64/boot/Image" "$keep/Image.$$"
     mv "$keep/Image.$$" "$image"
@@ -89,7 +89,7 @@ build_init() {
 
 pack_library() { aarch64-linux-gnu-strip -o "$2" "$1"; }
 
-# Copies what the given programs are linked to, and what that is linked to, from the build or from the cross compiler.
+# Copies the shared libraries that the programs need, recursively, from the build or from the cross compiler.
 pack_libraries() {
     local queue=("$@") library from
     while ((${#queue[@]})); do
@@ -105,7 +105,7 @@ pack_libraries() {
     done
 }
 
-# Makes the device's memory disk: what lies in `root`, with init and its settings.
+# Creates the initramfs from `root`, init and its settings.
 pack_root() {
     aarch64-linux-gnu-strip -o "$root/init" "$work/init"
     printf '%s\n' "$test_limit" "$filter" >"$root/devicelab.conf"
@@ -113,7 +113,7 @@ pack_root() {
         cpio --directory="$root" --create --null --format=newc --owner=0:0 --quiet >"$work/initramfs"
 }
 
-# Boots the device and shows its console, without the kernel's own lines, until the machine is off.
+# Boots the device and shows its console without the kernel's lines until the machine is off.
 boot() {
     local console line partial='' up='' why='' start=$SECONDS heard=$SECONDS patience=$boot_limit
     rm -rf "$result"
@@ -134,10 +134,10 @@ boot() {
                 'device: fatal: '*) why=${line#device: fatal: } ;;
                 'device: up'*) up=1 patience=$((test_limit + 60)) ;;
             esac
-            [[ -z $up ]] || heard=$SECONDS  # until init is up, no chatter of the kernel's counts
+            [[ -z $up ]] || heard=$SECONDS  # before init is up, kernel messages do not count as progress
             [[ -z $line || $line =~ ^\[\ *[0-9]+\.[0-9]+\] || $line == 'device: fatal: '* ]] || printf '%s\n' "$line"
         elif (($? > 128)); then
-            partial+=$line  # a time-out, perhaps in the middle of a line
+            partial+=$line  # read timed out, possibly in the middle of a line
         else
             break
         fi
@@ -154,11 +154,11 @@ boot() {
     [[ -n $up ]] || die "the machine went off before init was up (console: $work/console.log)"
 }
 
-# Unpacks what came back.
+# Unpacks the files from the device.
 unpack() {
     mkdir -p "$result"
     [[ -s $work/archive ]] || die "the device went off without sending a result (console: $work/console.log)"
-    # An archive without its end mark counts as none, even if the list of results is in it.
+    # An archive without its end mark is refused, even if it has the list of results.
     cpio --extract --make-directories --no-absolute-filenames --quiet --directory="$result" <"$work/archive" \
         2>"$work/archive.log" || die "the result came back truncated: $(tail -n 1 "$work/archive.log")"
     [[ -s $result/results ]] || die "the result came back without its list of tests"

@@ -1,5 +1,5 @@
-// Files on their way from the device to the desk, as a cpio archive: it can be written to a port that only takes bytes
-// one after another, and its end mark tells the reader that it came through whole.
+// Sends files from the device to the desktop as a cpio archive, which can be written to a serial port and whose end
+// mark shows the reader that it is complete.
 
 #ifndef DEVICELAB_CPIOARCHIVE_H
 #define DEVICELAB_CPIOARCHIVE_H
@@ -13,7 +13,7 @@
 
 class CpioArchive {
 public:
-    // `path` must exist: made anew, it would be a file that dies with the device. On failure IsSound() is false.
+    // REQUIRES: `path` exists; a new file would be lost with the device. On failure IsSound() is false.
     explicit CpioArchive(const char* path) {
         int fd = open(path, O_WRONLY | O_CLOEXEC);
         if (fd >= 0) m_file = fdopen(fd, "wb");
@@ -23,7 +23,7 @@ public:
 
     void Add(const std::string& name, const std::string& content) { AddEntry(name, S_IFREG | 0644, content); }
 
-    // Writes the end mark and closes. Returns whether everything since the beginning has been written.
+    // Writes the end mark and closes. Returns true when everything has been written.
     bool Finish() {
         AddEntry("TRAILER!!!", 0, "");
         bool sound = IsSound();

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds a 64-bit Arm device with a real DMA-BUF heap, boots it in an emulator, and runs the test suite and the sample
-# node there. A finished run's last line is "N passed, N failed".
+# node on it. The last line of a complete run is "N passed, N failed".
 # usage: device.sh [--filter REGEX]
 set -Eeuo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -20,7 +20,7 @@ build_project() {
     logged build 'building the project' cmake --build "$work" --parallel "$(nproc)"
 }
 
-# What the device shows beside its tests: the sample node on the desk demo's scene, by the command lines in /demo/run.
+# Packs the demo: the sample node with the scene of `./dev demo`, run by the command lines in /demo/run.
 demo_files() {
     python3 examples/makescene.py "$work/scene.ppm" "$root/demo/faces.txt"
     python3 devicelab/ppm2nv12.py "$work/scene.ppm" "$root/demo/scene.nv12"
@@ -34,7 +34,7 @@ pack() {
     local program programs=("$work"/tests/*_test "$work/examples/samplenode")
     rm -rf "$root"
     mkdir -p "$root"/{tests,examples,lib,vendor,demo/out}
-    # In the same places as in the build: a test looks for the sample node from where it is itself.
+    # At the same relative paths as in the build, by which a test finds the sample node.
     for program in "${programs[@]}"; do
         [[ -x $program ]] || die "the build made no $program"
         aarch64-linux-gnu-strip -o "$root${program#"$work"}" "$program"

@@ -1,15 +1,15 @@
-// The device's first process. It stands in for everything between the kernel and the programs: it mounts what they
-// need, runs each in a process of its own, sends the results home and powers off.
+// The device's init process. It mounts file systems, runs each program in a separate process, sends the results to the
+// desktop and powers off.
 //
 // device.sh packs it, statically linked, together with
 //   /tests/*_test        GoogleTest executables
-//   /vendor/build.prop   the properties that the emulated device answers the tests with
-//   /demo/run            one command line per line, words split at blanks; files left in /demo/out are sent home
-//   /demo/build.prop     the properties while the demo runs
-//   /devicelab.conf      seconds that one process may take, then a regular expression that picks tests (may be empty)
-// run.sh packs, in place of tests and demo,
-//   /jobs                the programs of a user's project, as project.py writes them
-// Both read from its console the lines that begin with "device: ".
+//   /vendor/build.prop   system properties during the tests
+//   /demo/run            one command line per line, words split at blanks; files left in /demo/out are sent back
+//   /demo/build.prop     system properties during the demo
+//   /devicelab.conf      time limit of one process in seconds, then a regular expression that selects tests or nothing
+// run.sh packs, instead of tests and demo,
+//   /jobs                the programs of a user's project, as written by project.py
+// Both scripts read the lines on the console that begin with "device: ".
 
 #include <fcntl.h>
 #include <sched.h>
@@ -50,13 +50,13 @@ constexpr char kOfflineLogDir[] = "/data/vendor/camera/offlinelog";
 constexpr char kResultPort[] = "/dev/vport0p1";
 constexpr size_t kTestsAtOnce = 2;
 constexpr size_t kMaxCores = 4;
-constexpr std::chrono::seconds kCoreLimit(60);  // for a hung process to leave its core
+constexpr std::chrono::seconds kCoreLimit(60);  // for a hung process to write its core
 
 [[noreturn]] void PowerOff() {
     std::fflush(stdout);
     tcdrain(STDOUT_FILENO);
     reboot(RB_POWER_OFF);
-    _exit(1);  // Only if the kernel refuses; init's end makes it panic, which device.sh reports.
+    _exit(1);  // Reached only if the kernel refuses. The end of init makes it panic, which device.sh reports.
 }
 
 [[noreturn]] void Fatal(const std::string& why) {
@@ -75,7 +75,7 @@ std::string ReadAll(int fd) {
     return text;
 }
 
-// Prefixed, so that nothing a test prints can pass for a line of init's own.
+// Indents a test's output, so that it cannot be mistaken for a line of init.
 void PrintIndented(const std::string& text) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
@@ -83,7 +83,7 @@ void PrintIndented(const std::string& text) {
     }
 }
 
-// Fresh, empty /tmp and /data, with the offline log's directory made as a device's boot makes it.
+// Mounts empty /tmp and /data, and creates the offline log's directory as the boot of a phone does.
 bool MountStorage() {
     return mount("tmpfs", "/tmp", "tmpfs", 0, "size=512m,mode=1777") == 0 &&
            mount("tmpfs", "/data", "tmpfs", 0, "size=512m,mode=0771") == 0 && mkdir("/data/vendor", 0771) == 0 &&
@@ -94,17 +94,17 @@ struct Command {
     std::string title;
     std::vector<std::string> argv;
     std::string workDir = "/tmp";
-    bool freshStorage = false;                  // a /tmp and a /data that no other process sees
-    bool captureStderr = true;                  // otherwise it goes to the console, apart from the output
+    bool freshStorage = false;                  // private, empty /tmp and /data
+    bool captureStderr = true;                  // if false, stderr goes to the console, not to the output
     bool leavesCore = false;                    // also when it hangs
-    std::vector<std::string> environment = {};  // beside init's own
-    std::chrono::seconds limit{0};              // 0 for the common one
+    std::vector<std::string> environment = {};  // added to init's environment
+    std::chrono::seconds limit{0};              // 0 for the common limit
 };
 
 struct Outcome {
     pid_t pid;
     bool hung;
-    int status;  // as waitpid() gives it
+    int status;  // from waitpid()
     double seconds;
     std::string output;
 
@@ -117,7 +117,7 @@ struct Outcome {
 };
 
 [[noreturn]] void Exec(const Command& command, int outputFd) {
-    setsid();  // a group of its own, so that a hung process is killed with all its children
+    setsid();  // a new process group, so that a hung process is killed with all its children
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -140,7 +140,7 @@ struct Outcome {
     _exit(127);
 }
 
-// Runs the commands in order, `slots` at a time, and tells `done` of each as it ends. Reaps orphans on the way.
+// Runs the commands in order, up to `slots` at a time, and calls `done` for each as it ends. Also reaps orphans.
 void RunAll(const std::vector<Command>& commands, size_t slots, std::chrono::seconds limit,
             const std::function<void(size_t index, const Outcome& outcome)>& done) {
     struct Job {
@@ -173,7 +173,7 @@ void RunAll(const std::vector<Command>& commands, size_t slots, std::chrono::sec
         for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
             auto job = std::find_if(running.begin(), running.end(), [pid](const Job& j) { return j.pid == pid; });
             if (job == running.end()) continue;
-            kill(-pid, SIGKILL);  // whatever it left running behind it
+            kill(-pid, SIGKILL);  // kills what it left running
             std::chrono::duration<double> taken = Clock::now() - job->start;
             Outcome outcome{pid, job->hung, status, taken.count(), ReadAll(job->outputFd)};
             close(job->outputFd);
@@ -184,7 +184,7 @@ void RunAll(const std::vector<Command>& commands, size_t slots, std::chrono::sec
         for (Job& job : running) {
             const Command& command = commands[job.index];
             const std::chrono::seconds patience = command.limit.count() > 0 ? command.limit : limit;
-            // Named before it is dead: one that sits in the kernel may never be.
+            // Reported before it is dead, because a process that hangs in the kernel may never die.
             if (!job.hung && job.IsOver(patience)) {
                 job.hung = true;
                 std::printf("device: %s hangs, killing it\n", command.title.c_str());
@@ -196,7 +196,7 @@ void RunAll(const std::vector<Command>& commands, size_t slots, std::chrono::sec
     }
 }
 
-// One line per test and demo command: verdict, seconds, title, detail; device.sh counts and names from it.
+// Appends one line per test and demo command for device.sh: verdict, seconds, title, detail.
 void Report(std::string& results, const char* verdict, const Command& command, const Outcome& outcome,
             const std::string& detail = "") {
     char seconds[32];
@@ -206,7 +206,7 @@ void Report(std::string& results, const char* verdict, const Command& command, c
                 detail.c_str());
 }
 
-// Reads what --gtest_list_tests prints: "Suite." at the margin, its tests indented, "# ..." comments behind either.
+// Parses the output of --gtest_list_tests: "Suite." at the margin, its tests indented, "# ..." comments after either.
 std::vector<Command> ParseList(const std::string& executable, const std::string& list) {
     auto disabled = [](const std::string& name) { return ("/" + name).find("/DISABLED_") != std::string::npos; };
     std::vector<Command> tests;
@@ -237,7 +237,7 @@ std::vector<Command> ListTests(std::chrono::seconds limit, std::string& results)
     std::vector<std::vector<Command>> lists(listings.size());
     RunAll(listings, kTestsAtOnce, limit, [&](size_t index, const Outcome& outcome) {
         if (outcome.Succeeded()) lists[index] = ParseList(listings[index].title, outcome.output);
-        // An executable that hides its tests must not make the suite look smaller and sound.
+        // An executable that lists no tests is a failure, not a smaller suite.
         if (lists[index].empty()) {
             Report(results, "failed", listings[index], outcome, "lists no tests: " + outcome.Describe());
         }
@@ -255,7 +255,7 @@ void RunTests(const std::vector<Command>& tests, std::chrono::seconds limit, std
         } else if (outcome.Succeeded() && printed("[  SKIPPED ] 1 test")) {
             Report(results, "skipped", tests[index], outcome);
         } else {
-            // Exit 0 alone is not enough: code under test that calls exit() would pass for a finished test.
+            // Exit code 0 is not enough: code under test may have called exit().
             Report(results, outcome.hung ? "hung" : "failed", tests[index], outcome,
                    outcome.Succeeded() ? "ended before the test did" : outcome.Describe());
             PrintIndented(outcome.output);
@@ -263,7 +263,7 @@ void RunTests(const std::vector<Command>& tests, std::chrono::seconds limit, std
     });
 }
 
-// In order, and no further than the first that fails: each works on what the ones before it left.
+// Runs the demo's commands in order up to the first that fails, because each needs the results of the ones before.
 void RunDemo(std::chrono::seconds limit, std::string& results) {
     setenv("HOSTDEVICE_PROPERTIES", "/demo/build.prop", 1);
     std::ifstream script("/demo/run");
@@ -288,19 +288,19 @@ void AddFile(CpioArchive& archive, const std::string& name, const std::string& p
     close(fd);
 }
 
-// Sends a directory's files, or those of them that have been written since.
+// Adds the files of a directory that have changed since the given time, by default all.
 void AddDirectory(CpioArchive& archive, const std::string& name, const std::string& dir, timespec since = {}) {
-    std::error_code error;  // a directory that is not there holds nothing to send
+    std::error_code error;  // a missing directory has no files to send
     for (const auto& file : std::filesystem::recursive_directory_iterator(dir, error)) {
         struct stat status;
         if (lstat(file.path().c_str(), &status) != 0 || !S_ISREG(status.st_mode)) continue;
-        const timespec& changed = status.st_ctim;  // modification times can be set
+        const timespec& changed = status.st_ctim;  // programs can set the modification time
         if (std::tie(changed.tv_sec, changed.tv_nsec) < std::tie(since.tv_sec, since.tv_nsec)) continue;
         AddFile(archive, name + "/" + std::filesystem::relative(file.path(), dir).string(), file.path());
     }
 }
 
-// The strings of /jobs, each ended by a null character; a list is its length, then its strings.
+// Reads the NUL-terminated strings of /jobs. A list is its length, then its strings.
 class JobReader {
 public:
     bool Next(std::string& text) { return bool(std::getline(m_file, text, '\0')); }
@@ -320,13 +320,13 @@ private:
     std::ifstream m_file{"/jobs"};
 };
 
-// Runs a project's programs one after the other. Sends what each printed as output/NUMBER and the core that it left as
-// core/NUMBER, puts number, status, whether it hung and seconds into `results`, and sends what changed in the project's
-// own directories.
+// Runs a project's programs one after the other. Adds the output of each as output/NUMBER and its core as core/NUMBER,
+// appends number, status, whether it hung, and seconds to `results`, and adds the changed files of the project's
+// directories.
 void RunJobs(std::chrono::seconds limit, CpioArchive& archive, std::string& results) {
     std::ofstream("/proc/sys/kernel/core_pattern") << "/run/core.%p";
     JobReader reader;
-    const std::vector<std::string> directories = reader.List();  // name, path, name, path …
+    const std::vector<std::string> directories = reader.List();  // alternating names and paths
     std::vector<Command> jobs;
     for (std::string title; reader.Next(title);) {
         Command job{title, {}, reader.Text(), false, true, true};
@@ -338,7 +338,7 @@ void RunJobs(std::chrono::seconds limit, CpioArchive& archive, std::string& resu
     }
 
     timespec start;
-    clock_gettime(CLOCK_REALTIME_COARSE, &start);  // the clock of the files' times
+    clock_gettime(CLOCK_REALTIME_COARSE, &start);  // the clock that stamps files
     size_t cores = 0;
     for (size_t number = 0; number < jobs.size(); ++number) {
         std::printf("device: running %s\n", jobs[number].title.c_str());
@@ -359,7 +359,7 @@ void RunJobs(std::chrono::seconds limit, CpioArchive& archive, std::string& resu
     }
 }
 
-// Runs the tests that the filter picks; without one, the demo as well.
+// Runs the tests that match the filter. Without a filter also runs the demo.
 void RunSuite(std::chrono::seconds limit, const std::string& filter, CpioArchive& archive, std::string& results) {
     std::vector<Command> tests = ListTests(limit, results);
     try {
@@ -377,7 +377,7 @@ void RunSuite(std::chrono::seconds limit, const std::string& filter, CpioArchive
 }
 
 void SetUp() {
-    klogctl(8, nullptr, 4);  // from here on the kernel speaks only of errors, so that it cuts no line of ours in two
+    klogctl(8, nullptr, 4);  // limits the kernel's messages to errors, because they can split init's lines
     const struct {
         const char *type, *target, *options;
     } mounts[] = {{"proc", "/proc", ""}, {"sysfs", "/sys", ""}, {"devtmpfs", "/dev", ""}, {"tmpfs", "/run", "size=1g"}};
@@ -387,7 +387,7 @@ void SetUp() {
     }
     mkdir("/tmp", 0755);
     mkdir("/data", 0755);
-    // A project's jobs see the files that were packed below these.
+    // A project's jobs need the packed files that fresh mounts would hide.
     if (access("/jobs", F_OK) == 0) {
         std::filesystem::create_directories(kOfflineLogDir);
     } else if (!MountStorage()) {
@@ -404,7 +404,7 @@ void SetUp() {
     sigset_t child;
     sigemptyset(&child);
     sigaddset(&child, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &child, nullptr);  // RunAll() waits for it
+    sigprocmask(SIG_BLOCK, &child, nullptr);  // RunAll() waits for this signal
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-"""Turns a picture into the raw frame that a camera would deliver: NV12, 8 bits, full range, no padding.
+"""Converts a picture to a raw frame like a camera's: NV12, 8 bits, full range, no padding.
 
 usage: ppm2nv12.py PICTURE.ppm FRAME.nv12     (binary PPM, 8 bits, both sides even)
 """

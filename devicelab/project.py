@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""What run.sh cannot do in a shell: a project's tests, as CTest lists them, become jobs for init.cpp, and what comes
-back of them becomes a verdict.
+"""Parts of run.sh that need Python: converts a project's CTest list to jobs for init.cpp, and their results to a
+verdict.
 
 usage: project.py programs BUILD
        project.py jobs     WORK PROJECT SECONDS STRICT [COMMAND...]
@@ -16,7 +16,7 @@ import signal
 import subprocess
 import sys
 
-# What a job's verdict depends on. The tests run one after the other in CTest's order, so that many others are moot.
+# Supported CTest properties. Tests run one after the other in CTest's order, so many others do not matter.
 HEEDED = {"DISABLED", "ENVIRONMENT", "FAIL_REGULAR_EXPRESSION", "PASS_REGULAR_EXPRESSION", "SKIP_REGULAR_EXPRESSION",
           "SKIP_RETURN_CODE", "TIMEOUT", "WILL_FAIL", "WORKING_DIRECTORY"}
 UNHEEDED = {"ENVIRONMENT_MODIFICATION", "FIXTURES_REQUIRED", "REQUIRED_FILES"}
@@ -28,7 +28,7 @@ def fail(text):
 
 
 def is_program(path):
-    """Whether a file is an executable or a shared library for 64-bit Arm."""
+    """Returns True for an executable or a shared library for 64-bit Arm."""
     if path.is_symlink() or not path.is_file() or not os.access(path, os.X_OK):
         return False
     with open(path, "rb") as file:
@@ -42,7 +42,7 @@ def programs(build):
 
 
 def find_command(build, project, command):
-    """One job: the program as it is named in the build, or the only one with its last name."""
+    """Returns a job for the program at that path in the build, or for the only program with that file name."""
     found = [path for path in (build / command[0],) if is_program(path)]
     found = found or [path for path in programs(build) if path.name == pathlib.Path(command[0]).name]
     if len(found) != 1:
@@ -88,7 +88,7 @@ def write_jobs(work, project, limit, strict, *command):
 
 
 def backtrace(work, number, job):
-    """Writes where each thread was, and returns the file and the frames of the thread that got the signal."""
+    """Writes a backtrace of all threads. Returns the file and the frames of the thread that got the signal."""
     core, file = work / "result/core" / number, work / f"result/backtrace-{number}.txt"
     if not core.exists():
         return None, []
@@ -102,7 +102,7 @@ def backtrace(work, number, job):
 
 
 def judge(job, code, hung, output):
-    """As CTest does: a word, and what there is to say."""
+    """Judges a result like CTest. Returns a verdict and its details."""
     def matches(name):
         return any(re.search(expression, output) for expression in job.get(name, []))
 
@@ -122,7 +122,7 @@ def judge(job, code, hung, output):
 
 
 def list_files(result):
-    """Says which files came back."""
+    """Prints the files that the device sent back."""
     files = [str(path.relative_to(result)) for part in ("project", "build", "offlinelog")
              for path in sorted((result / part).rglob("*")) if path.is_file()]
     if files:
@@ -131,7 +131,7 @@ def list_files(result):
 
 
 def verdict(work, *command):
-    """Tells what happened, and returns the exit status."""
+    """Prints the results and returns the exit status."""
     result = work / "result"
     jobs = json.loads((work / "jobs.json").read_text())
     words = []

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Cross-builds a CMake project against the library, boots the emulated device with it, and runs its tests there, or one
-# of its programs. The exit status is 0 or 1 for tests and the program's own otherwise: 128 + N after signal N, 124 for
-# one that hung. All that keeps them from running is 125.
+# Cross-builds a CMake project against the library, boots the emulated device with it, and runs its tests or one of its
+# programs there. The exit status is 0 or 1 for tests. For a program it is the program's own, 128 + N after signal N, or
+# 124 when it hung. It is 125 when nothing could be run.
 # usage: run.sh [--strict] PROJECT [COMMAND…]
 set -Eeuo pipefail
 called_from=$PWD
@@ -22,7 +22,7 @@ properties=$PWD/devicelab/device.prop
 [[ -z ${HOSTDEVICE_PROPERTIES-} ]] || properties=$(cd "$called_from" && realpath -m "$HOSTDEVICE_PROPERTIES")
 [[ -r $properties ]] || die "cannot read $properties, which HOSTDEVICE_PROPERTIES names"
 prefix=$work/prefix project_build=$work/project
-size_limit=600  # MiB that the device has room for
+size_limit=600  # capacity of the device in MiB
 
 build_library() {
     echo 'building the library for 64-bit Arm'
@@ -31,7 +31,7 @@ build_library() {
     logged install 'installing the library' cmake --install "$work/library" --prefix "$prefix"
 }
 
-# As `logged`, with the compiler's own messages.
+# Like `logged`, but shows the compiler's messages.
 logged_project() {
     local log=$work/$1.log what=$2
     shift 2
@@ -44,17 +44,17 @@ logged_project() {
 build_project() {
     echo "building $project"
     grep -qsxF "CMAKE_HOME_DIRECTORY:INTERNAL=$project" "$project_build/CMakeCache.txt" || rm -rf "$project_build"
-    # Debug information is what a backtrace is read with.
+    # Backtraces need debug information.
     logged_project project-configure "configuring $project" env PKG_CONFIG_LIBDIR="$prefix/lib/pkgconfig" \
         cmake -S "$project" -B "$project_build" -DCMAKE_TOOLCHAIN_FILE="$PWD/devicelab/aarch64-linux-gnu.cmake" \
         -DCMAKE_BUILD_TYPE=RelWithDebInfo -Dzyttools_DIR="$prefix/lib/cmake/zyttools"
     logged_project project-build "building $project" cmake --build "$project_build" --parallel "$(nproc)"
 }
 
-# Whole, so that a backtrace has names.
+# Copies the library unstripped, so that a backtrace has names.
 pack_library() { cp -L "$1" "$2"; }
 
-# The project's folder and its build in the places where they are here, for tests name both by whole paths.
+# Packs the project's folder and build at their local paths, because tests refer to both by absolute paths.
 pack_project() {
     local files=(tar -C / --create --exclude=.git --exclude-tag-all=CMakeCache.txt "${project#/}") programs
     local build_files=(tar -C / --create --exclude='*.o' --exclude='*.a' --exclude=CMakeFiles "${project_build#/}")

@@ -4,8 +4,8 @@
 usage: makescene.py PICTURE.ppm FACES.txt
 
 Faces are given in pixels of a 4000x3000 sensor. The picture shows the central 16:9 part, scaled to 1280x720. Face
-positions in the picture are computed here, independently of the library, so a mark beside a face in the demo's output is
-a fault in the library's mapping.
+positions in the picture are computed here, independently of the library, so a mark beside a face in the demo's output
+is a fault in the library's mapping.
 """
 import math
 import sys

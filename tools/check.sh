@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Builds and tests the tree with every toolchain that matters, under sanitizers, and runs the linters. The builds are
-# presets of CMakePresets.json. Installs what the steps need that are run, and nothing else.
+# Builds and tests the tree with all supported toolchains and sanitizers, and runs the linters. The builds are presets
+# of CMakePresets.json. Installs only the packages of the selected steps.
 # usage: tools/check.sh [STEP …]    all steps unless some are named
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 source tools/need.sh
 
-# In the order in which they run: those that say most for their time first.
+# In order of execution; steps that find the most in the least time come first.
 all_steps=(format shell soong docs gcc strict exports demo exits clang locks tidy aosp fma address thread)
 build_packages='g++ cmake make googletest libpng-dev'
 suite_packages="$build_packages ffmpeg pkgconf"
@@ -52,7 +52,7 @@ run_suite() {
         return 1
     }
     grep -E '^[0-9]+% tests passed' "$dir/test.log"
-    # A test that did not run is no test that passed.
+    # ctest does not count tests that did not run.
     ! grep -E 'Not Run' "$dir/test.log"
 }
 
@@ -60,7 +60,7 @@ build_and_test() { build "$1" && run_suite "$1"; }
 
 step_gcc() { build_and_test gcc; }
 
-# No access to buffers without a bracket, in the suite, the guide's node, which is part of it, and the demo.
+# Runs the suite, which includes the guide's node, and the demo in strict mode.
 step_strict() {
     build gcc && HOSTDEVICE_STRICT=1 run_suite gcc || return 1
     HOSTDEVICE_STRICT=1 ZYT_PRESET=check-gcc ./dev demo >build/check-gcc/demo.log 2>&1 || { tail -n 20 build/check-gcc/demo.log; return 1; }
@@ -68,8 +68,8 @@ step_strict() {
 
 step_clang() { build_and_test clang; }
 
-# The lock rules are worth something only if breaking one is noticed: takes one lock out, has a client hold one that it
-# must not hold, and wants to see that both are.
+# Checks that violations of the lock rules are reported: removes one lock, and calls a function with a lock held that
+# the caller must not hold.
 step_locks() {
     local source=common/tools/zytbuffermanager/zytbufferpool.cpp copy=$PWD/build/check-locks command
     [[ -e build/check-clang/compile_commands.json ]] || cmake --preset check-clang >/dev/null || return 1
@@ -91,10 +91,10 @@ EOF
     refuses 'requires holding mutex'
 }
 
-# The platform's own log and strong pointers.
+# Uses the platform's own log and strong pointers.
 step_aosp() { build_and_test aosp; }
 
-# Results must not change when multiplications and additions are fused.
+# Checks that results do not change on processors that can fuse multiplication and addition.
 step_fma() {
     if ! grep -q '\bfma\b' /proc/cpuinfo; then
         echo "this processor cannot fuse; the device's can, and runs the same tests"
@@ -103,14 +103,14 @@ step_fma() {
     build fma zytutil_test && run_suite fma -R 'Crop|FaceMapping|Clock|Drawing'
 }
 
-# Address and undefined-behaviour sanitizers, with leaks. Nothing is suppressed.
+# Runs the suite with the address, leak and undefined-behaviour sanitizers, without suppressions.
 step_address() {
     ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 UBSAN_OPTIONS=print_stacktrace=1 build_and_test address
 }
 
 step_thread() { TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 build_and_test thread; }
 
-# Processes that end with everything going on: a thousand when the step is named, fewer among all the others.
+# Ends processes while all parts of the library are busy: 1000 rounds when the step is selected, otherwise fewer.
 step_exits() {
     build gcc reliability_test || return 1
     ZYT_EXIT_ROUNDS=${ZYT_EXIT_ROUNDS:-$exit_rounds} \
@@ -127,7 +127,7 @@ step_tidy() {
         xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p build/check-clang 2>/dev/null
 }
 
-# A device's build: Android.bp in the platform's own build system, and one directory of the offline log everywhere.
+# Checks the device build: Android.bp in the platform's build system, and the same offline log directory in all files.
 step_soong() {
     local build=$PWD/build/check-soong file label
     [[ -z $(bpfmt -l Android.bp) ]] || { echo "Android.bp is not as bpfmt has it"; return 1; }
@@ -140,21 +140,21 @@ step_soong() {
         /usr/lib/go-1.19/bin/go build -o "$build/soong" device/soong.go && "$build/soong"
 }
 
-# Every public declaration is documented, and every link between pages leads somewhere.
+# Checks that every public declaration is documented and every link between pages has a target.
 step_docs() { ./dev docs; }
 
-# The shared library exports what its list says, and nothing else.
+# Checks that the shared library exports exactly the names on its list.
 step_exports() {
     build gcc zyttools || return 1
     local listed exported
     listed=$(grep -v '^#' common/tools/exports.txt | sort -u)
     exported=$(nm -DC --defined-only build/check-gcc/common/tools/libzyttools.so | sed 's/^[0-9a-f]* . //' | sort -u)
-    # After a < is what is listed and not exported, after a > what is exported and not listed.
+    # "<" marks names that are listed but not exported, ">" names that are exported but not listed.
     diff <(echo "$listed") <(echo "$exported") || return 1
     echo "$(wc -l <<<"$exported") names"
 }
 
-# The demo with a photograph that is stored turned, under a name that means something to a shell, ffmpeg and printf.
+# Runs the demo with a photograph that is stored rotated and whose name is special to a shell, ffmpeg and printf.
 step_demo() {
     local dir=build/check-demo name='-%d turned.jpg'
     mkdir -p "$dir"
@@ -166,7 +166,7 @@ exif = b"Exif\0\0MM\0*\0\0\0\x08\0\x01\x01\x12\0\x03\0\0\0\x01\0\x06\0\0\0\0\0\0
 open(sys.argv[2], "wb").write(jpeg[:2] + b"\xff\xe1" + (len(exif) + 2).to_bytes(2, "big") + exif + jpeg[2:])
 EOF
     local said size refused
-    export ZYT_PRESET=check-gcc  # one build less
+    export ZYT_PRESET=check-gcc  # avoids another build
     said=$(cd "$dir" && ../../dev demo "$name") && size=$(grep '32x64 YUV' <<<"$said") || { echo "$said"; return 1; }
     for refused in 'demo missing.jpg' 'demo a b c' 'test stray' 'docs stray'; do
         # shellcheck disable=SC2086

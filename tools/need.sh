@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # Sourced by the development commands.
 
-# Installs what a command needs, or says what is missing and ends it. Arguments: packages of Debian.
+# need PACKAGE…    installs missing Debian packages, or prints their names and exits when not root
 need() {
     local missing=() package log
     for package in "$@"; do
