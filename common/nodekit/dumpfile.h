@@ -19,6 +19,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 
 #include "logging/zytlogsite.h"
@@ -54,11 +56,13 @@ inline bool WriteDump(const ZYTImageBuffer& image, const std::string& path, cons
     const char* reason = WhatIsWrong(image);
     FILE* file = nullptr;
     if (reason == nullptr) {
+        constexpr size_t kBufferSize = size_t{512} << 10;
+        const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kBufferSize]);
         file = std::fopen(path.c_str(), "wb");
         bool isWritten = file != nullptr;
         if (isWritten) {
             // A few large writes are several times as fast as many small ones.
-            std::setvbuf(file, nullptr, _IOFBF, size_t{512} << 10);
+            if (buffer != nullptr) std::setvbuf(file, buffer.get(), _IOFBF, kBufferSize);
             isWritten = detail::EachRow(image, [file](const unsigned char* row, size_t bytes) {
                 return std::fwrite(row, 1, bytes, file) == bytes;
             });

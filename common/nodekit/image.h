@@ -251,7 +251,9 @@ private:
     const char* TakeGralloc(const char* name) {
         if (!IsYuv420(m_record.format)) return "gralloc images are NV12 or NV21";
         if (m_record.width == 0 || m_record.height == 0) return "it has no pixels";
-        if (uint64_t{m_record.width} * m_record.height > std::numeric_limits<uint32_t>::max()) {
+        // The library ends the process when stride * height does not fit. Gralloc pads rows, by far less than this.
+        constexpr uint64_t kMostPadding = 4096;
+        if ((m_record.width + kMostPadding) * m_record.height > std::numeric_limits<uint32_t>::max()) {
             return "its size does not fit 32 bits";
         }
         m_client.reset(new (std::nothrow) ZYTBufferPool);

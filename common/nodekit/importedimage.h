@@ -18,8 +18,10 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <utility>
 
 #include "logging/zytlogsite.h"
@@ -83,6 +85,7 @@ private:
     const char* Map() {
         if (const char* reason = detail::WhatIsWrongWithGeometry(m_record)) return reason;
         if (m_record.numberOfPlanes == 0 || m_record.numberOfPlanes > 2) return "it has neither one plane nor two";
+        std::fill(std::begin(m_record.pAddr), std::end(m_record.pAddr), nullptr);
         for (uint32_t k = 0; k < m_record.numberOfPlanes; ++k) {
             if (m_record.fd[k] <= 0) return "a plane has no descriptor";
             if (const char* reason = detail::WhatIsWrongWithDescriptor(m_record, k)) return reason;

@@ -10,6 +10,7 @@
 /// CollectFiles("/data/vendor/camera/offlinelog");                // the line is in the file
 /// @endcode
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -18,10 +19,17 @@
 
 #include "logging/zytlogsite.h"
 #include "nodekit/parallel.h"
+#include "nodekit/poolstate.h"
 
 namespace zyt {
 
 namespace detail {
+
+/// Returns the pool's number of workers, or 0 while the pool is being stopped, which holds the lock until they ended.
+inline uint32_t CountRunning(ZYTThreadPool& pool) ZYT_NO_THREAD_SAFETY_ANALYSIS {
+    const PatientLock lock(pool.m_threadListLock);
+    return lock ? static_cast<uint32_t>(pool.m_threadIdList.size()) : 0;
+}
 
 /// A barrier for all workers: once all have reached it, none is still writing a line that was queued earlier.
 class Roll final : public SharedWork {
@@ -34,9 +42,16 @@ public:
         m_changed.wait(lock, [this] { return m_missing == 0 || m_isGivenUp; });
     }
 
-    bool Wait(std::chrono::milliseconds timeout) {
+    bool Wait(ZYTThreadPool& pool, std::chrono::milliseconds timeout) {
+        using Clock = std::chrono::steady_clock;
+        constexpr std::chrono::hours kForever(1000000);  // milliseconds::max() cannot be added to a time
+        const auto end = Clock::now() + std::min<std::chrono::milliseconds>(timeout, kForever);
         std::unique_lock<std::mutex> lock(m_lock);
-        m_isGivenUp = !m_changed.wait_for(lock, timeout, [this] { return m_missing == 0; });
+        // A pool that is being stopped drops notices, then waits for the workers that wait here.
+        while (m_missing > 0 && Clock::now() < end && CountRunning(pool) > 0) {
+            m_changed.wait_until(lock, std::min(end, Clock::now() + std::chrono::milliseconds(100)));
+        }
+        m_isGivenUp = m_missing > 0;
         m_changed.notify_all();
         return !m_isGivenUp;
     }
@@ -55,13 +70,13 @@ private:
 /// REQUIRES: the caller is not a worker of the offline log.
 inline bool FlushOfflineLog(std::chrono::milliseconds timeout) {
     ZYTThreadPool& writers = ZYTOfflineLog::GetInstance().m_threadPool;
-    const uint32_t count = detail::CountWorkers(writers, 0);
+    const uint32_t count = detail::CountRunning(writers);
     auto* roll = count > 0 ? new (std::nothrow) detail::Roll(count) : nullptr;
     bool isFlushed = false;
     if (roll != nullptr) {
         // Notify queues all notices under one lock. If those of two callers mixed, each would hold half of the workers.
         const bool areAllCalled = detail::Notify(writers, *roll, count) == count;
-        isFlushed = roll->Wait(areAllCalled ? timeout : std::chrono::milliseconds(0));
+        isFlushed = roll->Wait(writers, areAllCalled ? timeout : std::chrono::milliseconds(0));
         detail::Withdraw(writers, *roll);
     }
     if (!isFlushed)

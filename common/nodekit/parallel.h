@@ -199,7 +199,7 @@ void ParallelRows(ZYTThreadPool& pool, uint32_t rows, Function&& function, uint3
     if (bands == 0) return;
     using Work = detail::Bands<std::remove_reference_t<Function>>;
     Work* work = bands > 1 ? new (std::nothrow) Work(rows, bands, function) : nullptr;
-    if (work == nullptr) return static_cast<void>(function(0u, rows));
+    if (work == nullptr) return [&]() noexcept { function(0u, rows); }();
     // More threads than processors, this one included, would only compete with each other.
     const uint32_t others = std::max(std::thread::hardware_concurrency(), 2u) - 1;
     detail::Notify(pool, *work, std::min({bands - 1, others, detail::CountWorkers(pool, bands)}));
