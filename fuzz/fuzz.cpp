@@ -1,4 +1,4 @@
-// One of the suite's rules as a fuzz target; ZYT_RULE says which.
+// Fuzz target for one of the suite's rules, selected by ZYT_RULE.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdio>
@@ -7,14 +7,14 @@
 
 #include "rules.h"
 
-// Part of the executable, so that an input behaves the same when it is replayed by hand.
+// In the executable, so that a manual replay of an input has the same options.
 extern "C" __attribute__((used)) const char* __asan_default_options() {
     return "strict_string_checks=1:detect_stack_use_after_return=1";
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);
-    // In the current directory; fuzz.sh makes that a passing one.
+    // In the current directory, which fuzz.sh makes temporary.
     static const bool isMade = std::filesystem::create_directory("fuzz.tmp");
     static_cast<void>(isMade);
     if (zytrule::ZYT_RULE(data, "fuzz.tmp")) return 0;

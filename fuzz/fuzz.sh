@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds the fuzz targets and runs each for some seconds, 60 unless told otherwise. One line a target, then the verdict;
-# a non-zero exit for any finding. Corpora, logs and findings stay in build/fuzz, so that runs add up, and an input that
-# was a finding once is tried again first.
+# Builds the fuzz targets and runs each for a number of seconds, by default 60. Prints one line per target and a
+# verdict; the exit status is non-zero for any finding. Corpora, logs and findings stay in build/fuzz, so that the next
+# run continues from them and tries earlier findings first.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 source tools/need.sh
@@ -15,7 +15,7 @@ seconds=${1:-60}
 [[ $# -le 1 && $seconds =~ ^[1-9][0-9]{0,5}$ ]] || die 'usage: fuzz.sh [SECONDS]'
 build=$PWD/build/fuzz
 export HOSTDEVICE_DATA=$build/device
-longest=400  # bytes of an input: no target can use more
+longest=400  # bytes of an input; no target uses more
 
 build_targets() {
     { cmake --preset fuzz &&
@@ -23,13 +23,13 @@ build_targets() {
         { tail -n 20 "$build/build.log" >&2; die "the build failed, see $build/build.log"; }
 }
 
-# Runs one target and says how it went; fails when there is a finding.
+# Runs one target and prints its result; fails when there is a finding.
 run_target() {
     local name=$1 target=$build/fuzz/$1 corpus=$build/corpus/$1 findings=$build/findings/$1 log=$build/logs/$1.log
     local status=0 counts why
     mkdir -p "$corpus" "$build/logs" "$findings"
     [[ -e $corpus/seed ]] || head -c $longest /dev/urandom >"$corpus/seed"
-    # The outer limit is for a target that does not come to its own.
+    # The outer limit stops a target that ignores its own.
     (cd "$scratch" && exec timeout --kill-after=10 $((seconds + 300)) "$target" -max_total_time="$seconds" -timeout=20 \
         -max_len=$longest -len_control=0 -use_value_profile=1 -artifact_prefix="$findings/" \
         "$corpus" "$findings") >"$log" 2>&1 &
@@ -51,7 +51,7 @@ need clang libclang-rt-14-dev cmake make
 mkdir -p "$build"
 exec {lock}>"$build/lock"
 flock --nonblock "$lock" || die "another run is at work in $build"
-# Some targets make many small files: in memory where there is such a place.
+# Some targets create many small files, so use a file system in memory when there is one.
 scratch=$(mktemp -d -p "$([[ -w /dev/shm ]] && echo /dev/shm || echo "${TMPDIR:-/tmp}")" zyttools-fuzz-XXXXXX)
 running=''
 cleanup() {

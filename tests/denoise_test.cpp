@@ -1,4 +1,4 @@
-// The denoise node, with each fault of the device at each call.
+// Runs the denoise node with each device fault at each call.
 #include <gtest/gtest.h>
 #include <hostdevice/hostdevice.h>
 
@@ -9,7 +9,7 @@
 
 using hostdevice::Fault;
 
-int DenoiseMain(int argc, char** argv);  // its main function, named so by the build
+int DenoiseMain(int argc, char** argv);  // the node's main(), renamed by the build
 
 TEST(Denoise, AveragesOrSaysWhyAndLeaksNothing) {
     constexpr size_t kWidth = 20, kHeight = 9;

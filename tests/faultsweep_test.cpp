@@ -26,14 +26,14 @@ using zyttest::Text;
 
 namespace {
 
-// Faults in the C library's calls. This executable holds the library's objects themselves and the linker wraps these
-// calls, so that only the library's own (and the test's) can fail, never those of the standard library. The emulated
-// device stages all others.
+// Faults in C library calls. This executable contains the library's objects and the linker wraps these calls, so that
+// only calls of the library and the test fail, never those of the standard library. The emulated device injects all
+// other faults.
 enum class LibcCall { kMalloc, kFopen, kMmap, kPthreadCreate };
 
 std::atomic<uint64_t> g_callsLeft[4];
 
-// As for the device's faults: the n-th such call from now fails, once; 0 disarms. A failing mmap returns null.
+// Makes the n-th such call from now fail once; 0 disarms. A failing mmap returns null.
 void FailNth(LibcCall call, uint64_t n) { g_callsLeft[static_cast<int>(call)] = n; }
 
 bool FaultPending(LibcCall call) { return g_callsLeft[static_cast<int>(call)] != 0; }
@@ -48,7 +48,7 @@ bool Fails(LibcCall call) {
 
 }  // namespace
 
-// The names that the linker's --wrap looks for.
+// The linker's --wrap redirects calls to these functions.
 extern "C" {
 
 void* __real_malloc(size_t size);
@@ -88,7 +88,7 @@ bool IsUsable(const ZYTImageBuffer& image) {
 
 enum class Outcome { kGood, kBufferFailed, kFileFailed };
 
-// What careful nodes do with every operation of the buffer side; a failure of any step only skips what needs it.
+// Uses every buffer operation like a careful node. A failed step skips only the steps that depend on it.
 Outcome UseEverything(const TempDir& dir) {
     Outcome outcome = Outcome::kGood;
     const auto expect = [&outcome](bool step, Outcome failure = Outcome::kBufferFailed) {
@@ -103,7 +103,7 @@ Outcome UseEverything(const TempDir& dir) {
     ZYTImageBuffer camera = Image(ZYT_FORMAT_YUV420NV12, 96);
     ZYTImageBuffer graphic = Image(ZYT_FORMAT_YUV420NV12, 64);
     ZYTImageBuffer plain = Image(ZYT_FORMAT_YUV420NV12, 64);
-    graphic.height = 48;  // room for the chroma rows
+    graphic.height = 48;  // includes the chroma rows
     expect(first.AllocBuffer(camera, ZYT_BUFFER_TYPE_DMABUF));
     expect(first.AllocBuffer(graphic, ZYT_BUFFER_TYPE_GRALLOC) && IsUsable(graphic));
     expect(second.AllocBuffer(plain, ZYT_BUFFER_TYPE_MALLOC));
@@ -131,7 +131,7 @@ Outcome UseEverything(const TempDir& dir) {
     second.FreeBuffer(plain);
     client.PutBufferToPool(graphic.pAddr[0]);
 
-    // Twelve of a size, of which the pool keeps ten; one is left to each manager's destructor.
+    // Twelve of one size, of which the pool keeps ten. Each manager's destructor frees one.
     std::vector<void*> buffers;
     for (int i = 0; i < 12; ++i) {
         void* pBuf = nullptr;
@@ -153,8 +153,8 @@ bool StandsIn(const std::vector<std::string>& log, char level, const std::vector
     });
 }
 
-// Makes the n-th call of a kind (a Fault or a LibcCall) fail, for n = 1, 2, 3 ... until none does. Then one of the
-// lines stands in the log at that level, unless a file was concerned. isSeen: a fault always makes a step fail.
+// Makes the n-th call of a kind (a Fault or a LibcCall) fail, for n = 1, 2, 3 ... until none fails. Each fault must log
+// one of the lines at that level, except for files. isSeen: a fault always makes a step fail.
 template <typename Call>
 void Sweep(Call call, char level, const std::vector<std::string>& lines, bool isSeen = true) {
     const TempDir dir;
@@ -173,7 +173,7 @@ void Sweep(Call call, char level, const std::vector<std::string>& lines, bool is
         EXPECT_EQ(live.heapMappings, 0u);
         EXPECT_EQ(live.graphicBuffers, 0u);
         EXPECT_EQ(live.graphicDescriptors, 0u);
-        // The pool never unmaps gralloc memory, and the scenario takes one such buffer.
+        // The pool never unmaps gralloc memory; the scenario takes one such buffer.
         EXPECT_LE(live.graphicMappings, graphicMappings + 1);
         if (!hasFired) {
             EXPECT_EQ(outcome, Outcome::kGood);
@@ -188,7 +188,7 @@ void Sweep(Call call, char level, const std::vector<std::string>& lines, bool is
 const std::string kNoBuffer = "AllocBuffer() Alloc buffer failed! Type: ";
 const std::string kNoGraphic = "GetBufferFromPool() Get buffer type: 2, width: 64, height: 48, size: 3072 failed!";
 
-// Destroyed after the log, which takes no memory for a line by then.
+// Destroyed after the log, which then allocates no memory for a line.
 struct Late {
     ZYTOfflineLog* log = nullptr;
     ~Late() {
@@ -208,7 +208,7 @@ ZYT_CHILD(LogAfterTheEnd) {
 
 TEST(FaultSweep, EveryFailedDeviceCallIsReportedAndNothingIsLost) {
     Sweep(Fault::kHeapAllocation, 'E', {kNoBuffer + "1, size: "});
-    // The kernel refuses the mapping: passed on as an address that a node has to test for.
+    // A mapping that the kernel refuses is passed on as MAP_FAILED, which a node must check.
     Sweep(Fault::kMapping, 'I', {"pBuf: 0xffffffffffffffff"}, false);
     Sweep(Fault::kGraphicBuffer, 'E', {kNoGraphic});
     Sweep(Fault::kGraphicDescriptor, 'E', {kNoGraphic});
@@ -216,7 +216,7 @@ TEST(FaultSweep, EveryFailedDeviceCallIsReportedAndNothingIsLost) {
 }
 
 TEST(FaultSweep, EveryFailedLibraryCallIsReportedAndNothingIsLost) {
-    Sweep(LibcCall::kMmap, 'E', {kNoBuffer + "1, size: ", kNoGraphic});  // null, where a refused one is not
+    Sweep(LibcCall::kMmap, 'E', {kNoBuffer + "1, size: ", kNoGraphic});  // null, unlike a refused mapping
     Sweep(LibcCall::kMalloc, 'E', {kNoBuffer + "0, size: "});
     Sweep(LibcCall::kFopen, 'E', {});
 }

@@ -166,7 +166,7 @@ TEST(HostDeviceTest, LogIsFilteredFormattedAndFatalAsOnADevice) {
 }
 
 TEST(HostDeviceTest, LogSinkIsCalledWithoutALockAndNoMoreOnceItIsReplaced) {
-    // Two threads at a time inside the sink, which logs itself; then nobody once the next one is in place.
+    // Two threads are inside the sink, which logs itself; none is once the sink is replaced.
     std::atomic<int> calls{0}, inside{0};
     std::atomic<bool> isFull{false};
     hostdevice::SetLogSink([&](int priority, const char* tag, const char* text) {
@@ -277,7 +277,7 @@ TEST(HostDeviceTest, StrongPointersDeleteWithTheLastReference) {
     sp<android::RefBase> base = pointer;
     EXPECT_TRUE(base == pointer);
     sp<GraphicBuffer> moved = std::move(pointer);
-    EXPECT_TRUE(pointer == nullptr);  // NOLINT(bugprone-use-after-move): an empty pointer is what a move leaves
+    EXPECT_TRUE(pointer == nullptr);  // NOLINT(bugprone-use-after-move): moved-from pointers are null
     base = nullptr;
     EXPECT_EQ(alive(), 1u);
     moved = MakeGraphicBuffer(2, 2);
@@ -287,7 +287,7 @@ TEST(HostDeviceTest, StrongPointersDeleteWithTheLastReference) {
     EXPECT_EQ(alive(), 0u);
 }
 
-// Two pages of heap memory under strict mode, and what is done to them, a letter a step.
+// Creates two pages of heap memory in strict mode and executes the steps, one per letter.
 void LiveStrictly(const char* steps) {
     hostdevice::SetStrict(true, true);
     ZYTBufferAllocator allocator;
@@ -307,7 +307,7 @@ void LiveStrictly(const char* steps) {
         if (*steps == 'o') take(other[1]);
         if (*steps == 'g') graphic = allocator.AllocGraphicBuffer(64, 64, kImplementationDefined, 0, &p, fd);
         if (*steps == 'x') close(copy), munmap(const_cast<char*>(other), 8192), allocator.DeallocDMABuffer(8192, p, fd);
-        // What others unmap and use for something else is theirs.
+        // A range that is mapped to something else is no longer protected.
         if (*steps == 'm') p = static_cast<char*>(mmap(p, 4096, 3, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0));
         if (*steps == '0') take(*static_cast<volatile char*>(mmap(nullptr, 1, 0, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)));
     }
@@ -346,7 +346,7 @@ TEST(StrictDeathTest, LocksRefusesLongMappingsAndHasThePhonesStack) {
         size_t stack = 0;
         pthread_getattr_default_np(&attributes);
         pthread_attr_getstacksize(&attributes, &stack);
-        std::exit(isRight && (stack == 1032192 || stack == 4 * 1032192) ? 0 : 1);  // the latter under a sanitizer
+        std::exit(isRight && (stack == 1032192 || stack == 4 * 1032192) ? 0 : 1);  // the larger under a sanitizer
     };
     EXPECT_EXIT(run(), ExitedWithCode(0), "^$");
 }

@@ -32,14 +32,14 @@ uint64_t CountLiveMemory() {
            live.graphicMappings;
 }
 
-// What was logged at E by the kit for an object of that name since the last call.
+// Returns the number of errors logged for an object of that name since the last call.
 int CountErrors(LogCapture& log, const std::string& name) {
     int count = 0;
     for (const std::string& line : log.Take()) count += line.rfind("E [" + name + "] ", 0) == 0;
     return count;
 }
 
-// Writes all that the record says there is, chroma included.
+// Writes all memory that the record describes, chroma included.
 void Fill(ZYTBufferManager& manager, Image& image) {
     CpuAccess access(manager, CPU_SYNC_WRITE, image);
     int row = 0;
@@ -48,7 +48,7 @@ void Fill(ZYTBufferManager& manager, Image& image) {
     EXPECT_TRUE(access.Close());
 }
 
-// Bit `bit` of pixel x in a row. Packed, the upper 8 of each pixel of a group come first, then the lower ones of all.
+// Returns the position of a bit of pixel x in a row. A packed group has the upper 8 bits of its pixels, then the lower.
 size_t PlaceOfBit(const zyt::FormatLayout& layout, size_t x, size_t bit) {
     if (!layout.IsPacked()) return x * 8 * layout.rowNumerator + bit + (layout.kind == zyt::FormatKind::kP010 ? 6 : 0);
     const size_t pixels = layout.bits == 12 ? 2 : 4, lows = layout.bits - 8;
@@ -56,7 +56,7 @@ size_t PlaceOfBit(const zyt::FormatLayout& layout, size_t x, size_t bit) {
     return bit >= lows ? group + x % pixels * 8 + bit - lows : group + pixels * 8 + x % pixels * lows + bit;
 }
 
-// Drops what is queued, as FlushTask() does, but for what the kit would lose with it.
+// Discards queued tasks like FlushTask(), but without the leak of the kit's notices.
 void Flush(ZYTThreadPool& pool) {
     using Work = zyt::detail::SharedWork;
     const zyt::Lock lock(pool.m_taskListLock);
@@ -75,7 +75,7 @@ TEST(RawPixels, AreEqualBitByBitInRowsOfAnyLength) {
         const zyt::FormatLayout& layout = zyt::kFormatLayouts[format];
         for (uint32_t width = 0; width < 70; ++width) {
             SCOPED_TRACE(std::string(layout.name) + " of " + std::to_string(width));
-            // On the heap and at their exact lengths, so that a sanitizer sees one byte too far.
+            // Heap blocks of the exact length, so that a sanitizer sees an access beyond the end.
             std::vector<unsigned char> row(static_cast<size_t>(layout.RowBytes(width)), 0xa5), expected(row.size());
             std::vector<uint16_t> samples(width), kept(width);
             for (size_t x = 0; x < width; ++x) {
@@ -161,7 +161,7 @@ TEST(Image, IsThereOrNothingIsLeftOfIt) {
             hostdevice::ClearFaults();
         }
     }
-    // Dead buffers that others have left in the pool.
+    // Unmapped buffers that other clients have left in the pool.
     ZYTBufferManager manager;
     ZYTImageBuffer dead = Describe(kNv12, 64, 64);
     hostdevice::FailNth(Fault::kMapping, 1);
@@ -228,7 +228,7 @@ TEST(CpuAccess, OpensEachDescriptorOnceAndClosesWhatItOpened) {
 TEST(ImportedImage, MapsWhatItIsGivenAndClosesNothing) {
     LogCapture log;
     ZYTBufferManager manager;
-    Image camera(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_GRALLOC);  // one descriptor, as a camera's
+    Image camera(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_GRALLOC);  // one descriptor, like a camera's buffer
     Fill(manager, camera);
     for (const uint32_t planes : {1u, 2u}) {
         ZYTImageBuffer brought = *camera;
@@ -307,7 +307,7 @@ TEST(Parallel, LosesNothingWhateverHappensToThePool) {
                 for (int i = 0; i < 20; ++i) {
                     group.Run([&, i = std::make_unique<int>(i)] {
                         sum += *i;
-                        if (*i == 5) group.Run([&] { sum += 1000; });  // the group's own task gives it one more
+                        if (*i == 5) group.Run([&] { sum += 1000; });  // a task adds to its own group
                     });
                 }
                 std::thread meanwhile([&] { event(pool); });
@@ -391,7 +391,7 @@ TEST(FlushOfflineLog, ReturnsWhenAllIsWritten) {
     const std::string text = zyttest::ReadFile(log.m_curLogFileName);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 100);
     log.m_enable = false;
-    // A worker that is held up elsewhere: the others are let go, and the next flush succeeds.
+    // One worker is blocked: the others are released, and the next flush succeeds.
     static std::mutex held;
     std::unique_lock<std::mutex> lock(held);
     const auto wait = [](void*, unsigned int) { const std::lock_guard<std::mutex> guard(held); };

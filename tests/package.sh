@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs into a clean prefix, moves that elsewhere, and builds with it what the documents show, as somebody would who
-# has nothing else: the guide's project by find_package, the guide's and the README's nodes by pkg-config.
+# Installs into a clean prefix, moves it, and builds the documents' examples with it alone: the guide's project with
+# find_package, the guide's and the README's nodes with pkg-config.
 # usage: package.sh BUILD-DIRECTORY COMPILER FLAGS
 set -euo pipefail
 tree=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -9,7 +9,7 @@ export CXX=$2 CXXFLAGS="$3 -Wall -Wextra -Wconversion -Wshadow -Werror"
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 
-# Writes the blocks of a document that begin with a comment that names a file, "continued" in later blocks.
+# Writes the code blocks of a document that begin with a comment with a file name, or "continued" in later blocks.
 extract() {
     awk '/^```/ { file = ""; isFirst = !isOpen; isOpen = !isOpen; next }
          isFirst && /^(\/\/|#) [A-Za-z]+\.[a-z]+(, continued)?$/ { file = $2; sub(/,$/, "", file) }

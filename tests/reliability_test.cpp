@@ -1,4 +1,4 @@
-// The library under load and on its way out. ZYT_EXIT_ROUNDS in the environment sets how many processes end under load.
+// The library under load and at process exit. ZYT_EXIT_ROUNDS in the environment sets the number of exits under load.
 
 #include <fcntl.h>
 #include <hostdevice/files.h>
@@ -25,14 +25,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A buffer with a mark at both ends that nobody else writes.
+// A buffer with a unique mark at both ends.
 struct Held {
     uint64_t* pFirst;
     uint64_t* pLast;
     uint64_t mark;
     int fd;
 
-    // Opens an access until the buffer is left.
+    // Opens an access that lasts until the buffer is released.
     Held(ZYTBufferManager& manager, void* pBuf, size_t size, int newFd, uint64_t newMark)
         : pFirst(static_cast<uint64_t*>(pBuf)), pLast(pFirst + size / sizeof(mark) - 1), mark(newMark), fd(newFd) {
         if (fd != 0) manager.StartCPUSync(fd, CPU_SYNC_READ_WRITE);
@@ -45,8 +45,8 @@ struct Held {
     }
 };
 
-// One node after another: each has two managers, takes buffers of random sizes and kinds, holds them for a random time
-// and leaves some for its managers' destructors. Returns whether all contents survived.
+// Simulates one node after another: each has two managers, takes buffers of random sizes and types, holds them for a
+// random time and leaves some to its managers' destructors. Returns true when all contents were intact.
 bool LiveAsNodes(uint64_t thread, uint64_t operations) {
     std::mt19937_64 random(thread);
     uint64_t mark = thread << 48;
@@ -76,7 +76,7 @@ bool LiveAsNodes(uint64_t thread, uint64_t operations) {
     return isIntact;
 }
 
-// Everything that can be going on when a process ends.
+// Ends a process while all parts of the library are busy.
 ZYT_CHILD(ExitWhileBusy) {
     ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
     zyt::StoreFlag(log.m_enable, true);
@@ -115,7 +115,7 @@ bool MountSmallDisk() {
     const std::string user = "0 " + std::to_string(getuid()) + " 1";
     const std::string group = "0 " + std::to_string(getgid()) + " 1";
     if (unshare(CLONE_NEWNS) != 0) {
-        // Without root: as root of a user name space of its own.
+        // Without root rights, as root of a new user namespace.
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !WriteWhole("/proc/self/setgroups", "deny") ||
             !WriteWhole("/proc/self/uid_map", user) || !WriteWhole("/proc/self/gid_map", group)) {
             return false;
@@ -158,7 +158,7 @@ ZYT_CHILD(LogToAFullDisk) {
 
 TEST(Load, NoBufferHasTwoHoldersAndNothingIsLeft) {
     constexpr uint64_t kThreads = 16;
-    // Strict mode asks the kernel for all mappings at every access.
+    // Fewer in strict mode, which reads all mappings at every access.
     const uint64_t kOperations = hostdevice::IsStrict() ? 20000 : 1000000;
     std::atomic<bool> isIntact{true};
     std::vector<std::thread> threads;

@@ -21,14 +21,14 @@
 #include "utilities/zytutil.h"
 #include "zytbuffermanager/zytbufferutil.h"
 
-/// Whether the library does as slow references do, for cases of any kind. The suite picks these by chance, the fuzz
-/// targets by what they find out about the branches taken. What the library answers by ending the process is sorted out
-/// before the call, so that whatever ends a caller is a finding. Files go to the directory `scratch`.
+/// Rules that compare the library with slow references. The suite chooses cases at random, the fuzz targets by
+/// coverage. Cases in which the library ends the process by design are skipped, so that every crash is a finding. Files
+/// are created in the directory `scratch`.
 namespace zytrule {
 
 constexpr uint64_t kMax32 = UINT32_MAX;
 
-/// The part of a fuzzer's FuzzedDataProvider that the rules use, by chance.
+/// Random choices, with the functions of FuzzedDataProvider that the rules use.
 class RandomChoices {
 public:
     explicit RandomChoices(uint64_t seed) : m_random(seed) {}
@@ -47,7 +47,7 @@ private:
     std::mt19937_64 m_random;
 };
 
-/// A heap block of exactly that many bytes: the address sanitizer sees every access beyond it.
+/// A heap block of the exact size, so that the address sanitizer sees every access beyond it.
 class Memory {
 public:
     Memory(size_t size, size_t seed) : m_size(size), m_bytes(new unsigned char[size]) {
@@ -63,7 +63,7 @@ private:
 
 // Drawing.
 
-// Mostly near the image, at times anywhere.
+// Returns a coordinate, mostly near the image.
 template <typename Choices>
 uint32_t Near(Choices& data) {
     return data.ConsumeIntegralInRange(0, 7) > 0 ? data.ConsumeIntegralInRange(0u, 60u)
@@ -72,7 +72,7 @@ uint32_t Near(Choices& data) {
 
 inline bool IsBetween(int64_t value, int64_t low, int64_t high) { return value >= low && value <= high; }
 
-// On the outline: within the outer edge of the four bands, but not inside their inner edge.
+// Returns true for pixels of the outline: inside the outer edge of its four bands, but not inside their inner edge.
 inline bool IsMarked(int64_t x, int64_t y, const ZYTRect& rect, int64_t t) {
     const int64_t left = rect.left, top = rect.top, right = left + rect.width, bottom = top + rect.height;
     const bool isInOuter = IsBetween(x, left - t, right + t) && IsBetween(y, top - t, bottom + t);
@@ -80,7 +80,7 @@ inline bool IsMarked(int64_t x, int64_t y, const ZYTRect& rect, int64_t t) {
     return isInOuter && !isInInner;
 }
 
-/// Points and outlines over a luma plane that ends with its last pixel, against the rule applied to each pixel.
+/// Compares points and outlines with a test of each pixel, on a luma plane that ends with its last pixel.
 template <typename Choices>
 bool DrawsByRule(Choices& data, const std::string&) {
     ZYTImageBuffer image{};
@@ -99,7 +99,7 @@ bool DrawsByRule(Choices& data, const std::string&) {
     const uint32_t pointX = Near(data), pointY = Near(data);
     const ZYTRect rect = {Near(data), Near(data), Near(data), Near(data)};
     const uint32_t thickness = Near(data), t = thickness / 2;
-    // An image without pixels ends the process, and so does an outline whose far edge does not fit 32 bits.
+    // An image without pixels ends the process, as does an outline whose far edge does not fit in 32 bits.
     const bool isOutlined =
         !isEmpty && uint64_t{rect.left} + rect.width + t <= kMax32 && uint64_t{rect.top} + rect.height + t <= kMax32;
     for (uint32_t y = 0; isDrawable && y < image.height; ++y) {
@@ -116,15 +116,15 @@ bool DrawsByRule(Choices& data, const std::string&) {
 
 // Copies and dumps.
 
-constexpr uint64_t kMost = 1 << 16;  // bytes of an image, and bytes moved
+constexpr uint64_t kMost = 1 << 16;  // limit for the bytes of an image and the bytes moved
 constexpr size_t kPlanes[] = {0, 1};
-constexpr uint32_t kBits[] = {8, 8, 10, 12, 14, 16, 16, 16, 16, 16, 16};  // a pixel, by format
+constexpr uint32_t kBits[] = {8, 8, 10, 12, 14, 16, 16, 16, 16, 16, 16};  // bits per pixel, indexed by format
 
 inline bool IsKnown(int format) { return format >= 0 && format <= 10; }
 inline bool IsNv(int format) { return format == 0 || format == 1; }
 inline bool HasChroma(int format) { return IsNv(format) || format == ZYT_FORMAT_YUV_P010; }
 
-// What one operation moves, in each plane.
+// The bytes and rows that an operation moves in each plane.
 struct Moved {
     uint64_t rowBytes = 0;
     uint64_t rows[2] = {0, 0};
@@ -133,7 +133,7 @@ struct Moved {
     Moved(uint32_t width, uint32_t height, uint32_t bits, bool hasChroma)
         : rowBytes(bits % 8 == 0 ? uint64_t{width} * (bits / 8) : uint64_t{width} * bits),
           rows{height > INT32_MAX ? 0 : height, hasChroma ? height / 2 : 0} {
-        // A product that does not fit ends the process even where the row would fit: leave it too large.
+        // A product that overflows ends the process even if the row would fit, so it stays too large here.
         if (bits % 8 != 0 && rowBytes <= kMax32) rowBytes /= 8;
     }
 };
@@ -145,7 +145,7 @@ struct Picture {
 
     explicit Picture(const ZYTImageBuffer& described) : image(described) {}
 
-    // False for what ends the process, and for what takes more than a fuzzer should.
+    // Returns false for cases that end the process or need too much memory for a fuzzer.
     bool Allocate(const Moved& moved, size_t seed) {
         const bool isSingle = IsNv(image.format) && image.numberOfPlanes < 2;
         const uint64_t chroma = isSingle && moved.rows[1] > 0 ? uint64_t{image.planeStride} * image.sliceHeight : 0;
@@ -165,7 +165,7 @@ struct Picture {
         return true;
     }
 
-    // The image's bytes that count, in the order in which they are moved.
+    // Returns the addresses of the bytes that are moved, in order.
     std::vector<unsigned char*> Pixels(const Moved& moved) const {
         std::vector<unsigned char*> pixels;
         for (const size_t p : kPlanes) {
@@ -177,7 +177,7 @@ struct Picture {
     }
 };
 
-// Mostly small, at times at an end of what 32 bits hold.
+// Returns a number, mostly small, sometimes near a limit of 32 bits.
 template <typename Choices>
 uint32_t Side(Choices& data, uint32_t usual) {
     if (data.ConsumeIntegralInRange(0, 15) > 0) return data.ConsumeIntegralInRange(0u, usual);
@@ -202,7 +202,7 @@ inline bool CopiesByRule(const ZYTImageBuffer& from, ZYTImageBuffer to) {
     if (isMatching) {
         moved = Moved(from.width, from.height, isLike ? kBits[from.format] : 16, isLike && HasChroma(from.format));
     }
-    // Goes to the second address, whatever the destination says it is.
+    // The chroma is copied to the second address, regardless of the destination's number of planes.
     if (isP010) to.numberOfPlanes = 2;
     Picture src(from), dst(to), expected(to);
     if (!src.Allocate(moved, 1) || !dst.Allocate(moved, 100) || !expected.Allocate(moved, 100)) return true;
@@ -215,7 +215,7 @@ inline bool CopiesByRule(const ZYTImageBuffer& from, ZYTImageBuffer to) {
 inline bool DumpsByRule(const ZYTImageBuffer& from, const std::string& path) {
     Moved moved;
     if (IsKnown(from.format)) {
-        // Of Y16 half of each row, where the copy moves all.
+        // A dump of Y16 has half of each row, a copy all of it.
         const uint32_t bits = from.format == ZYT_FORMAT_Y16 ? 8 : kBits[from.format];
         moved = Moved(from.width, from.height, bits, HasChroma(from.format));
     }
@@ -228,12 +228,12 @@ inline bool DumpsByRule(const ZYTImageBuffer& from, const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(file), {}) == expected;
 }
 
-/// Copies and dumps of images over memory that ends where their layout ends, against a copy byte by byte.
+/// Compares copies and dumps with a bytewise copy, on memory that ends with the image.
 template <typename Choices>
 bool MovesByRule(Choices& data, const std::string& scratch) {
     const ZYTImageBuffer from = Describe(data);
     ZYTImageBuffer to = Describe(data);
-    // Sizes that are left to chance hardly ever match.
+    // Random sizes hardly ever match.
     const int relation = data.ConsumeIntegralInRange(0, 7);
     if (relation > 0) to.width = relation == 1 ? from.height : from.width;
     if (relation > 0) to.height = relation == 1 ? from.width : from.height;
@@ -262,8 +262,8 @@ inline ZYTRect ExpectedCrop(const ZYTRect& rect, uint32_t inWidth, uint32_t inHe
     return {(outHeight - height) / 2, (outWidth - width) / 2, width, height};
 }
 
-// (ratio * cropSide - dstSide) / 2, rounded once. A ratio of 32-bit numbers in single precision has no bit below 2^-55:
-// in units of that size everything is whole and fits 128 bits.
+// Returns (ratio * cropSide - dstSide) / 2, rounded once. A single-precision ratio of 32-bit numbers is a multiple of
+// 2^-55; in that unit all terms are integers of at most 128 bits.
 inline double Overflow(double ratio, uint32_t cropSide, uint32_t dstSide) {
     const __int128 scaled = static_cast<__int128>(std::ldexp(ratio, 55)) * static_cast<__int128>(Single(cropSide));
     const __int128 overflow = scaled - (static_cast<__int128>(Single(dstSide)) << 55);
@@ -287,7 +287,7 @@ inline ZYTRect ExpectedFace(const ZYTRect& face, const ZYTRect& crop, const ZYTR
 
 enum Place { kOutside, kInside, kFatal };
 
-// A far edge that does not fit 32 bits ends the process where it is to decide whether the face is inside.
+// A far edge that does not fit in 32 bits ends the process when it decides whether the face is inside.
 inline Place Locate(uint32_t start, uint32_t length, uint32_t low, uint64_t high) {
     if (start < low || start > high) return kOutside;
     const uint64_t end = uint64_t{start} + length;
@@ -305,15 +305,15 @@ ZYTRect Rect(Choices& data) {
     return {Number(data), Number(data), Number(data), Number(data)};
 }
 
-// Within the range or one beside it, or anything: what is left to chance lies outside nearly always.
+// Returns a number in or next to the range, or any number: a random one is nearly always outside.
 template <typename Choices>
 uint32_t About(Choices& data, uint64_t low, uint64_t high) {
     if (data.ConsumeBool()) return Number(data);
     return static_cast<uint32_t>(low - 1 + data.template ConsumeIntegralInRange<uint64_t>(0, high - low + 2));
 }
 
-/// Crops and faces against the same rules in double and in whole numbers, rounded to single precision after every step.
-/// A double has room for the sum, product or quotient of two floats such that rounding it again gives the float's own.
+/// Compares crops and faces with the same rules in double and integers, rounded to single precision after every step.
+/// Rounding the double sum, product or quotient of two floats gives the same result as single precision.
 template <typename Choices>
 bool PlacesByRule(Choices& data, const std::string&) {
     const ZYTRect rect = Rect(data), sides = Rect(data), crop = Rect(data), dst = Rect(data);
@@ -357,7 +357,7 @@ std::string Word(Choices& data, size_t longest) {
     return word;
 }
 
-/// Base names and lower case, over memory that ends with each string. What lies around a name is left alone.
+/// Checks base names and lower case on memory that ends with each string. Bytes around a name must not change.
 template <typename Choices>
 bool NamesByRule(Choices& data, const std::string&) {
     const std::string text = Word(data, 40);
@@ -366,7 +366,7 @@ bool NamesByRule(Choices& data, const std::string&) {
     const std::unique_ptr<char[]> path(new char[text.size() + 1]);
     std::memcpy(path.get(), text.c_str(), text.size() + 1);
 
-    // The terminator counts as part of the name only behind a slash.
+    // The terminator is part of the name only after a slash.
     const size_t slash = text.rfind('/');
     const std::string name = slash == std::string::npos ? text : text.substr(slash + 1) + '\0';
     const std::string expected = name.substr(0, capacity);
@@ -383,12 +383,12 @@ bool NamesByRule(Choices& data, const std::string&) {
     return std::string(written.get(), block.size()) == block && ZYTUtil::ToLowerCaseStr(path.get()) == lower;
 }
 
-/// Whole files of any content, also empty, behind links, missing, and longer than 32 bits can count.
+/// Reads whole files of any content: empty, linked, missing, and with a length that does not fit in 32 bits.
 template <typename Choices>
 bool ReadsByRule(Choices& data, const std::string& scratch) {
     const bool isMissing = data.ConsumeIntegralInRange(0, 15) == 0;
     const uint64_t wraps = data.ConsumeBool() ? 0 : data.template ConsumeIntegralInRange<uint64_t>(0, 3);
-    std::string content(data.template ConsumeIntegralInRange<size_t>(0, 40000), '\0');  // several of a stream's buffers
+    std::string content(data.template ConsumeIntegralInRange<size_t>(0, 40000), '\0');  // several stream buffers
     const std::string unit = Word(data, 40);
     for (size_t i = 0; i < content.size(); ++i) {
         content[i] = static_cast<char>(unit.empty() ? 0 : unit[i % unit.size()] ^ static_cast<char>(i >> 8));
@@ -398,7 +398,7 @@ bool ReadsByRule(Choices& data, const std::string& scratch) {
     std::filesystem::remove(link);
     if (!isMissing) {
         std::ofstream(file, std::ios::binary) << content;
-        // What lies beyond is a hole; only the length's low 32 bits count.
+        // The rest is a hole; only the low 32 bits of the length count.
         std::filesystem::resize_file(file, (wraps << 32) + content.size());
     }
     std::filesystem::create_symlink("file", link);
@@ -411,7 +411,7 @@ bool ReadsByRule(Choices& data, const std::string& scratch) {
     return isRight && ZYTUtil::IsFileExist(path.c_str()) == !isMissing;
 }
 
-// False when dir or a directory below it cannot be listed.
+// Returns false when dir or a directory below it cannot be listed.
 inline bool List(const std::string& dir, bool recursive, std::vector<std::string>& files) {
     namespace fs = std::filesystem;
     std::error_code error;
@@ -430,8 +430,7 @@ inline bool List(const std::string& dir, bool recursive, std::vector<std::string
     return !error;
 }
 
-// A small tree below base, and one of its directories: as it is, or something in it, or spelled so long that paths are
-// cut.
+// Creates a small tree below base. Returns one of its directories, a name in one, or a path so long that it is cut.
 template <typename Choices>
 std::string Plant(Choices& data, const std::string& base) {
     namespace fs = std::filesystem;
@@ -451,7 +450,7 @@ std::string Plant(Choices& data, const std::string& base) {
         if (kind < 3) {
             if (fs::create_directory(path, exists)) last = path;
         } else if (kind == 3 && !hasLink) {
-            // One at most: with two cycles the paths through them are beyond counting.
+            // One at most: two cycles have too many paths to list.
             const int target = data.ConsumeIntegralInRange(0, 3);
             fs::create_symlink(target == 0 ? "." : target == 1 ? ".." : target == 2 ? "missing" : name(), path, exists);
             hasLink = !exists;
@@ -467,7 +466,7 @@ std::string Plant(Choices& data, const std::string& base) {
     return dir;
 }
 
-// An ill-formed pattern ends the process by design, and one with many repeats may not end at all.
+// An invalid pattern ends the process by design, and one with many repeats may never finish.
 template <typename Choices>
 std::string Pattern(Choices& data) {
     constexpr const char* kUsual[] = {"a.*",    "[a-bX]+", "(a|B){2}",  ".",
@@ -483,7 +482,7 @@ std::string Pattern(Choices& data) {
     return "";
 }
 
-/// Listing and searching a small tree, against a lister made of the standard library's parts. Lists are appended to.
+/// Compares listing and searching a small tree with the standard library. Results are appended to the lists.
 template <typename Choices>
 bool ListsByRule(Choices& data, const std::string& scratch) {
     const std::string dir = Plant(data, scratch + "/tree"), pattern = Pattern(data);
@@ -498,12 +497,12 @@ bool ListsByRule(Choices& data, const std::string& scratch) {
         }
         return ZYTUtil::SearchFileByName(dir.c_str(), pattern.c_str(), found, recursive) == result && found == matching;
     };
-    // While anybody mounts a file system, the kernel counts links twice and gives up early on those that lead back into
-    // the tree: what differs has to differ again.
+    // During a mount in any process the kernel counts links twice and gives up early on cyclic ones, so a difference
+    // counts only when it repeats.
     return agrees() || agrees() || agrees();
 }
 
-/// Whether a rule holds for cases by chance; on stderr the seed of the first for which it does not.
+/// Returns true when a rule holds for random cases. Prints the seed of the first failure to stderr.
 inline bool Holds(bool (*rule)(RandomChoices&, const std::string&), uint64_t cases, const std::string& scratch) {
     for (uint64_t seed = 0; seed < cases; ++seed) {
         RandomChoices choices(seed);

@@ -17,7 +17,7 @@ protected:
         for (size_t i = 0; i < m_frame.size(); ++i) m_frame[i] = static_cast<char>(i % 200);
         WriteFile(m_frameFile, m_frame);
         std::filesystem::create_directory(m_dir / "tuning");
-        // The child's device, whatever this one is.
+        // Properties of the child, independent of this process's.
         WriteFile(m_dir / "properties", "ro.product.device=kivo\n");
         setenv("HOSTDEVICE_PROPERTIES", (m_dir / "properties").c_str(), 1);
     }
@@ -48,7 +48,7 @@ TEST_F(SampleNode, DumpsTheFrameAsItCameAndThenItsFaces) {
         EXPECT_THAT(result.output, HasSubstr(part));
     }
     const std::string marked = zyttest::ReadFile(m_dir / "node-faces1_100x60_YUV420NV12.raw");
-    // The outline of 31 by 21 pixels and the point in the middle.
+    // An outline of 31 by 21 pixels and the point in the middle.
     EXPECT_EQ(std::count(marked.begin(), marked.end(), '\xff'), 2 * 31 + 2 * 19 + 1);
     EXPECT_EQ(marked[10 * 100 + 20] & marked[30 * 100 + 50], '\xff');
 }

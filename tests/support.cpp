@@ -31,7 +31,7 @@ std::map<std::string, int (*)()>& Children() {
 
 char PriorityLetter(int priority) { return priority >= 2 && priority <= 6 ? "VDIWE"[priority - 2] : '?'; }
 
-// Other threads may be logging.
+// Atomic, because other threads may be logging.
 void SetLevel(int level) { __atomic_store_n(&ZYTLogUtil::m_level, level, __ATOMIC_RELAXED); }
 
 std::filesystem::path Self() { return std::filesystem::read_symlink("/proc/self/exe"); }
@@ -54,7 +54,7 @@ std::string Text(const char* format, ...) {
 }
 
 LogCapture::LogCapture(std::function<void(const std::string& line)> onLine) : m_savedLevel(ZYTLogUtil::m_level) {
-    // A process's first log site starts the offline log's workers, and these announce themselves.
+    // The first log call of a process starts the offline log's workers, which log lines of their own.
     ZYTOfflineLog::GetInstance();
     SetLevel(5);
     hostdevice::SetLogSink([this, onLine](int priority, const char*, const char* text) {
@@ -134,7 +134,7 @@ ChildResult RunCommand(const std::string& command, const std::vector<std::string
     const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
     std::vector<char*> argv = Pointers(words);
     argv.push_back(nullptr);
-    // Of two settings of one name the first counts.
+    // The first of two settings with the same name wins.
     std::vector<char*> envp = Pointers(settings);
     for (char** setting = environ; *setting != nullptr; ++setting) envp.push_back(*setting);
     envp.push_back(nullptr);
@@ -162,7 +162,7 @@ std::string ExpectRefusal(const std::string& command, const std::string& reason)
     const ChildResult result = RunBuilt(command);
     EXPECT_EQ(result.exitCode, 2) << result.output;
     const size_t end = result.output.rfind('\n', result.output.size() - 2);
-    const std::string line = result.output.substr(end + 1);  // all of it where there is no other line
+    const std::string line = result.output.substr(end + 1);  // all of it when there is only one line
     EXPECT_NE(line.find(reason), std::string::npos) << line;
     EXPECT_NE(line.find(std::filesystem::path(command.substr(0, command.find(' '))).filename().string() + ": "),
               std::string::npos);
@@ -182,7 +182,7 @@ bool RegisterChild(const char* name, int (*body)()) { return Children().emplace(
 }  // namespace zyttest
 
 int main(int argc, char** argv) {
-    // Said once for a test is enough: what its children say is read to the letter.
+    // Children print no line about strict mode, because tests compare their output.
     if (hostdevice::IsStrict()) setenv("HOSTDEVICE_STRICT", "quiet", 1);
     if (argc == 3 && std::strcmp(argv[1], "--child") == 0) {
         alarm(120);
@@ -190,9 +190,9 @@ int main(int argc, char** argv) {
         return child != zyttest::Children().end() ? child->second() : 99;
     }
     testing::InitGoogleTest(&argc, argv);
-    // Deaths are staged in a fresh process: a mere fork would inherit the locks of threads that it does not have.
+    // Death tests run in a new process: a forked one would inherit locks of threads that it does not have.
     testing::FLAGS_gtest_death_test_style = "threadsafe";
-    // What a process leaves behind that dies goes with its parent's directory, and so do the device's files.
+    // Files of crashed children and of the device are removed with this directory.
     const zyttest::TempDir dir;
     setenv("TMPDIR", dir.Path().c_str(), 1);
     setenv("HOSTDEVICE_DATA", (dir / "device").c_str(), 0);

@@ -12,27 +12,27 @@
 
 #include "zytbuffermanager/zytimagebuffer.h"
 
-/// The statement ends the process with abort(), whatever is caught around it, and says so with these words.
+/// Expects that the statement ends the process with abort(), despite any catch around it, and prints these words.
 #define EXPECT_ABORT(words, ...) EXPECT_EXIT(__VA_ARGS__, testing::KilledBySignal(SIGABRT), testing::HasSubstr(words))
 
 namespace zyttest {
 
-/// printf into a string, for expected log lines.
+/// Returns the text of a printf format, for expected log lines.
 __attribute__((format(printf, 1, 2))) std::string Text(const char* format, ...);
 
-/// While it lives, all levels are on and every platform log line lands here, as "L text" with L the priority's letter.
+/// Enables all log levels and collects the platform log lines, as "L text" with L the priority's letter.
 class LogCapture {
 public:
-    /// onLine sees each line on the thread that logs it, before the line is kept.
+    /// onLine is called with each line on the logging thread, before the line is stored.
     explicit LogCapture(std::function<void(const std::string& line)> onLine = {});
     ~LogCapture();
 
-    /// What was logged since the last call.
+    /// Returns the lines logged since the last call.
     std::vector<std::string> Take();
 
-    /// The same as one text, a line break before each line; `only` the lines that have that in them, the others stay.
-    /// Source places are cut out, so that tests survive edits; addresses and descriptors are numbered in the order in
-    /// which they appear: @1, @2, and #1, #2.
+    /// Like Take(), as one text with a line break before each line. With `only`, takes the lines that contain it and
+    /// keeps the others. Source locations are removed, so that tests survive edits. Addresses and descriptors become
+    /// "@1", "@2" and "#1", "#2" in order of appearance.
     std::string Transcript(const std::string& only = "");
 
 private:
@@ -41,7 +41,7 @@ private:
     std::vector<std::string> m_lines;
 };
 
-/// A directory of its own, removed with everything in it.
+/// A temporary directory, removed with its contents by the destructor.
 class TempDir {
 public:
     TempDir();
@@ -56,10 +56,10 @@ private:
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);
 
-/// An image without memory.
+/// Returns an image record without memory.
 ZYTImageBuffer Image(int format, uint32_t width, uint32_t height, uint32_t planeStride, uint32_t sliceHeight);
 
-/// Polls until the condition holds; false after a generous time, which only a hang exceeds.
+/// Polls until the condition holds. Returns false after a timeout that only a hang exceeds.
 bool WaitUntil(const std::function<bool()>& condition);
 
 struct ChildResult {
@@ -68,23 +68,23 @@ struct ChildResult {
     std::string output;  // stdout and stderr
 };
 
-/// Runs a command, words with blanks between, without a shell. Settings ("NAME=value") come before this process's
-/// environment.
+/// Runs a command, whose words are separated by blanks, without a shell. Settings ("NAME=value") override this
+/// process's environment.
 ChildResult RunCommand(const std::string& command, const std::vector<std::string>& settings = {});
 
-/// The same for a program of the build tree, given by its path there.
+/// Like RunCommand, for a program given by its path in the build tree.
 ChildResult RunBuilt(const std::string& command, const std::vector<std::string>& settings = {});
 
-/// That such a program ends with status 2, and that its last line has its name and the reason. Returns all it said.
+/// Expects such a program to exit with status 2 and a last line with its name and the reason. Returns its output.
 std::string ExpectRefusal(const std::string& command, const std::string& reason);
 
-/// Runs a body declared with ZYT_CHILD in a fresh process of this executable: load, static initialisers, and exit are
-/// those of a new process, with these system properties and no others. SIGALRM ends one that hangs.
+/// Runs a body declared with ZYT_CHILD in a new process of this executable, with load, static initialisers and exit,
+/// and with only these system properties. SIGALRM ends a process that hangs.
 ChildResult RunChild(const std::string& name, const std::map<std::string, std::string>& properties = {});
 
 bool RegisterChild(const char* name, int (*body)());
 
-/// Declares a body for RunChild; its result is the exit code, unless static destructors or exit() decide otherwise.
+/// Declares a body for RunChild. Its result is the exit code, unless a static destructor or exit() changes it.
 #define ZYT_CHILD(name)                                                                    \
     static int Child_##name();                                                             \
     static const bool g_isRegistered_##name = zyttest::RegisterChild(#name, Child_##name); \

@@ -99,7 +99,7 @@ TEST_F(Allocator, ReadsAMissingGraphicDescriptorAsNone) {
     m_allocator.AllocGraphicBuffer(640, 480, 34, 0, &m_pBuf, m_fd);
     EXPECT_EQ(m_pBuf, MAP_FAILED);
 
-    hostdevice::FailNth(Fault::kGraphicDescriptor, 1);  // no memory is wanted for this one
+    hostdevice::FailNth(Fault::kGraphicDescriptor, 1);  // this buffer gets no memory
     hostdevice::SetStrideAlignment(1u << 16);
     EXPECT_ABORT("stride * height of a graphic buffer: 65536 * 65536 does not fit",
                  m_allocator.AllocGraphicBuffer(1u << 16, 1u << 16, 34, 0, &m_pBuf, m_fd));

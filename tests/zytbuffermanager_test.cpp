@@ -75,7 +75,7 @@ TEST_F(Manager, SaysWhyNoBufferCameOfIt) {
         EXPECT_FALSE(Alloc(16, type));
         EXPECT_TRUE(m_pBuf == nullptr && m_fd == 0);
     }
-    // Two buffers whose mapping failed share the address of the failure.
+    // Two buffers with a failed mapping have the same address, MAP_FAILED.
     for (int i = 0; i < 2; ++i) {
         hostdevice::FailNth(Fault::kMapping, 1);
         EXPECT_EQ(Alloc(4096, ZYT_BUFFER_TYPE_DMABUF), i == 0);
@@ -172,7 +172,7 @@ TEST_F(Manager, LeavesTheRecordOfARefusedImageAlone) {
         EXPECT_FALSE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_MALLOC));
         EXPECT_TRUE(AreSame(image, before));
     }
-    // But not where only the type is wrong.
+    // But not when only the type is wrong.
     ZYTImageBuffer image = Nv12(), emptied = image;
     emptied.numberOfPlanes = 2;
     image.pAddr[0] = reinterpret_cast<unsigned char*>(1);
@@ -257,7 +257,7 @@ I [A] EndCPUSync() End CPU Sync Buffer, fd: #2, result: -1)");
     m_manager->FreeBuffer(image);
 }
 
-// A log sink may do so, within the operation that logs.
+// A log sink may rename the manager during the operation that logs.
 TEST_F(Manager, RenamedAtEachLineTagsTheVeryNextOne) {
     const auto name = [](int count) { return std::string(40, 'x') + std::to_string(count) + "] "; };
     int count = 0, stale = 0;
@@ -285,7 +285,7 @@ TEST_F(Manager, RenamedAtEachLineTagsTheVeryNextOne) {
 
 TEST_F(Manager, WithANamePassesThroughAnUnnamedOne) {
     EXPECT_ABORT("4294967295 + 1 ", {
-        ZYTBufferPool::m_bufferPoolClientNum = 0xfffffffeu;  // room for its own client alone
+        ZYTBufferPool::m_bufferPoolClientNum = 0xfffffffeu;  // room for one more client
         const ZYTBufferManager named("B");
     });
 }

@@ -22,7 +22,7 @@ protected:
 
     void TearDown() override {
         hostdevice::ClearFaults();
-        ZYTBufferPool::m_busyGrallocBufferList.clear();  // as their consumers let go of them
+        ZYTBufferPool::m_busyGrallocBufferList.clear();  // the pool does not release these
         m_pool.reset();
         EXPECT_EQ(ZYTBufferPool::m_bufferPoolClientNum, 0u);
         EXPECT_EQ(CountLive().heapDescriptors, 0u);
@@ -42,7 +42,7 @@ protected:
         for (void* pBuf : buffers) m_pool->PutBufferToPool(pBuf);
     }
 
-    // The last lines, after eleven buffers of a kind have come back.
+    // Returns the last lines after eleven buffers of one kind were returned.
     std::string PutEleven(const std::function<void*()>& get) {
         std::vector<void*> buffers(11);
         for (void*& pBuf : buffers) pBuf = get();
@@ -208,7 +208,7 @@ I [BufferPool-A] ~ZYTBufferPool() Buffer released: pBuf: @5, width: 16, height: 
 
     m_pool = std::make_unique<ZYTBufferPool>();
     void* const plain = Get(64);
-    ZYTBufferPool::m_freeBufferList[1].clear();  // as a release of the pool leaves it
+    ZYTBufferPool::m_freeBufferList[1].clear();  // like after a release of the pool
     m_log.Take();
     Put({busyGralloc[0], plain});
     EXPECT_EQ(m_log.Transcript(), R"(
@@ -240,7 +240,7 @@ TEST_F(Pool, NamedClientsNeverRegister) {
         ZYTBufferPool named("B");
         EXPECT_EQ(ZYTBufferPool::m_bufferPoolClientNum, 2u);
         EXPECT_EQ(CountLive().heapMappings, 1u) << "others are registered: the pool stays";
-        ++ZYTBufferPool::m_bufferPoolClientNum;  // which its destructor takes away all the same
+        ++ZYTBufferPool::m_bufferPoolClientNum;  // the destructor decrements it nevertheless
     }
     EXPECT_EQ(ZYTBufferPool::m_bufferPoolClientNum, 1u);
     EXPECT_ABORT("clients of the buffer pool: 4294967295 + 1 ", {
@@ -253,7 +253,7 @@ TEST_F(Pool, NamedClientsNeverRegister) {
     m_log.Take();
     EXPECT_ABORT("clients of the buffer pool: 0 - 1 ", {
         ZYTBufferPool named("B");
-        // The passing client was the last one to leave, and left the key of no size.
+        // The temporary client was the last one and released the pool, keys included.
         if (!ZYTBufferPool::m_freeBufferList[0].empty() || m_log.Take().size() != 1) std::_Exit(1);
     }) << "the named one was never counted";
     m_pool = std::make_unique<ZYTBufferPool>();

@@ -52,7 +52,7 @@ TEST(OffScreen, DescribesAnImage) {
     ASVL_OFFSCREEN offscreen{};
     const std::pair<ZYTFormat, unsigned int> codes[] = {
         {ZYT_FORMAT_YUV420NV21, 0x802}, {ZYT_FORMAT_YUV420NV12, 0x801}, {ZYT_FORMAT_RAW10, 0x801}};
-    for (const auto& [format, code] : codes) {  // raw callers set their own
+    for (const auto& [format, code] : codes) {  // callers set the codes of raw formats
         image.format = format;
         ZYTBufferUtil::ZYTBufferToASVLOffScreen(&image, &offscreen);
         EXPECT_EQ(offscreen.u32PixelArrayFormat, code);
@@ -64,7 +64,7 @@ TEST(OffScreen, DescribesAnImage) {
 }
 
 TEST(OffScreen, KnowsTheVendorsRawCodes) {
-    // The first of each format's four consecutive codes; all that are not listed have the one of Raw10.
+    // The first of the four consecutive codes of each format. Unlisted formats have that of Raw10.
     const std::pair<int, unsigned int> cases[] = {{ZYT_FORMAT_RAW10, 0xD09},    {ZYT_FORMAT_RAW12, 0xD11},
                                                   {ZYT_FORMAT_RAW14, 0xD41},    {ZYT_FORMAT_RAW16, 0xD21},
                                                   {ZYT_FORMAT_YUV_P010, 0xD09}, {99, 0xD09}};

@@ -8,7 +8,7 @@
 #include "logging/zytlogsite.h"
 #include "support.h"
 
-#define I imaginary  // as in <complex.h>: log sites compile all the same, here also for a pedantic compiler
+#define I imaginary  // as in <complex.h>; log sites must compile nevertheless, also with -pedantic
 
 using testing::ElementsAre;
 using zyttest::LogCapture;
@@ -19,7 +19,7 @@ namespace {
 constexpr const char* kLevelProperty = "persist.vendor.camera.zytloglevel";
 
 ZYT_CHILD(PrintLevels) {
-    ZYTNodeLogLevel = 4;  // too late: the levels were read when the library was loaded
+    ZYTNodeLogLevel = 4;  // too late: the levels are read when the library is loaded
     std::cout << ZYTLogUtil::m_level << ZYTLogUtil::m_previewLevel << ZYTLogUtil::m_captureLevel;
     return 0;
 }

@@ -28,14 +28,14 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kSwitchProperty = "persist.vendor.camera.zyttools.offlinelog";
-constexpr const char* kFrameworkProperty = "test.framework";  // what the framework's switch is set to
+constexpr const char* kFrameworkProperty = "test.framework";  // value for the framework's switch
 
 size_t FilesInLogDir() {
     return static_cast<size_t>(
         std::distance(fs::directory_iterator(hostdevice::OfflineLogDir()), fs::directory_iterator()));
 }
 
-// Switches the process's log on for one test.
+// Turns the process's log on for one test.
 class OfflineLog : public testing::Test {
 protected:
     void SetUp() override {
@@ -49,7 +49,7 @@ protected:
         m_log.m_logFileList.clear();
     }
 
-    // All queued lines are in their files once the workers have been joined.
+    // Joins the workers, after which all queued lines are in their files.
     void Drain() {
         m_log.m_threadPool.DeInit(false);
         m_log.m_threadPool.Init(ZYTOfflineLog::kWorkerCount);
@@ -69,7 +69,7 @@ protected:
 
     void StartNextFile() { SetFileSize(ZYTOfflineLog::kFileSizeLimit); }
 
-    // What the log's files hold, oldest first.
+    // Returns the contents of the log's files, oldest first.
     std::vector<std::string> Contents() {
         std::vector<std::string> contents;
         for (const std::string& file : m_log.m_logFileList) contents.push_back(ReadFile(file));
@@ -120,7 +120,7 @@ ZYT_CHILD(ExitWithALineQueued) {
 
 TEST_F(OfflineLog, StampsALineAndKeepsEveryLevel) {
     m_log.m_threadPool.DeInit(false);
-    m_log.m_threadPool.Init(1);  // keeps their order
+    m_log.m_threadPool.Init(1);  // one worker, which keeps the lines in order
     ZYTOfflineLog::ZYTOfflineLogE("text %d", 1);
     ZYTOfflineLog::ZYTOfflineLogW("text %d", 2);
     ZYTOfflineLog::ZYTOfflineLogD("text %d", 3);
@@ -155,7 +155,7 @@ TEST_F(OfflineLog, StampsWithTheZonesTimeAndTheThreadThatLogs) {
     const std::pair<const char*, int> zones[] = {{"AAA-13:45", 49500}, {"BBB+9:15", -33300}};
     for (const auto& [zone, offset] : zones) {
         setenv("TZ", zone, 1);
-        // The rest of a second is stamped as it began.
+        // Waits for the next second, because the stamp of a second is cached.
         EXPECT_TRUE(zyttest::WaitUntil([set = time(nullptr)] { return time(nullptr) > set; }));
         const auto now = [offset = offset](const char* format) {
             timespec time{};
@@ -226,7 +226,7 @@ TEST_F(OfflineLog, KeepsEachLineOnceAndWholeAcrossRollOvers) {
         threads.emplace_back([this, t, &text] {
             for (int i = 0; i < kLinesEach; ++i) {
                 if (i % 16 == 0) {
-                    WaitUntilQueueIsEmpty();  // so that what follows is written after the next line
+                    WaitUntilQueueIsEmpty();  // so that the following lines are written after the next one
                     SetFileSize(ZYTOfflineLog::kFileSizeLimit - 300);
                 }
                 ZYTOfflineLog::ZYTOfflineLogI("%s", text(t, i).c_str());
@@ -264,7 +264,7 @@ TEST_F(OfflineLog, LosesLinesThatCannotBeWrittenAndTriesAgain) {
     EXPECT_TRUE(WriteLine("lost\n")) << "a write that fails counts as one";
     EXPECT_EQ(m_log.m_curLogFileSize, 10u);
     fs::remove(file);
-    fs::create_directory(file);  // an append now fails
+    fs::create_directory(file);  // makes the next append fail
     EXPECT_FALSE(WriteLine("lost\n"));
     EXPECT_EQ(m_log.m_curLogFileSize, 10u);
     fs::remove(file);

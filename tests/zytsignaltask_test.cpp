@@ -34,14 +34,14 @@ protected:
         m_task.disconnect();
     }
 
-    // Connects a task of which no other copy is left, and returns its flags: alive and done.
+    // Connects a task without keeping a copy. Returns its flags: alive and done.
     std::pair<std::shared_ptr<bool>, std::shared_ptr<bool>> Connect(uint64_t id, const std::function<void()>& work) {
         WrapperTask task = Wrap(work);
         EXPECT_EQ(m_task.insert(id, WrapperTask(task)), 1u);
         return {task.m_isAlive, task.m_isDone};
     }
 
-    // Returns when the loop runs this task, after everything that was raised before.
+    // Raises a task after all pending ones and returns when the loop runs it.
     void RunNow(uint64_t id, const std::function<void()>& work) {
         std::atomic<bool> isRunning{false};
         m_task.insert(id, Wrap([&isRunning, work] {
@@ -56,7 +56,7 @@ protected:
         RunNow(~0ull, [] {});
     }
 
-    // Occupies the loop until told otherwise, so that what is raised stays pending; longer than any test waits.
+    // Blocks the loop until it is released, so that raised signals stay pending.
     void HoldLoop() {
         RunNow(~1ull, [this] {
             while (!m_isReleased) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -80,7 +80,7 @@ ZYT_CHILD(ExitFromATask) {
 
 ZYT_CHILD(RunAnEmptyCallable) { return RunToTheEnd({}); }
 
-// Destroyed after the task, which refuses everything by then.
+// Destroyed after the signal task, which then refuses all calls.
 struct Late {
     ~Late() { std::_Exit(ZYTSignalTask::instance()->insert(5) == 0 ? 7 : 1); }
 };
@@ -111,7 +111,7 @@ TEST_F(SignalTask, RunsAConnectedTaskOnceOnItsOwnThread) {
     });
     EXPECT_EQ(m_task.insert(5, WrapperTask(task)), 1u);
     m_task.signal(5);
-    m_task.signal(6);  // nothing is connected: lost
+    m_task.signal(6);  // lost, because no task is connected
     Settle();
     EXPECT_EQ(runs, 1);
     EXPECT_STREQ(threadName.c_str(), "ZYTSignalTask");
@@ -126,7 +126,7 @@ TEST_F(SignalTask, RunsAConnectedTaskOnceOnItsOwnThread) {
 }
 
 TEST_F(SignalTask, RunsInTheOrderOfRaisingAndNeverTwiceForAPendingSignal) {
-    std::vector<int> order;  // written on the loop thread, read when it has settled
+    std::vector<int> order;  // written on the loop thread, read after Settle()
     for (int id = 1; id <= 3; ++id) {
         m_task.insert(static_cast<uint64_t>(id), Wrap([&order, id] { order.push_back(id); }));
     }
@@ -149,7 +149,7 @@ TEST_F(SignalTask, DisconnectsAndReplaces) {
         m_isReleased = false;
         HoldLoop();
         EXPECT_EQ(m_task.insert(5), 1u);
-        // Will wait for the held task's lock.
+        // Waits for the lock of the held task.
         std::thread disconnecting([this, isAll] { isAll ? m_task.disconnect() : m_task.disconnect(5); });
         EXPECT_TRUE(WaitUntil([this] { return m_task.insert(7) == 1; })) << "the pending signal goes first";
         m_isReleased = true;
@@ -250,7 +250,7 @@ TEST(ExitGate, ClosesOnceOthersHaveLeftHoweverManyAsk) {
     threads.emplace_back([&] {
         const Pass pass(gate);
         isInside = true;
-        while (Pass(gate)) std::this_thread::yield();  // until the gate is being closed
+        while (Pass(gate)) std::this_thread::yield();  // until the gate starts to close
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         hasLeft = true;
     });
@@ -261,7 +261,7 @@ TEST(ExitGate, ClosesOnceOthersHaveLeftHoweverManyAsk) {
     }
     EXPECT_TRUE(WaitUntil([&isInside] { return isInside.load(); }));
     {
-        const Pass own(gate), another(gate);  // as when a log sink below them calls exit()
+        const Pass own(gate), another(gate);  // as when a log sink inside two calls exits
         gate.Close();
         EXPECT_TRUE(hasLeft);
     }

@@ -67,7 +67,7 @@ TEST_F(ThreadPool, StartsAndJoinsItsWorkers) {
     EXPECT_THAT(lines, ElementsAre(zyttest::Text("D Join Thread[0]: %ld", ids[0]),
                                    zyttest::Text("D Join Thread[1]: %ld", ids[1]), kStopped, kStopped));
 
-    // What is started twice forgets the workers of the first time, which still serve it.
+    // A second Init forgets the earlier workers, which still serve the queue.
     ASSERT_TRUE(m_pool.Init(1));
     const auto forgotten = static_cast<pthread_t>(m_pool.m_threadIdList.at(0));
     ASSERT_TRUE(m_pool.Init(1));
@@ -119,7 +119,7 @@ TEST_F(ThreadPool, DropsWhatIsQueuedWhenFlushedAndFreesItUnlessInitDoes) {
     ASSERT_TRUE(m_pool.Init(1));
     m_pool.DeInit(false);
     EXPECT_EQ(g_runs, 0);
-    std::free(task.data);  // a second free if the pool had released it: the allocator or a sanitizer would say so
+    std::free(task.data);  // a double free, which aborts, if the pool has freed it
 }
 
 TEST_F(ThreadPool, RunsATaskOnlyWithDataAndSizeBothOrNeither) {

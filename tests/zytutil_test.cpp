@@ -64,7 +64,7 @@ TEST(Files, InADirectoryThatCannotBeOpenedEndTheListing) {
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     const int next = dup(STDERR_FILENO);
     close(next);
-    const rlimit tight = {static_cast<rlim_t>(next) + 1, limit.rlim_max};  // room for one descriptor
+    const rlimit tight = {static_cast<rlim_t>(next) + 1, limit.rlim_max};  // allows one more descriptor
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
     std::vector<std::string> files, found = {"kept"};
     const int32_t listing = ZYTUtil::GetFileListInDir(dir.Path().c_str(), files, true);
@@ -140,7 +140,7 @@ TEST(Clock, ConvertsBetweenNanosecondsAndTicks) {
     Numbers nanos = {0, 1, 12, 19, 192, 19200000, max, 354177486215223296};
     for (unsigned long long& number : nanos) number = ZYTUtil::QtimerTicksToQtimerNano(number);
     EXPECT_EQ(nanos, (Numbers{0, 52, 625, 989, 10000, 1000000000, max, 18446744073709546666ull}));
-    // Beyond 2^53 the argument is rounded to a double first.
+    // Above 2^53 the argument is first rounded to a double.
     EXPECT_EQ(ZYTUtil::QtimerNanoToQtimerTicks((1ull << 53) + 1), ZYTUtil::QtimerNanoToQtimerTicks(1ull << 53));
 
     const auto now = [] {
@@ -174,8 +174,8 @@ TEST(FaceMapping, RoundsTheProductAndFusesOnlyTheOffset) {
         uint32_t top;
         uint32_t left;
     };
-    // Found by search. The first two come out one less or more when product and offset are fused, as compilers do
-    // unless told otherwise; the last two when the offset is not.
+    // Found by search. The first two differ by one when product and offset are fused, which is the compilers' default;
+    // the last two when the offset is not fused.
     const Case cases[] = {{{3656, 0, 1, 1}, {0, 0, 14, 3868}, {0, 0, 3530, 3896}, 436137, 0},
                           {{143, 0, 1, 1}, {0, 0, 52, 312}, {0, 0, 3580, 2590}, 400, 0},
                           {{0, 1832, 1, 1}, {0, 0, 4735, 574}, {0, 0, 4538, 1476}, 0, 891},
@@ -209,7 +209,7 @@ TEST(Drawing, EndsTheProcessWhereAnEdgeOrARowIsOutOfReach) {
     ZYTImageBuffer image = zyttest::Image(ZYT_FORMAT_YUV420NV12, 10, 70000, 65536, 70000);
     EXPECT_ABORT("planeStride * row: 65536 * 65536 ", ZYTUtil::DrawPointer(&image, 0, 65536));
     EXPECT_ABORT("planeStride * row: 65536 * 65540 ", ZYTUtil::DrawRect(&image, {65530, 1, 5, 10}, 20));
-    // Where no column or no row of an outline lies in the image, its rows are not looked for.
+    // An outline without a column or row in the image needs no row addresses, so nothing overflows.
     ZYTUtil::DrawRect(&image, {65536, 20, 5, 5}, 1);
     ZYTUtil::DrawRect(&image, {70001, 2, 5, 5}, 1);
 }

@@ -1,4 +1,4 @@
-// zytview beside ffmpeg, which reads most of the formats too, and which reads all of zytview's pictures back.
+// Compares zytview with ffmpeg, which reads most of the formats and all of zytview's pictures.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -23,7 +23,7 @@ using Samples = std::vector<unsigned int>;
 constexpr unsigned int kWidth = 48;
 constexpr unsigned int kHeight = 32;
 
-// A row's bytes, or an image's where rows have none to spare.
+// Returns the bytes of a row, or of an image whose rows have no padding.
 std::string Pack(const Samples& samples, ZYTFormat format = ZYT_FORMAT_RAW16) {
     const std::vector<uint16_t> row(samples.begin(), samples.end());
     const auto width = static_cast<uint32_t>(row.size());
@@ -32,7 +32,7 @@ std::string Pack(const Samples& samples, ZYTFormat format = ZYT_FORMAT_RAW16) {
     return bytes;
 }
 
-// Numbers with blanks between.
+// Parses numbers separated by blanks.
 Samples Numbers(const std::string& text) {
     std::istringstream words(text);
     return {std::istream_iterator<unsigned int>(words), {}};
@@ -75,7 +75,7 @@ protected:
         return m_dir / name;
     }
 
-    // Splits a row of a table, makes its dump, and returns zytview's arguments and what is expected. An @ is the
+    // Splits a row of a table, creates its dump, and returns zytview's arguments and the expectation. An @ is the
     // directory of the dumps.
     std::pair<std::string, std::string> Prepare(const std::string& row) {
         std::vector<std::string> fields;
@@ -106,7 +106,7 @@ TEST_F(ZytView, ShowsColoursAsFfmpegDoes) {
     for (const std::string order : {"rggb", "grbg", "gbrg", "bggr"}) {
         looks.push_back({"Raw16", "--bayer " + order, "bayer_" + order + "16le", "-sws_flags accurate_rnd"});
         for (const auto& [format, peer] : {std::pair("NV12", "nv12"), {"NV21", "nv21"}, {"P010", "p010le"}}) {
-            const std::string matrix = order[0] == 'g' ? "bt709" : "bt601";  // each with each range
+            const std::string matrix = order[0] == 'g' ? "bt709" : "bt601";  // each matrix with each range
             const std::string range = order.find('r') < 2 ? "full" : "limited";
             const std::string scale = "scale=in_color_matrix=" + matrix + ":in_range=" + range;
             looks.push_back({format, "--matrix " + matrix + " --range " + range, peer,
@@ -124,19 +124,19 @@ TEST_F(ZytView, ShowsColoursAsFfmpegDoes) {
         const Samples peer = Decode(input, isWide ? "rgb48be" : "rgb24");
         ASSERT_EQ(seen.size(), kWidth * kHeight * 3);
         for (size_t i = 0; i < seen.size(); ++i) {
-            // Of Bayer, ffmpeg drops the fraction of a mean and copies at the edges; of 10 bits it keeps fewer.
+            // For Bayer, ffmpeg truncates means and copies pixels at the edges. It reduces the 10 bits of P010.
             const size_t x = i / 3 % kWidth, y = i / 3 / kWidth;
             if (isBayer && (x < 2 || y < 2 || x >= kWidth - 2 || y >= kHeight - 2)) continue;
             ASSERT_NEAR(seen[i], peer[i], isBayer || !isWide ? 1 : 256) << input << " " << i;
         }
         if (!isBayer) continue;
-        // Colours come from the whole picture, also beside the cut.
+        // A cropped picture has the colours of the whole picture, also at its edges.
         const size_t at = (9 * kWidth + 7) * 3;
         EXPECT_EQ(View("--crop 1x1+7+9 " + options + " " + dump, "rgb48be"), Samples(&seen[at], &seen[at + 3]));
     }
 }
 
-// A dump's name, options, the dump's bytes (b) or 16-bit words (w), and all values of its picture.
+// Rows of: a dump's name, options, the dump's bytes (b) or 16-bit words (w), all values of the picture.
 constexpr const char* kShown[] = {
     "half_4x2_Y16.raw||b 1 2 3 4 5 6 7 8|513 1027 1541 2055",
     "high_3x1_Raw10.raw||w 100 1024 1023|6406 65535 65535",
@@ -145,20 +145,20 @@ constexpr const char* kShown[] = {
     "m_4x1_RawMipi14.raw||b 170 85 255 0 124 245 7|43762 21845 65535 4",
     "m_3x1_Raw14.raw||w 0 10940 16383|0 43762 65535",
     "slack_1x2_Raw16.raw|--stride 5|b 49 50 9 9 9 51 52|12849 13363",
-    // Only what there is counts at an edge.
+    // At an edge only existing neighbours count.
     "edge_3x1_Raw16.raw|--bayer rggb|w 100 200 300|100 200 100 200 200 200 300 200 300",
     "edge_3x3_Raw16.raw|--bayer gbrg|w 10 200 35 400 51 600 72 800 99|400 10 200 500 32 200 600 35 200 400 44 500 500 "
     "51 500 600 62 500 400 72 800 500 74 800 600 99 800",
-    // An odd column and row have their neighbours' chroma, unless the file has some for the row.
+    // An odd column or row has its neighbour's chroma, unless the file has chroma for the row.
     "odd_3x1_NV12.raw|--size 3x3|b 128 128 128 128 128 128 128 128 128 255 128 1|"
     "128 84 255 128 84 255 128 84 255 128 84 255 128 84 255 128 84 255 128 84 255 128 84 255 128 84 255",
     "odd_3x3_NV12.raw|--crop 1x1+2+2|b 128 128 128 128 128 128 128 128 128 255 128 1 128 255 1|255 37 128",
     "dot_1x1_NV12.raw||b 128|128 128 128",
-    // Up to the last pixel, half of the first plane, as many rows as belong to its rows.
+    // The chroma ends with the last pixel, with half of the first plane's bytes, or with half of its rows.
     "s_4x1_NV21.raw|--size 2x2 --stride 3 --slice-height 3|b 1 2 0 3 4 0 0 0 0 128 128|1 1 1 2 2 2 3 3 3 4 4 4",
     "s_4x1_NV21.raw|--size 2x2 --stride 3 --slice-height 3|b 1 2 0 3 4 0 0 0 0 128 128 0 0|1 1 1 2 2 2 3 3 3 4 4 4",
     "s_4x1_NV21.raw|--size 2x2 --stride 3 --slice-height 3|b 1 2 0 3 4 0 0 0 0 128 128 0 0 0 0|1 1 1 2 2 2 3 3 3 4 4 4",
-    // The last column and row of a scaled picture are the mean of what there is.
+    // In a scaled picture the last column and row are the mean of the existing pixels.
     "scale_3x3_Y16.raw|--scale 1/2|w 10 20 31 30 41 50 61 70 90|25 41 66 90",
     "scale_4x4_Y16.raw|--scale 1/2 --crop 2x2+1+2|w 9 9 9 9 9 9 9 9 9 1 2 9 9 3 4 9|3",
     "night_9x9_raw10_3X2-RAW12.bin||w 1 2 3 4 5 6|16 32 48 64 80 96",
@@ -195,7 +195,7 @@ TEST_F(ZytView, ShowsEachValue) {
     }
 }
 
-// The last field is a part of the output.
+// The last field is part of the output.
 constexpr const char* kTold[] = {
     "n_2x2_NV21.raw|--json|b 1 2 3 4 100 50|"
     R"("format": "YUV420NV21", "channels": {"Y": {"samples": 4, "min": 1, "max": 4, "mean": 2.500000, "stddev": 1.118034, )"
@@ -240,21 +240,21 @@ TEST_F(ZytView, TellsNumbers) {
     EXPECT_EQ(Decode("-i " + m_png + "z.png", "gray"), Numbers("255 255"));
     EXPECT_EQ(Decode("-i " + m_png + "e.png", "gray"), Numbers("0 0 0 0 191 0 255 255 0 0 0 0 0 255 0 0"));
     EXPECT_FALSE(std::filesystem::exists(m_dir / "n_2x2_NV21.png")) << "no picture was asked for";
-    // Heights of the bars: clipped samples in the margins, between them a column for 64 values; square roots.
+    // The bars: clipped samples in the margins, between them a column per 64 values; heights are square roots.
     const Samples drawn = Decode("-i " + (m_dir / "bars.PNG"), "gray");
     for (const auto& [x, height] : {std::pair(24, 114), {36, 0}, {46, 160}, {137, 80}, {138, 0}, {1062, 114}}) {
         int seen = 0;
         for (int y = 36; y < 196; ++y) seen += drawn[static_cast<size_t>(y * 1096 + x)] > 60;
         EXPECT_EQ(seen, height) << x;
     }
-    // Of 1536 samples the second darkest and the second lightest become black and white.
+    // The second darkest and second lightest of 1536 samples become black and white.
     Samples many(kWidth * kHeight, 500);
     std::copy_n(Samples{0, 1000, 1000, 100, 100, 1023}.begin(), 6, &many[40]);
     EXPECT_THAT(Run("--gain auto " + NewDump("g_48x32_Raw10.raw", Pack(many)) + " " + m_png).output,
                 HasSubstr("g_48x32_Raw10.raw: --black 100 --gain 1.137\n"));
 }
 
-// The last field is a part of the one line.
+// The last field is part of the only line.
 constexpr const char* kRefused[] = {
     "x_4x3_NV12.raw||b 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17|expected 16 or 20 bytes for 4x3 YUV420NV12, found 17",
     "x_2x1_Raw10.raw||b 1 2 3 4 5|expected 4 bytes for 2x1 Raw10, found 5; --stride and --slice-height",
@@ -288,13 +288,13 @@ TEST_F(ZytView, SaysWhatIsWrongAndLosesNothing) {
         EXPECT_EQ(result.exitCode, 1);
         EXPECT_THAT(result.output, HasSubstr("cannot write " + png));
     }
-    // Of several dumps a bad one does not keep the others from being done, nor does one take another's PNG.
+    // An invalid dump does not stop the others, and no dump overwrites the PNG of another.
     const ChildResult several =
         Run((m_dir / "x_4x3_NV12.raw ") + NewDump("y_1x2_Raw10.bin", "1234") + " " + (m_dir / "y_1x2_Raw10.raw"));
     EXPECT_EQ(several.exitCode, 2);
     EXPECT_THAT(several.output, AllOf(HasSubstr("/y_1x2_Raw10.png  1x2 Raw10\n"), HasSubstr("found 17\n"),
                                       HasSubstr("/y_1x2_Raw10.png is written already")));
-    // A file that is called like a temporary one is none, and what is not finished leaves nothing.
+    // A user's file with the name of a temporary one stays, and an unfinished PNG leaves no file.
     const std::string part = NewDump("new.png.part", ReadFile(raw));
     EXPECT_EQ(Run("--size 2x1 --format raw10 " + part + " " + (m_dir / "new.png")).output, m_dir / "new.png\n");
     EXPECT_EQ(ReadFile(part), ReadFile(raw));
