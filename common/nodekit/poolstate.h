@@ -96,7 +96,7 @@ inline void Release(const ZYTBufferPoolBufferInfo& info) {
     if (info.type == ZYT_BUFFER_TYPE_DMABUF) close(info.fd);
 }
 
-/// Destroying the record releases the graphic buffer itself.
+/// Unmaps the buffer. The record's destructor releases the graphic buffer itself.
 inline void Release(const ZYTGrallocBufferPoolBufferInfo& info) {
     if (info.pBuf != MAP_FAILED) munmap(info.pBuf, size_t{info.graphicBuffer->getStride()} * info.height);
 }

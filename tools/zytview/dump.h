@@ -46,9 +46,9 @@ public:
     uint16_t LargestSample() const { return static_cast<uint16_t>((1u << m_layout.bits) - 1); }
     /// Returns size and format, such as "4000x3000 Raw10".
     std::string Describe() const;
-    /// Number of chroma rows in the file, and of UV pairs in a row: half of the picture's; odd sizes are rounded up or
-    /// down.
+    /// Returns the number of chroma rows in the file, half of the picture's; an odd height is rounded up or down.
     uint32_t ChromaRows() const { return m_chromaRows; }
+    /// Returns the number of UV pairs in a chroma row, half of the width rounded down.
     uint32_t ChromaPairs() const { return m_width / 2; }
 
     /// Reads Width() samples of a row of the first plane, unchanged from their containers.
