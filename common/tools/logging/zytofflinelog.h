@@ -122,7 +122,8 @@ public:
 
     /// Writes the ZYTOfflineLogParameter at `data`; the workers run this. Does nothing for null or for another size.
     /// The caller keeps the block. Thread-safe.
-    static void SaveLog(void* data, unsigned int size);
+    static void SaveLog(void* data, unsigned int size)
+        ZYT_EXCLUDES(GetInstance().m_logFileLock, GetInstance().m_logFileListLock);
 
     /// Appends the line to the current file, or to a new one when the line would bring the current file to 30 MiB.
     /// Returns false when the file cannot be opened: the line is lost, and the next one tries again. A failed write

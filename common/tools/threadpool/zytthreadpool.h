@@ -40,7 +40,7 @@ public:
     /// Starts no thread.
     ZYTThreadPool();
     /// Calls DeInit(true).
-    ~ZYTThreadPool();
+    ~ZYTThreadPool() ZYT_EXCLUDES(m_threadListLock, m_taskListLock);
     ZYTThreadPool(const ZYTThreadPool&) = delete;
     ZYTThreadPool& operator=(const ZYTThreadPool&) = delete;
 
