@@ -66,8 +66,8 @@ private:
 }  // namespace detail
 
 /// Waits until all lines queued before the call are in their files, as far as these can be written, and returns true.
-/// Returns false and logs an error after the timeout, while the process exits, and when memory runs out. Thread-safe.
-/// REQUIRES: the caller is not a worker of the offline log.
+/// Returns false and logs an error after the timeout, when the process exits meanwhile, and when memory runs out.
+/// Thread-safe. REQUIRES: the caller is not a worker of the offline log, and exit() has not begun.
 inline bool FlushOfflineLog(std::chrono::milliseconds timeout) {
     ZYTThreadPool& writers = ZYTOfflineLog::GetInstance().m_threadPool;
     const uint32_t count = detail::CountRunning(writers);

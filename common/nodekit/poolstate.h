@@ -16,7 +16,7 @@
 /// @endcode
 ///
 /// Reading waits about 20 ms for a lock and then reports it as held, so a dump also works in a deadlocked process.
-/// Thread-safe. REQUIRES: the caller holds none of the pool's locks.
+/// Thread-safe. REQUIRES: the caller holds none of the pool's locks, and exit() has not begun.
 
 #include <sys/mman.h>
 #include <unistd.h>
