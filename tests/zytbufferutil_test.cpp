@@ -50,12 +50,11 @@ TEST(OffScreen, DescribesAnImage) {
     ZYTImageBuffer image = Image(ZYT_FORMAT_YUV420NV21, 8, 4, 16, 4);
     for (int i = 0; i < 4; ++i) image.pAddr[i] = planes + i;
     ASVL_OFFSCREEN offscreen{};
-    const std::pair<ZYTFormat, unsigned int> codes[] = {
-        {ZYT_FORMAT_YUV420NV21, 0x802}, {ZYT_FORMAT_YUV420NV12, 0x801}, {ZYT_FORMAT_RAW10, 0x801}};
-    for (const auto& [format, code] : codes) {  // callers set the codes of raw formats
-        image.format = format;
+    for (int format = -1; format <= 11; ++format) {
+        image.format = static_cast<ZYTFormat>(format);
+        offscreen.u32PixelArrayFormat = 7;  // callers set the codes of other formats
         ZYTBufferUtil::ZYTBufferToASVLOffScreen(&image, &offscreen);
-        EXPECT_EQ(offscreen.u32PixelArrayFormat, code);
+        EXPECT_EQ(offscreen.u32PixelArrayFormat, format == 0 ? 0x801u : format == 1 ? 0x802u : 7u) << format;
     }
     EXPECT_TRUE(offscreen.i32Width == 8 && offscreen.i32Height == 4);
     for (int i = 0; i < 4; ++i) {
@@ -64,11 +63,11 @@ TEST(OffScreen, DescribesAnImage) {
 }
 
 TEST(OffScreen, KnowsTheVendorsRawCodes) {
-    // The first of the four consecutive codes of each format. Unlisted formats have that of Raw10.
-    const std::pair<int, unsigned int> cases[] = {{ZYT_FORMAT_RAW10, 0xD09},    {ZYT_FORMAT_RAW12, 0xD11},
-                                                  {ZYT_FORMAT_RAW14, 0xD41},    {ZYT_FORMAT_RAW16, 0xD21},
-                                                  {ZYT_FORMAT_YUV_P010, 0xD09}, {99, 0xD09}};
-    for (const auto& [format, first] : cases) {
+    // The first of the four consecutive codes of each format. All others have that of Raw10.
+    std::map<int, unsigned int> firsts = {
+        {ZYT_FORMAT_RAW12, 0xD11}, {ZYT_FORMAT_RAW14, 0xD41}, {ZYT_FORMAT_RAW16, 0xD21}};
+    for (int format = -1; format <= 11; ++format) {
+        const unsigned int first = firsts.emplace(format, 0xD09).first->second;
         for (const int pattern : {0, 3, 4, -1}) {
             EXPECT_EQ(ZYTBufferUtil::GetASVLOffScreenRawFormat(static_cast<ZYTFormat>(format), pattern),
                       pattern == 0   ? first
