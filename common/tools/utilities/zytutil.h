@@ -88,8 +88,7 @@ public:
                                     bool recursive) noexcept;
 
     /// Copies the part of `path` after its last '/', with its terminator if both fit into `size` bytes. A path without
-    /// a
-    /// '/' is copied without the terminator: clear `name` first.
+    /// a '/' is copied without the terminator: clear `name` first.
     static void GetFileNameFromFilePath(const char* path, char* name, unsigned int size);
 
     /// Returns the string with 'A' to 'Z' in lower case and every other byte unchanged, whatever the locale.
