@@ -37,8 +37,9 @@ namespace zyt {
 /// the process.
 ///
 /// Raise() is thread-safe. REQUIRES: the constructor and the destructor are called neither inside a task of the signal
-/// task nor with a lock held that such a task takes; both wait for the running task. Nobody disconnects all signals of
-/// the process (ZYTSignalTask::disconnect() without a number); that ends all connections for good.
+/// task nor with a lock held that such a task takes; both wait for the running task. So no task calls exit() while a
+/// static Connection exists. Nobody disconnects all signals of the process (ZYTSignalTask::disconnect() without a
+/// number); that ends all connections for good.
 class Connection {
 public:
     /// Connects a callable without arguments. `name` tags log lines and must outlive the connection.
