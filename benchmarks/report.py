@@ -171,7 +171,7 @@ def record_run(rows, machine):
     with open(RUNS, encoding="utf-8") as file:
         runs = json.load(file)
     runs.append({"processors": machine["processors"],
-                 "ratios": {r["subject"]: round(r["value"], 6) for r in rows if r["value"] is not None}})
+                 "ratios": {r["subject"]: float(f"{r['value']:.4g}") for r in rows if r["value"] is not None}})
     with open(RUNS, "w", encoding="utf-8") as file:
         json.dump(runs, file, indent=1)
         file.write("\n")
