@@ -71,7 +71,8 @@ public:
     }
 
     /// Writes an error, formatted as by printf and cut to 2047 characters, whatever ZYTLogUtil::m_level is.
-    __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLogE(const char* format, ...) {
+    __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLogE(const char* format, ...)
+        ZYT_EXCLUDES(GetInstance().m_threadPool.m_taskListLock) {
         if (!IsOn()) return;
         va_list args;
         va_start(args, format);
@@ -80,7 +81,8 @@ public:
     }
 
     /// Writes a warning, formatted as by printf and cut to 2047 characters, whatever ZYTLogUtil::m_level is.
-    __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLogW(const char* format, ...) {
+    __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLogW(const char* format, ...)
+        ZYT_EXCLUDES(GetInstance().m_threadPool.m_taskListLock) {
         if (!IsOn()) return;
         va_list args;
         va_start(args, format);
@@ -89,7 +91,8 @@ public:
     }
 
     /// Writes a debug message, formatted as by printf and cut to 2047 characters, whatever ZYTLogUtil::m_level is.
-    __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLogD(const char* format, ...) {
+    __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLogD(const char* format, ...)
+        ZYT_EXCLUDES(GetInstance().m_threadPool.m_taskListLock) {
         if (!IsOn()) return;
         va_list args;
         va_start(args, format);
@@ -99,7 +102,8 @@ public:
 
     /// Writes an information message, formatted as by printf and cut to 2047 characters, whatever ZYTLogUtil::m_level
     /// is.
-    __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLogI(const char* format, ...) {
+    __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLogI(const char* format, ...)
+        ZYT_EXCLUDES(GetInstance().m_threadPool.m_taskListLock) {
         if (!IsOn()) return;
         va_list args;
         va_start(args, format);
@@ -108,7 +112,8 @@ public:
     }
 
     /// Writes a verbose message, formatted as by printf and cut to 2047 characters, whatever ZYTLogUtil::m_level is.
-    __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLogV(const char* format, ...) {
+    __attribute__((format(printf, 1, 2))) inline static void ZYTOfflineLogV(const char* format, ...)
+        ZYT_EXCLUDES(GetInstance().m_threadPool.m_taskListLock) {
         if (!IsOn()) return;
         va_list args;
         va_start(args, format);
@@ -168,7 +173,8 @@ private:
     ZYT_LOCAL ZYTOfflineLog();
     ZYT_LOCAL ~ZYTOfflineLog();
 
-    __attribute__((format(printf, 3, 0))) void Write(ZYTOfflineLogLevel level, const char* format, va_list args) {
+    __attribute__((format(printf, 3, 0))) void Write(ZYTOfflineLogLevel level, const char* format, va_list args)
+        ZYT_EXCLUDES(m_threadPool.m_taskListLock) {
         char message[2048] = {};
         std::vsnprintf(message, sizeof(message), format, args);
         PushLogToLogPool(message, level);
