@@ -59,6 +59,9 @@ void WriteFile(const std::string& path, const std::string& content);
 /// Returns an image record without memory.
 ZYTImageBuffer Image(int format, uint32_t width, uint32_t height, uint32_t planeStride, uint32_t sliceHeight);
 
+/// Makes operator new throw on the calling thread, in the libraries too. The test needs failnew.cpp.
+void FailNew(bool fails);
+
 /// Polls until the condition holds. Returns false after a timeout that only a hang exceeds.
 bool WaitUntil(const std::function<bool()>& condition);
 

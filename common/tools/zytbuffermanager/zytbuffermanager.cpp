@@ -19,6 +19,11 @@ void ClearPlanes(ZYTImageBuffer& image) {
 
 }  // namespace
 
+struct ZYT_LOCAL ZYTBufferManager::Steps {
+    static bool AllocBuffer(ZYTBufferManager& manager, ZYTImageBuffer& image, unsigned int planeCount,
+                            const unsigned int* planeSizes, ZYTBufferType type);
+};
+
 ZYTBufferManager::ZYTBufferManager() : m_managerName("UnknowBufferManager") {}
 
 ZYTBufferManager::ZYTBufferManager(const std::string& name) {
@@ -109,7 +114,7 @@ bool ZYTBufferManager::AllocBuffer(ZYTImageBuffer& image, ZYTBufferType type) {
     switch (type) {
         case ZYT_BUFFER_TYPE_MALLOC:
         case ZYT_BUFFER_TYPE_DMABUF:
-            if (!AllocBuffer(image, planeCount, planeSizes, type)) return false;
+            if (!Steps::AllocBuffer(*this, image, planeCount, planeSizes, type)) return false;
             break;
         case ZYT_BUFFER_TYPE_GRALLOC:
             AllocGrallocBuffer(image, planeCount);
@@ -132,16 +137,17 @@ bool ZYTBufferManager::AllocBuffer(ZYTImageBuffer& image, ZYTBufferType type) {
     return true;
 }
 
-bool ZYTBufferManager::AllocBuffer(ZYTImageBuffer& image, unsigned int planeCount, const unsigned int* planeSizes,
-                                   ZYTBufferType type) {
+// Takes the planes of a malloc or DMA-BUF image.
+bool ZYTBufferManager::Steps::AllocBuffer(ZYTBufferManager& manager, ZYTImageBuffer& image, unsigned int planeCount,
+                                          const unsigned int* planeSizes, ZYTBufferType type) {
     void* addresses[kMaxPlanes] = {};
     int fds[kMaxPlanes] = {};
     for (unsigned int k = 0; k < planeCount; ++k) {
-        if (AllocBuffer(planeSizes[k], &addresses[k], fds[k], type) && addresses[k] != nullptr) continue;
-        ZYT_LOG(E, m_managerName.c_str(), "Alloc buffer fail, can not alloc new buf: size: %u, type: %d", planeSizes[k],
-                type);
+        if (manager.AllocBuffer(planeSizes[k], &addresses[k], fds[k], type) && addresses[k] != nullptr) continue;
+        ZYT_LOG(E, manager.m_managerName.c_str(), "Alloc buffer fail, can not alloc new buf: size: %u, type: %d",
+                planeSizes[k], type);
         // The failed slot once for each plane tried. Readers of the log count the planes by these warnings.
-        for (unsigned int i = 0; i <= k; ++i) FreeBuffer(addresses[k]);
+        for (unsigned int i = 0; i <= k; ++i) manager.FreeBuffer(addresses[k]);
         return false;
     }
     ClearPlanes(image);

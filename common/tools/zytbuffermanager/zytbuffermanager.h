@@ -56,7 +56,7 @@ public:
     /// Takes memory for an image whose format, width, height, planeStride and sliceHeight are set, and fills in the
     /// other fields: one buffer for each plane, or a single one for gralloc. P010 and Y16 cannot be allocated.
     ///
-    /// On failure the record stays untouched, except for a type above gralloc, which clears its planes and sets their
+    /// On failure the record stays untouched, except for an unknown type, which clears its planes and sets their
     /// number. When a later plane cannot be obtained, the earlier ones stay recorded until the manager is destroyed.
     /// Two results are no failure, and the caller has to test for them: a gralloc image without memory has a null
     /// pAddr[0], and a plane that the kernel refused to map has the address MAP_FAILED. Stride and slice height are
@@ -91,9 +91,9 @@ public:
     bool EndCPUSync(const ZYTImageBuffer& image);
 
 private:
-    // By this name, which its log lines carry: takes the planes of a malloc or DMA-BUF image.
-    ZYT_LOCAL bool AllocBuffer(ZYTImageBuffer& image, unsigned int planeCount, const unsigned int* planeSizes,
-                               ZYTBufferType type);
+    // A function whose log lines carry a public function's name. In the class itself it would join that function's
+    // overloads, and `using ZYTBufferManager::AllocBuffer;` in a derived class would no longer compile.
+    struct Steps;
     ZYT_LOCAL void AllocGrallocBuffer(ZYTImageBuffer& image, unsigned int planeCount);
 
     std::string m_managerName;

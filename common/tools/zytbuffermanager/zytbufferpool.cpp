@@ -31,6 +31,13 @@ std::optional<Info> TakeLast(std::deque<Info>& buffers) {
 
 }  // namespace
 
+struct ZYT_LOCAL ZYTBufferPool::Steps {
+    static void PutBufferToPool(ZYTBufferPool& pool, const ZYTBufferPoolBufferInfo& info)
+        ZYT_EXCLUDES(m_freeBufferListLock);
+    static void PutBufferToPool(ZYTBufferPool& pool, const ZYTGrallocBufferPoolBufferInfo& info)
+        ZYT_EXCLUDES(m_freeBufferListLock);
+};
+
 std::mutex ZYTBufferPool::m_bufferPoolClientNumLock;
 uint32_t ZYTBufferPool::m_bufferPoolClientNum = 0;
 std::mutex ZYTBufferPool::m_freeBufferListLock;
@@ -245,50 +252,50 @@ void ZYTBufferPool::PutBufferToPool(void* pBuf) {
             return;
         }
     }
-    if (plain) PutBufferToPool(*plain);
-    if (gralloc) PutBufferToPool(*gralloc);
+    if (plain) Steps::PutBufferToPool(*this, *plain);
+    if (gralloc) Steps::PutBufferToPool(*this, *gralloc);
 }
 
-// In both overloads a key is missing only when the pool was released while the buffer was out.
+// In both functions a key is missing only when the pool was released while the buffer was out.
 
-void ZYTBufferPool::PutBufferToPool(const ZYTBufferPoolBufferInfo& info) {
+void ZYTBufferPool::Steps::PutBufferToPool(ZYTBufferPool& pool, const ZYTBufferPoolBufferInfo& info) {
     zyt::Lock lock(m_freeBufferListLock);
     const auto buffers = m_freeBufferList[info.type].find(info.size);
     if (buffers == m_freeBufferList[info.type].end()) {
-        ZYT_LOG(E, m_logTag.c_str(),
+        ZYT_LOG(E, pool.m_logTag.c_str(),
                 "Wrong buffer size when put buffer to pool, pBuf: %p, size: %u, fd: %d, type: %d, release it!",
                 info.pBuf, info.size, info.fd, info.type);
-        ReleaseBuffer(info);
+        pool.ReleaseBuffer(info);
     } else if (buffers->second.size() >= kFreeBuffersPerSize) {
-        ZYT_LOG(I, m_logTag.c_str(),
+        ZYT_LOG(I, pool.m_logTag.c_str(),
                 "Buffer num this size is more than threshold, release buffer, pBuf: %p, size: %u, fd: %d, type: %d, ",
                 info.pBuf, info.size, info.fd, info.type);
-        ReleaseBuffer(info);
+        pool.ReleaseBuffer(info);
     } else {
         buffers->second.push_back(info);
-        ZYT_LOG(I, m_logTag.c_str(), "Put buffer to pool success: pBuf: %p, size: %u, fd: %d, type: %d", info.pBuf,
+        ZYT_LOG(I, pool.m_logTag.c_str(), "Put buffer to pool success: pBuf: %p, size: %u, fd: %d, type: %d", info.pBuf,
                 info.size, info.fd, info.type);
     }
 }
 
-void ZYTBufferPool::PutBufferToPool(const ZYTGrallocBufferPoolBufferInfo& info) {
+void ZYTBufferPool::Steps::PutBufferToPool(ZYTBufferPool& pool, const ZYTGrallocBufferPoolBufferInfo& info) {
     zyt::Lock lock(m_freeBufferListLock);
     const auto buffers = m_freeGrallocBufferList.find({info.width, info.height});
     if (buffers == m_freeGrallocBufferList.end()) {
-        ZYT_LOG(E, m_logTag.c_str(),
+        ZYT_LOG(E, pool.m_logTag.c_str(),
                 "Wrong gralloc buffer when put buffer to pool, pBuf: %p, width: %u, height: %u, fd: %d, type: %d, "
                 "release it!",
                 info.pBuf, info.width, info.height, info.fd, info.type);
-        ReleaseBuffer(info);
+        pool.ReleaseBuffer(info);
     } else if (buffers->second.size() >= kFreeBuffersPerSize) {
-        ZYT_LOG(I, m_logTag.c_str(),
+        ZYT_LOG(I, pool.m_logTag.c_str(),
                 "Gralloc buffer num this size is more than threshold, release buffer, pBuf: %p, width: %u, height: %u, "
                 "fd: %d, type: %d, ",
                 info.pBuf, info.width, info.height, info.fd, info.type);
-        ReleaseBuffer(info);
+        pool.ReleaseBuffer(info);
     } else {
         buffers->second.push_back(info);
-        ZYT_LOG(I, m_logTag.c_str(),
+        ZYT_LOG(I, pool.m_logTag.c_str(),
                 "Put gralloc buffer to pool success: pBuf: %p, width: %u, height: %u, fd: %d, type: %d", info.pBuf,
                 info.width, info.height, info.fd, info.type);
     }

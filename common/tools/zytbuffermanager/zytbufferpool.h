@@ -60,9 +60,10 @@ public:
     /// Registers a client named "UnknowBufferManager".
     ZYTBufferPool() ZYT_EXCLUDES(m_bufferPoolClientNumLock);
 
-    /// Creates a named client that is not registered, although its destructor unregisters one. REQUIRES: a registered
-    /// client that outlives this object. Without one the constructor releases the pool and the destructor ends the
-    /// process.
+    /// Creates a named client that is not registered. Its destructor unregisters one client all the same, and so takes
+    /// away the registration of another: the pool is released one client too early, and the destructor of the client
+    /// that is left ends the process. Without a registered client the constructor releases the pool and the destructor
+    /// ends the process. To name a client, call SetClientName on one made by ZYTBufferPool().
     explicit ZYTBufferPool(std::string name)
         ZYT_EXCLUDES(m_bufferPoolClientNumLock, m_freeBufferListLock, m_busyBufferListLock);
 
@@ -138,9 +139,9 @@ public:
 private:
     ZYT_LOCAL void* AllocGrallocBuffer(unsigned int width, unsigned int height) ZYT_REQUIRES(m_freeBufferListLock);
 
-    // By this name, which their log lines carry.
-    ZYT_LOCAL void PutBufferToPool(const ZYTBufferPoolBufferInfo& info) ZYT_EXCLUDES(m_freeBufferListLock);
-    ZYT_LOCAL void PutBufferToPool(const ZYTGrallocBufferPoolBufferInfo& info) ZYT_EXCLUDES(m_freeBufferListLock);
+    // Functions whose log lines carry a public function's name. In the class itself they would join that function's
+    // overloads, and clients that take its address would no longer compile.
+    struct Steps;
 
     std::string m_clientName;
     std::string m_logTag;
