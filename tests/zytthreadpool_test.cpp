@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 #include "support.h"
 
@@ -87,6 +89,21 @@ TEST_F(ThreadPool, StopsOnceHoweverManyStopIt) {
         EXPECT_EQ(m_log.Take().size(), 6u) << "three workers stop and are joined";
         EXPECT_TRUE(m_pool.m_threadIdList.empty() && m_pool.m_taskList.empty());
     }
+}
+
+TEST_F(ThreadPool, JoinsOnlyWhatIsStillListed) {
+    ASSERT_TRUE(m_pool.Init(1));
+    std::unique_lock<std::mutex> holding(m_pool.m_taskListLock);
+    std::thread stopping([this] { m_pool.DeInit(false); });
+    // Enough to count the workers and to wait for the queue; on a slower machine the test only finds less.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    m_pool.m_threadListLock.lock();  // as Init() on another thread does
+    const std::vector<int64_t> forgotten = std::exchange(m_pool.m_threadIdList, {});
+    m_pool.m_threadListLock.unlock();
+    holding.unlock();
+    stopping.join();
+    pthread_join(static_cast<pthread_t>(forgotten.at(0)), nullptr);
+    EXPECT_THAT(m_log.Take(), testing::Not(testing::Contains(StartsWith("D Join"))));
 }
 
 TEST_F(ThreadPool, RunsWhatIsQueuedInOrderBeforeItStops) {

@@ -7,7 +7,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 source tools/need.sh
 
 # In order of execution; steps that find the most in the least time come first.
-all_steps=(format shell soong docs gcc strict exports demo exits clang locks tidy aosp fma address thread)
+all_steps=(format shell soong docs gcc strict exports demo exits initializers clang locks tidy aosp fma address thread)
 build_packages='g++ cmake make googletest libpng-dev'
 suite_packages="$build_packages ffmpeg pkgconf"
 clang_packages='clang libc++-14-dev libc++abi-14-dev'
@@ -22,6 +22,7 @@ declare -A packages=(
     [exports]="$build_packages binutils"
     [demo]="$suite_packages python3"
     [exits]=$build_packages
+    [initializers]="$build_packages $clang_packages binutils"
     [clang]="$suite_packages $clang_packages"
     [locks]="$build_packages $clang_packages python3"
     [tidy]="$build_packages $clang_packages clang-tidy git"
@@ -89,6 +90,20 @@ EOF
     refuses "cannot call function 'PutBufferToPool' while mutex 'm_freeBufferListLock' is held" || return 1
     sed -i '/::PutBufferToPool/,/^}/s/zyt::Lock lock(m_busyBufferListLock);//' "$copy/$source"
     refuses 'requires holding mutex'
+}
+
+# Checks which objects of the library have static initialisers or destructors, with a mutex that has a destructor as on a
+# phone. Threads that outlive static destruction use all static data but the data of these objects.
+step_initializers() {
+    local dir=build/check-initializers object required='zytbufferpool zytlogutil zytutil' found=''
+    mkdir -p "$dir"
+    printf '#include <__config>\n#undef _LIBCPP_HAS_TRIVIAL_MUTEX_DESTRUCTION\n' >"$dir/phone.h"
+    build initializers zyttools_objects || return 1
+    for object in $(find "$dir/common/tools" -name '*.o' | sort); do
+        ! readelf -SW "$object" | grep -q '\.init_array' || found+=" $(basename "$object" .cpp.o)"
+    done
+    [[ $(xargs -n 1 <<<"$found" | sort | xargs) == "$required" ]] || { echo "initialisers in$found, not in $required"; return 1; }
+    echo "in$found only"
 }
 
 # Uses the platform's own log and strong pointers.
@@ -194,10 +209,10 @@ for step in "${steps[@]}"; do
     start=$SECONDS
     if output=$("step_$step" 2>&1); then
         passed=$((passed + 1))
-        printf 'ok      %-9s %4d s  %s\n' "$step" $((SECONDS - start)) "$(tail -n 1 <<<"$output")"
+        printf 'ok      %-12s %4d s  %s\n' "$step" $((SECONDS - start)) "$(tail -n 1 <<<"$output")"
     else
         failed+=("$step")
-        printf 'FAILED  %-9s %4d s\n%s\n' "$step" $((SECONDS - start)) "$output"
+        printf 'FAILED  %-12s %4d s\n%s\n' "$step" $((SECONDS - start)) "$output"
     fi
 done
 [[ ${#failed[@]} -eq 0 ]] || echo "check: failed: ${failed[*]}" >&2

@@ -19,6 +19,14 @@
 #define ZYT_SCOPED_CAPABILITY ZYT_THREAD_ANNOTATION(scoped_lockable)
 #define ZYT_NO_THREAD_SAFETY_ANALYSIS ZYT_THREAD_ANNOTATION(no_thread_safety_analysis)
 
+/// For a lock in static storage that threads may still use after static destruction. On a phone std::mutex has a
+/// destructor, and a lock that was destroyed ends the process. gcc's library has none.
+#ifdef __clang__
+#define ZYT_NO_DESTROY [[clang::no_destroy]]
+#else
+#define ZYT_NO_DESTROY
+#endif
+
 namespace zyt {
 
 /// Holds a mutex for a scope and can let go of it early. std::unique_lock does the work; this class only carries the

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
@@ -49,7 +50,7 @@ private:
     StopTurn* m_next = nullptr;
 };
 
-std::mutex StopTurn::g_lock;
+ZYT_NO_DESTROY std::mutex StopTurn::g_lock;
 StopTurn* StopTurn::g_first = nullptr;
 
 }  // namespace
@@ -95,6 +96,7 @@ void ZYTThreadPool::DeInit(bool isFlush) {
     for (size_t i = 0; i < workers; ++i) QueueTask({ZYT_THREAD_POOL_TASK_STOP, nullptr, nullptr, 0});
 
     zyt::Lock lock(m_threadListLock);
+    workers = std::min(workers, m_threadIdList.size());  // Init() on another thread can have cleared the list
     for (size_t i = 0; i < workers; ++i) {
         const int64_t id = m_threadIdList[i];
         const int result = pthread_join(static_cast<pthread_t>(id), nullptr);
