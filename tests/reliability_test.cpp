@@ -5,6 +5,7 @@
 #include <hostdevice/hostdevice.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -76,6 +77,48 @@ bool LiveAsNodes(uint64_t thread, uint64_t operations) {
     return isIntact;
 }
 
+// Starts threads that connect, raise and log until the process ends.
+void KeepBusy(ZYTSignalTask* task) {
+    for (int t = 0; t < 3; ++t) {
+        std::thread([task] {
+            for (uint64_t id = 0;; ++id) {
+                WrapperTask work;
+                work.m_task = [task, id] { task->signal(id + 1); };
+                task->insert(id % 16, std::move(work));
+                task->signal(id % 16);
+                ZYT_LOG(E, "Busy", "line %lu", id);
+            }
+        }).detach();
+    }
+}
+
+// Forks while all parts of the library are busy. The children use the log and the signal task, and must not wait.
+ZYT_CHILD(ForkWhileBusy) {
+    ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
+    zyt::StoreFlag(log.m_enable, true);
+    ZYTLogUtil::m_level = 0;  // the platform's log has a lock of its own
+    ZYTSignalTask* task = ZYTSignalTask::instance();
+    KeepBusy(task);
+    for (int i = 0; i < 30; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(60);
+            for (int k = 0; k < 10; ++k) {
+                ZYT_LOG(E, "Child", "line %d", k);
+                log.PushLogToLogPool("line", ZYTOfflineLogLevel::E);
+                if (task->insert(1, WrapperTask()) != 0) _exit(1);
+                task->signal(1);
+                task->disconnect(1);
+                task->disconnect();
+            }
+            _exit(0);
+        }
+        int status = 1;
+        if (waitpid(child, &status, 0) != child || status != 0) _exit(WIFSIGNALED(status) ? 2 : 1);
+    }
+    _exit(7);
+}
+
 // Ends a process while all parts of the library are busy.
 ZYT_CHILD(ExitWhileBusy) {
     ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
@@ -88,17 +131,7 @@ ZYT_CHILD(ExitWhileBusy) {
     static ZYTBufferManager late("Late");
     late.AllocBuffer(4096, &pBuf, fd, ZYT_BUFFER_TYPE_MALLOC);
 
-    for (int t = 0; t < 3; ++t) {
-        std::thread([task] {
-            for (uint64_t id = 0;; ++id) {
-                WrapperTask work;
-                work.m_task = [task, id] { task->signal(id + 1); };
-                task->insert(id % 16, std::move(work));
-                task->signal(id % 16);
-                ZYT_LOG(E, "Busy", "line %lu", id);
-            }
-        }).detach();
-    }
+    KeepBusy(task);
     for (int i = 0; i < 3000; ++i) ZYT_LOG(E, "Main", "line %d", i);
     for (uint64_t id = 0; id < 1000; ++id) task->signal(id);
     return 7;
@@ -194,6 +227,8 @@ TEST(Exit, IsCalmWhateverIsGoingOn) {
     for (std::thread& burner : burners) burner.join();
     EXPECT_GT(rounds, 0);
 }
+
+TEST(Fork, GivesAChildThatNeitherLogsNorSignalsNorWaits) { EXPECT_EQ(zyttest::RunChild("ForkWhileBusy").exitCode, 7); }
 
 TEST(FullDisk, LosesLinesOnlyWhileThereIsNoRoom) {
     const zyttest::ChildResult child = zyttest::RunChild("LogToAFullDisk");

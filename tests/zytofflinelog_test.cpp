@@ -7,16 +7,19 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <iostream>
+#include <new>
 #include <sstream>
 #include <thread>
 
 #include "base/zytsharedflag.h"
 #include "support.h"
+#include "zytsignaltask/zytsignaltask.h"
 
 using testing::MatchesRegex;
 using zyttest::ReadFile;
@@ -116,6 +119,26 @@ ZYT_CHILD(ExitWithALineQueued) {
     return 0;
 }
 
+// Uses both for the first time in a child.
+ZYT_CHILD(ForkFirst) {
+    if (fork() == 0) {
+        ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
+        zyt::StoreFlag(log.m_enable, true);
+        ZYTOfflineLog::ZYTOfflineLogE("from the child");
+        std::atomic<bool> isRun{false};
+        WrapperTask task;
+        task.m_task = [&isRun] { isRun = true; };
+        ZYTSignalTask::instance()->insert(1, std::move(task));
+        ZYTSignalTask::instance()->signal(1);
+        const bool isDone = zyttest::WaitUntil([&isRun] { return isRun.load(); });
+        log.m_threadPool.DeInit(false);
+        _exit(isDone && ReadFile(log.m_curLogFileName).find("from the child\n") != std::string::npos ? 7 : 1);
+    }
+    int status = 1;
+    wait(&status);
+    return WEXITSTATUS(status);
+}
+
 }  // namespace
 
 TEST_F(OfflineLog, StampsALineAndKeepsEveryLevel) {
@@ -183,11 +206,6 @@ TEST_F(OfflineLog, StampsWithTheZonesTimeAndTheThreadThatLogs) {
     };
     EXPECT_TRUE(names(getpid(), gettid()));
     std::thread([&names] { EXPECT_TRUE(names(getpid(), gettid())); }).join();
-    const pid_t child = fork();
-    if (child == 0) _exit(names(getpid(), gettid()) ? 0 : 1);
-    int status = 1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
 }
 
 TEST_F(OfflineLog, RollsOverWhenALineWouldReachTheLimitAndDeletesTheOldestOf301Files) {
@@ -273,6 +291,24 @@ TEST_F(OfflineLog, LosesLinesThatCannotBeWrittenAndTriesAgain) {
     EXPECT_THAT(Contents(), testing::ElementsAre("kept\nkept\n"));
 }
 
+TEST_F(OfflineLog, AppendsToACurrentFileWhosePathIsLong) {
+    const fs::path folder = fs::path(hostdevice::OfflineLogDir()) / std::string(200, 'a') / std::string(200, 'b');
+    fs::create_directories(folder);
+    m_log.m_curLogFileName = folder / "log";
+    SetFileSize(0);
+    ASSERT_TRUE(WriteLine("line\n"));
+    EXPECT_EQ(ReadFile(folder / "log"), "line\n");
+}
+
+TEST_F(OfflineLog, KeepsNothingOfALineThatCannotBeQueued) {
+    zyttest::FailNew(true);
+    EXPECT_THROW(m_log.PushLogToLogPool("lost", ZYTOfflineLogLevel::E), std::bad_alloc);
+    zyttest::FailNew(false);
+    m_log.PushLogToLogPool("kept", ZYTOfflineLogLevel::E);
+    Drain();
+    EXPECT_THAT(Contents(), testing::ElementsAre(testing::EndsWith("kept\n")));
+}
+
 TEST_F(OfflineLog, SavesWholeBlocksAndThePoolToAFileOfItsOwn) {
     ZYTOfflineLogParameter param{"line\n"};
     ZYTOfflineLog::SaveLog(&param, 2047);
@@ -300,6 +336,8 @@ TEST(OfflineLogSwitch, IsThePropertyAndWithoutItTheFrameworks) {
         EXPECT_EQ(print(unset, "0"), off) << unset;
     }
 }
+
+TEST(OfflineLogInAChild, IsWholeWhenTheChildIsTheFirstToUseIt) { EXPECT_EQ(RunChild("ForkFirst").exitCode, 7); }
 
 TEST(OfflineLogAtExit, DiscardsWhatIsQueued) {
     const size_t before = FilesInLogDir();

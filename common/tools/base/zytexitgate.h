@@ -8,7 +8,8 @@
 
 namespace zyt {
 
-/// Keeps threads that still run at process exit out of a singleton that static destruction has reached.
+/// Keeps callers out of a singleton that they cannot use: threads that still run when static destruction has reached
+/// it, and a forked child, which has the object but not its threads.
 ///
 /// A gate belongs in static storage. It is initialised before any code runs and never destroyed, so it can be asked
 /// after the object behind it is gone. Thread-safe.
@@ -41,16 +42,23 @@ public:
     /// Admits nobody from now on and returns when every other thread has left. The caller's own passes are not waited
     /// for: a log sink may call exit() below a frame that holds one, and that frame never continues.
     void Close() {
+        m_state.fetch_or(kClosed);
+        while (m_state.load() != kClosed + OwnPasses()) std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+
+    /// Admits nobody in a forked child, which has no other threads that could leave. Waits for nothing.
+    void CloseInChild() { m_state.store(kClosed + OwnPasses()); }
+
+private:
+    static constexpr uint32_t kClosed = 0x80000000u;
+
+    uint32_t OwnPasses() const {
         uint32_t own = 0;
         for (const Pass* pass = Pass::t_innermost; pass != nullptr; pass = pass->m_outer) {
             if (&pass->m_gate == this && pass->m_isOpen) ++own;
         }
-        m_state.fetch_or(kClosed);
-        while (m_state.load() != kClosed + own) std::this_thread::sleep_for(std::chrono::microseconds(50));
+        return own;
     }
-
-private:
-    static constexpr uint32_t kClosed = 0x80000000u;
 
     // Whoever is refused is not counted: threads that go on asking could otherwise keep Close() waiting for ever.
     bool Enter() {

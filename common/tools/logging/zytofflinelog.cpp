@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 
 #include "base/zytexitgate.h"
 
@@ -27,11 +28,8 @@ namespace {
 
 zyt::ExitGate g_gate;
 
-std::atomic<uint32_t> g_forks{0};  // of this process and its ancestors
-
-// Around tzset(), whose own lock a thread sanitizer does not see, and around fork(), so that a child never finds it
-// held.
-std::mutex g_zoneLock;
+// Around tzset(), whose own lock a thread sanitizer does not see.
+ZYT_NO_DESTROY std::mutex g_zoneLock;
 
 // Breaks a time down as localtime() does, which looks at TZ and the zone's file anew each time; localtime_r() alone
 // need not.
@@ -66,19 +64,19 @@ std::string NextFileName() {
 // them costs more than the rest of queueing a line.
 struct StampCache {
     time_t second = -1;
-    uint32_t forks = 0;
     char date[16] = {};  // "MM-DD hh:mm:ss:"
     char ids[32] = {};   // "  pid  tid "
-
-    bool IsValid(time_t now) const { return second == now && forks == g_forks.load(std::memory_order_relaxed); }
 
     void Refresh(time_t now) {
         const tm local = LocalTime(now);
         std::strftime(date, sizeof(date), "%m-%d %H:%M:%S:", &local);
         std::snprintf(ids, sizeof(ids), "  %4d  %4d ", getpid(), gettid());
         second = now;
-        forks = g_forks.load(std::memory_order_relaxed);
     }
+};
+
+struct FreeBlock {
+    void operator()(void* block) const { std::free(block); }
 };
 
 char* Append(char* end, const char* text) {
@@ -92,7 +90,7 @@ size_t StampLine(char (&line)[sizeof(ZYTOfflineLogParameter)], ZYTOfflineLogLeve
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     thread_local StampCache cache;
-    if (!cache.IsValid(now.tv_sec)) cache.Refresh(now.tv_sec);
+    if (cache.second != now.tv_sec) cache.Refresh(now.tv_sec);
     char* end = Append(line, cache.date);
     constexpr int kNanosecondDigits = 9;
     long nanoseconds = now.tv_nsec;
@@ -121,13 +119,7 @@ ZYTOfflineLog::ZYTOfflineLog() {
             pthread_setname_np(static_cast<pthread_t>(id), "ZYTOfflineLog");
         }
     }
-    // A child has a copy of the forking thread's stamp.
-    pthread_atfork([]() ZYT_NO_THREAD_SAFETY_ANALYSIS { g_zoneLock.lock(); },
-                   []() ZYT_NO_THREAD_SAFETY_ANALYSIS { g_zoneLock.unlock(); },
-                   []() ZYT_NO_THREAD_SAFETY_ANALYSIS {
-                       g_zoneLock.unlock();
-                       g_forks.fetch_add(1, std::memory_order_relaxed);
-                   });
+    pthread_atfork(nullptr, nullptr, [] { g_gate.CloseInChild(); });
     const int32_t property = property_get_int32("persist.vendor.camera.zyttools.offlinelog", -1);
     m_enable = property == -1 ? ReadEnableFromOverrideSettingsFile() : property > 0;
     m_previewEnable = m_enable;
@@ -161,17 +153,19 @@ bool ZYTOfflineLog::ReadEnableFromOverrideSettingsFile() {
 void ZYTOfflineLog::PushLogToLogPool(const char* log, ZYTOfflineLogLevel level) {
     zyt::ExitGate::Pass pass(g_gate);
     if (!pass) return;
-    auto* param = static_cast<ZYTOfflineLogParameter*>(std::malloc(sizeof(ZYTOfflineLogParameter)));
-    if (param == nullptr) return;
-    constexpr size_t kLongest = sizeof(param->logLine) - 1;
-    char* line = param->logLine;
-    size_t length = StampLine(param->logLine, level);
+    std::unique_ptr<ZYTOfflineLogParameter, FreeBlock> owner(
+        static_cast<ZYTOfflineLogParameter*>(std::malloc(sizeof(ZYTOfflineLogParameter))));
+    if (owner == nullptr) return;
+    auto& line = owner->logLine;
+    constexpr size_t kLongest = sizeof(line) - 1;
+    size_t length = StampLine(line, level);
     const size_t messageLength = std::min(std::strlen(log), kLongest - length);
     std::memcpy(line + length, log, messageLength);
     length += messageLength;
     if (length < kLongest) line[length++] = '\n';
-    std::memset(line + length, 0, sizeof(param->logLine) - length);
-    m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, SaveLog, param, sizeof(ZYTOfflineLogParameter)});
+    std::memset(line + length, 0, sizeof(line) - length);
+    m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, SaveLog, owner.get(), sizeof(ZYTOfflineLogParameter)});
+    owner.release();  // the queue's, unless there was no memory for its node
 }
 
 void ZYTOfflineLog::SaveLog(void* data, unsigned int size) {
@@ -206,10 +200,9 @@ bool ZYTOfflineLog::FlushLogPoolToFile2(ZYTOfflineLogParameter* param) {
     zyt::Lock lock(m_logFileLock);
     FILE* file = nullptr;
     if (m_curLogFileSize + length < kFileSizeLimit) {
-        char name[kFileNameSize];
-        std::memcpy(name, m_curLogFileName.c_str(), m_curLogFileName.size() + 1);
+        const std::string name = m_curLogFileName;
         lock.Unlock();
-        file = std::fopen(name, "a");
+        file = std::fopen(name.c_str(), "a");
     } else {
         file = StartNextFile();
         lock.Unlock();

@@ -41,6 +41,7 @@ ZYTSignalTask::ZYTSignalTask() {
     // Before the thread: the log then outlives this object, whose destructor logs.
     ZYTOfflineLog::GetInstance();
     m_threadList.emplace_back(&ZYTSignalTask::loop, this);
+    pthread_atfork(nullptr, nullptr, [] { g_gate.CloseInChild(); });
 }
 
 ZYTSignalTask::~ZYTSignalTask() {
