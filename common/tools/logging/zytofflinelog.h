@@ -46,16 +46,26 @@ struct ZYTOfflineLogParameter {
 /// file is opened for the first line and for each line that would bring the current file to 30 MiB. Beyond 300 files of
 /// this process the oldest is deleted. Each line is stamped with the local time, process, thread and level letter, is
 /// at most 2047 characters long (a longer one is cut and loses its newline) and is appended in one piece. Lines of
-/// different workers have no fixed order.
+/// different workers have no fixed order. A line is counted after it was written, so a file can exceed 30 MiB by the
+/// lines that workers write at the same time.
 ///
-/// The log functions are thread-safe, test only the switch, never a level, and never access the file system. A line
-/// that cannot be written is lost without a report, because no place is left for one. Lines that are still queued at
-/// exit are discarded. After the instance has been destroyed the log functions and PushLogToLogPool do nothing; no
-/// other member may be used then. A forked child has the instance but not its workers: nothing writes its lines, and it
-/// must end with _exit(), since exit() would wait for the workers.
+/// The log functions are thread-safe and test only the switch, never a level. They access the file system only for the
+/// time zone, at most once a second in each thread, where the C library looks at the zone's file. A line that cannot be
+/// written is lost without a report, because no place is left for one. Lines that are queued while there are no
+/// workers, because no thread could be started or a caller stopped m_threadPool, stay in memory. Lines that are still
+/// queued at exit are discarded. After the instance has been destroyed the log functions and PushLogToLogPool do
+/// nothing; no other member may be used then.
+///
+/// The same holds in a forked child when the instance existed at the fork, since its workers are not there. Such a
+/// child ends by exec or _exit(): exit() waits for the workers. A child that is the first to log has an instance of its
+/// own. REQUIRES: no fork while another thread creates the instance.
+///
+/// dlclose() of the last library that links to this one destroys the instance under the loader's lock: a thread that
+/// still logs crashes, and exit() or a library load on a worker waits for ever. A service that unloads nodes keeps this
+/// library loaded: `dlopen("libzyttools.so", RTLD_NOW | RTLD_NODELETE)`.
 class ZYT_EXPORT ZYTOfflineLog {
 public:
-    /// Bytes that a file stays below; also the size of m_logPool.
+    /// Bytes at which a file is full; also the size of m_logPool.
     static constexpr uint32_t kFileSizeLimit = 30u << 20;
     static constexpr uint32_t kFileCountLimit = 300;  ///< Files of this process that are kept.
     static constexpr unsigned int kWorkerCount = 10;  ///< Threads that write.
@@ -136,9 +146,9 @@ public:
     bool FlushLogPoolToFile2(ZYTOfflineLogParameter* param) ZYT_EXCLUDES(m_logFileLock, m_logFileListLock);
 
     /// Writes m_logPool to a file of its own, empties the pool and counts the file towards the 300. Returns false, with
-    /// nothing changed, when the file cannot be opened. Takes none of the locks below, so that it can be called while
-    /// another thread holds them; REQUIRES: no other use of the instance at the same time. It allocates memory and uses
-    /// stdio, so it is not safe in a signal handler.
+    /// nothing changed, when the file cannot be opened. Clears the whole pool, which makes its 30 MiB resident. Takes
+    /// none of the locks below, so that it can be called while another thread holds them; REQUIRES: no other use of the
+    /// instance at the same time. It allocates memory and uses stdio, so it is not safe in a signal handler.
     bool FlushLogPoolToFile() ZYT_NO_THREAD_SAFETY_ANALYSIS;
 
     /// Returns the camera framework's offline-log switch; false in a build without the framework.

@@ -46,14 +46,15 @@ public:
 
     /// Starts threadNum workers. Returns false at the first one that cannot be started; the ones before it keep
     /// running, and DeInit stops them. Empties the queue first, without freeing the data of its tasks, which stays with
-    /// whoever queued them. When it is called again without DeInit, the earlier workers keep serving the queue but are
-    /// no longer listed: they can take stop tasks that are meant for the new workers, for which the next DeInit then
-    /// waits for ever.
+    /// whoever queued them. A second call without DeInit forgets the earlier workers: they keep serving the queue, and
+    /// DeInit does not stop them. They can take the stop tasks of the new workers, and DeInit then waits for ever.
     bool Init(unsigned int threadNum) ZYT_EXCLUDES(m_threadListLock, m_taskListLock);
 
     /// Stops and joins all workers. With isFlush the tasks that are still queued are discarded, otherwise they run
     /// first. Waits for ever when a stop task gets lost, because another thread calls FlushTask, Init or
-    /// GetTaskFromList meanwhile.
+    /// GetTaskFromList meanwhile. Waits for ever, too, when a task or a log sink on a worker calls exit() meanwhile,
+    /// and the pool is in static storage or the caller is itself in exit(): exit() then waits for this call, and this
+    /// call for that worker.
     void DeInit(bool isFlush) ZYT_EXCLUDES(m_threadListLock, m_taskListLock);
 
     /// Appends a task to the queue and wakes one worker.

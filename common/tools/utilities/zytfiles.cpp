@@ -15,9 +15,9 @@ namespace {
 
 constexpr size_t kPathSize = 2048;
 
-// Closes a stream that may be null. A listing makes one closedir call whether or not its directory could be opened,
-// which is what tools that trace the C library's calls pair with the listing; C libraries answer a null stream with an
-// error. Some declare the parameter as never null, and a compiler that saw the call would drop the test for null before
+// Closes a stream that may be null. A listing makes one closedir call even when its directory could not be opened:
+// tools that trace the C library's calls pair that call with the listing. C libraries return an error for a null
+// stream. Some declare the parameter as never null, so a compiler that saw the call would drop the test for null before
 // it. The volatile pointer hides the call.
 int (*volatile g_closeDirectory)(DIR*) = closedir;
 

@@ -19,8 +19,9 @@ using ASVL_OFFSCREEN = ASVLOFFSCREEN;
 ///
 /// The functions keep no state, take no lock and log nothing. They trust their arguments: no pointer may be null, and
 /// the memory of an image must hold what its record says. Only the pixels of a row are read or written, never the slack
-/// up to the stride. The caller brackets CPU access to DMA-BUF memory. A row or an offset that does not fit in 32 bits
-/// ends the process. Thread-safe as long as no other thread writes the same memory.
+/// up to the stride. The caller brackets CPU access to DMA-BUF memory. A row of 2^31 bytes
+/// or more, and an offset that does not fit in 32 bits, end the process. Thread-safe as long as no other thread writes
+/// the same memory.
 class ZYT_EXPORT ZYTBufferUtil {
 public:
     /// Copies `rows` rows of rowBytes bytes; the strides are in bytes. Does nothing for less than one row or byte.

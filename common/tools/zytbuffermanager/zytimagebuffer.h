@@ -8,9 +8,9 @@
 
 /// Pixel format of an image. The values are shared with other processes' records and never change.
 ///
-/// The layouts are those of the camera's interfaces. Packed rows are MIPI CSI-2's: each group of pixels has the upper 8
-/// bits of each pixel first, then the lower bits of all of them, those of the first pixel lowest. A row is
-/// width * bits / 8 bytes; where that cuts a group, the lower bits of its pixels are not in a copy or dump. 16-bit
+/// The layouts are those of the camera's interfaces. Packed rows are MIPI CSI-2's. A group of pixels starts with the
+/// upper 8 bits of each pixel. The lower bits of all its pixels follow, the first pixel's in the lowest bits. A row is
+/// width * bits / 8 bytes; when that cuts the last group, some of its lower bits are not in a copy or dump. 16-bit
 /// containers are little-endian. Apart from the marks that ZYTUtil draws, the library moves bytes and never interprets
 /// a pixel.
 enum ZYTFormat : int32_t {

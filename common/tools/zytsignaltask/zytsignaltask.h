@@ -51,13 +51,23 @@ public:
 ///
 /// The object is created by the first instance() and destroyed at process exit. Destruction drops pending signals and
 /// connections, waits for the task that is running, and from then on all operations do nothing. It waits for ever only
-/// when that task never returns, or waits for something that exiting keeps from happening. A task may call exit()
-/// itself. A forked child has the object but not its thread: it must end with _exit(), since exit() would wait for the
-/// thread.
+/// when that task never returns, or waits for something that exiting keeps from happening. A task, or a log sink below
+/// one, may call exit() itself. Then no other thread may exit where the C library lets one thread exit at a time: each
+/// would wait for the other.
 ///
-/// Thread-safe. A task may raise signals but must not connect or disconnect, which wait for the lock that it runs
-/// under. An empty callable, or an exception that leaves a task, ends the process. Lock order: the locks of the signal
-/// list and of the task map are never held together.
+/// In a forked child all operations do nothing when the object existed at the fork, since its thread is not there. Such
+/// a child ends by exec or _exit(): exit() waits for the thread. A child that is the first to use the object has one of
+/// its own. REQUIRES: no fork while another thread creates the object.
+///
+/// dlclose() of the last library that links to this one destroys the object under the loader's lock: a running task
+/// that loads a library waits for ever. A service that unloads nodes keeps this library loaded:
+/// `dlopen("libzyttools.so", RTLD_NOW | RTLD_NODELETE)`. A node that is unloaded has disconnected its tasks before, and
+/// no capture of theirs is left.
+///
+/// Thread-safe. A task may raise signals. Neither a task nor the destructor of one of its captures may connect or
+/// disconnect: both can run under the lock that these operations take, and would wait for ever. An empty callable, or
+/// an exception that leaves a task, ends the process. Lock order: the locks of the signal list and of the task map are
+/// never held together.
 class ZYT_EXPORT ZYTSignalTask {
 public:
     /// Returns the one object. Throws std::system_error when its thread cannot be started; a later call tries again.
