@@ -121,7 +121,7 @@ void WriteFile(const std::string& path, const std::string& content) {
 }
 
 bool WaitUntil(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(ZYT_TIME_LIMIT);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -185,7 +185,7 @@ int main(int argc, char** argv) {
     // Children print no line about strict mode, because tests compare their output.
     if (hostdevice::IsStrict()) setenv("HOSTDEVICE_STRICT", "quiet", 1);
     if (argc == 3 && std::strcmp(argv[1], "--child") == 0) {
-        alarm(120);
+        alarm(ZYT_TIME_LIMIT);
         const auto child = zyttest::Children().find(argv[2]);
         return child != zyttest::Children().end() ? child->second() : 99;
     }
