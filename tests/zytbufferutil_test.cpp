@@ -8,7 +8,7 @@ using zyttest::ReadFile;
 using zyttest::TempDir;
 
 TEST(CopyAndDump, MoveThePixelsOfEveryFormatAndNothingElse) {
-    EXPECT_TRUE(zytrule::Holds(zytrule::MovesByRule, 3000, TempDir().Path()));
+    EXPECT_TRUE(zytrule::Holds(zytrule::MovesByRule, 1500, TempDir().Path()));
 }
 
 TEST(Copy, EndsTheProcessOnImpossibleSizes) {
