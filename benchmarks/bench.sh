@@ -5,41 +5,40 @@
 set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+me=bench
 source tools/need.sh
-build=build/bench
-export HOSTDEVICE_DATA=$PWD/$build/device
+folder=build/bench
+export HOSTDEVICE_DATA=$PWD/$folder/device
 docs=no
 case "${1-}" in
     "") ;;
     --update-docs) docs=yes ;;
-    *) echo "usage: bench.sh [--update-docs]" >&2; exit 2 ;;
+    *) failure=2; die 'usage: bench.sh [--update-docs]' ;;
 esac
 
 need g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev libboost-dev libpng-dev ffmpeg python3-matplotlib
 
-mkdir -p "$build"
-cmake --preset bench >"$build/configure.log"
-cmake --build "$build" -j "$(nproc)" >"$build/build.log" || { tail -n 30 "$build/build.log" >&2; exit 1; }
-strip -o "$build/libzyttools.stripped.so" "$build/common/tools/libzyttools.so"
+build bench
+strip -o "$folder/libzyttools.stripped.so" "$folder/common/tools/libzyttools.so"
 
 # The user's properties could turn the logs on.
 unset HOSTDEVICE_PROPERTIES
-rm -f "$build"/round-*.json
+rm -f "$folder"/round-*.json
 # Several processes, each with several repetitions in random order, because a result depends on chance, such as a
 # process's memory addresses. One process per area, so that a subject and its peer run close together in time.
 for round in 1 2 3 4 5 6 7 8 9; do
     for area in pool/ pool_sizes manager log_site offline copy_nv12 copy_p010 dump outline tasks signal \
         kit_plain kit_dmabuf kit_gralloc kit_rows kit_unpack kit_pack; do
-        "$build/benchmarks/zytbench" --benchmark_filter="^$area" --benchmark_min_time=0.015 \
+        "$folder/benchmarks/zytbench" --benchmark_filter="^$area" --benchmark_min_time=0.015 \
             --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
-            --benchmark_out="$build/round-$round-${area%/}.json" >"$build/run.log" 2>&1 ||
-            { tail -n 30 "$build/run.log" >&2; exit 1; }
+            --benchmark_out="$folder/round-$round-${area%/}.json" >"$folder/run.log" 2>&1 ||
+            { tail -n 30 "$folder/run.log" >&2; exit 1; }
     done
-    "$build/benchmarks/zytmemory" >"$build/round-$round-memory.json"
-    python3 benchmarks/viewbench.py "$build/tools/zytview/zytview" "$build" >"$build/round-$round-view.json"
+    "$folder/benchmarks/zytmemory" >"$folder/round-$round-memory.json"
+    python3 benchmarks/viewbench.py "$folder/tools/zytview/zytview" "$folder" >"$folder/round-$round-view.json"
 done
 
-python3 benchmarks/report.py "$build" "$docs"
+python3 benchmarks/report.py "$folder" "$docs"
 if [ "$docs" = yes ]; then
-    /usr/bin/python3 benchmarks/plot.py "$build/bench.json" docs/performance
+    /usr/bin/python3 benchmarks/plot.py "$folder/bench.json" docs/performance
 fi

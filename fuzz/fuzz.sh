@@ -4,30 +4,20 @@
 # run continues from them and tries earlier findings first.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+me=fuzz
 source tools/need.sh
-
-die() {
-    printf 'fuzz: %s\n' "$*" >&2
-    exit 1
-}
 
 seconds=${1:-60}
 [[ $# -le 1 && $seconds =~ ^[1-9][0-9]{0,5}$ ]] || die 'usage: fuzz.sh [SECONDS]'
-build=$PWD/build/fuzz
-export HOSTDEVICE_DATA=$build/device
+folder=$PWD/build/fuzz
+export HOSTDEVICE_DATA=$folder/device
 longest=400  # bytes of an input; no target uses more
-
-build_targets() {
-    { cmake --preset fuzz &&
-        cmake --build "$build" --target fuzzers --parallel "$(nproc)"; } >"$build/build.log" 2>&1 ||
-        { tail -n 20 "$build/build.log" >&2; die "the build failed, see $build/build.log"; }
-}
 
 # Runs one target and prints its result; fails when there is a finding.
 run_target() {
-    local name=$1 target=$build/fuzz/$1 corpus=$build/corpus/$1 findings=$build/findings/$1 log=$build/logs/$1.log
+    local name=$1 target=$folder/fuzz/$1 corpus=$folder/corpus/$1 findings=$folder/findings/$1 log=$folder/logs/$1.log
     local status=0 counts why
-    mkdir -p "$corpus" "$build/logs" "$findings"
+    mkdir -p "$corpus" "$folder/logs" "$findings"
     [[ -e $corpus/seed ]] || head -c $longest /dev/urandom >"$corpus/seed"
     # The outer limit stops a target that ignores its own.
     (cd "$scratch" && exec timeout --kill-after=10 $((seconds + 300)) "$target" -max_total_time="$seconds" -timeout=20 \
@@ -48,9 +38,9 @@ run_target() {
 }
 
 need clang libclang-rt-14-dev cmake make
-mkdir -p "$build"
-exec {lock}>"$build/lock"
-flock --nonblock "$lock" || die "another run is at work in $build"
+mkdir -p "$folder"
+exec {lock}>"$folder/lock"
+flock --nonblock "$lock" || die "another run is at work in $folder"
 # Some targets create many small files, so use a file system in memory when there is one.
 scratch=$(mktemp -d -p "$([[ -w /dev/shm ]] && echo /dev/shm || echo "${TMPDIR:-/tmp}")" zyttools-fuzz-XXXXXX)
 running=''
@@ -61,7 +51,7 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
-build_targets
+build fuzz fuzzers
 bad=0
 for rule in Draws Lists Moves Names Places Reads; do
     run_target "${rule}ByRule" || bad=$((bad + 1))

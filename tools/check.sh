@@ -4,6 +4,7 @@
 # usage: tools/check.sh [STEP …]    all steps unless some are named
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+me=check
 source tools/need.sh
 
 # In order of execution; steps that find the most in the least time come first.
@@ -35,16 +36,6 @@ declare -A packages=(
 passed=0
 failed=()
 
-# build STEP [TARGET…]    all targets unless some are named
-build() {
-    local dir=build/check-$1
-    mkdir -p "$dir"
-    { cmake --preset "check-$1" && cmake --build "$dir" -j "$(nproc)" ${2:+--target "${@:2}"}; } >"$dir/build.log" 2>&1 || {
-        grep -E 'error|warning' -A 5 "$dir/build.log" | head -n 40
-        return 1
-    }
-}
-
 # run_suite STEP [CTEST-ARGUMENT…]
 run_suite() {
     local dir=build/check-$1
@@ -57,13 +48,13 @@ run_suite() {
     ! grep -E 'Not Run' "$dir/test.log"
 }
 
-build_and_test() { build "$1" && run_suite "$1"; }
+build_and_test() { build "check-$1" && run_suite "$1"; }
 
 step_gcc() { build_and_test gcc; }
 
 # Runs the suite, which includes the guide's node, and the demo in strict mode.
 step_strict() {
-    build gcc && HOSTDEVICE_STRICT=1 run_suite gcc || return 1
+    build check-gcc && HOSTDEVICE_STRICT=1 run_suite gcc || return 1
     HOSTDEVICE_STRICT=1 ZYT_PRESET=check-gcc ./dev demo >build/check-gcc/demo.log 2>&1 || { tail -n 20 build/check-gcc/demo.log; return 1; }
 }
 
@@ -115,7 +106,7 @@ step_fma() {
         echo "this processor cannot fuse; the device's can, and runs the same tests"
         return 0
     fi
-    build fma zytutil_test && run_suite fma -R 'Crop|FaceMapping|Clock|Drawing'
+    build check-fma zytutil_test && run_suite fma -R 'Crop|FaceMapping|Clock|Drawing'
 }
 
 # Runs the suite with the address, leak and undefined-behaviour sanitizers, without suppressions.
@@ -127,7 +118,7 @@ step_thread() { TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 build_and_t
 
 # Ends processes while all parts of the library are busy: 1000 rounds when the step is selected, otherwise fewer.
 step_exits() {
-    build gcc reliability_test || return 1
+    build check-gcc reliability_test || return 1
     ZYT_EXIT_ROUNDS=${ZYT_EXIT_ROUNDS:-$exit_rounds} \
         build/check-gcc/tests/reliability_test --gtest_filter='Exit.*' --gtest_brief=1
 }
@@ -160,7 +151,7 @@ step_docs() { ./dev docs; }
 
 # Checks that the shared library exports exactly the names on its list.
 step_exports() {
-    build gcc zyttools || return 1
+    build check-gcc zyttools || return 1
     local listed exported
     listed=$(grep -v '^#' common/tools/exports.txt | sort -u)
     exported=$(nm -DC --defined-only build/check-gcc/common/tools/libzyttools.so | sed 's/^[0-9a-f]* . //' | sort -u)
@@ -200,7 +191,7 @@ exit_rounds=1000
 [[ ${#steps[@]} -gt 0 ]] || { steps=("${all_steps[@]}"); exit_rounds=200; }
 needed=''
 for step in "${steps[@]}"; do
-    [[ -n ${packages[$step]-} ]] || { echo "check: no step $step; there are ${all_steps[*]}" >&2; exit 2; }
+    [[ -n ${packages[$step]-} ]] || { failure=2; die "no step $step; there are ${all_steps[*]}"; }
     needed+=" ${packages[$step]}"
 done
 # shellcheck disable=SC2046
