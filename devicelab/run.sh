@@ -1,88 +1,136 @@
 #!/usr/bin/env bash
-# Cross-builds a CMake project against the library, boots the emulated device with it, and runs its tests or one of its
-# programs there. The exit status is 0 or 1 for tests. For a program it is the program's own, 128 + N after signal N, or
-# 124 when it hung. It is 125 when nothing could be run.
-# usage: run.sh [--strict] PROJECT [COMMAND…]
+# Builds for 64-bit Arm, boots the box, and runs tests, or one program, there: this tree's tests, or those of a CMake
+# project that is built against the library. The exit status is 0 or 1 for tests. For a program it is the program's own,
+# 128 + N after signal N, or 124 when it hung. It is 125 when nothing could be run.
+# usage: run.sh --tree [CTEST-OPTION…]
+#        run.sh [--strict] PROJECT [COMMAND…]
 set -Eeuo pipefail
 called_from=$PWD
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+me=device
 source tools/need.sh
-work=$PWD/build/device-run
 source devicelab/box.sh
-failure=125
+# Reports failures that no check covers. A subshell leaves the report to its parent, so that there is one line.
+trap '((BASH_SUBSHELL)) || die "${0##*/}:$LINENO: $BASH_COMMAND failed"' ERR
 
-usage='usage: ./dev device run [--strict] PROJECT [COMMAND…]'
-strict=${HOSTDEVICE_STRICT-}
-[[ ${1-} != --strict ]] || { strict=1; shift; }
-[[ $# -gt 0 && $1 != -* ]] || die "$usage"
-project=$(cd "$called_from" && realpath -m "$1")
-shift
-[[ -f $project/CMakeLists.txt ]] || die "no CMake project in $project"
-properties=$PWD/devicelab/device.prop
-[[ -z ${HOSTDEVICE_PROPERTIES-} ]] || properties=$(cd "$called_from" && realpath -m "$HOSTDEVICE_PROPERTIES")
-[[ -r $properties ]] || die "cannot read $properties, which HOSTDEVICE_PROPERTIES names"
-prefix=$work/prefix project_build=$work/project
-size_limit=600  # capacity of the device in MiB
+limit=${ZYT_DEVICE_TEST_TIMEOUT:-600}
+[[ $limit =~ ^[1-9][0-9]*$ ]] || die "a time-out must be a whole number of seconds, not '$limit'"
+[[ -z ${HOSTDEVICE_PROPERTIES-} ]] || HOSTDEVICE_PROPERTIES=$(cd "$called_from" && realpath -m "$HOSTDEVICE_PROPERTIES")
 
-build_library() {
-    echo 'building the library for 64-bit Arm'
-    logged configure 'configuring the library' cmake --preset device-library
-    logged build 'building the library' cmake --build "$work/library" --parallel "$(nproc)"
-    logged install 'installing the library' cmake --install "$work/library" --prefix "$prefix"
-}
+mkdir -p "$work"
+exec {lock}>"$work/lock"
+flock --nonblock "$lock" || die "another run is at work in $work"
 
-# Like `logged`, but shows the compiler's messages.
-logged_project() {
-    local log=$work/$1.log what=$2
-    shift 2
-    "$@" >"$log" 2>&1 || {
-        grep -m 5 -A 4 -E '(error|Error|undefined reference)[: ]' "$log" >&2 || tail -n 20 "$log" >&2
-        die "$what failed, see $log"
-    }
-}
-
-build_project() {
-    echo "building $project"
-    grep -qsxF "CMAKE_HOME_DIRECTORY:INTERNAL=$project" "$project_build/CMakeCache.txt" || rm -rf "$project_build"
-    # Backtraces need debug information.
-    logged_project project-configure "configuring $project" env PKG_CONFIG_LIBDIR="$prefix/lib/pkgconfig" \
-        cmake -S "$project" -B "$project_build" -DCMAKE_TOOLCHAIN_FILE="$PWD/devicelab/aarch64-linux-gnu.cmake" \
-        -DCMAKE_BUILD_TYPE=RelWithDebInfo -Dzyttools_DIR="$prefix/lib/cmake/zyttools"
-    logged_project project-build "building $project" cmake --build "$project_build" --parallel "$(nproc)"
-}
-
-# Copies the library unstripped, so that a backtrace has names.
-pack_library() { cp -L "$1" "$2"; }
-
-# Packs the project's folder and build at their local paths, because tests refer to both by absolute paths.
-pack_project() {
-    local files=(tar -C / --create --exclude=.git --exclude-tag-all=CMakeCache.txt "${project#/}") programs
-    local build_files=(tar -C / --create --exclude='*.o' --exclude='*.a' --exclude=CMakeFiles "${project_build#/}")
-    rm -rf "$root"
-    mkdir -p "$root"/{lib,vendor,tmp}
-    (($({ "${files[@]}"; "${build_files[@]}"; } | head -c $(((size_limit + 1) << 20)) | wc -c) <= size_limit << 20)) ||
-        die "$project and its build are more than the $size_limit MiB that fit into the device"
-    "${files[@]}" | tar -C "$root" --extract
-    "${build_files[@]}" | tar -C "$root" --extract
-    cp "$properties" "$root/vendor/build.prop"
-    mapfile -t programs < <(python3 devicelab/project.py programs "$project_build")
-    [[ ${#programs[@]} -gt 0 ]] || die "$project builds no program"
-    pack_libraries "${programs[@]}"
-    python3 devicelab/project.py jobs "$work" "$project" "$test_limit" "$strict" "$@" || exit "$failure"
-    pack_root
-}
-
-{
-    need bc bison cmake cpio flex g++ g++-aarch64-linux-gnu gdb-multiarch linux-source-6.1 make pkgconf python3 \
-        qemu-system-arm xz-utils
-    lock_work
+prepare() {
+    need bc bison cmake cpio flex g++ g++-aarch64-linux-gnu gdb-multiarch linux-source-6.1 make qemu-system-arm xz-utils "$@"
     build_kernel
-    build_init
-    build_library
-    build_project
-    pack_project "$@"
-    boot
-    unpack
-} >&2
-trap - ERR
-exec python3 devicelab/project.py verdict "$work" "$@"
+}
+
+# Prints the stacks of the first programs that crashed or hung.
+show_crashes() {
+    local status job command how number shown=0
+    for status in "$result"/*/status; do
+        [[ -e $status ]] && read -r how number <"$status" && [[ $how != exit ]] && ((shown++ < 4)) || continue
+        job=${status%/status}
+        mapfile -t -d '' command <"$job/command"  # the directory, the number of arguments, the arguments
+        [[ $how != signal ]] || how="killed by signal $number, SIG$(kill -l "$number")"
+        [[ $how != hung ]] || how='hung, killed'
+        if [[ -s $job/core ]]; then
+            (cd "${command[0]}" && exec gdb-multiarch -batch -nx -ex 'set print frame-arguments scalars' \
+                -ex 'set solib-search-path /usr/aarch64-linux-gnu/lib' "${command[2]}" "$job/core" \
+                -ex 'echo where it was\n' -ex bt -ex 'thread apply all bt') 2>/dev/null |
+                sed '1,/^where it was/d' >"$job/backtrace.txt" || true
+            sed '/^Thread /,$d' "$job/backtrace.txt" | grep -m 12 '^#' || true
+            how+="; every thread: $job/backtrace.txt"
+        fi
+        echo "device: ${command[2]##*/} ${command[*]:3:command[1]-1}: $how"
+    done >&2
+}
+
+# run_tests BUILD CTEST-OPTION…    exits with status 1 when a test fails
+run_tests() {
+    local bad=0 counts
+    rm -f "$work/tests.xml"
+    ctest --test-dir "$1" --output-on-failure --no-tests=error --timeout "$limit" --output-junit "$work/tests.xml" "${@:2}" ||
+        bad=1
+    turn_off || bad=1
+    show_crashes
+    [[ -e $work/tests.xml ]] || die 'no test ran'
+    # In this order: all, failed, disabled, skipped.
+    mapfile -t counts < <(sed -nE '1,9s/^\s(tests|failures|disabled|skipped)="(.*)"$/\2/p' "$work/tests.xml")
+    echo "$((counts[0] - counts[1] - counts[2] - counts[3])) passed, ${counts[1]} failed$(
+        ((counts[3] == 0)) || echo ", ${counts[3]} skipped")"
+    exit "$bad"
+}
+
+find_program() {
+    local found=("$1/$2")
+    [[ -f ${found[0]} ]] || mapfile -t found < <(programs "$1" -name "${2##*/}")
+    ((${#found[@]} == 1)) || die "no program $2, or several; the build has $(programs "$1" -printf '%P ')"
+    program=${found[0]}
+}
+programs() { find "$1" -name CMakeFiles -prune -o -type f -executable ! -name '*.so*' "${@:2}" ; }
+
+run_tree() {
+    {
+        prepare googletest
+        boot "$PWD"
+        echo 'building for 64-bit Arm'
+        build device
+    } >&2
+    run_tests build/device --parallel 2 "$@"
+}
+
+run_project() {
+    local usage='usage: ./dev device run [--strict] PROJECT [COMMAND…]' project status=0 prefix=$work/prefix
+    local build=$work/project folders=("$PWD")
+    [[ ${1-} != --strict ]] || { export HOSTDEVICE_STRICT=1; shift; }
+    [[ $# -gt 0 && $1 != -* ]] || die "$usage"
+    project=$(cd "$called_from" && realpath -m "$1")
+    shift
+    [[ -f $project/CMakeLists.txt ]] || die "no CMake project in $project"
+    [[ -r ${HOSTDEVICE_PROPERTIES:-/} ]] || die "cannot read $HOSTDEVICE_PROPERTIES, which HOSTDEVICE_PROPERTIES names"
+    if [[ -n ${HOSTDEVICE_PROPERTIES-} ]]; then
+        cp "$HOSTDEVICE_PROPERTIES" "$work/device.prop"  # to where the box sees it
+        export HOSTDEVICE_PROPERTIES=$work/device.prop
+    fi
+    # A trace lies in the project's folder.
+    [[ -z ${HOSTDEVICE_TRACE-} || $HOSTDEVICE_TRACE == /* ]] || export HOSTDEVICE_TRACE=$project/$HOSTDEVICE_TRACE
+    [[ $project/ == "$PWD"/* ]] || folders+=("$project")
+    {
+        prepare pkgconf
+        boot "${folders[@]}"
+        echo 'building the library for 64-bit Arm'
+        build device-library
+        logged "$work/install.log" 'installing the library' cmake --install build/device-library --prefix "$prefix"
+        echo "building $project"
+        grep -qsxF "CMAKE_HOME_DIRECTORY:INTERNAL=$project" "$build/CMakeCache.txt" || rm -rf "$build"
+        # Backtraces need debug information.
+        logged "$work/project-configure.log" "configuring $project" env PKG_CONFIG_LIBDIR="$prefix/lib/pkgconfig" \
+            cmake -S "$project" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$PWD/devicelab/aarch64-linux-gnu.cmake" \
+            -DCMAKE_BUILD_TYPE=RelWithDebInfo -Dzyttools_DIR="$prefix/lib/cmake/zyttools" \
+            -DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST
+        logged "$work/project.log" "building $project" cmake --build "$build" --parallel "$(nproc)"
+    } >&2
+    if [[ $# == 0 ]]; then
+        # CMake puts the emulator before a command that is a target's name, and not before "$<TARGET_FILE:name>".
+        find "$build" -name CTestTestfile.cmake -exec sed -Ei \
+            's|^(add_test\(\[=*\[.*\]=*\] )("[^"]*/build/device-run/project/)|\1"'"$tree"'/devicelab/inbox.sh" \2|' {} +
+        run_tests "$build"
+    fi
+    find_program "$build" "$1"
+    # The shell's own word about a signal goes nowhere.
+    { (cd "$project" && exec timeout "$limit" "$tree/devicelab/inbox.sh" "$program" "${@:2}") 2>&3 || status=$?; } 3>&2 2>/dev/null
+    turn_off || status=$failure
+    show_crashes
+    find "$result" -path '*/offlinelog/*' -type f -printf 'device: offline log: %p\n' | head -n 8 >&2
+    exit "$status"
+}
+
+tree=$PWD
+if [[ ${1-} == --tree ]]; then
+    run_tree "${@:2}"
+else
+    failure=125
+    run_project "$@"
+fi
