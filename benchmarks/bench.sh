@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the benchmarks optimised, runs each subject next to its peer, prints one table and writes it to
-# build/bench/bench.json. With --update-docs also rewrites the figures and plots of docs/performance.md.
+# build/bench/bench.json. With --update-docs also rewrites the figures of docs/performance.md.
 # Fails when a benchmark cannot be run. A missed target is only reported.
 set -euo pipefail
 
@@ -16,7 +16,7 @@ case "${1-}" in
     *) failure=2; die 'usage: bench.sh [--update-docs]' ;;
 esac
 
-need g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev libboost-dev libpng-dev ffmpeg python3-matplotlib
+need g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev libboost-dev libpng-dev ffmpeg
 
 build bench
 strip -o "$folder/libzyttools.stripped.so" "$folder/common/tools/libzyttools.so"
@@ -27,7 +27,7 @@ rm -f "$folder"/round-*.json
 # Several processes, each with several repetitions in random order, because a result depends on chance, such as a
 # process's memory addresses. One process per area, so that a subject and its peer run close together in time.
 for round in 1 2 3 4 5 6 7 8 9; do
-    for area in pool/ pool_sizes manager log_site offline copy_nv12 copy_p010 dump outline tasks signal \
+    for area in pool/ manager log_site offline copy_nv12 copy_p010 dump outline tasks signal \
         kit_plain kit_dmabuf kit_gralloc kit_rows kit_unpack kit_pack; do
         "$folder/benchmarks/zytbench" --benchmark_filter="^$area" --benchmark_min_time=0.015 \
             --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
@@ -39,6 +39,3 @@ for round in 1 2 3 4 5 6 7 8 9; do
 done
 
 python3 benchmarks/report.py "$folder" "$docs"
-if [ "$docs" = yes ]; then
-    /usr/bin/python3 benchmarks/plot.py "$folder/bench.json" docs/performance
-fi

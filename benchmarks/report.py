@@ -11,9 +11,8 @@ import sys
 
 # Subject, peer, benchmark, target ratio.
 ROWS = [
-    ("pool: take and return one buffer", "the bare work", "pool/threads:1", 2.0),
+    ("pool: take and return one buffer", "the bare work, same locks", "pool/threads:1", 2.0),
     ("manager: NV12 4000 x 3000 taken and freed", "fresh memory", "manager/4000/3000", 1 / 3000),
-    ("pool with 1 thread", "the bare work, same locks", "pool/threads:1", 2.0),
     ("pool with 2 threads on their own sizes", "the bare work, same locks", "pool/threads:2", 2.0),
     ("pool with 4 threads on their own sizes", "the bare work, same locks", "pool/threads:4", 2.0),
     ("pool with 8 threads on their own sizes", "the bare work, same locks", "pool/threads:8", 2.0),
@@ -37,15 +36,6 @@ ROWS = [
 # Subject, peer, benchmark, target difference in nanoseconds.
 DIFFERENCES = [("log site below both thresholds", "an empty loop", "log_site", 1.0)]
 RUNS = "docs/performance/runs.json"  # ratios of earlier runs by subject, on this machine and others
-# Growth series: axis label, parameters, and benchmarks by title. "{}" is the parameter.
-IMAGES = ["640/480", "1920/1080", "4000/3000", "8000/6000"]
-GROWTH = {
-    "threads": ("Threads", [1, 2, 3, 4, 6, 8], {"pool, take and return": "pool/threads:{}"}),
-    "workers": ("Workers", [1, 2, 4, 8], {"thread pool, a task": "tasks/{}"}),
-    "images": ("Image", IMAGES, {"manager, take and free": "manager/{}", "copy of NV12": "copy_nv12/{}",
-                                 "copy of P010": "copy_p010/{}", "dump": "dump/{}", "outline": "outline/{}"}),
-    "sizes": ("Sizes in the pool", [10, 100, 1000], {"pool, take and return": "pool_sizes/{}"}),
-}
 
 
 def read_rounds(build):
@@ -129,17 +119,6 @@ def make_rows(times, probes, views, build):
     return [dict(zip(keys, row)) for row in rows]
 
 
-def make_growth(times):
-    growth = {}
-    for key, (axis, parameters, subjects) in GROWTH.items():
-        series = {}
-        for subject, pattern in subjects.items():
-            points = [medians(times, pattern.format(parameter)) for parameter in parameters]
-            series[subject] = {key: [point[key] for point in points] for key in ("ours", "peer", "ratio")}
-        growth[key] = {"axis": axis, "parameters": [str(p).replace("/", " x ") for p in parameters], "series": series}
-    return growth
-
-
 def describe_machine():
     def ask(command):
         return subprocess.run(command, shell=True, capture_output=True, text=True, check=True).stdout.strip()
@@ -182,24 +161,14 @@ def record_run(rows, machine):
     return ratios
 
 
-def markdown(rows, growth, machine):
-    """Returns the three generated sections, without absolute times, which mean nothing on another machine."""
+def markdown(rows, machine):
+    """Returns the two generated sections, without absolute times, which mean nothing on another machine."""
     ratios = record_run(rows, machine)
     seen = {subject: show_range(min(values), max(values)) for subject, values in ratios.items() if len(values) > 1}
     yield "machine", [f"- {key}: {value}" for key, value in machine.items()]
     yield "table", ["| subject | peer | ratio | processes | runs | target | |", "|---|---|---|---|---|---|---|"] + [
         f"| {r['subject']} | {r['against']} | {r['ratio'] or r['ours']} | {r['range']} | {seen.get(r['subject'], '')} | "
         f"{r['target']} | {'met' if r['met'] else '**missed**'} |" for r in rows]
-    lines = []
-    for part in growth.values():
-        lines += [f"| {part['axis']} | " + " | ".join(part["parameters"]) + " |",
-                  "|---" * (len(part["parameters"]) + 1) + "|"]
-        for subject, sides in part["series"].items():
-            cells = [f"x{ours / sides['ours'][0]:.2f} ({show_ratio(ratio)})"
-                     for ours, ratio in zip(sides["ours"], sides["ratio"])]
-            lines.append(f"| {subject} | " + " | ".join(cells) + " |")
-        lines.append("")
-    yield "growth", lines[:-1]
 
 
 def update_docs(path, sections):
@@ -215,12 +184,12 @@ def update_docs(path, sections):
 def main():
     build, docs = sys.argv[1:]
     times, probes, views = read_rounds(build)
-    rows, growth, machine = make_rows(times, probes, views, build), make_growth(times), describe_machine()
+    rows, machine = make_rows(times, probes, views, build), describe_machine()
     with open(f"{build}/bench.json", "w", encoding="utf-8") as file:
-        json.dump({"machine": machine, "rows": rows, "growth": growth, "nanoseconds": times}, file, indent=1)
+        json.dump({"machine": machine, "rows": rows, "nanoseconds": times}, file, indent=1)
     print_table(rows)
     if docs == "yes":
-        update_docs("docs/performance.md", markdown(rows, growth, machine))
+        update_docs("docs/performance.md", markdown(rows, machine))
 
 
 if __name__ == "__main__":
