@@ -21,6 +21,7 @@ namespace {
 constexpr const char* kStopped = "D Receive Stop Message, Stop Worker!";
 
 std::atomic<int> g_runs{0};
+std::atomic<bool> g_isHeld{false};
 std::vector<int> g_order;
 
 void CountRun(void*, unsigned int) { ++g_runs; }
@@ -104,6 +105,24 @@ TEST_F(ThreadPool, JoinsOnlyWhatIsStillListed) {
     stopping.join();
     pthread_join(static_cast<pthread_t>(forgotten.at(0)), nullptr);
     EXPECT_THAT(m_log.Take(), testing::Not(testing::Contains(StartsWith("D Join"))));
+}
+
+TEST_F(ThreadPool, StopsWhileAnotherPoolIsBeingStopped) {
+    ASSERT_TRUE(m_pool.Init(1));
+    g_isHeld = true;
+    const auto wait = [](void*, unsigned int) { zyttest::WaitUntil([] { return !g_isHeld; }); };
+    m_pool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, wait, nullptr, 0});
+    std::thread stopper([this] { m_pool.DeInit(false); });
+    ASSERT_TRUE(zyttest::WaitUntil([this] {
+        std::lock_guard<std::mutex> lock(m_pool.m_taskListLock);
+        return !m_pool.m_taskList.empty() && m_pool.m_taskList.back().type == ZYT_THREAD_POOL_TASK_STOP;
+    }));
+    ZYTThreadPool other;
+    ASSERT_TRUE(other.Init(1));
+    other.DeInit(false);
+    EXPECT_EQ(m_pool.m_threadIdList.size(), 1u) << "its worker still runs";
+    g_isHeld = false;
+    stopper.join();
 }
 
 TEST_F(ThreadPool, RunsWhatIsQueuedInOrderBeforeItStops) {
