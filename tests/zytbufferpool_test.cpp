@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include "support.h"
 
@@ -174,6 +176,33 @@ I [BufferPool-A] PutBufferToPool() Gralloc buffer num this size is more than thr
                                                                 R"(pBuf: @1, width: 64, height: 64, fd: #1, type: 2, 
 I [BufferPool-A] ReleaseBuffer() Release buffer: @1)");
     EXPECT_EQ(CountLive().graphicBuffers, 10u);
+}
+
+TEST_F(Pool, HoldsTheLockOfOneListAtATime) {
+    const auto becomesEmpty = [](std::mutex& lock, const auto& buffers) {
+        return zyttest::WaitUntil([&] {
+            const std::unique_lock<std::mutex> guard(lock, std::try_to_lock);
+            return guard && buffers.empty();
+        });
+    };
+    const auto expectNoOtherLock = [&](int type, const auto& free, const auto& busy) {
+        std::unique_lock<std::mutex> busyLock(ZYTBufferPool::m_busyBufferListLock);
+        void* pBuf = nullptr;
+        std::thread taker([&] { pBuf = Get(64, 48, type); });
+        EXPECT_TRUE(becomesEmpty(ZYTBufferPool::m_freeBufferListLock, free));
+        busyLock.unlock();
+        taker.join();
+        std::unique_lock<std::mutex> freeLock(ZYTBufferPool::m_freeBufferListLock);
+        std::thread returner([&] { Put({pBuf}); });
+        EXPECT_TRUE(becomesEmpty(ZYTBufferPool::m_busyBufferListLock, busy));
+        freeLock.unlock();
+        returner.join();
+    };
+    Put({Get(64, 48, ZYT_BUFFER_TYPE_MALLOC), GetGralloc(64, 48)});
+    expectNoOtherLock(ZYT_BUFFER_TYPE_MALLOC, ZYTBufferPool::m_freeBufferList[ZYT_BUFFER_TYPE_MALLOC][64 * 48],
+                      ZYTBufferPool::m_busyBufferList);
+    expectNoOtherLock(ZYT_BUFFER_TYPE_GRALLOC, ZYTBufferPool::m_freeGrallocBufferList[{64, 48}],
+                      ZYTBufferPool::m_busyGrallocBufferList);
 }
 
 TEST_F(Pool, ReleasesEverythingWithItsLastClient) {
