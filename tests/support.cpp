@@ -3,11 +3,14 @@
 #include <fcntl.h>
 #include <hostdevice/hostdevice.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -181,7 +184,25 @@ bool RegisterChild(const char* name, int (*body)()) { return Children().emplace(
 
 }  // namespace zyttest
 
+namespace {
+
+// True from the start of the tests to their end, which exit() in the middle of a test skips.
+bool g_isTesting = false;
+
+void FailUnlessTestsAreOver() {
+    if (!g_isTesting) return;
+    std::fputs("the process ended before its tests did\n", stderr);
+    _exit(1);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+    // A child that a test lets crash leaves no core.
+    const bool isDeathTest =
+        std::any_of(argv, argv + argc, [](const char* word) { return std::strstr(word, "_internal_run_death_test="); });
+    const rlimit none{};
+    if (isDeathTest || (argc == 3 && std::strcmp(argv[1], "--child") == 0)) setrlimit(RLIMIT_CORE, &none);
     // Children print no line about strict mode, because tests compare their output.
     if (hostdevice::IsStrict()) setenv("HOSTDEVICE_STRICT", "quiet", 1);
     if (argc == 3 && std::strcmp(argv[1], "--child") == 0) {
@@ -196,5 +217,9 @@ int main(int argc, char** argv) {
     const zyttest::TempDir dir;
     setenv("TMPDIR", dir.Path().c_str(), 1);
     setenv("HOSTDEVICE_DATA", (dir / "device").c_str(), 0);
-    return RUN_ALL_TESTS();
+    std::atexit(FailUnlessTestsAreOver);
+    g_isTesting = !isDeathTest;
+    const int result = RUN_ALL_TESTS();
+    g_isTesting = false;
+    return result;
 }
