@@ -8,7 +8,7 @@ me=check
 source tools/need.sh
 
 # In order of execution; steps that find the most in the least time come first.
-all_steps=(format shell soong docs gcc strict exports demo exits initializers clang locks tidy aosp fma address thread)
+all_steps=(format shell soong docs gcc strict exports demo exits initializers clang tidy aosp fma address thread)
 build_packages='g++ cmake make googletest libpng-dev'
 suite_packages="$build_packages ffmpeg pkgconf"
 clang_packages='clang libc++-14-dev libc++abi-14-dev'
@@ -25,7 +25,6 @@ declare -A packages=(
     [exits]=$build_packages
     [initializers]="$build_packages $clang_packages binutils"
     [clang]="$suite_packages $clang_packages"
-    [locks]="$build_packages $clang_packages python3"
     [tidy]="$build_packages $clang_packages clang-tidy git"
     [aosp]="$suite_packages android-liblog-dev android-libutils-dev"
     [fma]=$build_packages
@@ -60,36 +59,13 @@ step_strict() {
 
 step_clang() { build_and_test clang; }
 
-# Checks that violations of the lock rules are reported: removes one lock, and calls a function with a lock held that
-# the caller must not hold.
-step_locks() {
-    local source=common/tools/zytbuffermanager/zytbufferpool.cpp copy=$PWD/build/check-locks command
-    [[ -e build/check-clang/compile_commands.json ]] || cmake --preset check-clang >/dev/null || return 1
-    rm -rf "$copy" && mkdir -p "$copy" && cp -r common "$copy" || return 1
-    command=$(python3 -c 'import json, sys
-print(*(entry["command"] for entry in json.load(sys.stdin) if entry["file"].endswith(sys.argv[1])), sep="\n")' \
-        "$source" <build/check-clang/compile_commands.json | head -n 1)
-    command="${command//"$PWD/common"/"$copy/common"} -fsyntax-only"
-    eval "$command" || return 1
-    refuses() {
-        eval "$command" 2>"$copy/errors" && echo "accepted what breaks a lock rule" && return 1
-        grep -m 1 -E "$1" "$copy/errors"
-    }
-    cat >>"$copy/$source" <<EOF
-void Client(ZYTBufferPool& pool) { zyt::Lock lock(ZYTBufferPool::m_freeBufferListLock); pool.PutBufferToPool(nullptr); }
-EOF
-    refuses "cannot call function 'PutBufferToPool' while mutex 'm_freeBufferListLock' is held" || return 1
-    sed -i '/::PutBufferToPool/,/^}/s/zyt::Lock lock(m_busyBufferListLock);//' "$copy/$source"
-    refuses 'requires holding mutex'
-}
-
 # Checks which objects of the library have static initialisers or destructors, with a mutex that has a destructor as on a
 # phone. Threads that outlive static destruction use all static data but the data of these objects.
 step_initializers() {
     local dir=build/check-initializers object required='zytbufferpool zytlogutil zytutil' found=''
     mkdir -p "$dir"
     printf '#include <__config>\n#undef _LIBCPP_HAS_TRIVIAL_MUTEX_DESTRUCTION\n' >"$dir/phone.h"
-    build initializers zyttools_objects || return 1
+    build check-initializers zyttools_objects || return 1
     for object in $(find "$dir/common/tools" -name '*.o' | sort); do
         ! readelf -SW "$object" | grep -q '\.init_array' || found+=" $(basename "$object" .cpp.o)"
     done
