@@ -16,20 +16,17 @@ longest=400  # bytes of an input; no target uses more
 # Runs one target and prints its result; fails when there is a finding.
 run_target() {
     local name=$1 target=$folder/fuzz/$1 corpus=$folder/corpus/$1 findings=$folder/findings/$1 log=$folder/logs/$1.log
-    local status=0 counts why
+    local counts why status=0
     mkdir -p "$corpus" "$folder/logs" "$findings"
     [[ -e $corpus/seed ]] || head -c $longest /dev/urandom >"$corpus/seed"
     # The outer limit stops a target that ignores its own.
     (cd "$scratch" && exec timeout --kill-after=10 $((seconds + 300)) "$target" -max_total_time="$seconds" -timeout=20 \
         -max_len=$longest -len_control=0 -use_value_profile=1 -artifact_prefix="$findings/" \
-        "$corpus" "$findings") >"$log" 2>&1 &
-    running=$!
-    wait "$running" || status=$?
-    running=''
+        "$corpus" "$findings") >"$log" 2>&1 || status=$?
     counts=$(sed -nE 's/^#([0-9]+).*cov: ([0-9]+) ft: ([0-9]+) .*/\1 runs, \2 edges, \3 features/p' "$log" | tail -n 1)
     if ((status == 0)) && grep -qE '^#[0-9]+\s+DONE' "$log"; then
         printf '%-14s%s: no finding\n' "$name" "$counts"
-        return 0
+        return
     fi
     why=$(grep -am1 -E '^BROKEN RULE|runtime error|ERROR: |run interrupted' "$log") || why="status $status"
     printf '%-14s%s: FINDING: %s\n%14ssee %s\n' "$name" "${counts:-0 runs}" "$why" '' "$log"
@@ -43,14 +40,7 @@ exec {lock}>"$folder/lock"
 flock --nonblock "$lock" || die "another run is at work in $folder"
 # Some targets create many small files, so use a file system in memory when there is one.
 scratch=$(mktemp -d -p "$([[ -w /dev/shm ]] && echo /dev/shm || echo "${TMPDIR:-/tmp}")" zyttools-fuzz-XXXXXX)
-running=''
-cleanup() {
-    [[ -z $running ]] || { kill "$running" && wait "$running"; } 2>/dev/null || true
-    rm -rf "$scratch"
-}
-trap cleanup EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
+trap 'rm -rf "$scratch"' EXIT
 build fuzz fuzzers
 bad=0
 for rule in Draws Lists Moves Names Places Reads; do

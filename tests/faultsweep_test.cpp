@@ -31,20 +31,14 @@ namespace {
 // other faults.
 enum class LibcCall { kMalloc, kFopen, kMmap, kPthreadCreate };
 
-std::atomic<uint64_t> g_callsLeft[4];
+std::atomic<int64_t> g_callsLeft[4];
 
 // Makes the n-th such call from now fail once; 0 disarms. A failing mmap returns null.
-void FailNth(LibcCall call, uint64_t n) { g_callsLeft[static_cast<int>(call)] = n; }
+void FailNth(LibcCall call, uint64_t n) { g_callsLeft[static_cast<int>(call)] = static_cast<int64_t>(n); }
 
-bool FaultPending(LibcCall call) { return g_callsLeft[static_cast<int>(call)] != 0; }
+bool FaultPending(LibcCall call) { return g_callsLeft[static_cast<int>(call)] > 0; }
 
-bool Fails(LibcCall call) {
-    std::atomic<uint64_t>& left = g_callsLeft[static_cast<int>(call)];
-    uint64_t count = left;
-    while (count != 0 && !left.compare_exchange_weak(count, count - 1)) {
-    }
-    return count == 1;
-}
+bool Fails(LibcCall call) { return FaultPending(call) && --g_callsLeft[static_cast<int>(call)] == 0; }
 
 }  // namespace
 
