@@ -14,6 +14,9 @@ using hostdevice::Fault;
 
 namespace {
 
+constexpr int kFormat = 34;  // implementation-defined
+constexpr unsigned int kUsage = 0x201ff;
+
 class Allocator : public testing::Test {
 protected:
     void TearDown() override { hostdevice::ClearFaults(); }
@@ -72,8 +75,11 @@ TEST_F(Allocator, ReleasesWhatItIsGiven) {
 
 TEST_F(Allocator, MapsTheStrideOfAGraphicBuffer) {
     hostdevice::SetStrideAlignment(1024);
-    android::sp<android::GraphicBuffer> buffer = m_allocator.AllocGraphicBuffer(600, 10, 34, 0x201ff, &m_pBuf, m_fd);
-    EXPECT_TRUE(buffer->getStride() == 1024 && buffer->getPixelFormat() == 34 && buffer->getUsage() == 0x201ff);
+    android::sp<android::GraphicBuffer> buffer =
+        m_allocator.AllocGraphicBuffer(600, 10, kFormat, kUsage, &m_pBuf, m_fd);
+    EXPECT_EQ(buffer->getStride(), 1024u);
+    EXPECT_EQ(buffer->getPixelFormat(), kFormat);
+    EXPECT_EQ(buffer->getUsage(), kUsage);
     EXPECT_EQ(m_fd, buffer->getNativeBuffer()->handle->data[0]);
     m_allocator.StartCPUSync(m_fd, CPU_SYNC_WRITE);
     std::memset(m_pBuf, 1, 10240);
@@ -92,27 +98,35 @@ TEST_F(Allocator, ReadsAMissingGraphicDescriptorAsNone) {
     for (const Fault fault : {Fault::kGraphicBuffer, Fault::kGraphicDescriptor}) {
         hostdevice::FailNth(fault, 1);
         m_pBuf = reinterpret_cast<char*>(1);
-        EXPECT_NE(m_allocator.AllocGraphicBuffer(640, 480, 34, 0, &m_pBuf, m_fd).get(), nullptr);
-        EXPECT_TRUE(m_pBuf == nullptr && m_fd == 0);
+        EXPECT_NE(m_allocator.AllocGraphicBuffer(640, 480, kFormat, 0, &m_pBuf, m_fd).get(), nullptr);
+        EXPECT_EQ(m_pBuf, nullptr);
+        EXPECT_EQ(m_fd, 0);
     }
     hostdevice::FailNth(Fault::kMapping, 1);
-    m_allocator.AllocGraphicBuffer(640, 480, 34, 0, &m_pBuf, m_fd);
+    m_allocator.AllocGraphicBuffer(640, 480, kFormat, 0, &m_pBuf, m_fd);
     EXPECT_EQ(m_pBuf, MAP_FAILED);
 
     hostdevice::FailNth(Fault::kGraphicDescriptor, 1);  // this buffer gets no memory
     hostdevice::SetStrideAlignment(1u << 16);
     EXPECT_ABORT("stride * height of a graphic buffer: 65536 * 65536 does not fit",
-                 m_allocator.AllocGraphicBuffer(1u << 16, 1u << 16, 34, 0, &m_pBuf, m_fd));
+                 m_allocator.AllocGraphicBuffer(1u << 16, 1u << 16, kFormat, 0, &m_pBuf, m_fd));
 }
 
 TEST_F(Allocator, SynchronisesInTheAskedDirectionAndEndsInRead) {
     ASSERT_EQ(m_allocator.AllocDMABuffer(4096, &m_pBuf, m_fd), 0);
-    const std::pair<int, int> cases[] = {{1, 1}, {2, 2}, {3, 3}, {0, 3}, {-1, 3}};
-    for (const auto& [type, direction] : cases) {
-        EXPECT_EQ(m_allocator.StartCPUSync(m_fd, static_cast<CPUSyncType>(type)), 0);
-        EXPECT_TRUE(hostdevice::LastSync().isStart && hostdevice::LastSync().direction == direction) << type;
+    constexpr int kRead = 1, kWrite = 2, kBoth = 3;  // DMA_BUF_SYNC_READ, WRITE and RW
+    const struct {
+        int type;
+        int direction;
+    } cases[] = {
+        {CPU_SYNC_READ, kRead}, {CPU_SYNC_WRITE, kWrite}, {CPU_SYNC_READ_WRITE, kBoth}, {0, kBoth}, {-1, kBoth}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(m_allocator.StartCPUSync(m_fd, static_cast<CPUSyncType>(c.type)), 0);
+        EXPECT_TRUE(hostdevice::LastSync().isStart);
+        EXPECT_EQ(hostdevice::LastSync().direction, c.direction) << c.type;
         EXPECT_EQ(m_allocator.EndCPUSync(m_fd), 0);
-        EXPECT_TRUE(!hostdevice::LastSync().isStart && hostdevice::LastSync().direction == 1) << type;
+        EXPECT_FALSE(hostdevice::LastSync().isStart);
+        EXPECT_EQ(hostdevice::LastSync().direction, kRead) << c.type;
     }
     hostdevice::FailNth(Fault::kSync, 1);
     EXPECT_EQ(m_allocator.StartCPUSync(m_fd, CPU_SYNC_READ), -1);

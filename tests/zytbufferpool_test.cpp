@@ -86,7 +86,8 @@ I [BufferPool-A] GetBufferFromPool() Get buffer type: 1, size: 4096, pBuf: @1. F
 I [BufferPool-A] AllocBuffer() Alloc buffer success: type: 1, size: 4095, pBuf: @3
 I [BufferPool-A] GetBufferFromPool() Get buffer type: 1, size: 4095, pBuf: @3. Free buf num this size: 0)");
     EXPECT_EQ(m_fd, ZYTBufferPool::m_busyBufferList.at(others[2]).fd);
-    EXPECT_TRUE(others[0] == b && others[1] == a);
+    EXPECT_EQ(others[0], b);
+    EXPECT_EQ(others[1], a);
     void* const plain = Get(64, 64, ZYT_BUFFER_TYPE_MALLOC);
     std::memset(plain, 1, 4096);
     EXPECT_EQ(m_fd, 0);
@@ -99,8 +100,11 @@ TEST_F(Pool, ReusesGrallocBuffersByGeometry) {
     void* const a = GetGralloc(64, 48);
     EXPECT_EQ(static_cast<native_handle_t*>(m_handle)->data[0], m_fd);
     const android::GraphicBuffer& made = *ZYTBufferPool::m_busyGrallocBufferList.at(a).graphicBuffer;
-    EXPECT_TRUE(made.getWidth() == 64 && made.getHeight() == 48 && made.getLayerCount() == 1);
-    EXPECT_TRUE(made.getPixelFormat() == 34 && made.getUsage() == 0x201ff);
+    EXPECT_EQ(made.getWidth(), 64u);
+    EXPECT_EQ(made.getHeight(), 48u);
+    EXPECT_EQ(made.getLayerCount(), 1u);
+    EXPECT_EQ(made.getPixelFormat(), 34);
+    EXPECT_EQ(made.getUsage(), 0x201ffu);
     void* const b = GetGralloc(64, 48);
     Put({a, b});
     EXPECT_EQ(m_pool->GetBufferFromPool(64, 48, m_fd, nullptr, ZYT_BUFFER_TYPE_GRALLOC), b);
@@ -114,8 +118,9 @@ V [BufferPool-A] PutBufferToPool() Put buffer to pool: @2
 I [BufferPool-A] PutBufferToPool() Put gralloc buffer to pool success: pBuf: @2, width: 64, height: 48, fd: #2, type: 2
 I [BufferPool-A] GetBufferFromPool() Get buffer type: 2, width: 64, height: 48, pBuf: @2. Free buf num this size: 1
 I [BufferPool-A] GetBufferFromPool() Get buffer type: 2, width: 48, height: 64, pBuf: @3. Free buf num this size: 0)");
-    const ZYTGrallocBufferKey inOrder[] = {{1, 9}, {2, 0}, {2, 1}};
-    EXPECT_TRUE(inOrder[0] < inOrder[1] && inOrder[1] < inOrder[2] && !(inOrder[1] < inOrder[0]));
+    EXPECT_LT((ZYTGrallocBufferKey{1, 9}), (ZYTGrallocBufferKey{2, 0}));
+    EXPECT_LT((ZYTGrallocBufferKey{2, 0}), (ZYTGrallocBufferKey{2, 1}));
+    EXPECT_FALSE((ZYTGrallocBufferKey{2, 0}) < (ZYTGrallocBufferKey{1, 9}));
 }
 
 TEST_F(Pool, RefusesSizesAndTypesItDoesNotHandOut) {

@@ -156,7 +156,8 @@ TEST(Clock, ConvertsBetweenNanosecondsAndTicks) {
     };
     const auto before = now().count();
     const int64_t read = ZYTUtil::GetCurMilliSecond();
-    EXPECT_TRUE(before <= read && read <= now().count());
+    EXPECT_LE(before, read);
+    EXPECT_LE(read, now().count());
 }
 
 TEST(CropAndFaceMapping, FollowTheirRules) {
@@ -191,7 +192,8 @@ TEST(FaceMapping, RoundsTheProductAndFusesOnlyTheOffset) {
         std::vector<ZYTRect> mapped;
         ZYTUtil::MapFaceROIToImageBuffer({c.face}, mapped, c.crop, c.dst);
         ASSERT_EQ(mapped.size(), 1u);
-        EXPECT_TRUE(mapped[0].top == c.top && mapped[0].left == c.left);
+        EXPECT_EQ(mapped[0].top, c.top);
+        EXPECT_EQ(mapped[0].left, c.left);
     }
 }
 
