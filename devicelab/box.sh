@@ -14,7 +14,7 @@ trap 'exit 143' TERM
 
 # Sets `image`. The kernel is built once and cached outside the tree, under a hash of its inputs.
 build_kernel() {
-    local fragment=$PWD/devicelab/kernel.config key keep line
+    local fragment=$PWD/devicelab/kernel.config key keep refused
     key=$({ grep -E '^(# )?CONFIG_' "$fragment"; dpkg-query -W -f='${Version}' linux-source-6.1; } | sha256sum | cut -c1-16)
     keep=${ZYT_DEVICELAB_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zyttools}/kernel-$key
     image=$keep/Image
@@ -31,14 +31,9 @@ build_kernel() {
     logged "$work/kernel-config.log" 'configuring the kernel' \
         env -C "$scratch" scripts/kconfig/merge_config.sh -m .config "$fragment"
     logged "$work/kernel-config.log" 'configuring the kernel' "${make[@]}" olddefconfig
-    while read -r line; do
-        case $line in
-            CONFIG_*) grep -qxF "$line" "$scratch/.config" || die "the kernel's configuration refuses $line" ;;
-            '# CONFIG_'*' is not set')
-                line=${line#\# }
-                ! grep -q "^${line%% *}=" "$scratch/.config" || die "the kernel's configuration forces ${line%% *}" ;;
-        esac
-    done <"$fragment"
+    refused=$(grep '^CONFIG_' "$fragment" | grep -vxFf "$scratch/.config" || true
+        sed -n 's/^# \(CONFIG_.*\) is not set$/^\1=/p' "$fragment" | grep -f - "$scratch/.config" || true)
+    [[ -z $refused ]] || die "the kernel's configuration differs: ${refused//$'\n'/, }"
     logged "$work/kernel.log" 'building the kernel' "${make[@]}" Image
 
     # Renamed when complete, so that an interrupted or concurrent run leaves no partial kernel.

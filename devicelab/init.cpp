@@ -75,20 +75,6 @@ void WriteWhole(const fs::path& path, const std::string& text) {
     fs::rename(part, path);
 }
 
-bool IsOfTheBox(const std::string& setting) {
-    for (const char* name : {"PATH=", "LD_", "HOME=", "TMPDIR=", "HOSTDEVICE_DATA=", "TEST_PREMATURE_EXIT_FILE="}) {
-        if (setting.rfind(name, 0) == 0) return true;
-    }
-    return false;
-}
-
-std::vector<char*> Pointers(const std::vector<std::string>& words) {
-    std::vector<char*> pointers;
-    for (const std::string& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 [[noreturn]] void Exec(const fs::path& dir) {
     setsid();  // a new process group, which is killed as a whole
     sigset_t none;
@@ -98,19 +84,22 @@ std::vector<char*> Pointers(const std::vector<std::string>& words) {
     fs::create_directories(temporary);
 
     std::ifstream command(dir / "command");
-    const auto next = [&command] {
-        std::string word;
-        std::getline(command, word, '\0');
-        return word;
-    };
-    const std::string workDir = next();
-    std::vector<std::string> argv(std::stoul(next())),
-        environment{"PATH=/", "HOME=" + temporary.string(), "TMPDIR=" + temporary.string(), "HOSTDEVICE_DATA=/",
-                    "TEST_PREMATURE_EXIT_FILE=" + std::string(kJob) + "/unfinished"};
-    for (std::string& word : argv) word = next();
-    for (std::string word; std::getline(command, word, '\0');) {
-        if (!IsOfTheBox(word)) environment.push_back(word);
+    std::string word;
+    const auto next = [&] { return static_cast<bool>(std::getline(command, word, '\0')); };
+    next();
+    const std::string workDir = word;
+    next();
+    std::vector<char*> argv(std::stoul(word) + 1);
+    for (size_t i = 0; i + 1 < argv.size() && next(); ++i) argv[i] = strdup(word.c_str());
+    clearenv();
+    while (next()) {
+        if (word.rfind("LD_", 0) != 0) putenv(strdup(word.c_str()));  // those of this machine's own libraries
     }
+    setenv("PATH", "/", 1);
+    setenv("HOME", temporary.c_str(), 1);
+    setenv("TMPDIR", temporary.c_str(), 1);
+    setenv("HOSTDEVICE_DATA", "/", 1);
+    setenv("TEST_PREMATURE_EXIT_FILE", (std::string(kJob) + "/unfinished").c_str(), 1);
 
     const int out = open((dir / "stdout").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     const int err = open((dir / "stderr").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
@@ -127,8 +116,8 @@ std::vector<char*> Pointers(const std::vector<std::string>& words) {
     } else if (chdir(workDir.c_str()) != 0) {
         std::perror(workDir.c_str());
     } else {
-        execve(argv[0].c_str(), Pointers(argv).data(), Pointers(environment).data());
-        std::perror(argv[0].c_str());
+        execv(argv[0], argv.data());
+        std::perror(argv[0]);
     }
     _exit(127);
 }
@@ -156,11 +145,8 @@ void Finish(pid_t pid, const Job& job, int status) {
     fs::remove_all(kTemporary / std::to_string(pid), ignored);
     // A core of a child, such as a death test's, is of no use.
     if (!WIFSIGNALED(status)) fs::remove(job.dir / "core", ignored);
-    const int number = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
-    WriteWhole(job.dir / "status", (job.isHung            ? "hung "
-                                    : WIFSIGNALED(status) ? "signal "
-                                                          : "exit ") +
-                                       std::to_string(number));
+    const char* const how = job.isHung ? "hung " : WIFSIGNALED(status) ? "signal " : "exit ";
+    WriteWhole(job.dir / "status", how + std::to_string(WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status)));
 }
 
 void SetUp() {

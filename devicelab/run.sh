@@ -14,17 +14,31 @@ source devicelab/box.sh
 trap '((BASH_SUBSHELL)) || die "${0##*/}:$LINENO: $BASH_COMMAND failed"' ERR
 
 limit=${ZYT_DEVICE_TEST_TIMEOUT:-600}
+project='' tree=$PWD build=build/device folders=("$PWD")
+if [[ ${1-} == --tree ]]; then
+    shift
+else
+    failure=125
+    [[ ${1-} != --strict ]] || { export HOSTDEVICE_STRICT=1; shift; }
+    [[ $# -gt 0 && $1 != -* ]] || die 'usage: ./dev device run [--strict] PROJECT [COMMAND…]'
+    project=$(cd "$called_from" && realpath -m "$1")
+    shift
+    [[ -f $project/CMakeLists.txt ]] || die "no CMake project in $project"
+    build=$work/project
+    [[ $project/ == "$PWD"/* ]] || folders+=("$project")
+    # A trace lies in the project's folder.
+    [[ -z ${HOSTDEVICE_TRACE-} || $HOSTDEVICE_TRACE == /* ]] || export HOSTDEVICE_TRACE=$project/$HOSTDEVICE_TRACE
+fi
 [[ $limit =~ ^[1-9][0-9]*$ ]] || die "a time-out must be a whole number of seconds, not '$limit'"
-[[ -z ${HOSTDEVICE_PROPERTIES-} ]] || HOSTDEVICE_PROPERTIES=$(cd "$called_from" && realpath -m "$HOSTDEVICE_PROPERTIES")
 
 mkdir -p "$work"
 exec {lock}>"$work/lock"
 flock --nonblock "$lock" || die "another run is at work in $work"
-
-prepare() {
-    need bc bison cmake cpio flex g++ g++-aarch64-linux-gnu gdb-multiarch linux-source-6.1 make qemu-system-arm xz-utils "$@"
-    build_kernel
-}
+if [[ -n ${HOSTDEVICE_PROPERTIES-} ]]; then
+    (cd "$called_from" && cat "$HOSTDEVICE_PROPERTIES") >"$work/device.prop" 2>/dev/null ||
+        die "cannot read $HOSTDEVICE_PROPERTIES, which HOSTDEVICE_PROPERTIES names"
+    export HOSTDEVICE_PROPERTIES=$work/device.prop  # where the box sees it
+fi
 
 # Prints the stacks of the first programs that crashed or hung.
 show_crashes() {
@@ -47,11 +61,11 @@ show_crashes() {
     done >&2
 }
 
-# run_tests BUILD CTEST-OPTION…    exits with status 1 when a test fails
+# Runs CTest, and exits with status 1 when a test fails.
 run_tests() {
     local bad=0 counts
     rm -f "$work/tests.xml"
-    ctest --test-dir "$1" --output-on-failure --no-tests=error --timeout "$limit" --output-junit "$work/tests.xml" "${@:2}" ||
+    ctest --test-dir "$build" --output-on-failure --no-tests=error --timeout "$limit" --output-junit "$work/tests.xml" "$@" ||
         bad=1
     turn_off || bad=1
     show_crashes
@@ -63,74 +77,47 @@ run_tests() {
     exit "$bad"
 }
 
-find_program() {
-    local found=("$1/$2")
-    [[ -f ${found[0]} ]] || mapfile -t found < <(programs "$1" -name "${2##*/}")
-    ((${#found[@]} == 1)) || die "no program $2, or several; the build has $(programs "$1" -printf '%P ')"
-    program=${found[0]}
+build_project() {
+    local prefix=$work/prefix
+    echo 'building the library for 64-bit Arm'
+    build device-library
+    logged "$work/install.log" 'installing the library' cmake --install build/device-library --prefix "$prefix"
+    echo "building $project"
+    grep -qsxF "CMAKE_HOME_DIRECTORY:INTERNAL=$project" "$build/CMakeCache.txt" || rm -rf "$build"
+    # Backtraces need debug information.
+    logged "$work/project-configure.log" "configuring $project" env PKG_CONFIG_LIBDIR="$prefix/lib/pkgconfig" \
+        cmake -S "$project" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$PWD/devicelab/aarch64-linux-gnu.cmake" \
+        -DCMAKE_BUILD_TYPE=RelWithDebInfo -Dzyttools_DIR="$prefix/lib/cmake/zyttools" \
+        -DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST
+    logged "$work/project.log" "building $project" cmake --build "$build" --parallel "$(nproc)"
+    # CMake puts the emulator before a command that is a target's name, and not before "$<TARGET_FILE:name>".
+    find "$build" -name CTestTestfile.cmake -exec sed -Ei \
+        's|^(add_test\(\[=*\[.*\]=*\] )("[^"]*/build/device-run/project/)|\1"'"$tree"'/devicelab/inbox.sh" \2|' {} +
 }
-programs() { find "$1" -name CMakeFiles -prune -o -type f -executable ! -name '*.so*' "${@:2}" ; }
 
-run_tree() {
-    {
-        prepare googletest
-        boot "$PWD"
-        echo 'building for 64-bit Arm'
-        build device
-    } >&2
-    run_tests build/device --parallel 2 "$@"
-}
+programs() { find "$build" -name CMakeFiles -prune -o -type f -executable ! -name '*.so*' "$@"; }
 
-run_project() {
-    local usage='usage: ./dev device run [--strict] PROJECT [COMMAND…]' project status=0 prefix=$work/prefix
-    local build=$work/project folders=("$PWD")
-    [[ ${1-} != --strict ]] || { export HOSTDEVICE_STRICT=1; shift; }
-    [[ $# -gt 0 && $1 != -* ]] || die "$usage"
-    project=$(cd "$called_from" && realpath -m "$1")
-    shift
-    [[ -f $project/CMakeLists.txt ]] || die "no CMake project in $project"
-    [[ -r ${HOSTDEVICE_PROPERTIES:-/} ]] || die "cannot read $HOSTDEVICE_PROPERTIES, which HOSTDEVICE_PROPERTIES names"
-    if [[ -n ${HOSTDEVICE_PROPERTIES-} ]]; then
-        cp "$HOSTDEVICE_PROPERTIES" "$work/device.prop"  # to where the box sees it
-        export HOSTDEVICE_PROPERTIES=$work/device.prop
-    fi
-    # A trace lies in the project's folder.
-    [[ -z ${HOSTDEVICE_TRACE-} || $HOSTDEVICE_TRACE == /* ]] || export HOSTDEVICE_TRACE=$project/$HOSTDEVICE_TRACE
-    [[ $project/ == "$PWD"/* ]] || folders+=("$project")
-    {
-        prepare pkgconf
-        boot "${folders[@]}"
-        echo 'building the library for 64-bit Arm'
-        build device-library
-        logged "$work/install.log" 'installing the library' cmake --install build/device-library --prefix "$prefix"
-        echo "building $project"
-        grep -qsxF "CMAKE_HOME_DIRECTORY:INTERNAL=$project" "$build/CMakeCache.txt" || rm -rf "$build"
-        # Backtraces need debug information.
-        logged "$work/project-configure.log" "configuring $project" env PKG_CONFIG_LIBDIR="$prefix/lib/pkgconfig" \
-            cmake -S "$project" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$PWD/devicelab/aarch64-linux-gnu.cmake" \
-            -DCMAKE_BUILD_TYPE=RelWithDebInfo -Dzyttools_DIR="$prefix/lib/cmake/zyttools" \
-            -DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST
-        logged "$work/project.log" "building $project" cmake --build "$build" --parallel "$(nproc)"
-    } >&2
-    if [[ $# == 0 ]]; then
-        # CMake puts the emulator before a command that is a target's name, and not before "$<TARGET_FILE:name>".
-        find "$build" -name CTestTestfile.cmake -exec sed -Ei \
-            's|^(add_test\(\[=*\[.*\]=*\] )("[^"]*/build/device-run/project/)|\1"'"$tree"'/devicelab/inbox.sh" \2|' {} +
-        run_tests "$build"
-    fi
-    find_program "$build" "$1"
-    # The shell's own word about a signal goes nowhere.
-    { (cd "$project" && exec timeout "$limit" "$tree/devicelab/inbox.sh" "$program" "${@:2}") 2>&3 || status=$?; } 3>&2 2>/dev/null
+# run_program COMMAND…    exits as the program does
+run_program() {
+    local status=0 program=("$build/$1")
+    [[ -f ${program[0]} ]] || mapfile -t program < <(programs -name "${1##*/}" -print)
+    ((${#program[@]} == 1)) || die "no program $1, or several; the build has $(programs -printf '%P ')"
+    # The shell's own word about a signal goes nowhere. What a time-out leaves running for a moment has no lock.
+    { (cd "$project" && exec timeout --foreground "$limit" "$tree/devicelab/inbox.sh" "${program[0]}" "${@:2}") \
+        {lock}>&- 2>&3 || status=$?; } 3>&2 2>/dev/null
     turn_off || status=$failure
     show_crashes
     find "$result" -path '*/offlinelog/*' -type f -printf 'device: offline log: %p\n' | head -n 8 >&2
     exit "$status"
 }
 
-tree=$PWD
-if [[ ${1-} == --tree ]]; then
-    run_tree "${@:2}"
-else
-    failure=125
-    run_project "$@"
-fi
+{
+    need bc bison cmake cpio flex g++ g++-aarch64-linux-gnu gdb-multiarch googletest linux-source-6.1 make pkgconf \
+        qemu-system-arm xz-utils
+    build_kernel
+    boot "${folders[@]}"
+    if [[ -n $project ]]; then build_project; else build device; fi
+} >&2
+[[ -n $project ]] || run_tests --parallel 2 "$@"
+[[ $# -gt 0 ]] || run_tests
+run_program "$@"

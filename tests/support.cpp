@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <hostdevice/hostdevice.h>
 #include <spawn.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -198,11 +197,6 @@ void FailUnlessTestsAreOver() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A child that a test lets crash leaves no core.
-    const bool isDeathTest =
-        std::any_of(argv, argv + argc, [](const char* word) { return std::strstr(word, "_internal_run_death_test="); });
-    const rlimit none{};
-    if (isDeathTest || (argc == 3 && std::strcmp(argv[1], "--child") == 0)) setrlimit(RLIMIT_CORE, &none);
     // Children print no line about strict mode, because tests compare their output.
     if (hostdevice::IsStrict()) setenv("HOSTDEVICE_STRICT", "quiet", 1);
     if (argc == 3 && std::strcmp(argv[1], "--child") == 0) {
@@ -210,6 +204,8 @@ int main(int argc, char** argv) {
         const auto child = zyttest::Children().find(argv[2]);
         return child != zyttest::Children().end() ? child->second() : 99;
     }
+    const bool isDeathTest =
+        std::any_of(argv, argv + argc, [](const char* word) { return std::strstr(word, "_internal_run_death_test="); });
     testing::InitGoogleTest(&argc, argv);
     // Death tests run in a new process: a forked one would inherit locks of threads that it does not have.
     testing::FLAGS_gtest_death_test_style = "threadsafe";

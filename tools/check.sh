@@ -9,6 +9,7 @@ source tools/need.sh
 
 # In order of execution; steps that find the most in the least time come first.
 all_steps=(format shell soong docs gcc strict exports demo exits initializers clang tidy aosp fma address thread)
+# The packages of each step; by default those of the suite.
 build_packages='g++ cmake make googletest libpng-dev'
 suite_packages="$build_packages ffmpeg pkgconf"
 clang_packages='clang libc++-14-dev libc++abi-14-dev'
@@ -18,18 +19,13 @@ declare -A packages=(
     [soong]='blueprint-tools golang-1.19-go golang-android-soong-dev golang-github-google-blueprint-dev
         golang-google-protobuf-dev golang-github-golang-protobuf-1-5-dev'
     [docs]=doxygen
-    [gcc]=$suite_packages
     [strict]="$suite_packages python3"
     [exports]="$build_packages binutils"
     [demo]="$suite_packages python3"
-    [exits]=$build_packages
     [initializers]="$build_packages $clang_packages binutils"
     [clang]="$suite_packages $clang_packages"
     [tidy]="$build_packages $clang_packages clang-tidy git"
     [aosp]="$suite_packages android-liblog-dev android-libutils-dev"
-    [fma]=$build_packages
-    [address]=$suite_packages
-    [thread]=$suite_packages
 )
 
 passed=0
@@ -167,8 +163,8 @@ exit_rounds=1000
 [[ ${#steps[@]} -gt 0 ]] || { steps=("${all_steps[@]}"); exit_rounds=200; }
 needed=''
 for step in "${steps[@]}"; do
-    [[ -n ${packages[$step]-} ]] || { failure=2; die "no step $step; there are ${all_steps[*]}"; }
-    needed+=" ${packages[$step]}"
+    [[ " ${all_steps[*]} " == *" $step "* ]] || { failure=2; die "no step $step; there are ${all_steps[*]}"; }
+    needed+=" ${packages[$step]-$suite_packages}"
 done
 # shellcheck disable=SC2046
 need $(tr -s ' \n' '\n' <<<"$needed" | sort -u)
