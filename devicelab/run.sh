@@ -57,7 +57,8 @@ show_crashes() {
             sed '/^Thread /,$d' "$job/backtrace.txt" | grep -m 12 '^#' || true
             how+="; every thread: $job/backtrace.txt"
         fi
-        echo "device: ${command[2]##*/} ${command[*]:3:command[1]-1}: $how"
+        command[2]=${command[2]##*/}
+        echo "device: ${command[*]:2:command[1]}: $how"
     done >&2
 }
 
