@@ -184,30 +184,28 @@ I [BufferPool-A] ReleaseBuffer() Release buffer: @1)");
 }
 
 TEST_F(Pool, HoldsTheLockOfOneListAtATime) {
-    const auto becomesEmpty = [](std::mutex& lock, const auto& buffers) {
-        return zyttest::WaitUntil([&] {
+    // Runs a step that gets stuck at one list's lock, and expects it to have emptied the other list and let go of it.
+    const auto expectEmptied = [](std::mutex& lock, const auto& buffers, std::mutex& stuckAt, const auto& step) {
+        std::unique_lock<std::mutex> stuck(stuckAt);
+        std::thread thread(step);
+        EXPECT_TRUE(zyttest::WaitUntil([&] {
             const std::unique_lock<std::mutex> guard(lock, std::try_to_lock);
             return guard && buffers.empty();
-        });
+        }));
+        stuck.unlock();
+        thread.join();
     };
-    const auto expectNoOtherLock = [&](int type, const auto& free, const auto& busy) {
-        std::unique_lock<std::mutex> busyLock(ZYTBufferPool::m_busyBufferListLock);
+    const auto expectOneLock = [&](int type, const auto& free, const auto& busy) {
+        std::mutex &freeLock = ZYTBufferPool::m_freeBufferListLock, &busyLock = ZYTBufferPool::m_busyBufferListLock;
         void* pBuf = nullptr;
-        std::thread taker([&] { pBuf = Get(64, 48, type); });
-        EXPECT_TRUE(becomesEmpty(ZYTBufferPool::m_freeBufferListLock, free));
-        busyLock.unlock();
-        taker.join();
-        std::unique_lock<std::mutex> freeLock(ZYTBufferPool::m_freeBufferListLock);
-        std::thread returner([&] { Put({pBuf}); });
-        EXPECT_TRUE(becomesEmpty(ZYTBufferPool::m_busyBufferListLock, busy));
-        freeLock.unlock();
-        returner.join();
+        expectEmptied(freeLock, free, busyLock, [&] { pBuf = Get(64, 48, type); });
+        expectEmptied(busyLock, busy, freeLock, [&] { Put({pBuf}); });
     };
     Put({Get(64, 48, ZYT_BUFFER_TYPE_MALLOC), GetGralloc(64, 48)});
-    expectNoOtherLock(ZYT_BUFFER_TYPE_MALLOC, ZYTBufferPool::m_freeBufferList[ZYT_BUFFER_TYPE_MALLOC][64 * 48],
-                      ZYTBufferPool::m_busyBufferList);
-    expectNoOtherLock(ZYT_BUFFER_TYPE_GRALLOC, ZYTBufferPool::m_freeGrallocBufferList[{64, 48}],
-                      ZYTBufferPool::m_busyGrallocBufferList);
+    expectOneLock(ZYT_BUFFER_TYPE_MALLOC, ZYTBufferPool::m_freeBufferList[0].at(64 * 48),
+                  ZYTBufferPool::m_busyBufferList);
+    expectOneLock(ZYT_BUFFER_TYPE_GRALLOC, ZYTBufferPool::m_freeGrallocBufferList.at({64, 48}),
+                  ZYTBufferPool::m_busyGrallocBufferList);
 }
 
 TEST_F(Pool, ReleasesEverythingWithItsLastClient) {

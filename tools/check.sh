@@ -43,17 +43,20 @@ run_suite() {
     ! grep -E 'Not Run' "$dir/test.log"
 }
 
-build_and_test() { build "check-$1" && run_suite "$1"; }
+# Sanitizers are used without suppressions.
+export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 UBSAN_OPTIONS=print_stacktrace=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
-step_gcc() { build_and_test gcc; }
+# A step without a function of its own builds its preset and runs the suite.
+run_step() {
+    if declare -F "step_$1" >/dev/null; then "step_$1"; else build "check-$1" && run_suite "$1"; fi
+}
 
 # Runs the suite, which includes the guide's node, and the demo in strict mode.
 step_strict() {
     build check-gcc && HOSTDEVICE_STRICT=1 run_suite gcc || return 1
     HOSTDEVICE_STRICT=1 ZYT_PRESET=check-gcc ./dev demo >build/check-gcc/demo.log 2>&1 || { tail -n 20 build/check-gcc/demo.log; return 1; }
 }
-
-step_clang() { build_and_test clang; }
 
 # Checks which objects of the library have static initialisers or destructors, with a mutex that has a destructor as on a
 # phone. Threads that outlive static destruction use all static data but the data of these objects.
@@ -69,24 +72,12 @@ step_initializers() {
     echo "in$found only"
 }
 
-# Uses the platform's own log and strong pointers.
-step_aosp() { build_and_test aosp; }
-
 # Checks that results do not change on processors that can fuse multiplication and addition.
 step_fma() {
-    if ! grep -q '\bfma\b' /proc/cpuinfo; then
-        echo "this processor cannot fuse; the device's can, and runs the same tests"
-        return 0
-    fi
+    grep -q '\bfma\b' /proc/cpuinfo ||
+        { echo "this processor cannot fuse; the device's can, and runs the same tests"; return; }
     build check-fma zytutil_test && run_suite fma -R 'Crop|FaceMapping|Clock|Drawing'
 }
-
-# Runs the suite with the address, leak and undefined-behaviour sanitizers, without suppressions.
-step_address() {
-    ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 UBSAN_OPTIONS=print_stacktrace=1 build_and_test address
-}
-
-step_thread() { TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 build_and_test thread; }
 
 # Ends processes while all parts of the library are busy: 1000 rounds when the step is selected, otherwise fewer.
 step_exits() {
@@ -170,7 +161,7 @@ done
 need $(tr -s ' \n' '\n' <<<"$needed" | sort -u)
 for step in "${steps[@]}"; do
     start=$SECONDS
-    if output=$("step_$step" 2>&1); then
+    if output=$(run_step "$step" 2>&1); then
         passed=$((passed + 1))
         printf 'ok      %-12s %4d s  %s\n' "$step" $((SECONDS - start)) "$(tail -n 1 <<<"$output")"
     else
