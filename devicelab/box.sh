@@ -83,7 +83,7 @@ boot() {
         sleep 0.1
     done
     echo "$emulator" >"$result/.box/pid"
-    echo "the box is up: $(<"$result/.box/up")"
+    echo "the box is up"
 }
 
 # Ends the box once the cores of hung programs are written. Fails when it went off before, or hangs.

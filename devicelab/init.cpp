@@ -1,7 +1,7 @@
 // The box's init process. It mounts this machine's folders, runs the jobs that inbox.sh hands over, each with a /data
 // of its own, and powers off when told. It shares the folder kShare with the scripts:
 //   .box/mounts     paths of the shares "share0", "share1" …, one a line; here they have the same paths
-//   .box/up         written once jobs are taken: a line about the kernel
+//   .box/up         written once jobs are taken
 //   .box/queue/JOB  hands over the folder JOB; "off" ends the box
 //   JOB/command     working directory, number of arguments, arguments, environment, each ended by a NUL
 //   JOB/beat        changes as long as inbox.sh waits for the job
@@ -14,7 +14,6 @@
 #include <sys/reboot.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -179,12 +178,7 @@ int main() {
     sigemptyset(&child);
     sigaddset(&child, SIGCHLD);
     sigprocmask(SIG_BLOCK, &child, nullptr);
-    utsname kernel;
-    uname(&kernel);
-    WriteWhole(kControl / "up", std::string(kernel.sysname) + " " + kernel.release + " " + kernel.machine + ", " +
-                                    std::to_string(sysconf(_SC_NPROCESSORS_ONLN)) +
-                                    " processors, the kernel's DMA-BUF heap");
-
+    WriteWhole(kControl / "up", "");
     std::map<pid_t, Job> jobs;
     for (bool isOff = false; !isOff || !jobs.empty();) {
         std::error_code ignored;

@@ -6,7 +6,7 @@
 
 using Pool = ZYTBufferPool;
 
-void TouchesWithoutTheLock(ZYTThreadPool& workers, ZYTOfflineLog& log) {
+void WithoutTheLock(Pool& pool, ZYTThreadPool& workers, ZYTOfflineLog& log) {
     Pool::m_bufferPoolClientNum = 0;        // expected-error {{requires holding mutex 'm_bufferPoolClientNumLock'}}
     Pool::m_freeBufferList[0].clear();      // expected-error {{requires holding mutex 'm_freeBufferListLock'}}
     Pool::m_freeGrallocBufferList.clear();  // expected-error {{requires holding mutex 'm_freeBufferListLock'}}
@@ -19,13 +19,10 @@ void TouchesWithoutTheLock(ZYTThreadPool& workers, ZYTOfflineLog& log) {
     log.m_curLogFileName.clear();           // expected-error {{requires holding mutex 'log.m_logFileLock'}}
     ZYTUtil::m_productInfo = {};            // expected-error {{requires holding mutex 'm_productInfoLock'}}
     ZYTUtil::m_isProductInfoInit = false;   // expected-error {{requires holding mutex 'm_productInfoLock'}}
-}
-
-void CallsWithoutTheLock(Pool& pool) {
     pool.AllocBuffer(0, 0, 1, ZYT_BUFFER_TYPE_MALLOC);  // expected-error {{requires holding mutex}}
 }
 
-void CallsWithTheLock(Pool& pool, ZYTBufferManager& manager, ZYTThreadPool& workers, ZYTOfflineLog& log) {
+void WithTheLock(Pool& pool, ZYTBufferManager& manager, ZYTThreadPool& workers, ZYTOfflineLog& log) {
     {
         zyt::Lock lock(Pool::m_freeBufferListLock);
         pool.PutBufferToPool(nullptr);  // expected-error {{while mutex 'm_freeBufferListLock' is held}}

@@ -61,8 +61,6 @@ private:
     std::unique_ptr<unsigned char[]> m_bytes;
 };
 
-// Drawing.
-
 // Returns a coordinate, mostly near the image.
 template <typename Choices>
 uint32_t Near(Choices& data) {
@@ -113,8 +111,6 @@ bool DrawsByRule(Choices& data, const std::string&) {
     if (isOutlined) ZYTUtil::DrawRect(&image, rect, thickness);
     return drawn == expected;
 }
-
-// Copies and dumps.
 
 constexpr uint64_t kMost = 1 << 16;  // limit for the bytes of an image and the bytes moved
 constexpr size_t kPlanes[] = {0, 1};
@@ -241,8 +237,6 @@ bool MovesByRule(Choices& data, const std::string& scratch) {
     return CopiesByRule(from, to) && DumpsByRule(from, scratch + "/dump");
 }
 
-// Rectangles.
-
 inline double Single(double value) { return static_cast<float>(value); }
 
 inline uint32_t Whole(double value) {
@@ -344,8 +338,6 @@ bool PlacesByRule(Choices& data, const std::string&) {
     return std::equal(mapped.begin(), mapped.end(), expected.begin(), expected.end(), AreSame);
 }
 
-// Files.
-
 template <typename Choices>
 std::string Word(Choices& data, size_t longest) {
     std::string word(data.template ConsumeIntegralInRange<size_t>(0, longest), '\0');
@@ -376,10 +368,7 @@ bool NamesByRule(Choices& data, const std::string&) {
     ZYTUtil::GetFileNameFromFilePath(path.get(), written.get() + 8, capacity);
 
     std::string lower = text;
-    for (char& c : lower) {
-        const char* upper = c == '\0' ? nullptr : std::strchr("ABCDEFGHIJKLMNOPQRSTUVWXYZ", c);
-        if (upper != nullptr) c = "abcdefghijklmnopqrstuvwxyz"[*upper - 'A'];
-    }
+    for (char& c : lower) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
     return std::string(written.get(), block.size()) == block && ZYTUtil::ToLowerCaseStr(path.get()) == lower;
 }
 

@@ -175,20 +175,16 @@ TEST(CropAndFaceMapping, FollowTheirRules) {
 }
 
 TEST(FaceMapping, RoundsTheProductAndFusesOnlyTheOffset) {
-    struct Case {
-        ZYTRect face;
-        ZYTRect crop;
-        ZYTRect dst;
-        uint32_t top;
-        uint32_t left;
-    };
     // Found by search. The first two differ by one when product and offset are fused, which is the compilers' default;
     // the last two when the offset is not fused.
-    const Case cases[] = {{{3656, 0, 1, 1}, {0, 0, 14, 3868}, {0, 0, 3530, 3896}, 436137, 0},
-                          {{143, 0, 1, 1}, {0, 0, 52, 312}, {0, 0, 3580, 2590}, 400, 0},
-                          {{0, 1832, 1, 1}, {0, 0, 4735, 574}, {0, 0, 4538, 1476}, 0, 891},
-                          {{0, 243, 1, 1}, {0, 0, 555, 36}, {0, 0, 2447, 660}, 0, 590}};
-    for (const Case& c : cases) {
+    const struct {
+        ZYTRect face, crop, dst;
+        uint32_t top, left;
+    } cases[] = {{{3656, 0, 1, 1}, {0, 0, 14, 3868}, {0, 0, 3530, 3896}, 436137, 0},
+                 {{143, 0, 1, 1}, {0, 0, 52, 312}, {0, 0, 3580, 2590}, 400, 0},
+                 {{0, 1832, 1, 1}, {0, 0, 4735, 574}, {0, 0, 4538, 1476}, 0, 891},
+                 {{0, 243, 1, 1}, {0, 0, 555, 36}, {0, 0, 2447, 660}, 0, 590}};
+    for (const auto& c : cases) {
         std::vector<ZYTRect> mapped;
         ZYTUtil::MapFaceROIToImageBuffer({c.face}, mapped, c.crop, c.dst);
         ASSERT_EQ(mapped.size(), 1u);
