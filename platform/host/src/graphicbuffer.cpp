@@ -18,10 +18,10 @@
 namespace {
 
 std::atomic<uint32_t> g_strideAlignment{64};
+std::atomic<uint32_t> g_heightAlignment{32};
 std::atomic<uint64_t> g_liveBuffers{0};
 
-// Enough for both kinds of image: 8-bit YUV 4:2:0 (1.5 bytes per pixel) and 16-bit raw.
-constexpr uint64_t kBytesPerPixel = 2;
+uint64_t RoundUp(uint64_t value, uint64_t alignment) { return (value + alignment - 1) / alignment * alignment; }
 
 int CreateDescriptor(uint64_t bytes) {
     if (hostdevice::TakeFault(hostdevice::Fault::kGraphicDescriptor)) return 0;
@@ -56,11 +56,12 @@ GraphicBuffer::~GraphicBuffer() {
 
 status_t GraphicBuffer::Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t inLayerCount) {
     if (hostdevice::TakeFault(hostdevice::Fault::kGraphicBuffer)) return -ENOMEM;
-    const uint64_t alignment = g_strideAlignment;
-    const uint64_t rowPixels = (inWidth + alignment - 1) / alignment * alignment;
+    const uint64_t rowPixels = RoundUp(inWidth, g_strideAlignment);
+    const uint64_t lumaRows = RoundUp(inHeight, g_heightAlignment);
+    // Enough for both kinds of image: 16-bit raw, and 8-bit YUV 4:2:0.
+    const uint64_t rows = std::max(uint64_t{inHeight} * 2, lumaRows + (lumaRows + 1) / 2);
     uint64_t bytes = 0;
-    if (rowPixels > INT_MAX || inHeight > INT_MAX ||
-        __builtin_mul_overflow(rowPixels * inHeight * kBytesPerPixel, inLayerCount, &bytes)) {
+    if (rowPixels > INT_MAX || lumaRows > INT_MAX || __builtin_mul_overflow(rowPixels * rows, inLayerCount, &bytes)) {
         return -ENOMEM;
     }
     auto* const nativeHandle = static_cast<native_handle_t*>(std::malloc(sizeof(native_handle_t) + sizeof(int)));
@@ -76,6 +77,7 @@ status_t GraphicBuffer::Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t i
     handle = nativeHandle;
     stride = static_cast<int>(rowPixels);
     mBytes = bytes;
+    mLumaRows = lumaRows;
     return 0;
 }
 
@@ -93,6 +95,17 @@ status_t GraphicBuffer::lock(uint32_t inUsage, void** vaddr, int32_t* outBytesPe
     return 0;
 }
 
+status_t GraphicBuffer::lockYCbCr(uint32_t inUsage, android_ycbcr* ycbcr) {
+    const bool isYuv = format == HAL_PIXEL_FORMAT_IMPLEMENTATION_DEFINED || format == HAL_PIXEL_FORMAT_YCBCR_420_888;
+    void* luma = nullptr;
+    if (!isYuv || ycbcr == nullptr) return -EINVAL;
+    if (const status_t error = lock(inUsage, &luma); error != 0) return error;
+    const size_t rowBytes = getStride();
+    auto* const chroma = static_cast<unsigned char*>(luma) + rowBytes * mLumaRows;
+    *ycbcr = {luma, chroma, chroma + 1, rowBytes, rowBytes, 2, {}};
+    return 0;
+}
+
 status_t GraphicBuffer::unlock() {
     if (mLocked == nullptr) return -EINVAL;
     hostdevice::CloseAccess(handle->data[0]);
@@ -107,5 +120,7 @@ namespace hostdevice {
 uint64_t CountGraphicBuffers() { return g_liveBuffers; }
 
 void SetStrideAlignment(uint32_t pixels) { g_strideAlignment = std::max(pixels, 1u); }
+
+void SetHeightAlignment(uint32_t rows) { g_heightAlignment = std::max(rows, 1u); }
 
 }  // namespace hostdevice

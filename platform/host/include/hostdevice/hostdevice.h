@@ -42,6 +42,10 @@ HOSTDEVICE_EXPORT const char* HeapName();
 /// padding.
 HOSTDEVICE_EXPORT void SetStrideAlignment(uint32_t pixels);
 
+/// Sets the alignment, in rows, of the first plane of graphic buffers created from now on (initially 32): the chroma of
+/// GraphicBuffer::lockYCbCr begins behind the padding rows. 0 is treated as 1: no padding.
+HOSTDEVICE_EXPORT void SetHeightAlignment(uint32_t rows);
+
 /// Sets the camera framework's switch for offline logs (initially off). Not thread-safe: the framework's settings are a
 /// plain record that no other thread may read meanwhile.
 HOSTDEVICE_EXPORT void SetOfflineLogSwitch(bool on);

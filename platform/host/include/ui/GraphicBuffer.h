@@ -5,6 +5,7 @@
 /// The platform's graphic buffers.
 
 #include <nativebase/nativebase.h>
+#include <system/graphics.h>
 #include <utils/RefBase.h>
 
 #include <cstdint>
@@ -20,10 +21,11 @@ using PixelFormat = int32_t;  ///< A value of the platform's graphics interface;
 
 /// A gralloc image buffer on memfd memory. Held by android::sp; its geometry never changes.
 ///
-/// The stride is the width rounded up to hostdevice::SetStrideAlignment. For every format the memory is
-/// stride x height x 2 bytes per layer, enough for 8-bit YUV 4:2:0 and for 16-bit raw; a client that maps one byte per
-/// pixel maps only its start. The last strong pointer closes the descriptor in the handle; clients own their mappings.
-/// A buffer without pixels has the memory of one pixel, stride included, as on the platform.
+/// The stride is the width rounded up to hostdevice::SetStrideAlignment. For every format the memory of a layer is
+/// stride x height x 2 bytes, which suits 16-bit raw, or, where that is more, 8-bit YUV 4:2:0 with the height rounded
+/// up to hostdevice::SetHeightAlignment; a client that maps one byte per pixel maps only its start. The last strong
+/// pointer closes the descriptor in the handle; clients own their mappings. A buffer without pixels has the memory of
+/// one pixel, stride included, as on the platform.
 class HOSTDEVICE_EXPORT GraphicBuffer : public ANativeWindowBuffer, public RefBase {
 public:
     /// Allocates the memory. Never throws; see initCheck(). The name is for the platform's statistics and ignored here.
@@ -45,6 +47,10 @@ public:
     /// nest here. Sets the bytes per pixel and per row to -1: not known. Not thread-safe.
     status_t lock(uint32_t inUsage, void** vaddr, int32_t* outBytesPerPixel = nullptr,
                   int32_t* outBytesPerStride = nullptr);
+    /// Like lock, for a buffer of HAL_PIXEL_FORMAT_IMPLEMENTATION_DEFINED or YCBCR_420_888, and returns where the
+    /// planes of the first layer are: NV12, whose chroma begins behind the padding rows of the luma. Returns -EINVAL
+    /// for any other format.
+    status_t lockYCbCr(uint32_t inUsage, android_ycbcr* ycbcr);
     /// Closes that access and unmaps the memory. Returns 0, or -EINVAL when not locked.
     status_t unlock();
 
@@ -56,6 +62,7 @@ private:
     status_t Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t inLayerCount);
 
     uint64_t mBytes = 0;
+    uint64_t mLumaRows = 0;  // with padding
     void* mLocked = nullptr;
     status_t mInitCheck;  // declared last: its initialisation sets the other members
 };
