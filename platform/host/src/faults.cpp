@@ -6,27 +6,42 @@
 namespace hostdevice {
 namespace {
 
-// Calls left until the fault fires, indexed by Fault; 0 when it is not armed.
-std::atomic<uint64_t> g_callsLeft[static_cast<size_t>(Fault::kSync) + 1];
+struct Armed {
+    std::atomic<uint64_t> callsBefore{0};  // that succeed
+    std::atomic<uint64_t> failures{0};     // still to come; 0 when the fault is not armed
+};
 
-std::atomic<uint64_t>& CallsLeft(Fault fault) { return g_callsLeft[static_cast<size_t>(fault)]; }
+Armed g_faults[static_cast<size_t>(Fault::kSync) + 1];
+
+Armed& Find(Fault fault) { return g_faults[static_cast<size_t>(fault)]; }
+
+// Returns false when none is left.
+bool TakeOne(std::atomic<uint64_t>& left) {
+    uint64_t seen = left.load();
+    while (seen != 0 && !left.compare_exchange_weak(seen, seen - 1)) {
+    }
+    return seen != 0;
+}
 
 }  // namespace
 
 bool TakeFault(Fault fault) {
-    std::atomic<uint64_t>& callsLeft = CallsLeft(fault);
-    uint64_t left = callsLeft.load();
-    while (left != 0 && !callsLeft.compare_exchange_weak(left, left - 1)) {
-    }
-    return left == 1;
+    Armed& armed = Find(fault);
+    return armed.failures != 0 && !TakeOne(armed.callsBefore) && TakeOne(armed.failures);
 }
 
-void FailNth(Fault fault, uint64_t n) { CallsLeft(fault) = n; }
+void FailNth(Fault fault, uint64_t n, uint64_t times) {
+    Armed& armed = Find(fault);
+    armed.failures = 0;
+    if (n == 0) return;
+    armed.callsBefore = n - 1;
+    armed.failures = times;
+}
 
-bool FaultPending(Fault fault) { return CallsLeft(fault) != 0; }
+bool FaultPending(Fault fault) { return Find(fault).failures != 0; }
 
 void ClearFaults() {
-    for (std::atomic<uint64_t>& callsLeft : g_callsLeft) callsLeft = 0;
+    for (Armed& armed : g_faults) armed.failures = 0;
 }
 
 }  // namespace hostdevice

@@ -73,11 +73,11 @@ enum class Fault {
     kSync,               ///< CpuSyncStart or CpuSyncEnd returns -1 with errno EIO and synchronises nothing.
 };
 
-/// Makes the n-th call from now fail once; 1 is the next call. Replaces an armed fault of this kind; 0 disarms it.
-/// A failed allocation does not count towards kMapping or kGraphicDescriptor.
-HOSTDEVICE_EXPORT void FailNth(Fault fault, uint64_t n);
+/// Makes the n-th call from now and those after it fail, `times` calls together; 1 is the next call. Replaces an armed
+/// fault of this kind; 0 disarms it. A failed allocation does not count towards kMapping or kGraphicDescriptor.
+HOSTDEVICE_EXPORT void FailNth(Fault fault, uint64_t n, uint64_t times = 1);
 
-/// Returns true when a fault is armed and has not fired yet.
+/// Returns true when a fault is armed and has not fired for the last time yet.
 HOSTDEVICE_EXPORT bool FaultPending(Fault fault);
 
 /// Disarms all faults.
