@@ -12,6 +12,9 @@ bool TakeFault(Fault fault);
 /// property suppresses the tag's messages of that priority.
 bool DeliverLog(int priority, const char* tag, const char* text);
 
+/// Returns true when a message of that priority is written, as __android_log_is_loggable does.
+bool IsLoggable(int priority, const char* tag, int defaultLevel);
+
 /// Ends the process, with a line on stderr, where the platform's own code would crash on a null pointer.
 [[noreturn]] void CrashOnNull(const char* what);
 

@@ -78,9 +78,11 @@ void Print(int priority, const char* tag, const char* text) {
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, lines.data(), lines.size());
 }
 
+}  // namespace
+
 // The first property that is set to a letter decides; the tag's own precedes the one for all tags.
-bool IsLoggable(int priority, const std::string& tag) {
-    for (const std::string& name : {"log.tag." + tag, std::string("log.tag")}) {
+bool IsLoggable(int priority, const char* tag, int defaultLevel) {
+    for (const std::string& name : {std::string("log.tag.") + (tag != nullptr ? tag : ""), std::string("log.tag")}) {
         for (const std::string& key : {"persist." + name, name}) {
             char value[PROPERTY_VALUE_MAX];
             property_get(key.c_str(), value, "-");
@@ -90,10 +92,8 @@ bool IsLoggable(int priority, const std::string& tag) {
             return priority >= ANDROID_LOG_VERBOSE + (letter - kLetters);
         }
     }
-    return true;
+    return priority >= defaultLevel;
 }
-
-}  // namespace
 
 void CrashOnNull(const char* what) {
     std::fprintf(stderr, "hostdevice: %s is null, which crashes on a device\n", what);
@@ -103,7 +103,7 @@ void CrashOnNull(const char* what) {
 bool DeliverLog(int priority, const char* tag, const char* text) {
     if (tag == nullptr) tag = program_invocation_short_name;
     if (text == nullptr) CrashOnNull("a log message");
-    if (!IsLoggable(priority, tag)) return false;
+    if (!IsLoggable(priority, tag, priority)) return false;
     Sink& sink = Immortal<Sink>();
     std::unique_lock<std::mutex> guard(sink.lock);
     const SinkCall call = {sink.function, t_innermostCall};

@@ -18,13 +18,26 @@ int __android_log_write(int prio, const char* tag, const char* text) {
     return hostdevice::DeliverLog(prio, tag, text) ? 1 : -EPERM;
 }
 
-int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+int __android_log_buf_write(int /*bufID*/, int prio, const char* tag, const char* text) {
+    return __android_log_write(prio, tag, text);
+}
+
+int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap) {
     char text[kTextSize];
+    std::vsnprintf(text, sizeof text, fmt, ap);
+    return __android_log_write(prio, tag, text);
+}
+
+int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    std::vsnprintf(text, sizeof text, fmt, args);
+    const int result = __android_log_vprint(prio, tag, fmt, args);
     va_end(args);
-    return __android_log_write(prio, tag, text);
+    return result;
+}
+
+int __android_log_is_loggable(int prio, const char* tag, int default_prio) {
+    return hostdevice::IsLoggable(prio, tag, default_prio) ? 1 : 0;
 }
 
 void __android_log_assert(const char* cond, const char* tag, const char* fmt, ...) {

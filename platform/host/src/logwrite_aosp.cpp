@@ -1,5 +1,8 @@
 #include <android/log.h>
 
+#include <cstdio>
+#include <cstdlib>
+
 #include "internal.h"
 
 namespace {
@@ -13,6 +16,10 @@ void Deliver(const __android_logger_data* data, const char* message) {
     __android_log_set_logger(Deliver);
     // Outside a device, liblog drops messages below INFO by default.
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    if (std::getenv("HOSTDEVICE_TRACE") != nullptr) {
+        std::fprintf(stderr,
+                     "hostdevice: no trace: this build has the platform's own tracing, which does nothing here\n");
+    }
     return true;
 }();
 
