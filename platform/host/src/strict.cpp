@@ -320,6 +320,10 @@ HOSTDEVICE_EXPORT void* __wrap_mmap(void* hint, size_t size, int protection, int
                                   : mmap(hint, size, protection, flags, fd, offset);
 }
 
+HOSTDEVICE_EXPORT void* __wrap_mmap64(void* hint, size_t size, int protection, int flags, int fd, off_t offset) {
+    return __wrap_mmap(hint, size, protection, flags, fd, offset);
+}
+
 HOSTDEVICE_EXPORT int __wrap_munmap(void* start, size_t size) {
     const int result = munmap(start, size);
     hostdevice::CheckReleased();
