@@ -126,8 +126,9 @@ int8_t property_get_bool(const char* key, int8_t default_value) {
 
 int property_set(const char* key, const char* value) {
     if (value == nullptr) value = "";
-    if (key == nullptr || *key == '\0' || std::strlen(value) >= PROPERTY_VALUE_MAX) return -1;
-    if (std::strncmp(key, "ro.", 3) == 0 && !Properties().Get(key).empty()) return -1;
+    if (key == nullptr || *key == '\0') return -1;
+    const bool isReadOnly = std::strncmp(key, "ro.", 3) == 0;
+    if (isReadOnly ? !Properties().Get(key).empty() : std::strlen(value) >= PROPERTY_VALUE_MAX) return -1;
     hostdevice::SetProperty(key, value);
     return 0;
 }

@@ -43,8 +43,9 @@ HOSTDEVICE_EXPORT int64_t property_get_int64(const char* key, int64_t default_va
 /// for a null key. Thread-safe.
 HOSTDEVICE_EXPORT int8_t property_get_bool(const char* key, int8_t default_value);
 
-/// Sets a property for this process; a null value unsets it. Returns 0, or -1 for a null or empty key, for a value of
-/// more than 91 characters and for a "ro." property that is already set. Thread-safe.
+/// Sets a property for this process; a null value unsets it. Returns 0, or -1 for a null or empty key. A "ro." property
+/// takes a value of any length, once, and -1 is returned when it is set already. For any other, -1 is returned for more
+/// than 91 characters. Thread-safe.
 HOSTDEVICE_EXPORT int property_set(const char* key, const char* value);
 
 #ifdef __cplusplus
