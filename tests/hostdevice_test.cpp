@@ -346,7 +346,7 @@ TEST(StrictDeathTest, LocksRefusesLongMappingsAndHasThePhonesStack) {
         size_t stack = 0;
         pthread_getattr_default_np(&attributes);
         pthread_attr_getstacksize(&attributes, &stack);
-        std::exit(isRight && (stack == 1032192 || stack == 4 * 1032192) ? 0 : 1);  // the larger under a sanitizer
+        std::exit(isRight && (stack == 1015808 || stack == 4 * 1015808) ? 0 : 1);  // the larger under a sanitizer
     };
     EXPECT_EXIT(run(), ExitedWithCode(0), "^$");
 }

@@ -30,6 +30,7 @@ protected:
 
 TEST_F(Allocator, AllocatesMapsAndReleasesHeapMemory) {
     ASSERT_EQ(m_allocator.AllocDMABuffer(10000, &m_pBuf, m_fd), 0);
+    EXPECT_TRUE(hostdevice::LastAllocationWasForCpu());
     ASSERT_GT(m_fd, 0);
     char* again = m_allocator.MapFDToBufferPointer(m_fd, 10000);
     m_allocator.StartCPUSync(m_fd, CPU_SYNC_READ_WRITE);

@@ -4,6 +4,7 @@
 #include <linux/dma-heap.h>
 #include <sys/ioctl.h>
 
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 
@@ -60,6 +61,8 @@ int SyncMemory(int fd, SyncType type, bool isStart) {
     return RetryingIoctl(fd, DMA_BUF_IOCTL_SYNC, &sync);
 }
 
+std::atomic<bool> g_isForCpu{false};
+
 struct SyncLog {
     std::mutex lock;
     hostdevice::SyncCall last{};
@@ -83,13 +86,15 @@ int Sync(unsigned int dmabuf_fd, SyncType type, bool isStart) {
 
 }  // namespace
 
-int BufferAllocator::AllocSystem(bool /*cpu_access*/, size_t len, unsigned int /*heap_flags*/,
-                                 size_t /*legacy_align*/) {
+int BufferAllocator::AllocSystem(bool cpu_access, size_t len, unsigned int /*heap_flags*/, size_t /*legacy_align*/) {
+    g_isForCpu = cpu_access;
     if (hostdevice::TakeFault(Fault::kHeapAllocation)) return Failure(-ENOMEM);
     if (len == 0) return Failure(-EINVAL);
     const int fd =
         hostdevice::UsesKernelHeap() ? AllocFromKernel(len) : hostdevice::CreateMemory(MemoryKind::kEmulatedHeap, len);
-    return fd >= 0 ? fd : Failure(fd);
+    if (fd < 0) return Failure(fd);
+    hostdevice::WatchMemory(fd, len);
+    return fd;
 }
 
 int BufferAllocator::Alloc(const std::string& heap_name, size_t len, unsigned int heap_flags, size_t legacy_align) {
@@ -111,6 +116,8 @@ namespace hostdevice {
 bool UsesKernelHeap() { return HeapDevice() >= 0; }
 
 const char* HeapName() { return UsesKernelHeap() ? kKernelHeap : "memfd"; }
+
+bool LastAllocationWasForCpu() { return g_isForCpu; }
 
 SyncCall LastSync() {
     SyncLog& log = Immortal<SyncLog>();

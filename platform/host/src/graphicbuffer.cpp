@@ -2,7 +2,6 @@
 
 #include <BufferAllocator/BufferAllocator.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -48,10 +47,9 @@ GraphicBuffer::GraphicBuffer(uint32_t inWidth, uint32_t inHeight, PixelFormat in
 GraphicBuffer::~GraphicBuffer() {
     g_liveBuffers--;
     if (handle == nullptr) return;
-    if (mLocked != nullptr) munmap(mLocked, mBytes);
-    if (handle->data[0] > 0) close(handle->data[0]);
+    if (mLocked != nullptr) __wrap_munmap(mLocked, mBytes);
+    if (handle->data[0] > 0) __wrap_close(handle->data[0]);
     std::free(const_cast<native_handle_t*>(handle));
-    hostdevice::CheckReleased();
 }
 
 status_t GraphicBuffer::Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t inLayerCount) {
@@ -74,6 +72,7 @@ status_t GraphicBuffer::Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t i
         std::free(nativeHandle);
         return error;
     }
+    hostdevice::WatchMemory(nativeHandle->data[0], bytes);
     handle = nativeHandle;
     stride = static_cast<int>(rowPixels);
     mBytes = bytes;
@@ -86,7 +85,7 @@ status_t GraphicBuffer::lock(uint32_t inUsage, void** vaddr, int32_t* outBytesPe
     const int fd = handle != nullptr ? handle->data[0] : 0;
     if (fd <= 0 || direction == 0 || vaddr == nullptr) return -EINVAL;
     if (mLocked != nullptr) return -EBUSY;
-    void* const mapped = mmap(nullptr, mBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void* const mapped = __wrap_mmap(nullptr, mBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (mapped == MAP_FAILED) return -errno;
     hostdevice::OpenAccess(fd, direction);
     *vaddr = mLocked = mapped;
@@ -109,7 +108,7 @@ status_t GraphicBuffer::lockYCbCr(uint32_t inUsage, android_ycbcr* ycbcr) {
 status_t GraphicBuffer::unlock() {
     if (mLocked == nullptr) return -EINVAL;
     hostdevice::CloseAccess(handle->data[0]);
-    munmap(std::exchange(mLocked, nullptr), mBytes);
+    __wrap_munmap(std::exchange(mLocked, nullptr), mBytes);
     return 0;
 }
 

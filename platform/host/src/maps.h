@@ -25,6 +25,9 @@ public:
     MapsReader(const MapsReader&) = delete;
     MapsReader& operator=(const MapsReader&) = delete;
 
+    /// Returns false when the file cannot be opened. There are no lines then.
+    bool IsOpen() const { return m_fd >= 0; }
+
     /// Reads the next line. Returns false at the end.
     bool Next(MappedRange& range);
 

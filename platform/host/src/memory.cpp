@@ -6,8 +6,8 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "internal.h"
 
@@ -39,9 +39,10 @@ MemoryKind KindOfPath(const char* path) {
 }
 
 MemoryKind KindOfDescriptor(int fd) {
+    char link[32];
     char target[64] = "";
-    const std::string link = "/proc/self/fd/" + std::to_string(fd);
-    if (readlink(link.c_str(), target, sizeof target - 1) < 0) return MemoryKind::kOther;
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    if (readlink(link, target, sizeof target - 1) < 0) return MemoryKind::kOther;
     return KindOfPath(target);
 }
 

@@ -10,14 +10,17 @@
 #include <ucontext.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <set>
 #include <utility>
 
 #include "internal.h"
@@ -31,10 +34,12 @@ namespace {
 using Identity = std::pair<dev_t, ino_t>;
 
 struct Buffer {
-    int fd = -1;  // the one last seen
-    uint64_t size = 0;
+    int fd = -1;           // the one last seen
+    uint64_t size = 0;     // as requested from this process's device, otherwise the descriptor's
+    bool hasTail = false;  // the pattern lies between that size and the end of the last page
     int openAccesses = 0;
-    int directions = 0;  // union of the directions opened since no access was open
+    int inherited = 0;   // those of them that the parent opened
+    int directions = 0;  // all directions opened since no access was open
     bool wasOpened = false;
 
     int Protection() const {
@@ -45,9 +50,11 @@ struct Buffer {
 };
 
 struct Watch {
-    // Never held while buffer memory is accessed, so the fault handler may take it.
+    // Never held while a client's mapping is accessed, so the fault handler may take it. Held while memory is unmapped:
+    // a start that has read the list of mappings must not protect what took their place.
     std::mutex lock;
     std::map<Identity, Buffer> buffers;
+    std::set<uintptr_t> guards;  // inaccessible pages behind mappings
     int openBuffers = 0;
     bool isDying = false;
     struct sigaction previous {};
@@ -55,30 +62,39 @@ struct Watch {
 
 std::atomic<bool> g_isStrict{false};
 
+using Lock = std::unique_lock<std::mutex>;
+
 Watch& TheWatch() { return Immortal<Watch>(); }
+
+size_t PageSize() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
+
+uint64_t WholePages(uint64_t size) { return (size + PageSize() - 1) / PageSize() * PageSize(); }
 
 // Returns null for a descriptor that is neither heap nor graphic memory.
 std::pair<const Identity, Buffer>* Find(Watch& watch, int fd) {
     struct stat status {};
     if (fd < 0 || KindOfDescriptor(fd) == MemoryKind::kOther || fstat(fd, &status) != 0) return nullptr;
-    const auto found = watch.buffers.try_emplace({status.st_dev, status.st_ino}).first;
+    const auto [found, isNew] = watch.buffers.try_emplace({status.st_dev, status.st_ino});
     found->second.fd = fd;
-    found->second.size = static_cast<uint64_t>(lseek(fd, 0, SEEK_END));
+    if (isNew) found->second.size = static_cast<uint64_t>(lseek(fd, 0, SEEK_END));
     return &*found;
 }
 
-// Protects all mappings of the buffer, also those made outside the device's interfaces.
-void Protect(const Identity& identity, const Buffer& buffer) {
-    MapsReader maps;
-    for (MappedRange range; maps.Next(range);) {
-        if (Identity(range.device, range.inode) != identity) continue;
-        auto* const start = reinterpret_cast<void*>(range.begin);
-        if (mprotect(start, range.end - range.begin, buffer.Protection()) == 0) continue;
-        mprotect(start, range.end - range.begin, PROT_READ);  // the descriptor is read-only
-    }
+// Uses one write and no heap memory. Adds the thread.
+__attribute__((format(printf, 1, 2))) void Say(const char* format, ...) {
+    char text[192];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    char thread[16] = "";
+    prctl(PR_GET_NAME, thread);
+    char line[256];
+    const int length =
+        std::snprintf(line, sizeof line, "hostdevice: %s; thread %ld %s\n", text, syscall(SYS_gettid), thread);
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, static_cast<size_t>(length));
 }
 
-// Uses one write and no heap memory.
 void Report(const char* what, const Buffer& buffer) {
     static constexpr const char* kDirections[] = {"nothing", "reading", "writing", "reading and writing"};
     char state[64] = "no access was ever opened";
@@ -87,14 +103,63 @@ void Report(const char* what, const Buffer& buffer) {
     } else if (buffer.wasOpened) {
         std::snprintf(state, sizeof state, "the last access to it was closed");
     }
-    char thread[16] = "";
-    prctl(PR_GET_NAME, thread);
-    char line[256];
-    const int length =
-        std::snprintf(line, sizeof line, "hostdevice: %s descriptor %d (%llu bytes): %s; thread %ld %s\n", what,
-                      buffer.fd, static_cast<unsigned long long>(buffer.size), state, syscall(SYS_gettid), thread);
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, static_cast<size_t>(length));
+    Say("%s descriptor %d (%llu bytes): %s", what, buffer.fd, static_cast<unsigned long long>(buffer.size), state);
 }
+
+// Unlocks first, because a handler of SIGABRT may use the device.
+[[noreturn]] void Abort(Lock& lock) {
+    TheWatch().isDying = true;
+    lock.unlock();
+    std::abort();
+}
+
+[[noreturn]] void Refuse(Lock& lock, const char* what, const Buffer& buffer) {
+    Report(what, buffer);
+    Abort(lock);
+}
+
+// Protects all mappings of the buffer, also those made outside the device's interfaces.
+void Protect(Lock& lock, const Identity& identity, const Buffer& buffer) {
+    MapsReader maps;
+    if (!maps.IsOpen()) Refuse(lock, "cannot read /proc/self/maps to protect", buffer);
+    for (MappedRange range; maps.Next(range);) {
+        if (Identity(range.device, range.inode) != identity) continue;
+        auto* const start = reinterpret_cast<void*>(range.begin);
+        if (mprotect(start, range.end - range.begin, buffer.Protection()) == 0) continue;
+        mprotect(start, range.end - range.begin, PROT_READ);  // the descriptor is read-only
+    }
+}
+
+// The bytes between a buffer's end and the end of its last page, mapped apart from the clients' mappings.
+struct Tail {
+    Tail(const Buffer& buffer, int protection) : used(buffer.size % PageSize()) {
+        if (used == 0) return;
+        void* const mapped =
+            mmap(nullptr, PageSize(), protection, MAP_SHARED, buffer.fd, static_cast<off_t>(buffer.size - used));
+        if (mapped != MAP_FAILED) page = static_cast<unsigned char*>(mapped);
+    }
+    ~Tail() {
+        if (page != nullptr) munmap(page, PageSize());
+    }
+    Tail(const Tail&) = delete;
+    Tail& operator=(const Tail&) = delete;
+
+    // Differs from byte to byte, unlike an overrun of constant pixels.
+    static unsigned char Pattern(size_t at) { return static_cast<unsigned char>(at * 41 + 90); }
+
+    bool Fill() {
+        for (size_t at = used; page != nullptr && at < PageSize(); ++at) page[at] = Pattern(at);
+        return page != nullptr;
+    }
+    size_t CountOverwritten() const {
+        size_t count = 0;
+        for (size_t at = used; page != nullptr && at < PageSize(); ++at) count += page[at] != Pattern(at);
+        return count;
+    }
+
+    const size_t used;  // by the buffer
+    unsigned char* page = nullptr;
+};
 
 // Returns "read", "write", or "access" when the CPU does not report which.
 const char* NameAccess(const void* context) {
@@ -119,17 +184,24 @@ const char* NameAccess(const void* context) {
 // Reports the access and returns true when the address is in a buffer.
 bool ReportTouch(uintptr_t address, const void* context) {
     Watch& watch = TheWatch();
-    const std::lock_guard<std::mutex> guard(watch.lock);
+    const Lock lock(watch.lock);
     MapsReader maps;
+    if (!maps.IsOpen()) {
+        Say("cannot read /proc/self/maps after a fault at %p", reinterpret_cast<const void*>(address));
+        return true;
+    }
+    const uintptr_t page = address - address % PageSize();
+    const bool isBehind = watch.guards.count(page) != 0;
     for (MappedRange range; maps.Next(range);) {
-        if (address < range.begin || address >= range.end) continue;
+        if (isBehind ? range.end != page : address < range.begin || address >= range.end) continue;
         const auto found = watch.buffers.find({range.device, range.inode});
         if (found == watch.buffers.end()) return false;
         if (watch.isDying) return true;
         watch.isDying = true;
-        char what[64];
+        char what[80];
         const unsigned long long offset = range.offset + (address - range.begin);
-        std::snprintf(what, sizeof what, "%s at offset %llu of", NameAccess(context), offset);
+        std::snprintf(what, sizeof what, "%s at offset %llu%s of", NameAccess(context), offset,
+                      isBehind ? ", behind the end of a mapping," : "");
         Report(what, found->second);
         return true;
     }
@@ -155,14 +227,9 @@ void OnFault(int signal, siginfo_t* info, void* context) {
     errno = savedErrno;
 }
 
-[[noreturn]] void Refuse(Watch& watch, const char* what, const Buffer& buffer) {
-    watch.isDying = true;
-    Report(what, buffer);
-    std::abort();
-}
-
 bool IsMapped(const Identity& identity) {
     MapsReader maps;
+    if (!maps.IsOpen()) return true;
     for (MappedRange range; maps.Next(range);) {
         if (Identity(range.device, range.inode) == identity) return true;
     }
@@ -184,24 +251,78 @@ bool HasDescriptor(const Identity& identity) {
 
 // A DMA-BUF refuses such a mapping, memfd does not.
 bool IsLongerThanBuffer(const Buffer& buffer, size_t size, off_t offset) {
-    const auto page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-    const uint64_t room = (buffer.size + page - 1) / page * page;
+    const uint64_t room = WholePages(buffer.size);
     const auto start = static_cast<uint64_t>(offset);
     return start > room || size > room - start;
 }
 
+// Forgets the guard pages from start up to end, which are no longer mapped as such.
+void ForgetGuards(Watch& watch, void* start, uintptr_t end) {
+    const auto first = watch.guards.lower_bound(reinterpret_cast<uintptr_t>(start));
+    watch.guards.erase(first, watch.guards.lower_bound(end));
+}
+
 void* MapStrictly(void* hint, size_t size, int protection, int flags, int fd, off_t offset) {
     Watch& watch = TheWatch();
-    const std::lock_guard<std::mutex> guard(watch.lock);
+    const Lock lock(watch.lock);
     const auto* const found = Find(watch, fd);
     if (found != nullptr && IsLongerThanBuffer(found->second, size, offset)) {
         errno = EINVAL;
         return MAP_FAILED;
     }
+    const size_t whole = WholePages(size);
+    const bool hasGuard = found != nullptr && hint == nullptr && (flags & MAP_FIXED) == 0;
+    if (hasGuard) {
+        hint = mmap(nullptr, whole + PageSize(), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        if (hint == MAP_FAILED) return hint;
+        flags |= MAP_FIXED;
+    }
     // With the requested protection, so that a descriptor that does not allow it is refused.
     void* const mapped = mmap(hint, size, protection, flags, fd, offset);
-    if (found != nullptr && mapped != MAP_FAILED) mprotect(mapped, size, protection & found->second.Protection());
+    if (mapped == MAP_FAILED) {
+        const int savedErrno = errno;
+        if (hasGuard) munmap(hint, whole + PageSize());
+        errno = savedErrno;
+        return mapped;
+    }
+    if (found != nullptr) mprotect(mapped, size, protection & found->second.Protection());
+    const auto end = reinterpret_cast<uintptr_t>(mapped) + whole;
+    ForgetGuards(watch, mapped, end);
+    if (hasGuard) watch.guards.insert(end);
     return mapped;
+}
+
+// Ends the process when the last descriptor or mapping of a buffer with an open access is gone.
+void CheckReleased(Lock& lock) {
+    Watch& watch = TheWatch();
+    if (watch.openBuffers == 0) return;
+    for (const auto& [identity, buffer] : watch.buffers) {
+        if (buffer.openAccesses == 0 || IsMapped(identity) || HasDescriptor(identity)) continue;
+        Refuse(lock, "release of", buffer);
+    }
+}
+
+int UnmapStrictly(void* start, size_t size) {
+    Watch& watch = TheWatch();
+    Lock lock(watch.lock);
+    const auto end = reinterpret_cast<uintptr_t>(start) + WholePages(size);
+    const bool hasGuard = watch.guards.count(end) != 0;
+    const int result = munmap(start, hasGuard ? WholePages(size) + PageSize() : size);
+    const int savedErrno = errno;
+    if (result == 0) ForgetGuards(watch, start, hasGuard ? end + 1 : end);
+    CheckReleased(lock);
+    errno = savedErrno;
+    return result;
+}
+
+// Holds the lock, so that no check in another thread misses a descriptor that has just been duplicated.
+int CloseStrictly(int fd) {
+    Lock lock(TheWatch().lock);
+    const int result = close(fd);
+    const int savedErrno = errno;
+    CheckReleased(lock);
+    errno = savedErrno;
+    return result;
 }
 
 // Sanitizers make stack frames larger.
@@ -213,9 +334,9 @@ void* MapStrictly(void* hint, size_t size, int protection, int flags, int fd, of
 #endif
 #endif
 #ifdef HOSTDEVICE_SANITIZED
-constexpr size_t kThreadStack = 4 * 1032192;
+constexpr size_t kThreadStack = 4 * 1015808;
 #else
-constexpr size_t kThreadStack = 1032192;
+constexpr size_t kThreadStack = 1015808;
 #endif
 
 void ShrinkStacks() {
@@ -235,7 +356,11 @@ void HandleFaults() {
     // -Wthread-safety refuses a lock that one function takes and another releases.
     const auto lock = [] { pthread_mutex_lock(TheWatch().lock.native_handle()); };
     const auto unlock = [] { pthread_mutex_unlock(TheWatch().lock.native_handle()); };
-    pthread_atfork(lock, unlock, unlock);
+    const auto inherit = [] {
+        for (auto& [identity, buffer] : TheWatch().buffers) buffer.inherited = buffer.openAccesses;
+        pthread_mutex_unlock(TheWatch().lock.native_handle());
+    };
+    pthread_atfork(lock, unlock, inherit);
 }
 
 // Runs at load, so that threads started before main() have the phone's stack too.
@@ -250,11 +375,14 @@ void HandleFaults() {
 __attribute__((destructor)) void CheckAtExit() {
     if (!g_isStrict) return;
     Watch& watch = TheWatch();
-    const std::lock_guard<std::mutex> guard(watch.lock);
-    if (watch.openBuffers == 0) return;
+    const Lock lock(watch.lock);
+    bool isLeft = false;
     for (const auto& [identity, buffer] : watch.buffers) {
-        if (buffer.openAccesses > 0) Report("exit with an access to", buffer);
+        if (buffer.openAccesses <= buffer.inherited) continue;
+        Report("exit with an access to", buffer);
+        isLeft = true;
     }
+    if (!isLeft) return;
     std::fflush(nullptr);
     _exit(1);
 }
@@ -273,9 +401,9 @@ void SetStrict(bool on, bool quiet) {
 void OpenAccess(int fd, int direction) {
     if (!g_isStrict) return;
     Watch& watch = TheWatch();
-    const std::lock_guard<std::mutex> guard(watch.lock);
+    Lock lock(watch.lock);
     auto* const found = Find(watch, fd);
-    if (found == nullptr || watch.isDying) return;
+    if (found == nullptr) return;
     auto& [identity, buffer] = *found;
     if (buffer.openAccesses++ == 0) {
         buffer.directions = 0;
@@ -283,57 +411,54 @@ void OpenAccess(int fd, int direction) {
     }
     buffer.directions |= direction;
     buffer.wasOpened = true;
-    Protect(identity, buffer);
+    Protect(lock, identity, buffer);
 }
 
 void CloseAccess(int fd) {
     if (!g_isStrict) return;
     Watch& watch = TheWatch();
-    const std::lock_guard<std::mutex> guard(watch.lock);
+    Lock lock(watch.lock);
     auto* const found = Find(watch, fd);
     if (found == nullptr) return;
     auto& [identity, buffer] = *found;
-    if (buffer.openAccesses == 0) Refuse(watch, "end of an access that was not opened, to", buffer);
-    if (--buffer.openAccesses > 0) return;
+    if (buffer.openAccesses == 0) Refuse(lock, "end of an access that was not opened, to", buffer);
+    buffer.inherited = std::min(buffer.inherited, --buffer.openAccesses);
+    if (buffer.openAccesses > 0) return;
     --watch.openBuffers;
-    Protect(identity, buffer);
+    Protect(lock, identity, buffer);
+    if (!buffer.hasTail || (buffer.directions & kSyncWrite) == 0) return;
+    const size_t overwritten = Tail(buffer, PROT_READ).CountOverwritten();
+    if (overwritten == 0) return;
+    Say("%zu bytes written behind the %llu of descriptor %d", overwritten, static_cast<unsigned long long>(buffer.size),
+        fd);
+    Abort(lock);
 }
 
-void CheckReleased() {
+void WatchMemory(int fd, uint64_t bytes) {
     if (!g_isStrict) return;
-    Watch& watch = TheWatch();
-    const std::lock_guard<std::mutex> guard(watch.lock);
-    if (watch.openBuffers == 0) return;
-    for (const auto& [identity, buffer] : watch.buffers) {
-        if (buffer.openAccesses == 0 || IsMapped(identity) || HasDescriptor(identity)) continue;
-        Refuse(watch, "release of", buffer);
-    }
+    const Lock lock(TheWatch().lock);
+    auto* const found = Find(TheWatch(), fd);
+    if (found == nullptr) return;
+    found->second.size = bytes;
+    found->second.hasTail = Tail(found->second, PROT_READ | PROT_WRITE).Fill();
 }
 
 }  // namespace hostdevice
 
-// The linker's --wrap redirects calls to these functions.
-extern "C" {
-
-HOSTDEVICE_EXPORT void* __wrap_mmap(void* hint, size_t size, int protection, int flags, int fd, off_t offset) {
+void* __wrap_mmap(void* hint, size_t size, int protection, int flags, int fd, off_t offset) {
     return hostdevice::IsStrict() ? hostdevice::MapStrictly(hint, size, protection, flags, fd, offset)
                                   : mmap(hint, size, protection, flags, fd, offset);
 }
 
-HOSTDEVICE_EXPORT void* __wrap_mmap64(void* hint, size_t size, int protection, int flags, int fd, off_t offset) {
+void* __wrap_mmap64(void* hint, size_t size, int protection, int flags, int fd, off_t offset) {
     return __wrap_mmap(hint, size, protection, flags, fd, offset);
 }
 
-HOSTDEVICE_EXPORT int __wrap_munmap(void* start, size_t size) {
-    const int result = munmap(start, size);
-    hostdevice::CheckReleased();
-    return result;
+int __wrap_munmap(void* start, size_t size) {
+    return hostdevice::IsStrict() ? hostdevice::UnmapStrictly(start, size) : munmap(start, size);
 }
 
-HOSTDEVICE_EXPORT int __wrap_close(int fd) {
-    const int result = close(fd);
-    hostdevice::CheckReleased();
-    return result;
+int __wrap_close(int fd) {
+    const bool isWatched = hostdevice::IsStrict() && hostdevice::KindOfDescriptor(fd) != hostdevice::MemoryKind::kOther;
+    return isWatched ? hostdevice::CloseStrictly(fd) : close(fd);
 }
-
-}  // extern "C"

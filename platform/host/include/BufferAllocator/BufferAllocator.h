@@ -34,7 +34,7 @@ public:
     /// Allocates zeroed memory of `len` bytes, rounded up to whole pages. Returns its descriptor, which is above 2 and
     /// closed on exec; the caller closes it. Returns -1 on failure, as platform 14 and later do, with errno EINVAL for
     /// 0 bytes and ENOMEM for too many; not every platform sets errno. All memory is accessible to the CPU and there
-    /// are no heap flags: the other arguments exist for the platform's signature and are ignored.
+    /// are no heap flags: the other arguments have no effect (hostdevice::LastAllocationWasForCpu).
     int AllocSystem(bool cpu_access, size_t len, unsigned int heap_flags = 0, size_t legacy_align = 0);
 
     /// Calls AllocSystem for the heap "system", the only one of this device. Returns -1 with errno ENODEV for any

@@ -53,12 +53,17 @@ HOSTDEVICE_EXPORT void SetOfflineLogSwitch(bool on);
 /// Turns strict mode on or off: the device becomes at least as strict as a phone. HOSTDEVICE_STRICT=1 in the
 /// environment turns it on at load. Prints a line to stderr unless `quiet` (HOSTDEVICE_STRICT=quiet).
 ///
-/// In strict mode heap and graphic memory may be accessed only between CpuSyncStart and CpuSyncEnd on one of its
-/// descriptors (or lock and unlock of the graphic buffer), and written only when an access for writing was opened since
-/// the buffer last had no open access. Any other access prints one line to stderr and ends the process with SIGSEGV. An
-/// end without a start, and a release of a buffer with an open access, end it with SIGABRT. An access still open at
-/// exit makes the exit status 1. A mapping longer than its buffer is refused. New threads have the phone's stack of
-/// 1,032,192 bytes. Needs /proc. REQUIRES: no heap or graphic buffer has been created.
+/// - Heap and graphic memory may be accessed only inside a CPU access: between CpuSyncStart and CpuSyncEnd on one of
+/// its
+///   descriptors, or lock and unlock of the graphic buffer. It may be written only when one of the accesses includes
+///   writing; overlapping accesses apply together until the last of them ends. Any other access, and one that runs past
+///   the end of a mapping, prints a line to stderr and ends the process with SIGSEGV.
+/// - An end without a start, a release of a buffer with an open access, and an access that wrote behind the size that
+///   was asked for, print a line and end the process with SIGABRT. So does a list of mappings that cannot be read.
+/// - An access that is still open at exit makes the exit status 1. A mapping longer than its buffer is refused.
+/// - New threads have the phone's stack of 1,015,808 bytes.
+///
+/// Needs /proc. REQUIRES: no heap or graphic buffer has been created.
 HOSTDEVICE_EXPORT void SetStrict(bool on, bool quiet = false);
 
 /// Returns true when strict mode is on.
@@ -96,6 +101,9 @@ struct LiveResources {
 /// interfaces are included; with the kernel's heap every DMA-BUF of the process counts as heap memory. Not a consistent
 /// snapshot when other threads allocate or release meanwhile. Without /proc these counts are 0.
 HOSTDEVICE_EXPORT LiveResources CountLive();
+
+/// Returns the `cpu_access` of the latest heap allocation. A phone may give memory that the CPU cannot map without it.
+HOSTDEVICE_EXPORT bool LastAllocationWasForCpu();
 
 /// One call of CpuSyncStart or CpuSyncEnd.
 struct SyncCall {
