@@ -5,6 +5,7 @@
 /// The platform's tracing. HOSTDEVICE_TRACE=FILE in the environment writes all events of the process to a file; see the
 /// README of the emulated device.
 
+#include <stdbool.h>
 #include <stdint.h>
 
 #include "hostdevice/export.h"
@@ -15,13 +16,6 @@
 #define ATRACE_TAG_NEVER 0
 #define ATRACE_TAG_ALWAYS (1 << 0)
 #define ATRACE_TAG_GRAPHICS (1 << 1)
-#define ATRACE_TAG_INPUT (1 << 2)
-#define ATRACE_TAG_VIEW (1 << 3)
-#define ATRACE_TAG_WEBVIEW (1 << 4)
-#define ATRACE_TAG_WINDOW_MANAGER (1 << 5)
-#define ATRACE_TAG_ACTIVITY_MANAGER (1 << 6)
-#define ATRACE_TAG_SYNC_MANAGER (1 << 7)
-#define ATRACE_TAG_AUDIO (1 << 8)
 #define ATRACE_TAG_VIDEO (1 << 9)
 #define ATRACE_TAG_CAMERA (1 << 10)
 #define ATRACE_TAG_HAL (1 << 11)
@@ -38,53 +32,38 @@
 extern "C" {
 #endif
 
-/// All tags when events are written, otherwise 0. Set at load.
-extern HOSTDEVICE_EXPORT uint64_t atrace_enabled_tags;
+/// True when events are written to a file. Set at load.
+extern HOSTDEVICE_EXPORT bool hostdevice_is_tracing;
 
-/// @{
-
-/// Writes an event; called by the functions below when its tag is enabled.
-HOSTDEVICE_EXPORT void atrace_begin_body(const char* name);
-HOSTDEVICE_EXPORT void atrace_end_body(void);
-HOSTDEVICE_EXPORT void atrace_async_begin_body(const char* name, int32_t cookie);
-HOSTDEVICE_EXPORT void atrace_async_end_body(const char* name, int32_t cookie);
-HOSTDEVICE_EXPORT void atrace_int_body(const char* name, int32_t value);
-HOSTDEVICE_EXPORT void atrace_int64_body(const char* name, int64_t value);
-
-/// @}
+/// Writes an event of a phase of the trace event format; the value is a counter's or a cookie. Called by the functions
+/// below. Thread-safe.
+HOSTDEVICE_EXPORT void hostdevice_trace(char phase, const char* name, int64_t value);
 
 /// Returns nonzero when events with one of the tags are written.
-static inline uint64_t atrace_is_tag_enabled(uint64_t tag) { return atrace_enabled_tags & tag; }
+static inline uint64_t atrace_is_tag_enabled(uint64_t tag) { return hostdevice_is_tracing ? tag : 0; }
 
 /// Begins a slice of this thread. Slices nest.
 static inline void atrace_begin(uint64_t tag, const char* name) {
-    if (atrace_is_tag_enabled(tag)) atrace_begin_body(name);
+    if (atrace_is_tag_enabled(tag)) hostdevice_trace('B', name, 0);
 }
-
 /// Ends this thread's innermost slice.
 static inline void atrace_end(uint64_t tag) {
-    if (atrace_is_tag_enabled(tag)) atrace_end_body();
+    if (atrace_is_tag_enabled(tag)) hostdevice_trace('E', "", 0);
 }
-
 /// Begins what any thread may end. Name and cookie identify it.
 static inline void atrace_async_begin(uint64_t tag, const char* name, int32_t cookie) {
-    if (atrace_is_tag_enabled(tag)) atrace_async_begin_body(name, cookie);
+    if (atrace_is_tag_enabled(tag)) hostdevice_trace('b', name, cookie);
 }
-
 /// Ends what atrace_async_begin began with the same name and cookie.
 static inline void atrace_async_end(uint64_t tag, const char* name, int32_t cookie) {
-    if (atrace_is_tag_enabled(tag)) atrace_async_end_body(name, cookie);
+    if (atrace_is_tag_enabled(tag)) hostdevice_trace('e', name, cookie);
 }
-
-/// Sets a counter.
-static inline void atrace_int(uint64_t tag, const char* name, int32_t value) {
-    if (atrace_is_tag_enabled(tag)) atrace_int_body(name, value);
-}
-
 /// Sets a counter.
 static inline void atrace_int64(uint64_t tag, const char* name, int64_t value) {
-    if (atrace_is_tag_enabled(tag)) atrace_int64_body(name, value);
+    if (atrace_is_tag_enabled(tag)) hostdevice_trace('C', name, value);
 }
+/// Sets a counter.
+static inline void atrace_int(uint64_t tag, const char* name, int32_t value) { atrace_int64(tag, name, value); }
 
 #ifdef __cplusplus
 }
