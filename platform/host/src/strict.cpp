@@ -130,36 +130,21 @@ void Protect(Lock& lock, const Identity& identity, const Buffer& buffer) {
     }
 }
 
-// The bytes between a buffer's end and the end of its last page, mapped apart from the clients' mappings.
-struct Tail {
-    Tail(const Buffer& buffer, int protection) : used(buffer.size % PageSize()) {
-        if (used == 0) return;
-        void* const mapped =
-            mmap(nullptr, PageSize(), protection, MAP_SHARED, buffer.fd, static_cast<off_t>(buffer.size - used));
-        if (mapped != MAP_FAILED) page = static_cast<unsigned char*>(mapped);
-    }
-    ~Tail() {
-        if (page != nullptr) munmap(page, PageSize());
-    }
-    Tail(const Tail&) = delete;
-    Tail& operator=(const Tail&) = delete;
-
-    // Differs from byte to byte, unlike an overrun of constant pixels.
-    static unsigned char Pattern(size_t at) { return static_cast<unsigned char>(at * 41 + 90); }
-
-    bool Fill() {
-        for (size_t at = used; page != nullptr && at < PageSize(); ++at) page[at] = Pattern(at);
-        return page != nullptr;
-    }
-    size_t CountOverwritten() const {
-        size_t count = 0;
-        for (size_t at = used; page != nullptr && at < PageSize(); ++at) count += page[at] != Pattern(at);
-        return count;
-    }
-
-    const size_t used;  // by the buffer
-    unsigned char* page = nullptr;
-};
+// Calls `use` with each byte between the buffer's end and the end of its last page, and with the byte's pattern.
+// Returns false when there is no such byte or it cannot be mapped. The mapping is apart from the clients'.
+template <typename Use>
+bool ForTail(const Buffer& buffer, int protection, Use use) {
+    const size_t page = PageSize();
+    const size_t used = buffer.size % page;
+    if (used == 0) return false;
+    void* const mapped = mmap(nullptr, page, protection, MAP_SHARED, buffer.fd, static_cast<off_t>(buffer.size - used));
+    if (mapped == MAP_FAILED) return false;
+    // The pattern differs from byte to byte, unlike constant pixels.
+    auto* const bytes = static_cast<unsigned char*>(mapped);
+    for (size_t at = used; at < page; ++at) use(bytes[at], static_cast<unsigned char>(at * 41 + 90));
+    munmap(mapped, page);
+    return true;
+}
 
 // Returns "read", "write", or "access" when the CPU does not report which.
 const char* NameAccess(const void* context) {
@@ -292,36 +277,28 @@ void* MapStrictly(void* hint, size_t size, int protection, int flags, int fd, of
     return mapped;
 }
 
-// Ends the process when the last descriptor or mapping of a buffer with an open access is gone.
-void CheckReleased(Lock& lock) {
+// Calls `release`, and ends the process when that took the last descriptor or mapping of a buffer with an open access.
+// Keeps the lock, so that the check in another thread does not miss a descriptor that has just been duplicated.
+template <typename Release>
+int ReleaseStrictly(Release release) {
     Watch& watch = TheWatch();
-    if (watch.openBuffers == 0) return;
+    Lock lock(watch.lock);
+    const int result = release(watch);
+    const int savedErrno = errno;
     for (const auto& [identity, buffer] : watch.buffers) {
+        if (watch.openBuffers == 0) break;
         if (buffer.openAccesses == 0 || IsMapped(identity) || HasDescriptor(identity)) continue;
         Refuse(lock, "release of", buffer);
     }
-}
-
-int UnmapStrictly(void* start, size_t size) {
-    Watch& watch = TheWatch();
-    Lock lock(watch.lock);
-    const auto end = reinterpret_cast<uintptr_t>(start) + WholePages(size);
-    const bool hasGuard = watch.guards.count(end) != 0;
-    const int result = munmap(start, hasGuard ? WholePages(size) + PageSize() : size);
-    const int savedErrno = errno;
-    if (result == 0) ForgetGuards(watch, start, hasGuard ? end + 1 : end);
-    CheckReleased(lock);
     errno = savedErrno;
     return result;
 }
 
-// Holds the lock, so that no check in another thread misses a descriptor that has just been duplicated.
-int CloseStrictly(int fd) {
-    Lock lock(TheWatch().lock);
-    const int result = close(fd);
-    const int savedErrno = errno;
-    CheckReleased(lock);
-    errno = savedErrno;
+int Unmap(Watch& watch, void* start, size_t size) {
+    const auto end = reinterpret_cast<uintptr_t>(start) + WholePages(size);
+    const bool hasGuard = watch.guards.count(end) != 0;
+    const int result = munmap(start, hasGuard ? WholePages(size) + PageSize() : size);
+    if (result == 0) ForgetGuards(watch, start, hasGuard ? end + 1 : end);
     return result;
 }
 
@@ -427,7 +404,8 @@ void CloseAccess(int fd) {
     --watch.openBuffers;
     Protect(lock, identity, buffer);
     if (!buffer.hasTail || (buffer.directions & kSyncWrite) == 0) return;
-    const size_t overwritten = Tail(buffer, PROT_READ).CountOverwritten();
+    size_t overwritten = 0;
+    ForTail(buffer, PROT_READ, [&](unsigned char byte, unsigned char pattern) { overwritten += byte != pattern; });
     if (overwritten == 0) return;
     Say("%zu bytes written behind the %llu of descriptor %d", overwritten, static_cast<unsigned long long>(buffer.size),
         fd);
@@ -439,8 +417,9 @@ void WatchMemory(int fd, uint64_t bytes) {
     const Lock lock(TheWatch().lock);
     auto* const found = Find(TheWatch(), fd);
     if (found == nullptr) return;
-    found->second.size = bytes;
-    found->second.hasTail = Tail(found->second, PROT_READ | PROT_WRITE).Fill();
+    found->second = {fd, bytes};
+    found->second.hasTail = ForTail(found->second, PROT_READ | PROT_WRITE,
+                                    [](unsigned char& byte, unsigned char pattern) { byte = pattern; });
 }
 
 }  // namespace hostdevice
@@ -455,10 +434,11 @@ void* __wrap_mmap64(void* hint, size_t size, int protection, int flags, int fd, 
 }
 
 int __wrap_munmap(void* start, size_t size) {
-    return hostdevice::IsStrict() ? hostdevice::UnmapStrictly(start, size) : munmap(start, size);
+    if (!hostdevice::IsStrict()) return munmap(start, size);
+    return hostdevice::ReleaseStrictly([=](hostdevice::Watch& watch) { return hostdevice::Unmap(watch, start, size); });
 }
 
 int __wrap_close(int fd) {
     const bool isWatched = hostdevice::IsStrict() && hostdevice::KindOfDescriptor(fd) != hostdevice::MemoryKind::kOther;
-    return isWatched ? hostdevice::CloseStrictly(fd) : close(fd);
+    return isWatched ? hostdevice::ReleaseStrictly([=](hostdevice::Watch&) { return close(fd); }) : close(fd);
 }
