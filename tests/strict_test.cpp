@@ -1,0 +1,280 @@
+// Strict mode of the emulated device. Each case runs in a forked process.
+#include <BufferAllocator/BufferAllocator.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <ui/GraphicBuffer.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csetjmp>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "hostdevice/hostdevice.h"
+#include "support.h"
+
+namespace {
+
+using android::GraphicBuffer;
+using android::sp;
+using testing::ExitedWithCode;
+
+constexpr size_t kPage = 4096;
+constexpr size_t kSize = 5000;  // the second page has a tail
+
+// Heap memory in strict mode, with two descriptors, a mapping for writing and one for reading only.
+struct Heap {
+    Heap() {
+        hostdevice::SetStrict(true, true);
+        fd = allocator.AllocSystem(true, kSize);
+        copy = dup(fd);
+        readOnly = Map(kSize, PROT_READ).pixels;
+        Map(kSize);
+    }
+    Heap& Start(SyncType type) { return allocator.CpuSyncStart(static_cast<unsigned>(copy), type), *this; }
+    Heap& End() { return allocator.CpuSyncEnd(static_cast<unsigned>(fd)), *this; }
+    Heap& Read(size_t at = 0) { return Touch(pixels[at]), *this; }
+    Heap& ReadOther(size_t at = 0) { return Touch(readOnly[at]), *this; }
+    Heap& Write(size_t at = 0) { return pixels[at] = 1, *this; }
+    Heap& Fill(size_t size) { return std::memset(const_cast<char*>(pixels), 7, size), *this; }
+    // The functions above go to the new mapping from now on.
+    Heap& Map(size_t size, int protection = PROT_READ | PROT_WRITE, off_t offset = 0) {
+        pixels = static_cast<char*>(mmap(nullptr, size, protection, MAP_SHARED, fd, offset));
+        return *this;
+    }
+    Heap& Unmap(volatile char* at, size_t size) { return munmap(const_cast<char*>(at), size), *this; }
+    Heap& Close(int& descriptor) { return close(std::exchange(descriptor, -1)), *this; }
+    static void Touch(char pixel) { asm volatile("" : : "r"(pixel)); }
+
+    BufferAllocator allocator;
+    int fd, copy;
+    volatile char *pixels, *readOnly;
+};
+
+// Runs a body in strict mode and exits with its expectations' result.
+void RunStrictly(void (*body)(Heap& heap)) {
+    Heap heap;
+    body(heap);
+    std::exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
+sp<GraphicBuffer> MakeGraphicBuffer() {
+    hostdevice::SetStrideAlignment(1);
+    hostdevice::SetHeightAlignment(1);
+    return new GraphicBuffer(10, 40, HAL_PIXEL_FORMAT_IMPLEMENTATION_DEFINED, 1, 0);  // 10 x 40 x 2 bytes
+}
+
+TEST(StrictDeathTest, EndsTheProcessAtTheMistake) {
+    const struct {
+        void (*steps)(Heap& heap);
+        const char* said;
+    } kCases[] = {
+        {[](Heap& heap) { heap.Read(4097); },
+         "read at offset 4097 of descriptor [0-9]+ \\(5000 bytes\\): no access was ever opened; thread [0-9]+ "},
+        {[](Heap& heap) { heap.Write(); }, "write at offset 0 of .* no access was ever"},
+        {[](Heap& heap) { heap.Start(kSyncRead).Start(kSyncRead).Read().Write(); }, "write at .* 2 open for reading;"},
+        {[](Heap& heap) { heap.Start(kSyncWrite).Write().ReadOther().End().ReadOther(1); },
+         "read at offset 1 of .* the last access to it was closed"},
+        {[](Heap& heap) { heap.Start(kSyncWrite).End().Start(kSyncRead).Write(); }, "write at .* 1 open for reading"},
+        {[](Heap& heap) { heap.Map(904, PROT_READ, kPage).Read(7); }, "read at offset 4103 of .* no access"},
+        {[](Heap& heap) { heap.Start(kSyncRead).Map(kSize).Read().Write(); }, "write at .* 1 open for reading"},
+        {[](Heap& heap) { heap.Start(kSyncWrite).Map(kSize, PROT_READ).Write(); }, "write at .* 1 open for writing"},
+        {[](Heap& heap) { heap.Start(kSyncRead).ReadOther(2 * kPage + 9); },
+         "read at offset 8201, behind the end of a mapping, of descriptor .* 1 open for reading"},
+        {[](Heap& heap) { heap.Start(kSyncWrite).Map(kPage).Write(kPage); }, "write at offset 4096, behind"},
+        {[](Heap& heap) { heap.Start(kSyncWrite).Fill(kSize + 3).Start(kSyncRead).End().End(); },
+         "3 bytes written behind the 5000 of descriptor [0-9]+; thread"},
+        {[](Heap&) {
+             void* pixels = nullptr;
+             const sp<GraphicBuffer> graphic = MakeGraphicBuffer();
+             graphic->lock(0x33, &pixels);
+             std::memset(pixels, 7, 802);
+             graphic->unlock();
+         },
+         "2 bytes written behind the 800 of descriptor"},
+        {[](Heap& heap) {
+             const sp<GraphicBuffer> graphic = MakeGraphicBuffer();
+             heap.fd = graphic->handle->data[0];
+             heap.Map(800).Read();
+         },
+         "read at offset 0 of descriptor [0-9]+ \\(800 bytes\\): no access"},
+        {[](Heap& heap) { heap.Start(kSyncRead).End().End(); }, "end of an access that was not opened, to .* closed"},
+        {[](Heap& heap) {
+             heap.Start(kSyncWrite)
+                 .Unmap(heap.pixels, kSize)
+                 .Unmap(heap.readOnly, kSize)
+                 .Close(heap.fd)
+                 .Close(heap.copy);
+         },
+         "release of .* 1 open for writing"},
+        {[](Heap& heap) { heap.Start(kSyncRead).Start(kSyncWrite); },
+         "exit with an access to .* 2 open for reading and"},
+        {[](Heap& heap) {
+             while (open("/dev/null", O_RDONLY) >= 0) {
+             }
+             heap.Start(kSyncWrite).Write();
+         },
+         "cannot read /proc/self/maps to protect descriptor"}};
+    for (const auto& c : kCases) EXPECT_DEATH(RunStrictly(c.steps), std::string("^hostdevice: ") + c.said);
+}
+
+TEST(StrictDeathTest, LeavesCorrectAccessesAlone) {
+    const auto run = [](Heap& heap) {
+        heap.Start(kSyncRead).Start(kSyncWrite).End().Fill(kSize).End().Start(kSyncRead).ReadOther().End();
+        const int fd = heap.fd;
+        hostdevice::FailNth(hostdevice::Fault::kMapping, 1);
+        heap.fd = heap.allocator.AllocSystem(true, kSize);
+        heap.Map(kSize, PROT_READ);
+        if (heap.pixels != MAP_FAILED) {  // older kernels do not map sealed memory
+            heap.allocator.CpuSyncStart(static_cast<unsigned>(heap.fd), kSyncReadWrite);
+            heap.Read().End();
+        }
+        heap.fd = fd;
+        heap.Map(kSize).Start(kSyncWrite).Close(heap.fd).Unmap(heap.readOnly, kSize).Unmap(heap.pixels, kPage);
+        heap.Write(kPage).Unmap(heap.pixels + kPage, kPage);
+        heap.fd = heap.copy;
+        heap.End();
+    };
+    EXPECT_EXIT(RunStrictly(run), ExitedWithCode(0), "^$");
+}
+
+TEST(StrictDeathTest, KeepsErrnoAndTakesTheGuardPageAlong) {
+    const auto run = [](Heap& heap) {
+        char* const behind = const_cast<char*>(heap.pixels) + 2 * kPage;
+        EXPECT_EQ(msync(behind, kPage, MS_ASYNC), 0) << "mapped";
+        errno = 77;
+        heap.Start(kSyncWrite).Unmap(heap.pixels, kSize).Close(heap.fd);
+        EXPECT_EQ(errno, 77);
+        EXPECT_EQ(munmap(behind + 1, kPage), -1);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(msync(behind, kPage, MS_ASYNC), -1) << "not mapped";
+        heap.fd = heap.copy;
+        heap.End().Map(kSize);
+        // Other memory in the place of the mapping and of the page behind it is no longer watched.
+        void* const place = const_cast<char*>(heap.pixels);
+        mmap(place, 3 * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+        heap.Unmap(heap.pixels, 2 * kPage).Write(2 * kPage);
+    };
+    EXPECT_EXIT(RunStrictly(run), ExitedWithCode(0), "^$");
+}
+
+TEST(StrictDeathTest, AForkedChildInheritsAccesses) {
+    const auto run = [](Heap& heap) {
+        int status = 0;
+        heap.Start(kSyncWrite);
+        if (fork() == 0) heap.Write(), std::exit(0);
+        EXPECT_GT(wait(&status), 0);
+        EXPECT_EQ(status, 0);
+        if (fork() == 0) heap.End().Start(kSyncRead), std::exit(0);
+        EXPECT_GT(wait(&status), 0);
+        EXPECT_EQ(WEXITSTATUS(status), 1) << "the child's own access";
+        heap.End();
+    };
+    EXPECT_EXIT(RunStrictly(run), ExitedWithCode(0), "^hostdevice: exit with an access to [^\n]*\n$");
+}
+
+sigjmp_buf g_afterFault;
+
+TEST(StrictDeathTest, PassesOtherFaultsToThePreviousHandler) {
+    if (hostdevice::IsStrict()) GTEST_SKIP() << "the previous handler was there before this test";
+    const auto run = [](Heap& heap) {
+        volatile int handled = 0;
+        heap.pixels = static_cast<char*>(mmap(nullptr, kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        if (sigsetjmp(g_afterFault, 1) == 0) raise(SIGSEGV);
+        handled = handled + 1;
+        if (sigsetjmp(g_afterFault, 1) == 0) heap.Write();
+        handled = handled + 1;
+        EXPECT_EQ(handled, 2);
+        if (sigsetjmp(g_afterFault, 1) == 0) heap.ReadOther();  // reported, then handled too
+    };
+    signal(SIGSEGV, [](int) { siglongjmp(g_afterFault, 1); });
+    EXPECT_EXIT(RunStrictly(run), ExitedWithCode(0), "^hostdevice: read at offset 0 of [^\n]*\n$");
+    signal(SIGSEGV, SIG_DFL);
+    const auto send = [](Heap&) { raise(SIGSEGV); };
+    EXPECT_EXIT(RunStrictly(send), testing::KilledBySignal(SIGSEGV), "^$");
+}
+
+TEST(StrictDeathTest, LetsAHandlerOfSigabrtUseTheDevice) {
+    const auto run = [](Heap& heap) {
+        static Heap* const inHandler = &heap;
+        signal(SIGABRT, [](int) { inHandler->Start(kSyncRead).Read(), _exit(3); });
+        heap.End();
+    };
+    EXPECT_EXIT(RunStrictly(run), ExitedWithCode(3), "^hostdevice: end of an access that was not opened");
+}
+
+// One thread starts accesses, which protects the mappings of the buffer. Another puts memory in their place.
+TEST(StrictDeathTest, ProtectsNothingThatTookAMappingsPlace) {
+    const auto run = [](Heap& heap) {
+        for (int i = 0; i < 100; ++i) heap.Map(kSize);  // a long list
+        std::atomic<bool> isDone{false};
+        std::thread starter([&] {
+            while (!isDone) heap.Start(kSyncRead).End();
+        });
+        for (int i = 0; i < 2000; ++i) {
+            heap.Map(kSize).Unmap(heap.pixels, kSize);
+            // Directly from the kernel, as an allocator has it.
+            heap.pixels = reinterpret_cast<char*>(
+                syscall(SYS_mmap, heap.pixels, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0L));
+            for (size_t at = 0; at < kSize; at += 512) heap.Write(at);
+            syscall(SYS_munmap, heap.pixels, kSize);
+        }
+        isDone = true;
+        starter.join();
+    };
+    EXPECT_EXIT(RunStrictly(run), ExitedWithCode(0), "^$");
+}
+
+TEST(StrictDeathTest, LocksRefusesLongMappingsAndHasThePhonesStack) {
+    const auto run = [](Heap& heap) {
+        void* pixels = nullptr;
+        const sp<GraphicBuffer> graphic = MakeGraphicBuffer();
+        EXPECT_EQ(graphic->lock(0x33, &pixels), 0);
+        EXPECT_EQ(graphic->lock(0x3, &pixels), -EBUSY);
+        std::memset(pixels, 1, 800);
+        EXPECT_EQ(graphic->unlock(), 0);
+        EXPECT_EQ(graphic->unlock(), -EINVAL);
+        EXPECT_EQ(graphic->lock(0, &pixels), -EINVAL);
+        EXPECT_EQ(heap.Map(2 * kPage + 1).pixels, MAP_FAILED);
+        EXPECT_EQ(heap.Map(kPage + 1, PROT_READ, kPage).pixels, MAP_FAILED);
+        pthread_attr_t attributes;
+        size_t stack = 0;
+        pthread_getattr_default_np(&attributes);
+        pthread_attr_getstacksize(&attributes, &stack);
+        EXPECT_THAT(stack, testing::AnyOf(1015808u, 4 * 1015808u)) << "the larger under a sanitizer";
+    };
+    EXPECT_EXIT(RunStrictly(run), ExitedWithCode(0), "^$");
+}
+
+ZYT_CHILD(TouchesMemory) {
+    const int fd = BufferAllocator().AllocSystem(true, kPage);
+    *static_cast<volatile char*>(mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)) = 1;
+    return 0;
+}
+
+TEST(StrictDeathTest, IsTurnedOnByTheEnvironment) {
+    const struct {
+        const char* setting;
+        bool isStrict;
+        const char* said;
+    } kCases[] = {{"1", true, "hostdevice: strict mode\nhostdevice: write at"},
+                  {"quiet", true, "hostdevice: write at"},
+                  {"0", false, ""},
+                  {"", false, ""}};
+    for (const auto& c : kCases) {
+        setenv("HOSTDEVICE_STRICT", c.setting, 1);
+        const zyttest::ChildResult child = zyttest::RunChild("TouchesMemory");
+        EXPECT_EQ(child.exitCode == 0, !c.isStrict) << c.setting;
+        EXPECT_THAT(child.output, testing::StartsWith(c.said)) << c.setting;
+    }
+}
+
+}  // namespace
