@@ -52,9 +52,10 @@ run_step() {
     if declare -F "step_$1" >/dev/null; then "step_$1"; else build "check-$1" && run_suite "$1"; fi
 }
 
-# Runs the suite, which includes the guide's node, and the demo in strict mode.
+# Runs the suite, which includes the guide's node, and the demo in strict mode, and checks that it was on.
 step_strict() {
     build check-gcc && HOSTDEVICE_STRICT=1 run_suite gcc || return 1
+    grep -q '^hostdevice: strict mode$' build/check-gcc/Testing/Temporary/LastTest.log || { echo "strict mode was off"; return 1; }
     HOSTDEVICE_STRICT=1 ZYT_PRESET=check-gcc ./dev demo >build/check-gcc/demo.log 2>&1 || { tail -n 20 build/check-gcc/demo.log; return 1; }
 }
 
