@@ -1,21 +1,27 @@
+#define LOG_TAG "Macros"
+#define ATRACE_TAG ATRACE_TAG_CAMERA
 #include "hostdevice/hostdevice.h"
 
 #include <BufferAllocator/BufferAllocator.h>
-#include <android/log.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <hostdevice/files.h>
+#include <log/log.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <ui/GraphicBuffer.h>
 #include <unistd.h>
+#include <utils/Trace.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <regex>
 #include <thread>
 #include <utility>
 
@@ -61,7 +67,8 @@ TEST(HostDeviceTest, PropertiesAreReadAsNumbersAndSwitches) {
     EXPECT_EQ(read(property_get_int32, {"2147483648", "-2147483649", "abc", "+-0b1", ""}), Numbers(5, 77));
     EXPECT_EQ(read(property_get_int64, {"9223372036854775807", "9223372036854775808"}), (Numbers{INT64_MAX, 77}));
     EXPECT_EQ(read(property_get_bool, {"1", "yes", "0", "off", "TRUE", ""}), (Numbers{1, 1, 0, 0, 77, 77}));
-    EXPECT_EQ(property_get_int32(nullptr, 8) + property_get_bool(nullptr, 1), 9);
+    EXPECT_EQ(property_get_int32(nullptr, 8), 8);
+    EXPECT_EQ(property_get_bool(nullptr, 1), 1);
 }
 
 TEST(HostDeviceTest, PropertyValuesAreCutAndDefaulted) {
@@ -75,7 +82,9 @@ TEST(HostDeviceTest, PropertyValuesAreCutAndDefaulted) {
     EXPECT_EQ(GetProperty("test.set", ""), longest);
     EXPECT_EQ(property_set("test.set", nullptr), 0);
     EXPECT_EQ(GetProperty("test.set", "default"), "default");
-    EXPECT_EQ(property_set("ro.test", "first") + property_set("ro.test", "second"), -1) << "set once";
+    EXPECT_EQ(property_set("ro.test", (longest + "w").c_str()), 0) << "of any length";
+    EXPECT_EQ(property_set("ro.test", "second"), -1) << "set once";
+    EXPECT_EQ(GetProperty("ro.test", ""), longest);
     EXPECT_EXIT(GetProperty(nullptr, ""), testing::KilledBySignal(SIGABRT), "^hostdevice: a property's key is null");
 }
 
@@ -87,9 +96,12 @@ TEST(HostDeviceTest, PropertyFileIsReadBeforeTheFirstProperty) {
     setenv("HOSTDEVICE_PROPERTIES", (dir / "prop").c_str(), 1);
     const auto check = [] {
         hostdevice::SetProperty("test.overridden", "2");
-        _exit(GetProperty("test.spaced", "") != "a = b" || GetProperty("test.kept", "") != "file" ||
-              GetProperty("# comment", "unset") != "unset" || GetProperty("test.overridden", "") != "2" ||
-              GetProperty("test.last", "") != "end");
+        EXPECT_EQ(GetProperty("test.spaced", ""), "a = b");
+        EXPECT_EQ(GetProperty("test.kept", ""), "file");
+        EXPECT_EQ(GetProperty("# comment", "unset"), "unset");
+        EXPECT_EQ(GetProperty("test.overridden", ""), "2");
+        EXPECT_EQ(GetProperty("test.last", ""), "end");
+        _exit(HasFailure() ? 1 : 0);
     };
     EXPECT_EXIT(check(), ExitedWithCode(0), "^hostdevice: [^\n]*:5: [^\n]*\n$");
     for (const char* unreadable : {"/nonexistent/properties", "/"}) {
@@ -119,9 +131,11 @@ TEST(HostDeviceTest, FilesLieInAFolderOfTheUsers) {
             setenv("HOSTDEVICE_DATA", c.data.c_str(), 1);
             setenv("XDG_STATE_HOME", c.state.c_str(), 1);
             setenv("HOME", c.home.c_str(), 1);
-            const bool isThere = chdir(dir.Path().c_str()) == 0;
+            EXPECT_EQ(chdir(dir.Path().c_str()), 0);
             const char* const path = hostdevice::OfflineLogDir();
-            _exit(isThere && path == c.expected && c.said.empty() == (access(path, W_OK) == 0) ? 0 : 1);
+            EXPECT_EQ(path, c.expected);
+            EXPECT_EQ(access(path, W_OK) == 0, c.said.empty());
+            _exit(HasFailure() ? 1 : 0);
         };
         EXPECT_EXIT(ask(), ExitedWithCode(0), "^" + c.said + "$") << c.expected;
     }
@@ -144,25 +158,43 @@ TEST(HostDeviceTest, LogLinesLookLikeThreadtime) {
 TEST(HostDeviceTest, LogIsFilteredFormattedAndFatalAsOnADevice) {
     std::vector<std::string> lines;
     hostdevice::SetLogSink([&lines](int, const char*, const char* text) { lines.push_back(text); });
-    const std::vector<std::vector<std::string>> kSteps = {
-        {"log.tag", "W", "5"},          {"persist.log.tag", "i", "4"},
-        {"log.tag.Filtered", "E", "6"}, {"persist.log.tag.Filtered", "?", "6"},
-        {"log.tag.Other", "V", "6"},    {"persist.log.tag.Filtered", "V", "2"},
-        {"log.tag.Filtered", "S", "2"}, {"persist.log.tag.Filtered", "S", ""}};
+    const struct {
+        const char *property, *value;
+        int lowest;  // priority that is written; 8 for none
+    } kSteps[] = {{"log.tag", "W", 5},          {"persist.log.tag", "i", 4},
+                  {"log.tag.Filtered", "E", 6}, {"persist.log.tag.Filtered", "?", 6},
+                  {"log.tag.Other", "V", 6},    {"persist.log.tag.Filtered", "V", 2},
+                  {"log.tag.Filtered", "S", 2}, {"persist.log.tag.Filtered", "S", 8}};
+    EXPECT_EQ(__android_log_is_loggable(ANDROID_LOG_DEBUG, "Filtered", ANDROID_LOG_INFO), 0) << "no property";
     for (const auto& step : kSteps) {
-        hostdevice::SetProperty(step[0], step[1]);
-        lines.clear();
-        for (int priority = 2; priority <= 7; ++priority) __android_log_print(priority, "Filtered", "%d", priority);
-        EXPECT_EQ(lines.empty() ? "" : lines.front(), step[2]) << step[0];
+        hostdevice::SetProperty(step.property, step.value);
+        for (int priority = ANDROID_LOG_VERBOSE; priority <= ANDROID_LOG_FATAL; ++priority) {
+            lines.clear();
+            __android_log_print(priority, "Filtered", "%d", priority);
+            EXPECT_EQ(lines.size(), priority >= step.lowest ? 1u : 0u) << step.property << " " << priority;
+            EXPECT_EQ(__android_log_is_loggable(priority, "Filtered", 0), priority >= step.lowest) << step.property;
+        }
     }
     lines.clear();
     __android_log_print(ANDROID_LOG_FATAL, "tag", "%s", std::string(2000, 'x').c_str());
     EXPECT_THAT(lines, ElementsAre(std::string(1023, 'x')));
+    lines.clear();
+    int evaluated = 0;
+    __android_log_buf_write(LOG_ID_SYSTEM, ANDROID_LOG_ERROR, "tag", "text");
+    ALOGV("%d", ++evaluated);
+    ALOGW_IF(false, "%d", ++evaluated);
+    ALOGE_IF(true, "%d", 1);
+    ALOGI("plain");
+    ALOG_ASSERT(evaluated == 1, "%d", 2);
+    LOG_ALWAYS_FATAL_IF(evaluated != 0);
+    EXPECT_THAT(lines, ElementsAre("text", "1", "plain"));
     hostdevice::SetLogSink({});
     const auto dies = testing::KilledBySignal(SIGABRT);
     EXPECT_EXIT(__android_log_write(ANDROID_LOG_INFO, "tag", nullptr), dies, "^hostdevice: a log message is null");
     EXPECT_EXIT(__android_log_assert("a == b", "tag", nullptr), dies, "F tag     : Assertion failed: a == b\n");
     EXPECT_EXIT(__android_log_assert("a == b", "tag", "%d", 42), dies, "F tag     : 42\n");
+    EXPECT_EXIT(LOG_ALWAYS_FATAL_IF(1 + 1 == 2), dies, "F Macros  : Assertion failed: 1 \\+ 1 == 2\n");
+    EXPECT_EXIT(LOG_ALWAYS_FATAL("%d", 42), dies, "F Macros  : 42\n");
 }
 
 TEST(HostDeviceTest, LogSinkIsCalledWithoutALockAndNoMoreOnceItIsReplaced) {
@@ -192,7 +224,8 @@ TEST(HostDeviceTest, HeapMemoryIsSharedBetweenMappingsAndKeepsItsSize) {
     int fd = heap.Alloc("system", page + 1);
     ASSERT_GT(fd, STDERR_FILENO);
     EXPECT_EQ(lseek(fd, 0, SEEK_END), static_cast<off_t>(2 * page));
-    EXPECT_TRUE(ftruncate(fd, 0) == -1 && ftruncate(fd, static_cast<off_t>(4 * page)) == -1);
+    EXPECT_EQ(ftruncate(fd, 0), -1);
+    EXPECT_EQ(ftruncate(fd, static_cast<off_t>(4 * page)), -1);
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
     ZYTBufferAllocator allocator;
     char* const first = allocator.MapFDToBufferPointer(fd, 2 * page);
@@ -214,12 +247,14 @@ TEST(HostDeviceTest, HeapMemoryIsSharedBetweenMappingsAndKeepsItsSize) {
 TEST(HostDeviceTest, DescriptorsStayClearOfStandardOnes) {
     const auto allocate = [] {
         hostdevice::FailNth(hostdevice::Fault::kGraphicDescriptor, 1);
-        const bool isMade = MakeGraphicBuffer(8, 8)->initCheck() == 0 && fcntl(STDIN_FILENO, F_GETFD) != -1;
+        EXPECT_EQ(MakeGraphicBuffer(8, 8)->initCheck(), 0);
+        EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);
         for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) close(fd);
-        const int heap = BufferAllocator().AllocSystem(true, 1);
-        const sp<GraphicBuffer> buffer = MakeGraphicBuffer(1, 1);
-        const bool areClosed = fcntl(STDIN_FILENO, F_GETFD) == -1 && fcntl(STDERR_FILENO, F_GETFD) == -1;
-        _exit(isMade && areClosed && heap > STDERR_FILENO && buffer->handle->data[0] > STDERR_FILENO ? 0 : 1);
+        EXPECT_GT(BufferAllocator().AllocSystem(true, 1), STDERR_FILENO);
+        EXPECT_GT(MakeGraphicBuffer(1, 1)->handle->data[0], STDERR_FILENO);
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+        EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFD), -1);
+        _exit(HasFailure() ? 1 : 0);
     };
     EXPECT_EXIT(allocate(), ExitedWithCode(0), "");
 }
@@ -257,9 +292,99 @@ TEST(HostDeviceTest, GraphicRowsArePaddedAndMemoryHoldsTwoBytesAPixel) {
     }
     for (const auto& [width, height] : {std::pair(UINT32_MAX, 1u), {1u, UINT32_MAX}, {1u << 30, 1u << 30}}) {
         const sp<GraphicBuffer> tooLarge = MakeGraphicBuffer(width, height);
-        EXPECT_TRUE(tooLarge->initCheck() == -ENOMEM && !tooLarge->handle && tooLarge->getStride() == 0) << width;
+        EXPECT_EQ(tooLarge->initCheck(), -ENOMEM) << width;
+        EXPECT_EQ(tooLarge->handle, nullptr) << width;
+        EXPECT_EQ(tooLarge->getStride(), 0u) << width;
     }
 }
+
+TEST(HostDeviceTest, ChromaBeginsBehindTheLumasPadding) {
+    const struct { uint32_t alignment, height, rows; } kCases[] = {{32, 33, 64}, {48, 100, 144}, {0, 101, 101}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.height);
+        hostdevice::SetHeightAlignment(c.alignment);
+        const sp<GraphicBuffer> buffer = MakeGraphicBuffer(100, c.height);
+        android_ycbcr planes{};
+        ASSERT_EQ(buffer->lockYCbCr(0x33, &planes), 0);
+        auto* const luma = static_cast<char*>(planes.y);
+        EXPECT_EQ(planes.cb, luma + 128 * c.rows);
+        EXPECT_EQ(planes.cr, luma + 128 * c.rows + 1);
+        EXPECT_EQ(planes.ystride, 128u);
+        EXPECT_EQ(planes.cstride, 128u);
+        EXPECT_EQ(planes.chroma_step, 2u);
+        const size_t used = 128 * (c.rows + (c.rows + 1) / 2);
+        EXPECT_GE(lseek(buffer->handle->data[0], 0, SEEK_END), static_cast<off_t>(used));
+        std::memset(luma, 1, used);
+        EXPECT_EQ(buffer->lockYCbCr(0x33, &planes), -EBUSY);
+        EXPECT_EQ(buffer->unlock(), 0);
+        EXPECT_EQ(buffer->lockYCbCr(0x33, nullptr), -EINVAL);
+    }
+    android_ycbcr planes{};
+    const sp<GraphicBuffer> raw = new GraphicBuffer(8, 8, HAL_PIXEL_FORMAT_RAW16, 1, kUsage);
+    EXPECT_EQ(raw->lockYCbCr(0x33, &planes), -EINVAL);
+}
+
+TEST(HostDeviceTest, FaultsFireAsOftenAsTheyAreArmed) {
+    const auto allocate = [] { return MakeGraphicBuffer(1, 1)->initCheck(); };
+    constexpr hostdevice::Fault kFault = hostdevice::Fault::kGraphicBuffer;
+    hostdevice::FailNth(kFault, 2, 2);
+    EXPECT_EQ(allocate(), 0);
+    EXPECT_EQ(allocate(), -ENOMEM);
+    EXPECT_TRUE(hostdevice::FaultPending(kFault));
+    EXPECT_EQ(allocate(), -ENOMEM);
+    EXPECT_FALSE(hostdevice::FaultPending(kFault));
+    EXPECT_EQ(allocate(), 0);
+    hostdevice::FailNth(kFault, 1, UINT64_MAX);
+    EXPECT_EQ(allocate(), -ENOMEM);
+    hostdevice::FailNth(kFault, 0);
+    EXPECT_EQ(allocate(), 0);
+}
+
+#ifdef HOSTDEVICE_CUTILS_TRACE_H
+ZYT_CHILD(Traces) {
+    const auto work = [] {
+        ATRACE_NAME("a \"name\"");
+        ATRACE_INT64("counter", -5000000000);
+    };
+    const std::string longest(127, 'x');
+    ATRACE_ASYNC_BEGIN((longest + "y").c_str(), -7);
+    ATRACE_ASYNC_END(longest.c_str(), -7);
+    std::thread([work] { pthread_setname_np(pthread_self(), "worker"), work(); }).join();
+    if (fork() == 0) work(), std::abort();
+    return wait(nullptr) > 0 ? 0 : 1;
+}
+
+TEST(HostDeviceTest, TraceEventsAreLinesOfAFile) {
+    const zyttest::TempDir dir;
+    zyttest::WriteFile(dir / "trace", "replaced");
+    for (const char* name : {"trace", "trace-%p"}) {
+        setenv("HOSTDEVICE_TRACE", (dir / name).c_str(), 1);
+        EXPECT_EQ(zyttest::RunChild("Traces").exitCode, 0);
+    }
+    setenv("HOSTDEVICE_TRACE", (dir / "no/file").c_str(), 1);
+    EXPECT_THAT(zyttest::RunChild("Traces").output, testing::StartsWith("hostdevice: no trace: "));
+    unsetenv("HOSTDEVICE_TRACE");
+    const std::string longest(127, 'x');
+    const std::string async = R"("name":")" + longest + R"(","cat":")" + longest + R"(","id2":{"local":"-7"}},)";
+    const std::string process = R"({"ph":"M",* "name":"process_name","args":{"name":"hostdevice_test"}},
+{"ph":"M",* "name":"thread_name","args":{"name":")";
+    const std::string work = R"("}},
+{"ph":"B",* "name":"a \u0022name\u0022"},
+{"ph":"C",* "name":"counter","args":{"value":-5000000000}},
+{"ph":"E",* },
+)";
+    int files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.Path())) {
+        EXPECT_THAT(entry.path().filename(), testing::ContainsRegex("^trace(-[0-9]+)?$"));
+        const std::regex varying(R"("ts":[0-9.]+,"pid":[0-9]+,"tid":[0-9]+,?)");
+        EXPECT_EQ(std::regex_replace(zyttest::ReadFile(entry.path()), varying, "* "),
+                  "[\n" + process + "hostdevice_test\"}},\n{\"ph\":\"b\",* " + async + "\n{\"ph\":\"e\",* " + async +
+                      "\n" + process + "worker" + work + process + "hostdevice_test" + work);
+        ++files;
+    }
+    EXPECT_EQ(files, 2);
+}
+#endif
 
 struct Counted : android::RefBase {
     int firsts = 0;
