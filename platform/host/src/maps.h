@@ -37,7 +37,7 @@ private:
     const int m_fd;
     size_t m_used = 0;
     size_t m_filled = 0;
-    char m_block[1024];
+    char m_block[4096];
     char m_line[160];
 };
 
