@@ -165,14 +165,12 @@ TEST(HostDeviceTest, LogIsFilteredFormattedAndFatalAsOnADevice) {
                   {"log.tag.Filtered", "E", 6}, {"persist.log.tag.Filtered", "?", 6},
                   {"log.tag.Other", "V", 6},    {"persist.log.tag.Filtered", "V", 2},
                   {"log.tag.Filtered", "S", 2}, {"persist.log.tag.Filtered", "S", 8}};
-    EXPECT_EQ(__android_log_is_loggable(ANDROID_LOG_DEBUG, "Filtered", ANDROID_LOG_INFO), 0) << "no property";
     for (const auto& step : kSteps) {
         hostdevice::SetProperty(step.property, step.value);
         for (int priority = ANDROID_LOG_VERBOSE; priority <= ANDROID_LOG_FATAL; ++priority) {
             lines.clear();
             __android_log_print(priority, "Filtered", "%d", priority);
             EXPECT_EQ(lines.size(), priority >= step.lowest ? 1u : 0u) << step.property << " " << priority;
-            EXPECT_EQ(__android_log_is_loggable(priority, "Filtered", 0), priority >= step.lowest) << step.property;
         }
     }
     lines.clear();
@@ -341,6 +339,14 @@ TEST(HostDeviceTest, FaultsFireAsOftenAsTheyAreArmed) {
 }
 
 #ifdef HOSTDEVICE_CUTILS_TRACE_H
+TEST(HostDeviceTest, LoggableIsWhatThePropertyOrTheDefaultLetsThrough) {
+    EXPECT_EQ(__android_log_is_loggable(ANDROID_LOG_DEBUG, "Tag", ANDROID_LOG_INFO), 0);
+    EXPECT_EQ(__android_log_is_loggable(ANDROID_LOG_INFO, "Tag", ANDROID_LOG_INFO), 1);
+    hostdevice::SetProperty("log.tag.Tag", "W");
+    EXPECT_EQ(__android_log_is_loggable(ANDROID_LOG_INFO, "Tag", ANDROID_LOG_VERBOSE), 0);
+    EXPECT_EQ(__android_log_is_loggable(ANDROID_LOG_WARN, "Tag", ANDROID_LOG_SILENT), 1);
+}
+
 ZYT_CHILD(Traces) {
     const auto work = [] {
         ATRACE_NAME("a \"name\"");
