@@ -9,14 +9,11 @@
 
 /// Pixel formats.
 enum {
-    HAL_PIXEL_FORMAT_RGBA_8888 = 1,                  ///< 4 bytes a pixel.
-    HAL_PIXEL_FORMAT_YCRCB_420_SP = 0x11,            ///< NV21.
     HAL_PIXEL_FORMAT_RAW16 = 0x20,                   ///< 2 bytes a pixel.
     HAL_PIXEL_FORMAT_BLOB = 0x21,                    ///< Bytes, such as a JPEG.
     HAL_PIXEL_FORMAT_IMPLEMENTATION_DEFINED = 0x22,  ///< What the camera and the graphics memory agree on.
     HAL_PIXEL_FORMAT_YCBCR_420_888 = 0x23,           ///< 8-bit YUV 4:2:0 in any layout.
     HAL_PIXEL_FORMAT_RAW10 = 0x25,                   ///< 4 pixels in 5 bytes.
-    HAL_PIXEL_FORMAT_YV12 = 0x32315659,              ///< 8-bit YUV 4:2:0 in three planes.
 };
 
 /// The planes of a locked YUV image.
