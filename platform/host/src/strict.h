@@ -24,8 +24,6 @@ void WatchMemory(int fd, uint64_t bytes);
 
 }  // namespace hostdevice
 
-/// @{
-
 /// What the linker puts in the place of mmap, munmap and close in everything that links to this library. The library
 /// itself calls the C library's.
 extern "C" {
@@ -34,7 +32,5 @@ HOSTDEVICE_EXPORT void* __wrap_mmap64(void* hint, size_t size, int protection, i
 HOSTDEVICE_EXPORT int __wrap_munmap(void* start, size_t size);
 HOSTDEVICE_EXPORT int __wrap_close(int fd);
 }
-
-/// @}
 
 #endif  // HOSTDEVICE_STRICT_H

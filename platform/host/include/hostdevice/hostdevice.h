@@ -54,10 +54,9 @@ HOSTDEVICE_EXPORT void SetOfflineLogSwitch(bool on);
 /// environment turns it on at load. Prints a line to stderr unless `quiet` (HOSTDEVICE_STRICT=quiet).
 ///
 /// - Heap and graphic memory may be accessed only inside a CPU access: between CpuSyncStart and CpuSyncEnd on one of
-/// its
-///   descriptors, or lock and unlock of the graphic buffer. It may be written only when one of the accesses includes
-///   writing; overlapping accesses apply together until the last of them ends. Any other access, and one that runs past
-///   the end of a mapping, prints a line to stderr and ends the process with SIGSEGV.
+///   its descriptors, or lock and unlock of the graphic buffer. It may be written only when one of the open accesses
+///   includes writing; what an access permits stays permitted until the last overlapping one ends. Any other access,
+///   and one behind the end of a mapping, prints a line to stderr and ends the process with SIGSEGV.
 /// - An end without a start, a release of a buffer with an open access, and an access that wrote behind the size that
 ///   was asked for, print a line and end the process with SIGABRT. So does a list of mappings that cannot be read.
 /// - An access that is still open at exit makes the exit status 1. A mapping longer than its buffer is refused.
