@@ -220,13 +220,13 @@ constexpr const char* kTold[] = {
     "d_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw|w 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16|\n1,1                0 (  0.00%)",
     // 10 * log10(1023^2 * 4 / (40^2 + 60^2)), and with 60 twice.
     "e_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw --bayer grbg --json|w 1 2 3 4 45 6 67 68 9 10 11 12 13 74 15 16|"
-    R"("Gr": {"samples": 4, "differing": 0, "largest": 0, "at": null, "psnr": null}, )",
+    R"("Gr": {"samples": 4, "differing": 0, "largest": 0, "mean": 0.000000, "at": null, "psnr": null}, )",
     "e_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw --bayer grbg|w 1 2 3 4 45 6 67 68 9 10 11 12 13 74 15 16|"
-    "\nB                  2 ( 50.00%)        60             2,1       29.06"
-    "\nGb                 2 ( 50.00%)        60             3,1       27.64\n",
+    "\nB                  2 ( 50.00%)        60    +25.00           2,1     29.06"
+    "\nGb                 2 ( 50.00%)        60    +30.00           3,1     27.64\n",
     "y_2x4_NV12.raw|--stats|b 1 1 1 1 1 1 1 1 5 5 5 5|channel",
     "z.bin|--diff @y_2x4_NV12.raw --size 2x4 --format nv12 --crop 2x1+0+3|b 1 1 1 1 1 1 1 1 5 5 5 7|"
-    "\nV                  1 (100.00%)         2             0,2       42.11\n",
+    "\nV                  1 (100.00%)         2     +2.00           0,2     42.11\n",
 };
 
 TEST_F(ZytView, TellsNumbers) {
@@ -257,21 +257,21 @@ TEST_F(ZytView, TellsNumbers) {
 // The last field is part of the only line.
 constexpr const char* kRefused[] = {
     "x_4x3_NV12.raw||b 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17|expected 16 or 20 bytes for 4x3 YUV420NV12, found 17",
-    "x_2x1_Raw10.raw||b 1 2 3 4 5|expected 4 bytes for 2x1 Raw10, found 5; --stride and --slice-height",
-    "x_2x1_Raw10.raw|--stride 3|w 1 2|a stride of 3 is less than the picture's 4",
+    "x_2x1_Raw10.raw||b 1 2 3 4 5|expected 4 bytes for 2x1 Raw10, found 5; if the file is padded, give --stride",
+    "x_2x1_Raw10.raw|--stride 3|w 1 2|x_2x1_Raw10.raw: a stride of 3 is less than the 4 bytes of a row",
     "x_2x1_Raw10.raw|--stride 0|w 1 2|--stride is a number from 1",
     "x_2x1_Raw10.raw|--stride 8x|w 1 2|--stride is a number from 1",
     "x_2x1_Raw10.raw|--size 4x131073|w 1 2|--size is WxH, each from 1 to 131072",
-    "x_2x1_Raw10.raw|--crop 2x1+1+0|w 1 2|the crop reaches out of the picture's 2x1",
-    "x_2x1_Raw10.raw|--pixel 1,1|w 1 2|the pixel reaches out of the picture's 2x1",
+    "x_2x1_Raw10.raw|--crop 2x1+1+0|w 1 2|x_2x1_Raw10.raw: the crop is outside the picture's 2x1",
+    "x_2x1_Raw10.raw|--pixel 1,1|w 1 2|x_2x1_Raw10.raw: the pixel is outside the picture's 2x1",
     "x_2x1_Raw10.raw|--white auto|w 1 2|--white goes with --bayer",
     "x_2x1_Raw10.raw|--gain nan|w 1 2|--gain is auto or a number",
     "y_1x2_Raw10.raw|--diff @x_2x1_Raw10.raw|w 1 2|is 1x2 Raw10, and ",
-    "x_2x1_Raw10.raw|--histogram @y_1x2_Raw10.raw|w 1 2|y_1x2_Raw10.raw is no name for a PNG",
-    "x_2x1_Raw10.raw|--pixel 0,0 @y_1x2_Raw10.raw|w 1 2|go with one dump",
+    "x_2x1_Raw10.raw|--histogram @y_1x2_Raw10.raw|w 1 2|--histogram is a name for a PNG",
+    "x_2x1_Raw10.raw|--pixel 0,0 @y_1x2_Raw10.raw|w 1 2|--pixel is for one dump",
     "x_Raw12.raw||w 1|no size such as",
     "x_1x1_Raw121.raw||w 1|no format in the name",
-    "x_2x1_Raw10.png||w 1 2|the PNG would replace the dump",
+    "x_2x1_Raw10.png||w 1 2|x_2x1_Raw10.png would replace the dump",
     "x_2x1_Raw10.raw|@missing_2x1_Raw10.raw --diff|w 1 2|missing_2x1_Raw10.raw: No such file or directory",
 };
 
@@ -293,7 +293,7 @@ TEST_F(ZytView, SaysWhatIsWrongAndLosesNothing) {
         Run((m_dir / "x_4x3_NV12.raw ") + NewDump("y_1x2_Raw10.bin", "1234") + " " + (m_dir / "y_1x2_Raw10.raw"));
     EXPECT_EQ(several.exitCode, 2);
     EXPECT_THAT(several.output, AllOf(HasSubstr("/y_1x2_Raw10.png  1x2 Raw10\n"), HasSubstr("found 17\n"),
-                                      HasSubstr("/y_1x2_Raw10.png is written already")));
+                                      HasSubstr("/y_1x2_Raw10.png would replace what was written")));
     // A user's file with the name of a temporary one stays, and an unfinished PNG leaves no file.
     const std::string part = NewDump("new.png.part", ReadFile(raw));
     EXPECT_EQ(Run("--size 2x1 --format raw10 " + part + " " + (m_dir / "new.png")).output, m_dir / "new.png\n");

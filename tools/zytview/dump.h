@@ -1,6 +1,7 @@
 #ifndef ZYTVIEW_DUMP_H
 #define ZYTVIEW_DUMP_H
 
+#include <csignal>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -25,7 +26,8 @@ struct Rect {
     uint32_t height = 0;
 };
 
-/// A memory-mapped dump file. Thread-safe.
+/// A memory-mapped dump file. Thread-safe. A read beyond the end of a file that has become shorter ends the process
+/// with one line and status 2. At most two exist at a time.
 class Dump {
 public:
     /// Maps the file. Throws BadInput when it cannot be read, or when its length does not match the geometry.
@@ -44,6 +46,8 @@ public:
     uint32_t Height() const { return m_height; }
     /// Returns the largest sample of the format. A container can hold larger values.
     uint16_t LargestSample() const { return static_cast<uint16_t>((1u << m_layout.bits) - 1); }
+    /// Returns the number of lower bits of a container that are not part of the sample.
+    uint32_t UnusedBits() const { return m_layout.kind == zyt::FormatKind::kP010 ? 16 - m_layout.bits : 0; }
     /// Returns size and format, such as "4000x3000 Raw10".
     std::string Describe() const;
     /// Returns the number of chroma rows in the file, half of the picture's; an odd height is rounded up or down.
@@ -51,25 +55,32 @@ public:
     /// Returns the number of UV pairs in a chroma row, half of the width rounded down.
     uint32_t ChromaPairs() const { return m_width / 2; }
 
-    /// Reads Width() samples of a row of the first plane, unchanged from their containers.
-    void ReadRow(uint32_t y, uint16_t* samples) const;
+    /// Reads Width() samples of a row of the first plane; `asStored` reads containers with their unused bits.
+    void ReadRow(uint32_t y, uint16_t* samples, bool asStored = false) const;
 
     /// Reads the chroma of a row of pixels: pairs in the order of the file, each for two columns, and one more for the
     /// last column of an odd width. An odd last column or row that has no chroma gets its neighbour's, or grey when
     /// there is none.
-    void ReadChroma(uint32_t y, uint16_t* samples) const;
+    void ReadChroma(uint32_t y, uint16_t* samples, bool asStored = false) const;
+
+    /// Throws BadInput when an open dump has become shorter: within the last page a read does not notice.
+    static void RefuseShortened();
 
 private:
-    void Map(uint64_t length);
+    Dump(const std::string& path, ZYTFormat format);
+    static void OnBusError(int signal, siginfo_t* info, void* context);
+    void Unpack(uint64_t offset, uint32_t count, bool asStored, uint16_t* samples) const;
 
     const std::string m_path;
+    const std::string m_shortened;  // the line that tells so
     const ZYTFormat m_format;
     const zyt::FormatLayout& m_layout;
-    uint32_t m_width;
-    uint32_t m_height;
-    uint32_t m_stride;
-    uint64_t m_chroma;  // offset of the second plane
+    uint32_t m_width = 0;
+    uint32_t m_height = 0;
+    uint32_t m_stride = 0;
+    uint64_t m_chroma = 0;  // offset of the second plane
     uint32_t m_chromaRows = 0;
+    int m_fd = -1;
     const unsigned char* m_bytes = nullptr;
     uint64_t m_length = 0;
 };
@@ -80,14 +91,18 @@ struct Line {
     uint32_t count = 0;
     uint32_t channels[2] = {};  // channels of the samples with even and odd index
     uint32_t x = 0;             // column of the first sample
+    uint32_t y = 0;             // row of the samples; of chroma, the upper one of its two
     bool isChroma = false;      // if true, two samples are one pair for two pixels
+
+    /// Returns the column of a sample; of chroma, the left one of its two.
+    uint32_t X(uint32_t i) const { return x + (isChroma ? i & ~1u : i); }
 };
 
 /// Reads the samples of a part of a dump with their channels: Y, U and V, or the four positions of a Bayer plane. Each
 /// sample is read once. Not thread-safe; each thread needs its own reader.
 class LineReader {
 public:
-    LineReader(const Dump& dump, const Rect& part);
+    LineReader(const Dump& dump, const Rect& part, bool asStored = false);
 
     /// Returns the row's samples of the first plane, and a row of the second plane when one starts at y.
     /// REQUIRES: the row is inside the part.
@@ -96,6 +111,7 @@ public:
 private:
     const Dump& m_dump;
     const Rect m_part;
+    const bool m_asStored;
     std::vector<uint16_t> m_row;
     Line m_lines[2];
 };

@@ -67,8 +67,24 @@ Levels Resolve(const WantedLevels& wanted, const std::vector<Counts>& counts, co
     std::copy_n(wanted.white, 3, levels.white);
     if (wanted.isWhiteAuto) MakeGrey(counts, *bayer, levels);
     if (wanted.isGainAuto) {
-        const double lightest = Thousandth(Brightness(counts, levels, bayer), true);
+        double lightest = Thousandth(Brightness(counts, levels, bayer), true);
+        const double* white = levels.white;
+        if (bayer && white[0] >= white[1] && white[2] >= white[1]) {
+            lightest = std::min(lightest, (span - levels.black) * white[1]);  // raw formats: span is the largest sample
+        }
         if (lightest > 0) levels.gain = span / lightest;
     }
     return levels;
+}
+
+uint64_t CountCut(const std::vector<Counts>& counts, const Levels& levels, const std::optional<uint32_t>& bayer,
+                  uint32_t largestSample) {
+    uint64_t cut = 0;
+    for (uint32_t channel = 0; channel < counts.size(); ++channel) {
+        const double white = bayer ? levels.white[ColourAt(*bayer, channel & 1, channel >> 1)] : 1;
+        for (uint32_t value = largestSample + 1; value < counts[channel].size(); ++value) {
+            if ((value - levels.black) * levels.gain * white > largestSample) cut += counts[channel][value];
+        }
+    }
+    return cut;
 }

@@ -34,9 +34,14 @@ inline uint32_t ColourAt(uint32_t bayer, uint32_t column, uint32_t row) {
 
 /// Computes the automatic levels from the counts: white makes the means of all colours equal that of green; then black
 /// and gain make the darkest and the lightest thousandth of all samples (of Y in formats with chroma) black and white.
-/// Otherwise `black` is the default black level, and gain 1 shows black + span as white. Counts are used for automatic
-/// levels only.
+/// A saturated green counts as white when the gains of red and blue are not smaller, so that a light that saturates all
+/// channels has no colour. Otherwise `black` is the default black level, and gain 1 shows black + span as white. Counts
+/// are used for automatic levels only.
 Levels Resolve(const WantedLevels& wanted, const std::vector<Counts>& counts, const std::optional<uint32_t>& bayer,
                double black, double span);
+
+/// Returns how many samples exceed the format's largest one and are cut to it at these levels.
+uint64_t CountCut(const std::vector<Counts>& counts, const Levels& levels, const std::optional<uint32_t>& bayer,
+                  uint32_t largestSample);
 
 #endif  // ZYTVIEW_LEVELS_H

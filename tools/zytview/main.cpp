@@ -1,59 +1,96 @@
 // Shows raw dumps as pictures and as numbers.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <new>
-#include <set>
+#include <utility>
 
+#include "chart.h"
 #include "diff.h"
-#include "errors.h"
-#include "histogram.h"
+#include "npyfile.h"
 #include "options.h"
 #include "outputfile.h"
-#include "pixel.h"
 #include "pngfile.h"
-#include "stats.h"
 #include "text.h"
 
 namespace {
 
+// Identifies a file by its device and number; empty when there is none, and for pipes and devices.
+using FileId = std::optional<std::pair<dev_t, ino_t>>;
+
+FileId IdOf(const std::string& path) {
+    struct stat status {};
+    if (IsStandardOutput(path) || stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+    return std::pair(status.st_dev, status.st_ino);
+}
+
+// Returns the name of a dump's picture. An ending is letters and digits, such as ".raw"; "_0.1_640x480" has none.
+std::string PngOf(const std::string& dump) {
+    std::filesystem::path path = dump;
+    const std::string ending = path.extension();
+    const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+    const auto isPart = [&](char c) { return isLetter(c) || (c >= '0' && c <= '9'); };
+    const bool hasEnding =
+        ending.size() > 1 && isLetter(ending[1]) && std::all_of(ending.begin() + 1, ending.end(), isPart);
+    return hasEnding ? path.replace_extension(".png").string() : dump + ".png";
+}
+
 /// Executes one command line.
 class View {
 public:
-    explicit View(const Options& options) : m_options(options) {}
+    explicit View(const Options& options);
 
     /// Processes one dump. Returns the exit code. Throws BadInput and WriteError.
     int Show(const std::string& path);
 
 private:
     Rect Crop(const Dump& dump) const;
-    std::string PngFor(const std::string& path);
-    void Print(const std::string& text);
+    FILE* Numbers() const;
+    void PrintNumbers(const Dump& dump, const std::string& json, const std::string& text);
+    void RefuseUsed(const std::string& name) const;
+    void Write(const std::string& name, const std::function<void(OutputFile& file)>& write,
+               const std::string& remark = "");
     void ShowNumbers(const Dump& dump, const Rect& crop);
     bool ShowDifference(const Dump& dump, const Geometry& geometry, const Rect& crop, const std::string& png);
+    void ShowProfiles(const Dump& dump, const Rect& crop, const std::string& png);
     void ShowPicture(const Dump& dump, const Rect& crop, const std::string& png);
     const std::vector<Counts>& CountsOf(const Dump& dump, const Rect& crop);
 
     const Options& m_options;
     Workers m_workers;
-    std::vector<Counts> m_counts;  // of the current dump, computed on first use
-    std::set<std::string> m_pngs;  // PNGs written so far
+    std::vector<Counts> m_counts;           // of the current dump, computed on first use
+    std::map<FileId, std::string> m_files;  // that must not be replaced
 };
+
+View::View(const Options& options) : m_options(options) {
+    for (const std::string& dump : options.dumps) m_files[IdOf(dump)] = dump;
+    m_files[IdOf(options.other)] = options.other;
+    m_files.erase(FileId{});
+}
 
 int View::Show(const std::string& path) {
     m_counts.clear();
     const Geometry geometry = Complete(m_options, path);
-    const std::string png = PngFor(path);
+    const std::string png = m_options.png.empty() && m_options.ShowsDump() ? PngOf(path) : m_options.png;
+    for (const std::string& name : {png, m_options.histogram, m_options.npy}) RefuseUsed(name);
     m_workers.Begin(path);
     const Dump dump(path, geometry);
     const Rect crop = Crop(dump);
     if (dump.Width() < geometry.width) {
-        std::fprintf(stderr, "zytview: %s holds the left %u of %u columns, as the library dumps Y16\n", path.c_str(),
-                     dump.Width(), geometry.width);
+        Print(stderr, Text("zytview: %s holds the left %u of %u columns, as the library dumps Y16\n", path.c_str(),
+                           dump.Width(), geometry.width));
     }
     ShowNumbers(dump, crop);
-    if (!m_options.other.empty()) return ShowDifference(dump, geometry, crop, png) ? 1 : 0;
-    if (!png.empty()) ShowPicture(dump, crop, png);
+    if (m_options.Has("diff")) return ShowDifference(dump, geometry, crop, png) ? 1 : 0;
+    if (m_options.Has("profile")) {
+        ShowProfiles(dump, crop, png);
+    } else if (!png.empty()) {
+        ShowPicture(dump, crop, png);
+    }
     return 0;
 }
 
@@ -62,35 +99,42 @@ Rect View::Crop(const Dump& dump) const {
         return uint64_t{part.x} + part.width <= dump.Width() && uint64_t{part.y} + part.height <= dump.Height();
     };
     const Rect whole{0, 0, dump.Width(), dump.Height()};
-    const Rect crop = m_options.crop.width == 0 ? whole : m_options.crop;
-    const char* outside = !lies(crop) ? "crop" : m_options.pixel && !lies(*m_options.pixel) ? "pixel" : nullptr;
+    const Rect crop = m_options.Has("crop") ? m_options.crop : whole;
+    const char* outside = !lies(crop) ? "crop" : !lies(m_options.pixel) ? "pixel" : nullptr;
     if (outside == nullptr) return crop;
-    throw BadInput(Text("the %s reaches out of the picture's %ux%u", outside, dump.Width(), dump.Height()));
+    throw BadInput(dump.Path() + Text(": the %s is outside the picture's %ux%u", outside, dump.Width(), dump.Height()));
 }
 
-// Returns the PNG's name; empty when none is wanted.
-std::string View::PngFor(const std::string& path) {
-    std::string png = m_options.png;
-    if (png.empty() && !m_options.AsksForNumbers()) {
-        png = std::filesystem::path(path).replace_extension(".png").string();
-    }
-    std::error_code error;
-    for (const std::string& name : {png, m_options.histogram}) {
-        if (name.empty() || IsStandardOutput(name)) continue;
-        for (const std::string& dump : {path, m_options.other}) {
-            if (!std::filesystem::equivalent(dump, name, error)) continue;
-            throw BadInput(name == png ? "the PNG would replace the dump" : "the histogram would replace the dump");
-        }
-        if (!m_pngs.insert(name).second) throw BadInput(name + " is written already, for another dump");
-    }
-    return png;
+// Returns where numbers go: to stderr when a file is written to the standard output.
+FILE* View::Numbers() const {
+    const auto names = {m_options.png, m_options.histogram, m_options.npy};
+    return std::any_of(names.begin(), names.end(), IsStandardOutput) ? stderr : stdout;
 }
 
-// Prints numbers to stderr when a PNG is written to the standard output.
-void View::Print(const std::string& text) {
-    m_workers.Clear();
-    const bool isTaken = IsStandardOutput(m_options.png) || IsStandardOutput(m_options.histogram);
-    std::fputs(text.c_str(), isTaken ? stderr : stdout);
+// Prints the members of a JSON object, or text.
+void View::PrintNumbers(const Dump& dump, const std::string& json, const std::string& text) {
+    Dump::RefuseShortened();
+    Print(Numbers(), m_options.Has("json") ? "{\"file\": " + Quote(dump.Path()) + ", " + json + "}\n" : text);
+}
+
+void View::RefuseUsed(const std::string& name) const {
+    const auto used = m_files.find(IdOf(name));
+    if (used == m_files.end()) return;
+    const bool isDump =
+        used->second == m_options.other || std::count(m_options.dumps.begin(), m_options.dumps.end(), used->second) > 0;
+    throw BadInput(name + (isDump ? " would replace the dump " : " would replace what was written as ") + used->second);
+}
+
+// Writes a file and prints its name.
+void View::Write(const std::string& name, const std::function<void(OutputFile& file)>& write,
+                 const std::string& remark) {
+    RefuseUsed(name);
+    OutputFile file(name);
+    write(file);
+    Dump::RefuseShortened();
+    file.Commit();
+    if (const FileId id = IdOf(name)) m_files[id] = name;
+    if (!IsStandardOutput(name)) Print(m_options.Has("json") ? stderr : Numbers(), name + remark + "\n");
 }
 
 const std::vector<Counts>& View::CountsOf(const Dump& dump, const Rect& crop) {
@@ -100,60 +144,95 @@ const std::vector<Counts>& View::CountsOf(const Dump& dump, const Rect& crop) {
 
 void View::ShowNumbers(const Dump& dump, const Rect& crop) {
     const std::vector<std::string> names = ChannelNames(dump, m_options.bayer);
-    if (m_options.wantsStatistics) {
-        std::vector<Statistics> channels;
-        for (const Counts& counts : CountsOf(dump, crop)) channels.push_back(Describe(counts, dump.LargestSample()));
-        Print(m_options.wantsJson ? Text("{\"file\": %s, ", Quote(dump.Path()).c_str()) +
-                                        Text(R"("width": %u, "height": %u, "format": "%s", "channels": {)",
-                                             dump.Width(), dump.Height(), dump.Layout().name) +
-                                        StatisticsJson(names, channels) + "}}\n"
-                                  : dump.Path() + "  " + dump.Describe() + "\n" + StatisticsTable(names, channels));
+    const bool hasOwnJson = m_options.Has("pixel") || m_options.Has("diff") || m_options.Has("profile");
+    if (m_options.Has("stats") || (m_options.Has("json") && !hasOwnJson)) {
+        std::vector<std::vector<Cell>> channels;
+        for (const Counts& counts : CountsOf(dump, crop)) {
+            channels.push_back(Describe(counts, dump.LargestSample()).Cells());
+        }
+        PrintNumbers(dump,
+                     Text(R"("width": %u, "height": %u, "format": "%s", "channels": )", dump.Width(), dump.Height(),
+                          dump.Layout().name) +
+                         Json(names, channels),
+                     dump.Path() + "  " + dump.Describe() + "\n" + Table(names, channels));
     }
-    if (m_options.pixel) Print(PixelText(dump, m_options.pixel->x, m_options.pixel->y, m_options.bayer));
-    if (!m_options.histogram.empty()) {
+    if (m_options.Has("pixel")) {
+        const auto& [x, y, width, height] = m_options.pixel;
+        PrintNumbers(dump, PixelJson(dump, x, y, m_options.bayer), PixelText(dump, x, y, m_options.bayer));
+    }
+    if (m_options.Has("histogram")) {
         const Rows drawn = DrawHistogram(names, CountsOf(dump, crop), dump.LargestSample());
-        WritePng(m_options.histogram, drawn, m_workers);
-        Print(m_options.histogram + "\n");
+        Write(m_options.histogram, [&](OutputFile& file) { WritePng(file, drawn, m_workers); });
+    }
+    if (m_options.Has("npy")) {
+        Write(m_options.npy, [&](OutputFile& file) { WriteNpy(file, dump, crop, m_workers); });
     }
 }
 
 bool View::ShowDifference(const Dump& dump, const Geometry& geometry, const Rect& crop, const std::string& png) {
     const Dump other(m_options.other, Complete(m_options, m_options.other, geometry));
-    const std::vector<Difference> channels = Compare(dump, other, crop, m_workers);
+    const std::vector<Difference> differences = Compare(dump, other, crop, m_options.tolerance, m_workers);
     const std::vector<std::string> names = ChannelNames(dump, m_options.bayer);
-    Print(m_options.wantsJson ? "{\"file\": " + Quote(dump.Path()) + ", \"other\": " + Quote(other.Path()) +
-                                    ", \"channels\": {" + DifferenceJson(names, channels, dump.LargestSample()) + "}}\n"
-                              : dump.Path() + "  " + other.Path() + "  " + dump.Describe() + "\n" +
-                                    DifferenceTable(names, channels, dump.LargestSample()));
+    std::vector<std::vector<Cell>> channels;
+    for (const Difference& difference : differences) channels.push_back(difference.Cells(dump.LargestSample()));
+    PrintNumbers(dump, "\"other\": " + Quote(other.Path()) + ", \"channels\": " + Json(names, channels),
+                 dump.Path() + "  " + other.Path() + "  " + dump.Describe() + "\n" + Table(names, channels));
     if (!png.empty()) {
-        WritePng(png, Part(DrawDifference(dump, other, channels), crop, 1), m_workers);
-        Print(png + "\n");
+        const Rows drawn = Part(DrawDifference(dump, other, differences, m_options.tolerance), crop, 1);
+        Write(png, [&](OutputFile& file) { WritePng(file, drawn, m_workers); });
     }
-    return std::any_of(channels.begin(), channels.end(), [](const Difference& one) { return one.differing > 0; });
+    return std::any_of(differences.begin(), differences.end(), [](const Difference& one) { return one.differing > 0; });
+}
+
+void View::ShowProfiles(const Dump& dump, const Rect& crop, const std::string& png) {
+    const bool ofColumns = m_options.profile == 1;
+    const std::vector<Profile> profiles = MakeProfiles(dump, crop, ofColumns, m_workers);
+    const std::vector<std::string> names = ChannelNames(dump, m_options.bayer);
+    std::vector<std::vector<Cell>> channels;
+    std::string outliers;
+    for (const Profile& profile : profiles) {
+        const std::string& name = names[channels.size()];
+        channels.push_back(profile.Cells());
+        for (size_t i = 0; i < profile.at.size(); ++i) {
+            if (!profile.IsOutlier(i)) continue;
+            outliers += Text("%s %s %u: mean %.2f, %+.2f from its neighbours\n", name.c_str(),
+                             ofColumns ? "column" : "row", profile.at[i], profile.means[i], profile.differences[i]);
+        }
+    }
+    const std::string kind = ofColumns ? "columns" : "rows";
+    PrintNumbers(dump, "\"profile\": " + Quote(kind) + ", \"channels\": " + Json(names, channels),
+                 dump.Path() + "  " + dump.Describe() + " " + kind + "\n" + Table(names, channels) + outliers);
+    if (png.empty()) return;
+    const Rows drawn = DrawProfiles(names, profiles);
+    Write(png, [&](OutputFile& file) { WritePng(file, drawn, m_workers); });
 }
 
 void View::ShowPicture(const Dump& dump, const Rect& crop, const std::string& png) {
     const WantedLevels& wanted = m_options.levels;
-    Look look{m_options.isBt709, m_options.isLimitedRange, m_options.bayer, {}};
-    const uint32_t bits = dump.Layout().bits;
-    const double black = look.isLimitedRange ? 16u << (bits - 8) : 0;
-    const double span = look.isLimitedRange ? 219u << (bits - 8) : dump.LargestSample();
+    const zyt::FormatLayout& layout = dump.Layout();
+    Look look{m_options.matrix == 1, m_options.range == 1, m_options.bayer, {}, m_options.curve == 1};
+    const double black = look.isLimitedRange ? 16u << (layout.bits - 8) : 0;
+    const double span = look.isLimitedRange ? 219u << (layout.bits - 8) : dump.LargestSample();
     look.levels = Resolve(wanted, wanted.IsAuto() ? CountsOf(dump, crop) : m_counts, look.bayer, black, span);
     const Levels& levels = look.levels;
-    const Picture picture(dump, look);
-    WritePng(png, Part(picture.AllRows(), crop, m_options.divisor), m_workers);
-    m_workers.Clear();
+    const bool canExceed = !layout.HasChroma() && !layout.IsPacked() && layout.bits < 16;
+    const uint64_t cut = canExceed ? CountCut(CountsOf(dump, crop), levels, look.bayer, dump.LargestSample()) : 0;
+    std::string remarks;
     if (wanted.IsAuto()) {
-        std::fprintf(stderr, "zytview: %s: --black %.0f --gain %.4g", dump.Path().c_str(), levels.black, levels.gain);
-        if (look.bayer)
-            std::fprintf(stderr, " --white %.4g,%.4g,%.4g", levels.white[0], levels.white[1], levels.white[2]);
-        std::fputc('\n', stderr);
+        remarks = "zytview: " + dump.Path() + Text(": --black %.0f --gain %.4g", levels.black, levels.gain);
+        if (look.bayer) remarks += Text(" --white %.4g,%.4g,%.4g", levels.white[0], levels.white[1], levels.white[2]);
+        remarks += '\n';
     }
-    if (picture.ExcessiveSamples() > 0) {
-        std::fprintf(stderr, "zytview: %s: samples of more than %u bits, shown as the largest value: %llu\n",
-                     dump.Path().c_str(), bits, Long(picture.ExcessiveSamples()));
+    if (cut > 0) {
+        remarks += "zytview: " + dump.Path() +
+                   Text(": samples of more than %u bits, shown as the largest value: %llu\n", layout.bits, Long(cut));
     }
-    Print(png + (m_options.dumps.size() > 1 ? "  " + dump.Describe() : "") + "\n");
+    const Picture picture(dump, look);
+    const Rows rows = Part(picture.AllRows(), crop, 1u << m_options.scale);
+    Write(
+        png, [&](OutputFile& file) { WritePng(file, rows, m_workers); },
+        m_options.dumps.size() > 1 ? "  " + dump.Describe() : "");
+    Print(stderr, remarks);
 }
 
 int Report(const char* what, int code) {
@@ -163,6 +242,7 @@ int Report(const char* what, int code) {
 
 int Run(int argc, char** argv) {
     const Options options = ParseOptions(argc, argv);
+    const int codeOfLoss = options.Has("diff") ? 2 : 1;
     View view(options);
     int worst = 0;
     for (const std::string& dump : options.dumps) {
@@ -172,21 +252,24 @@ int Run(int argc, char** argv) {
         } catch (const BadInput& bad) {
             code = Report(bad.what(), 2);
         } catch (const WriteError& failure) {
-            code = Report(failure.what(), 1);
+            code = Report(failure.what(), codeOfLoss);
         }
         worst = std::max(worst, code);
     }
-    return std::fflush(stdout) == 0 ? worst : Report("cannot write the standard output", std::max(worst, 1));
+    return worst;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    RemoveUnfinishedAtSignals();
     try {
         return Run(argc, argv);
     } catch (const BadInput& bad) {
         return Report(bad.what(), 2);
+    } catch (const WriteError& failure) {
+        return Report(failure.what(), 1);
     } catch (const std::bad_alloc&) {
-        return Report("out of memory", 1);
+        return Report("out of memory", 2);
     }
 }

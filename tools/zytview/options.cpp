@@ -9,9 +9,9 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "errors.h"
 #include "nodekit/dumpname.h"
 #include "outputfile.h"
+#include "text.h"
 
 namespace {
 
@@ -39,6 +39,7 @@ constexpr const char* kUsage =
     "  --black N                sample shown as black; default: 0, or 16 of 255 in the limited range\n"
     "  --gain X|auto            brightness factor; auto makes the lightest thousandth of the samples white, and the\n"
     "                           darkest thousandth black unless --black is given\n"
+    "  --curve none|srgb        encodes raw formats and Y16, which are linear, as a screen expects; default: none\n"
     "  --crop WxH+X+Y           shows a part, in pixels of the dump\n"
     "  --scale 1/1|1/2|1/4|1/8  each pixel is the mean of a square of pixels\n"
     "\n"
@@ -46,32 +47,34 @@ constexpr const char* kUsage =
     "  --stats                  minimum, maximum, mean, standard deviation and clipped samples of each channel;\n"
     "                           samples of 0 and of the format's largest value or above count as clipped. Bayer\n"
     "                           channels are named column,row without --bayer\n"
-    "  --pixel X,Y              the samples at and around a pixel\n"
-    "  --diff OTHER             differences from another dump of the same size and format; PNG shows them, the\n"
-    "                           largest white and all others at least dark grey. The exit code is 1 when they differ\n"
+    "  --pixel X,Y              the samples at and around a pixel; - where the file has no chroma\n"
+    "  --diff OTHER             differences from another dump of the same size and format: DUMP less OTHER; PNG shows\n"
+    "                           them, the largest white and all others at least dark grey\n"
+    "  --tolerance N            differences up to N do not count as differing, nor for the exit code or PNG; they do\n"
+    "                           count in the largest, the mean and the PSNR\n"
+    "  --profile rows|columns   the mean of each row or column less the median of its nearest four of the same "
+    "colour;\n"
+    "                           lists those beyond five spreads and one percent of the mean. A spread is 1.4826 times\n"
+    "                           the median of the amounts. PNG shows a curve for each channel\n"
     "  --histogram PNG          histogram of the samples; heights are square roots, clipped samples are red\n"
-    "  --json                   prints --stats and --diff as JSON, one object per line\n"
+    "  --npy FILE               the samples in NumPy's format, height x width; of YUV the planes Y, U and V one after\n"
+    "                           the other; - is the standard output\n"
+    "  --json                   prints numbers as JSON, one object per line; by default those of --stats\n"
     "  -h, --help, --version\n"
     "\n"
     "8-bit YUV becomes an 8-bit PNG, every other format a 16-bit PNG. Raw samples are in the upper bits, so a right\n"
-    "shift restores them. Exit codes: 0 for success, 1 when writing failed or --diff found a difference, 2 for an\n"
-    "invalid argument or dump. With several dumps an invalid one is reported and the others are processed.\n";
+    "shift restores them. Exit codes: 0 for success, 1 when writing failed, 2 for an invalid argument or dump; with\n"
+    "--diff 1 for a difference and 2 for any failure. With several dumps an invalid one is reported and the others "
+    "are\n"
+    "processed.\n";
 
 constexpr uint32_t kMaxNumber = 999999999;
-
-// Returns the index of value in words.
-uint32_t Choice(const std::string& option, const std::string& value, const std::vector<std::string>& words) {
-    const auto found = std::find(words.begin(), words.end(), value);
-    if (found != words.end()) return static_cast<uint32_t>(found - words.begin());
-    std::string list;
-    for (const std::string& word : words) list += (list.empty() ? "" : " or ") + word;
-    throw BadInput("--" + option + " is " + list + ", not '" + value + "'");
-}
+constexpr double kMaxGain = 65535;
 
 // Parses text as a number from least to largest. Returns false, and leaves number unchanged, for any other text.
-template <typename Number>
-bool ReadNumber(std::string_view text, Number least, Number largest, Number& number) {
-    Number value = 0;
+template <typename Result>
+bool ReadNumber(std::string_view text, uint32_t least, uint32_t largest, Result& number) {
+    uint32_t value = 0;
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, value);
     if (error != std::errc() || stop != end || !(value >= least && value <= largest)) return false;
@@ -80,116 +83,60 @@ bool ReadNumber(std::string_view text, Number least, Number largest, Number& num
 }
 
 // Like above for a fraction, which from_chars of libc++ 14 does not support.
-bool ReadNumber(const std::string& text, double least, double largest, double& number) {
+bool ReadFraction(const std::string& text, double& number) {
     if (text.find_first_not_of("0123456789.e-") != std::string::npos) return false;
     char* stop = nullptr;
     const double value = std::strtod(text.c_str(), &stop);
-    if (text.empty() || *stop != '\0' || !(value >= least && value <= largest)) return false;
+    if (text.empty() || *stop != '\0' || !(value >= 0 && value <= kMaxGain)) return false;
     number = value;
     return true;
 }
 
-uint32_t Number(const std::string& option, const std::string& value) {
-    uint32_t number = 0;
-    if (ReadNumber(value, 1u, kMaxNumber, number)) return number;
-    throw BadInput("--" + option + " is a number from 1 to " + std::to_string(kMaxNumber) + ", not '" + value + "'");
+// Returns the parts of text between separators, as many as there are separators and one more; fewer when one is
+// missing.
+std::vector<std::string> Split(std::string text, const std::string& separators) {
+    std::vector<std::string> parts;
+    for (const char separator : separators) {
+        const size_t at = text.find(separator);
+        if (at == text.npos) return {};
+        parts.push_back(text.substr(0, at));
+        text.erase(0, at + 1);
+    }
+    parts.push_back(text);
+    return parts;
 }
 
-Rect Crop(const std::string& value) {
-    Rect crop;
-    const size_t first = value.find('+');
-    const size_t second = value.find('+', first + 1);
-    if (first != value.npos && second != value.npos &&
-        zyt::ParseSize(value.substr(0, first), crop.width, crop.height) &&
-        ReadNumber(value.substr(first + 1, second - first - 1), 0u, kMaxNumber, crop.x) &&
-        ReadNumber(value.substr(second + 1), 0u, kMaxNumber, crop.y)) {
-        return crop;
-    }
-    throw BadInput("--crop is WxH+X+Y, such as 640x480+100+50, not '" + value + "'");
+// Sets the index of value among words.
+template <typename Index>
+bool Choose(const std::string& value, const std::vector<std::string>& words, Index& index) {
+    const auto found = std::find(words.begin(), words.end(), value);
+    index = static_cast<uint32_t>(found - words.begin());
+    return found != words.end();
 }
 
-Rect Pixel(const std::string& value) {
-    Rect pixel{0, 0, 1, 1};
-    const size_t comma = value.find(',');
-    if (comma != value.npos && ReadNumber(value.substr(0, comma), 0u, kMaxNumber, pixel.x) &&
-        ReadNumber(value.substr(comma + 1), 0u, kMaxNumber, pixel.y)) {
-        return pixel;
-    }
-    throw BadInput("--pixel is X,Y, such as 100,50, not '" + value + "'");
+bool SetWhite(Options& options, const std::string& value) {
+    WantedLevels& levels = options.levels;
+    levels.isWhiteAuto = value == "auto";
+    const std::vector<std::string> gains = Split(value, ",,");
+    return levels.isWhiteAuto || (gains.size() == 3 && ReadFraction(gains[0], levels.white[0]) &&
+                                  ReadFraction(gains[1], levels.white[1]) && ReadFraction(gains[2], levels.white[2]));
 }
 
-void SetLevels(WantedLevels& levels, const std::string& name, const std::string& value) {
-    constexpr double kMaxGain = 65535;
-    if (name == "black") {
-        uint32_t black = 0;
-        if (!ReadNumber(value, 0u, 65534u, black)) {
-            throw BadInput("--black is a sample from 0 to 65534, not '" + value + "'");
-        }
-        levels.black = black;
-    } else if (name == "gain") {
-        levels.isGainAuto = value == "auto";
-        if (!levels.isGainAuto && !ReadNumber(value, 0.0, kMaxGain, levels.gain)) {
-            throw BadInput("--gain is auto or a number from 0 to 65535, not '" + value + "'");
-        }
-    } else {
-        levels.isWhiteAuto = value == "auto";
-        const size_t first = value.find(',');
-        const size_t second = value.find(',', first + 1);
-        if (!levels.isWhiteAuto &&
-            (first == value.npos || second == value.npos ||
-             !ReadNumber(value.substr(0, first), 0.0, kMaxGain, levels.white[0]) ||
-             !ReadNumber(value.substr(first + 1, second - first - 1), 0.0, kMaxGain, levels.white[1]) ||
-             !ReadNumber(value.substr(second + 1), 0.0, kMaxGain, levels.white[2]))) {
-            throw BadInput("--white is auto or R,G,B, such as 1.9,1,1.6, not '" + value + "'");
-        }
-    }
+bool SetCrop(Options& options, const std::string& value) {
+    Rect& crop = options.crop;
+    const std::vector<std::string> parts = Split(value, "++");
+    return parts.size() == 3 && zyt::ParseSize(parts[0], crop.width, crop.height) &&
+           ReadNumber(parts[1], 0, kMaxNumber, crop.x) && ReadNumber(parts[2], 0, kMaxNumber, crop.y);
 }
 
-void SetOption(Options& options, const std::string& name, const std::string& value) {
-    Geometry& geometry = options.geometry;
-    if (name == "size" && !zyt::ParseSize(value, geometry.width, geometry.height)) {
-        throw BadInput("--size is WxH, each from 1 to 131072, such as 4000x3000, not '" + value + "'");
-    }
-    if (name == "format" && !(geometry.format = zyt::FindFormat(value))) {
-        throw BadInput("unknown format '" + value + "'; --help lists them");
-    }
-    if (name == "stride") geometry.stride = Number(name, value);
-    if (name == "slice-height") geometry.sliceHeight = Number(name, value);
-    if (name == "matrix") options.isBt709 = Choice(name, value, {"bt601", "bt709"}) == 1;
-    if (name == "range") options.isLimitedRange = Choice(name, value, {"full", "limited"}) == 1;
-    options.hasYuvOption |= name == "matrix" || name == "range";
-    if (name == "bayer") options.bayer = Choice(name, value, {"rggb", "grbg", "gbrg", "bggr"});
-    if (name == "black" || name == "gain" || name == "white") SetLevels(options.levels, name, value);
-    if (name == "white") options.hasWhite = true;
-    if (name == "crop") options.crop = Crop(value);
-    if (name == "scale") options.divisor = 1u << Choice(name, value, {"1/1", "1/2", "1/4", "1/8"});
-    if (name == "pixel") options.pixel = Pixel(value);
-    if (name == "diff") options.other = value;
-    if (name == "histogram") options.histogram = value;
-    options.wantsStatistics |= name == "stats";
-    options.wantsJson |= name == "json";
+bool SetPixel(Options& options, const std::string& value) {
+    const std::vector<std::string> parts = Split(value, ",");
+    options.pixel.width = options.pixel.height = 1;
+    return parts.size() == 2 && ReadNumber(parts[0], 0, kMaxNumber, options.pixel.x) &&
+           ReadNumber(parts[1], 0, kMaxNumber, options.pixel.y);
 }
 
-void CheckNames(Options& options) {
-    std::vector<std::string>& dumps = options.dumps;
-    if (dumps.empty()) throw BadInput("wants a dump, and perhaps the name of a PNG; --help tells more");
-    if (dumps.size() > 1 && IsPngName(dumps.back())) {
-        if (dumps.size() > 2) throw BadInput("the name of a PNG goes with one dump; PNGs of several have their names");
-        options.png = dumps.back();
-        dumps.pop_back();
-    }
-    const bool isForOne = options.pixel || !options.other.empty() || !options.histogram.empty();
-    if (dumps.size() > 1 && isForOne) throw BadInput("--pixel, --diff and --histogram go with one dump");
-    if (!options.histogram.empty() && !IsPngName(options.histogram)) {
-        throw BadInput(options.histogram + " is no name for a PNG, such as x.png");
-    }
-    if (!options.other.empty() && options.divisor > 1) throw BadInput("--diff does not go with --scale");
-    if (options.hasWhite && !options.bayer) throw BadInput("--white goes with --bayer");
-    if (options.wantsJson && options.other.empty()) options.wantsStatistics = true;
-}
-
-}  // namespace
-
+// Returns true when the path has a PNG's name or is a device, a pipe or the standard output.
 bool IsPngName(const std::string& path) {
     std::string extension = std::filesystem::path(path).extension();
     std::transform(extension.begin(), extension.end(), extension.begin(),
@@ -198,24 +145,122 @@ bool IsPngName(const std::string& path) {
     return extension == ".png" || IsStandardOutput(path) || std::filesystem::is_other(path, error);
 }
 
-Options ParseOptions(int argc, char** argv) {
-    static std::vector<option> known;
-    for (const char* name : {"size", "format", "stride", "slice-height", "matrix", "range", "bayer", "white", "black",
-                             "gain", "crop", "scale", "pixel", "diff", "histogram"}) {
-        known.push_back({name, required_argument, nullptr, 0});
+using Value = const std::string&;
+
+struct Known {
+    const char* name;
+    const char* argument;                        // null when it has none
+    bool (*set)(Options& options, Value value);  // returns false for an invalid value
+};
+
+const Known kKnown[] = {
+    {"size", "WxH, each from 1 to 131072, such as 4000x3000",
+     [](Options& o, Value v) { return zyt::ParseSize(v, o.geometry.width, o.geometry.height); }},
+    {"format", "a name that --help lists",
+     [](Options& o, Value v) { return (o.geometry.format = zyt::FindFormat(v)).has_value(); }},
+    {"stride", "a number from 1 to 999999999",
+     [](Options& o, Value v) { return ReadNumber(v, 1, kMaxNumber, o.geometry.stride); }},
+    {"slice-height", "a number from 1 to 999999999",
+     [](Options& o, Value v) { return ReadNumber(v, 1, kMaxNumber, o.geometry.sliceHeight); }},
+    {"matrix", "bt601 or bt709",
+     [](Options& o, Value v) {
+         return Choose(v, {"bt601", "bt709"}, o.matrix);
+     }},
+    {"range", "full or limited",
+     [](Options& o, Value v) {
+         return Choose(v, {"full", "limited"}, o.range);
+     }},
+    {"bayer", "rggb or grbg or gbrg or bggr",
+     [](Options& o, Value v) {
+         return Choose(v, {"rggb", "grbg", "gbrg", "bggr"}, o.bayer);
+     }},
+    {"white", "auto or R,G,B, such as 1.9,1,1.6", SetWhite},
+    {"black", "a sample from 0 to 65534", [](Options& o, Value v) { return ReadNumber(v, 0, 65534, o.levels.black); }},
+    {"gain", "auto or a number from 0 to 65535",
+     [](Options& o, Value v) { return (o.levels.isGainAuto = v == "auto") || ReadFraction(v, o.levels.gain); }},
+    {"curve", "none or srgb",
+     [](Options& o, Value v) {
+         return Choose(v, {"none", "srgb"}, o.curve);
+     }},
+    {"crop", "WxH+X+Y, such as 640x480+100+50", SetCrop},
+    {"scale", "1/1 or 1/2 or 1/4 or 1/8",
+     [](Options& o, Value v) {
+         return Choose(v, {"1/1", "1/2", "1/4", "1/8"}, o.scale);
+     }},
+    {"pixel", "X,Y, such as 100,50", SetPixel},
+    {"diff", "a dump", [](Options& o, Value v) { return !(o.other = v).empty(); }},
+    {"tolerance", "a number from 0 to 65535", [](Options& o, Value v) { return ReadNumber(v, 0, 65535, o.tolerance); }},
+    {"profile", "rows or columns",
+     [](Options& o, Value v) {
+         return Choose(v, {"rows", "columns"}, o.profile);
+     }},
+    {"histogram", "a name for a PNG, such as x.png", [](Options& o, Value v) { return IsPngName(o.histogram = v); }},
+    {"npy", "a file, or - for the standard output", [](Options& o, Value v) { return !(o.npy = v).empty(); }},
+    {"stats", nullptr, nullptr},
+    {"json", nullptr, nullptr},
+};
+
+void CheckNames(Options& options) {
+    std::vector<std::string>& dumps = options.dumps;
+    if (dumps.empty()) throw BadInput("no dump is given; --help tells more");
+    if (std::count(dumps.begin(), dumps.end(), "") > 0) throw BadInput("the name of a dump or PNG is empty");
+    if (dumps.size() > 1 && IsPngName(dumps.back())) {
+        options.png = dumps.back();
+        dumps.pop_back();
     }
-    for (const char* name : {"stats", "json"}) known.push_back({name, no_argument, nullptr, 0});
+    const auto outputs = {options.png, options.histogram, options.npy};
+    if (std::count_if(outputs.begin(), outputs.end(), IsStandardOutput) > 1) {
+        throw BadInput("only one file can be written to the standard output");
+    }
+}
+
+void CheckCombination(const Options& options) {
+    for (const char* single : {"pixel", "diff", "profile", "histogram", "npy"}) {
+        if (options.dumps.size() > 1 && options.Has(single)) throw BadInput(Text("--%s is for one dump", single));
+    }
+    if (options.dumps.size() > 1 && !options.png.empty()) {
+        throw BadInput("the name of a PNG is for one dump; the PNGs of several have the names of the dumps");
+    }
+    for (const char* look : {"matrix", "range", "white", "black", "gain", "curve", "scale"}) {
+        if (options.Has(look) && !options.ShowsDump())
+            throw BadInput(Text("--%s is for a picture of the dump, and none is written", look));
+    }
+    if (options.Has("diff") && options.Has("profile")) throw BadInput("--diff does not go with --profile");
+    if (options.Has("tolerance") && !options.Has("diff")) throw BadInput("--tolerance goes with --diff");
+    if (options.Has("white") && !options.bayer) throw BadInput("--white goes with --bayer");
+}
+
+}  // namespace
+
+bool Options::ShowsDump() const {
+    for (const char* numbers : {"stats", "json", "pixel", "histogram", "npy"}) {
+        if (Has(numbers) && png.empty()) return false;
+    }
+    return !Has("diff") && !Has("profile");
+}
+
+Options ParseOptions(int argc, char** argv) {
+    std::vector<option> known;
+    for (const Known& one : kKnown) {
+        known.push_back({one.name, one.argument == nullptr ? no_argument : required_argument, nullptr, 0});
+    }
     known.insert(known.end(), {{"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'v'}, {}});
     Options options;
     int index = 0;
     for (int found = 0; (found = getopt_long(argc, argv, "h", known.data(), &index)) != -1;) {
         if (found == '?') std::exit(2);  // getopt_long has reported the error
-        if (found == 'h') std::exit(std::fputs(kUsage, stdout) < 0);
-        if (found == 'v') std::exit(std::puts("zytview " ZYTVIEW_VERSION) < 0);
-        SetOption(options, known[static_cast<size_t>(index)].name, optarg != nullptr ? optarg : "");
+        if (found != 0) {
+            Print(stdout, found == 'h' ? kUsage : "zytview " ZYTVIEW_VERSION "\n");
+            std::exit(0);
+        }
+        const Known& one = kKnown[index];
+        options.given.insert(one.name);
+        if (one.argument == nullptr || one.set(options, optarg)) continue;
+        throw BadInput(Text("--%s is %s, not '%s'", one.name, one.argument, optarg));
     }
     options.dumps.assign(argv + optind, argv + argc);
     CheckNames(options);
+    CheckCombination(options);
     return options;
 }
 
@@ -233,12 +278,13 @@ Geometry Complete(const Options& options, const std::string& dump, const Geometr
     }
     if (!geometry.format) throw BadInput("no format in the name of " + dump + ", nor --format");
     const zyt::FormatLayout& layout = *zyt::FindFormatLayout(*geometry.format);
-    const std::string name = layout.name;
-    if (options.bayer && layout.kind != zyt::FormatKind::kRaw) {
-        throw BadInput("--bayer is for raw formats, and " + name + " is none");
-    }
-    if (options.hasYuvOption && !layout.HasChroma()) {
-        throw BadInput("--matrix and --range are for YUV formats, and " + name + " is none");
-    }
+    const auto refuse = [&](const char* option, bool isRefused, const char* kinds) {
+        if (!isRefused || !options.Has(option)) return;
+        throw BadInput(dump + Text(": --%s is for %s, not for %s", option, kinds, layout.name));
+    };
+    refuse("bayer", layout.kind != zyt::FormatKind::kRaw, "raw formats");
+    refuse("matrix", !layout.HasChroma(), "YUV formats");
+    refuse("range", !layout.HasChroma(), "YUV formats");
+    refuse("curve", layout.HasChroma(), "raw formats and Y16");
     return geometry;
 }

@@ -2,6 +2,7 @@
 #define ZYTVIEW_OPTIONS_H
 
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -11,34 +12,34 @@
 /// The command line.
 struct Options {
     std::vector<std::string> dumps;
-    std::string png;  // empty: derived from the dump's name, or no picture
+    std::string png;              // empty: derived from the dump's name, or no picture
+    std::set<std::string> given;  // names of all options
     Geometry geometry;
-    bool isBt709 = false;
-    bool isLimitedRange = false;
-    bool hasYuvOption = false;
+    uint32_t matrix = 0;  // 0 BT.601, 1 BT.709
+    uint32_t range = 0;   // 0 full, 1 limited
     std::optional<uint32_t> bayer;
     WantedLevels levels;
-    bool hasWhite = false;
-    Rect crop;  // the whole picture when the width is 0
-    uint32_t divisor = 1;
-    bool wantsStatistics = false;
-    bool wantsJson = false;
-    std::optional<Rect> pixel;  // of size 1x1
-    std::string other;          // path of the dump to compare with
-    std::string histogram;      // path of the PNG
+    uint32_t curve = 0;    // 0 none, 1 sRGB
+    Rect crop;             // the whole picture when the width is 0
+    uint32_t scale = 0;    // the picture has 1/2^scale of the width and height
+    Rect pixel;            // of size 1x1
+    uint32_t profile = 0;  // 0 of rows, 1 of columns
+    uint32_t tolerance = 0;
+    std::string other;      // path of the dump to compare with
+    std::string histogram;  // path of the PNG
+    std::string npy;        // path of the array
 
-    /// Returns true when an option replaces the picture.
-    bool AsksForNumbers() const { return wantsStatistics || pixel || !other.empty() || !histogram.empty(); }
+    bool Has(const char* name) const { return given.count(name) > 0; }
+    /// Returns true when the dump itself is shown, not numbers alone and no difference or profile.
+    bool ShowsDump() const;
 };
 
-/// Parses the command line. --help, --version and errors that getopt_long reports end the process. Throws BadInput.
+/// Parses the command line. --help and --version print their text and end the process, as do errors that getopt_long
+/// reports. Throws BadInput and WriteError.
 Options ParseOptions(int argc, char** argv);
 
 /// Returns the geometry of a dump: from the options, otherwise from its name, otherwise from `another`. Throws BadInput
 /// when it is incomplete or inconsistent.
 Geometry Complete(const Options& options, const std::string& dump, const Geometry& another = {});
-
-/// Returns true when the path has a PNG's name or is a device, a pipe or the standard output.
-bool IsPngName(const std::string& path);
 
 #endif  // ZYTVIEW_OPTIONS_H

@@ -4,42 +4,37 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <utility>
 
-#include "errors.h"
+#include "text.h"
 
 namespace {
 
-// Path that a signal handler must remove; empty when there is none.
-char g_unfinished[PATH_MAX];
-
-void RemoveUnfinished(int signal) {
-    if (g_unfinished[0] != 0) unlink(g_unfinished);
-    if (signal == SIGBUS) {
-        const char reason[] = "zytview: a dump became shorter while it was read\n";
-        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, reason, sizeof(reason) - 1);
-        _exit(2);
-    }
-    raise(signal);  // now with the default action
-}
-
-void RemoveAtSignals() {
-    struct sigaction action {};
-    action.sa_handler = RemoveUnfinished;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGBUS}) sigaction(signal, &action, nullptr);
-}
+std::atomic<const char*> g_unfinished{nullptr};  // path of the temporary file
 
 }  // namespace
 
 bool IsStandardOutput(const std::string& path) { return path == "-" || path == "/dev/stdout"; }
 
+void RemoveUnfinishedAtSignals() {
+    struct sigaction action {};
+    action.sa_handler = [](int signal) {
+        OutputFile::RemoveUnfinished();
+        raise(signal);  // now with the default action
+    };
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGQUIT}) {
+        struct sigaction old {};
+        if (sigaction(signal, nullptr, &old) == 0 && old.sa_handler == SIG_IGN) continue;
+        sigaction(signal, &action, nullptr);
+    }
+}
+
 OutputFile::OutputFile(const std::string& path) : m_path(path) {
     std::error_code error;
-    RemoveAtSignals();
     if (IsStandardOutput(path)) {
         m_stream = fdopen(dup(STDOUT_FILENO), "wb");
     } else if (std::filesystem::exists(path, error) && !std::filesystem::is_regular_file(path, error)) {
@@ -47,39 +42,49 @@ OutputFile::OutputFile(const std::string& path) : m_path(path) {
     } else {
         OpenBeside();
     }
-    if (m_stream == nullptr) Fail(std::strerror(errno));
+    if (m_stream == nullptr) Fail(errno);
 }
 
 void OutputFile::OpenBeside() {
     const std::string directory = std::filesystem::path(m_path).parent_path();
     const std::string stem = (directory.empty() ? "" : directory + "/") + ".zytview-" + std::to_string(getpid()) + "-";
-    for (int i = 0; i < 100; ++i) {
+    int fd = -1;
+    for (int i = 0; i == 0 || (fd < 0 && errno == EEXIST && i < 100); ++i) {
         m_temporary = stem + std::to_string(i);
-        const int fd = open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (fd < 0 && errno == EEXIST) continue;
-        if (fd >= 0) m_stream = fdopen(fd, "wb");
-        break;
+        fd = open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     }
-    if (m_stream == nullptr) {
-        m_temporary.clear();
-    } else if (m_temporary.size() < sizeof(g_unfinished)) {
-        std::memcpy(g_unfinished, m_temporary.c_str(), m_temporary.size() + 1);
-    }
+    if (fd < 0) return;
+    g_unfinished = m_temporary.c_str();
+    m_stream = fdopen(fd, "wb");
 }
 
 OutputFile::~OutputFile() {
     if (m_stream != nullptr) std::fclose(m_stream);
-    if (!m_temporary.empty()) std::remove(m_temporary.c_str());
-    g_unfinished[0] = 0;
+    RemoveUnfinished();
+}
+
+void OutputFile::RemoveUnfinished() {
+    const char* const path = g_unfinished.exchange(nullptr);
+    if (path != nullptr) unlink(path);
+}
+
+void OutputFile::Write(const void* bytes, size_t size) {
+    if (m_error == 0 && std::fwrite(bytes, 1, size, m_stream) != size) m_error = errno;
 }
 
 void OutputFile::Commit() {
-    FILE* stream = m_stream;
-    m_stream = nullptr;
-    if (std::fclose(stream) != 0) Fail(std::strerror(errno));
-    if (m_temporary.empty()) return;
-    if (std::rename(m_temporary.c_str(), m_path.c_str()) != 0) Fail(std::strerror(errno));
-    m_temporary.clear();
+    if (std::fclose(std::exchange(m_stream, nullptr)) != 0 && m_error == 0) m_error = errno;
+    if (m_error == 0 && g_unfinished != nullptr) {
+        if (std::rename(m_temporary.c_str(), m_path.c_str()) == 0) {
+            g_unfinished = nullptr;
+        } else {
+            m_error = errno;
+        }
+    }
+    if (m_error != 0) Fail(m_error);
 }
 
-void OutputFile::Fail(const std::string& reason) const { throw WriteError("cannot write " + m_path + ": " + reason); }
+void OutputFile::Fail(int error) const {
+    RemoveUnfinished();
+    throw WriteError("cannot write " + m_path + ": " + std::strerror(error));
+}

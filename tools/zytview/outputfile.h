@@ -1,6 +1,7 @@
 #ifndef ZYTVIEW_OUTPUTFILE_H
 #define ZYTVIEW_OUTPUTFILE_H
 
+#include <atomic>
 #include <cstdio>
 #include <string>
 
@@ -18,20 +19,29 @@ public:
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    FILE* Stream() const { return m_stream; }
+    /// Appends bytes. Does nothing after a failure, which Commit reports. Not thread-safe.
+    void Write(const void* bytes, size_t size);
 
-    /// Renames the file to its final name. On failure throws WriteError; an old file of that name stays.
+    /// Returns true after a failure. Thread-safe.
+    bool HasFailed() const { return m_error != 0; }
+
+    /// Renames the file to its final name. Throws WriteError after a failure; an old file of that name stays.
     void Commit();
 
-    /// Throws WriteError with the reason.
-    [[noreturn]] void Fail(const std::string& reason) const;
+    /// Removes the file that is not complete yet, if there is one. For signal handlers.
+    static void RemoveUnfinished();
 
 private:
     void OpenBeside();
+    [[noreturn]] void Fail(int error) const;
 
     const std::string m_path;
     std::string m_temporary;  // empty when written in place
     FILE* m_stream = nullptr;
+    std::atomic<int> m_error{0};
 };
+
+/// Makes the signals that end the process remove an unfinished output file first. A signal that is ignored stays so.
+void RemoveUnfinishedAtSignals();
 
 #endif  // ZYTVIEW_OUTPUTFILE_H

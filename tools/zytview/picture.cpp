@@ -20,6 +20,9 @@ uint16_t Mean(uint32_t sum, uint32_t count) {
     return static_cast<uint16_t>((sum + count / 2) / count);  // NOLINT(clang-analyzer-core.DivideZero): never 0
 }
 
+// Returns the encoded value of a linear one, both from 0 to 1, by IEC 61966-2-1.
+double Srgb(double linear) { return linear <= 0.0031308 ? 12.92 * linear : 1.055 * std::pow(linear, 1 / 2.4) - 0.055; }
+
 }  // namespace
 
 Picture::Picture(const Dump& dump, const Look& look) : m_dump(dump), m_look(look) {
@@ -36,9 +39,9 @@ void Picture::MakeTables() {
         const double factor = m_look.levels.gain * (m_look.bayer ? m_look.levels.white[colour] : 1);
         m_tables[colour].resize(1u << 16);
         for (uint32_t sample = 0; sample <= 0xffff; ++sample) {
-            const double brightness = (sample - m_look.levels.black) * factor;
-            m_tables[colour][sample] =
-                static_cast<uint16_t>(std::lround(std::clamp(brightness, 0.0, largest) * 65535 / largest));
+            const double brightness = std::clamp((sample - m_look.levels.black) * factor, 0.0, largest);
+            const double shown = m_look.isSrgb ? Srgb(brightness / largest) * 65535 : brightness * 65535 / largest;
+            m_tables[colour][sample] = static_cast<uint16_t>(std::lround(shown));
         }
     }
 }
@@ -76,25 +79,19 @@ Rows Picture::AllRows() const {
         };
     } else {
         rows.newReader = [=]() -> RowReader {
-            return [this](uint32_t y, uint16_t* values) { m_excessive += ReadSpreadRow(y, values); };
+            return [this](uint32_t y, uint16_t* values) { ReadSpreadRow(y, values); };
         };
     }
     return rows;
 }
 
-uint32_t Picture::ReadSpreadRow(uint32_t y, uint16_t* samples) const {
+void Picture::ReadSpreadRow(uint32_t y, uint16_t* samples) const {
     m_dump.ReadRow(y, samples);
     const uint16_t* tables[2] = {m_tables[0].data(), m_tables[0].data()};
     for (const uint32_t x : {0u, 1u}) {
         if (m_look.bayer) tables[x] = m_tables[ColourAt(*m_look.bayer, x, y)].data();
     }
-    const uint32_t largest = m_dump.LargestSample();
-    uint32_t excessive = 0;
-    for (uint32_t x = 0; x < m_dump.Width(); ++x) {
-        if (samples[x] > largest) ++excessive;
-        samples[x] = tables[x & 1][samples[x]];
-    }
-    return excessive;
+    for (uint32_t x = 0; x < m_dump.Width(); ++x) samples[x] = tables[x & 1][samples[x]];
 }
 
 void Picture::ReadYuvRow(uint32_t y, uint16_t* luma, uint16_t* chroma, uint16_t* values) const {
@@ -121,10 +118,9 @@ void Picture::ReadBayerRow(uint32_t y, HeldRows& held, uint16_t* values) const {
     const uint32_t bottom = m_dump.Height() - 1;
     for (uint32_t row = y - std::min(y, 1u); row <= std::min(y + 1, bottom); ++row) {
         Held& next = held[row % 3];
-        if (next.row != row) next.excessive = ReadSpreadRow(row, next.samples.data());
+        if (next.row != row) ReadSpreadRow(row, next.samples.data());
         next.row = row;
     }
-    m_excessive += held[y % 3].excessive;
     if (y == 0 || y == bottom || right == 0) {
         for (uint32_t x = 0; x <= right; ++x) MixPixel(x, y, held, values + size_t{3} * x);
         return;

@@ -2,7 +2,6 @@
 #define ZYTVIEW_PICTURE_H
 
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -29,10 +28,11 @@ struct Look {
     bool isLimitedRange = false;    // YUV formats: 8-bit luma is 16 to 235 and chroma 16 to 240, otherwise 0 to 255
     std::optional<uint32_t> bayer;  // colour order of raw formats: 0 RGGB, 1 GRBG, 2 GBRG, 3 BGGR; empty for grey
     Levels levels;
+    bool isSrgb = false;  // raw formats and Y16: the curve of sRGB after the levels
 };
 
-/// A dump as a picture. Grey and raw samples of fewer than 16 bits are scaled to 16 bits; without levels, a right shift
-/// restores the samples.
+/// A dump as a picture. Grey and raw samples of fewer than 16 bits are scaled to 16 bits; without levels and curve, a
+/// right shift restores the samples.
 class Picture {
 public:
     Picture(const Dump& dump, const Look& look);
@@ -41,28 +41,23 @@ public:
     /// the surrounding pixels. REQUIRES: the picture outlives the rows and their readers.
     Rows AllRows() const;
 
-    /// Returns how many samples in the rows read so far exceed the format's range; they are shown as its largest value.
-    uint64_t ExcessiveSamples() const { return m_excessive; }
-
 private:
     // A row of a Bayer picture that a reader keeps.
     struct Held {
         std::vector<uint16_t> samples;
-        uint32_t excessive = 0;
         uint32_t row = UINT32_MAX;
     };
     using HeldRows = std::array<Held, 3>;
 
     void MakeTables();
     void MakeFactors();
-    uint32_t ReadSpreadRow(uint32_t y, uint16_t* samples) const;
+    void ReadSpreadRow(uint32_t y, uint16_t* samples) const;
     void ReadYuvRow(uint32_t y, uint16_t* luma, uint16_t* chroma, uint16_t* values) const;
     void ReadBayerRow(uint32_t y, HeldRows& held, uint16_t* values) const;
     void MixPixel(uint32_t x, uint32_t y, const HeldRows& held, uint16_t* values) const;
 
     const Dump& m_dump;
     const Look m_look;
-    mutable std::atomic<uint64_t> m_excessive{0};
     std::vector<uint16_t> m_tables[3];  // brightness of each sample, for each colour
     // Fixed-point factors of the YUV conversion.
     int64_t m_luma = 0, m_redV = 0, m_greenU = 0, m_greenV = 0, m_blueU = 0;

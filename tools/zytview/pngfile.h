@@ -1,12 +1,11 @@
 #ifndef ZYTVIEW_PNGFILE_H
 #define ZYTVIEW_PNGFILE_H
 
-#include <string>
-
+#include "outputfile.h"
 #include "picture.h"
 #include "workers.h"
 
-/// Writes a PNG file. On failure throws WriteError; an old file at the path stays.
-void WritePng(const std::string& path, const Rows& rows, Workers& workers);
+/// Writes the rows as a PNG.
+void WritePng(OutputFile& file, const Rows& rows, Workers& workers);
 
 #endif  // ZYTVIEW_PNGFILE_H

@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstdio>
-#include <exception>
 #include <mutex>
+#include <new>
 #include <thread>
 
 #include "logging/zytlogutil.h"
@@ -21,18 +23,29 @@ void Workers::Begin(const std::string& name) {
     m_start = std::chrono::steady_clock::now();
 }
 
-void Workers::ForRows(uint32_t first, uint32_t end, const std::function<void(uint32_t, uint32_t)>& work) {
-    std::exception_ptr failure;
+void Workers::ForBands(uint32_t first, uint32_t end, const Work& work, uint32_t bands) {
+    std::atomic<bool> isOutOfMemory{false};
     std::mutex lock;
-    zyt::ParallelRows(m_pool, end - first, [&](uint32_t from, uint32_t to) {
+    std::condition_variable turn;
+    uint32_t next = 0;
+    const auto process = [&](uint32_t from, uint32_t to) {
+        std::function<void()> finish;
         try {
-            work(first + from, first + to);
-        } catch (...) {
-            const std::lock_guard<std::mutex> guard(lock);
-            failure = std::current_exception();
+            if (!isOutOfMemory) finish = work(first + from, first + to);
+        } catch (const std::bad_alloc&) {
+            isOutOfMemory = true;
         }
-    });
-    if (failure) std::rethrow_exception(failure);
+        // Bands begin in ascending order, so another thread has each band above.
+        std::unique_lock<std::mutex> guard(lock);
+        turn.wait(guard, [&] { return next == from; });
+        if (!isOutOfMemory) finish();
+        Show(next = to, end - first);
+        turn.notify_all();
+    };
+    zyt::ParallelRows(m_pool, end - first, process, bands > 0 ? bands : std::clamp((end - first) / 64, 1u, 32u));
+    if (m_shown > 0) std::fputs("\r\033[K", stderr);
+    m_shown = 0;
+    if (isOutOfMemory) throw std::bad_alloc();
 }
 
 void Workers::Show(uint32_t done, uint32_t total) {
@@ -41,9 +54,4 @@ void Workers::Show(uint32_t done, uint32_t total) {
     if (percent + 1 == m_shown) return;
     m_shown = percent + 1;
     std::fprintf(stderr, "\r%s %u %%\033[K", m_name.c_str(), percent);
-}
-
-void Workers::Clear() {
-    if (m_shown > 0) std::fputs("\r\033[K", stderr);
-    m_shown = 0;
 }

@@ -11,22 +11,23 @@
 /// Processes rows on all processors. On a terminal, shows the progress of work that takes longer than a second.
 class Workers {
 public:
+    /// Processes the rows from `from` to `to` - 1, on any thread. Returns what remains to be done in order. Throws
+    /// nothing but std::bad_alloc.
+    using Work = std::function<std::function<void()>(uint32_t from, uint32_t to)>;
+
     Workers();
 
-    /// Starts a new piece of work; `name` is shown with its progress.
+    /// Starts to process a dump; `name` is shown with the progress.
     void Begin(const std::string& name);
 
-    /// Calls work for bands of the rows from first to end - 1, in any order, and returns when all are done. Rethrows an
-    /// exception of work.
-    void ForRows(uint32_t first, uint32_t end, const std::function<void(uint32_t from, uint32_t to)>& work);
-
-    /// Shows the progress.
-    void Show(uint32_t done, uint32_t total);
-
-    /// Removes the progress from the terminal.
-    void Clear();
+    /// Calls work for bands of the rows from first to end - 1, and what it returned for one band after the other from
+    /// top to bottom. Returns when all are done. Throws std::bad_alloc. By default a band has at least 64 rows and at
+    /// most a 32nd of them.
+    void ForBands(uint32_t first, uint32_t end, const Work& work, uint32_t bands = 0);
 
 private:
+    void Show(uint32_t done, uint32_t total);
+
     ZYTThreadPool m_pool;
     std::string m_name;
     const bool m_isTerminal;

@@ -1,0 +1,103 @@
+#include "profile.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+double Median(std::vector<double> values) {
+    if (values.empty()) return 0;
+    std::sort(values.begin(), values.end());
+    return (values[(values.size() - 1) / 2] + values[values.size() / 2]) / 2;
+}
+
+void Finish(Profile& profile) {
+    const size_t count = profile.means.size();
+    std::vector<double> amounts;
+    for (size_t i = 0; i < count; ++i) {
+        const size_t first = std::min(i - std::min<size_t>(i, 2), count - std::min<size_t>(count, 5));
+        std::vector<double> others;
+        for (size_t j = first; j < std::min(first + 5, count); ++j) {
+            if (j != i) others.push_back(profile.means[j]);
+        }
+        profile.differences.push_back(others.empty() ? 0 : profile.means[i] - Median(others));
+        amounts.push_back(std::abs(profile.differences[i]));
+    }
+    profile.spread = 1.4826 * Median(amounts);
+}
+
+std::string List(const std::vector<double>& numbers) {
+    std::string list;
+    for (const double number : numbers) list += Text("%s%.6f", list.empty() ? "[" : ", ", number);
+    return (list.empty() ? "[" : list) + "]";
+}
+
+}  // namespace
+
+bool Profile::IsOutlier(size_t i) const {
+    return std::abs(differences[i]) > 5 * spread && std::abs(differences[i]) > mean / 100;
+}
+
+std::vector<Cell> Profile::Cells() const {
+    uint64_t count = 0;
+    std::string outliers, all;
+    for (size_t i = 0; i < at.size(); ++i) {
+        all += (i == 0 ? "" : ", ") + std::to_string(at[i]);
+        if (IsOutlier(i)) outliers += (count++ == 0 ? "" : ", ") + std::to_string(at[i]);
+    }
+    return {{"mean", 11, Text("%.2f", mean), "mean", Text("%.6f", mean)},
+            {"spread", 11, Text("%.3f", spread), "spread", Text("%.6f", spread)},
+            {"outliers", 10, std::to_string(count), "outliers", "[" + outliers + "]"},
+            {nullptr, 0, "", "at", "[" + all + "]"},
+            {nullptr, 0, "", "means", List(means)},
+            {nullptr, 0, "", "differences", List(differences)}};
+}
+
+std::vector<Profile> MakeProfiles(const Dump& dump, const Rect& part, bool ofColumns, Workers& workers) {
+    struct Sum {
+        uint64_t sum = 0;
+        uint64_t samples = 0;
+    };
+    std::vector<std::vector<Sum>> sums(ChannelNames(dump, {}).size(),
+                                       std::vector<Sum>(ofColumns ? dump.Width() : dump.Height()));
+    workers.ForBands(part.y, part.y + part.height, [&](uint32_t from, uint32_t to) -> std::function<void()> {
+        // A row is in one band only, except for the chroma of two rows, which is read once.
+        const uint32_t begin = ofColumns ? 0 : from & ~1u;
+        const uint32_t end = ofColumns ? dump.Width() : to;
+        std::vector<std::vector<Sum>> own(sums.size(), std::vector<Sum>(end - begin));
+        LineReader reader(dump, part);
+        for (uint32_t y = from; y < to; ++y) {
+            for (const Line& line : reader.Read(y)) {
+                for (uint32_t i = 0; i < line.count; ++i) {
+                    Sum& sum = own[line.channels[i & 1]][(ofColumns ? line.X(i) : line.y) - begin];
+                    sum.sum += line.samples[i];
+                    ++sum.samples;
+                }
+            }
+        }
+        return [&sums, begin, own = std::move(own)] {
+            for (size_t channel = 0; channel < own.size(); ++channel) {
+                for (size_t i = 0; i < own[channel].size(); ++i) {
+                    sums[channel][begin + i].sum += own[channel][i].sum;
+                    sums[channel][begin + i].samples += own[channel][i].samples;
+                }
+            }
+        };
+    });
+    std::vector<Profile> profiles(sums.size());
+    for (size_t channel = 0; channel < sums.size(); ++channel) {
+        Profile& profile = profiles[channel];
+        Sum all;
+        for (uint32_t i = 0; i < sums[channel].size(); ++i) {
+            const Sum& one = sums[channel][i];
+            if (one.samples == 0) continue;
+            profile.at.push_back(i);
+            profile.means.push_back(static_cast<double>(one.sum) / static_cast<double>(one.samples));
+            all.sum += one.sum;
+            all.samples += one.samples;
+        }
+        if (all.samples > 0) profile.mean = static_cast<double>(all.sum) / static_cast<double>(all.samples);
+        Finish(profile);
+    }
+    return profiles;
+}
