@@ -16,7 +16,7 @@ case "${1-}" in
     *) failure=2; die 'usage: bench.sh [--update-docs]' ;;
 esac
 
-need g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev libboost-dev libpng-dev ffmpeg
+need g++ make cmake binutils python3 libbenchmark-dev libspdlog-dev libyuv-dev libboost-dev zlib1g-dev ffmpeg
 
 build bench
 strip -o "$folder/libzyttools.stripped.so" "$folder/common/tools/libzyttools.so"

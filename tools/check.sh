@@ -10,7 +10,7 @@ source tools/need.sh
 # In order of execution; steps that find the most in the least time come first.
 all_steps=(format shell soong docs gcc strict exports demo exits initializers clang tidy aosp fma address thread)
 # The packages of each step; by default those of the suite.
-build_packages='g++ cmake make googletest libpng-dev'
+build_packages='g++ cmake make googletest zlib1g-dev'
 suite_packages="$build_packages ffmpeg pkgconf"
 clang_packages='clang libc++-14-dev libc++abi-14-dev'
 declare -A packages=(
