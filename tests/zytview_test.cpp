@@ -169,6 +169,11 @@ constexpr const char* kShown[] = {
     "l_5x1_Y16.raw|--gain auto --black 500 --crop 4x1+1+0|w 0 1000 1000 2000 9999|3450 3450 10349 65535",
     "l_2x2_NV12.raw|--black 10 --gain 2|b 10 60 110 20 128 128|0 0 0 100 100 100 200 200 200 20 20 20",
     "l_2x2_NV12.raw|--range limited --gain auto|b 10 60 110 20 128 128|0 0 0 128 128 128 255 255 255 26 26 26",
+    "c_6x1_Raw10.raw|--gain 2 --curve srgb|w 0 1 3 256 512 1023|0 1655 4521 48213 65535 65535",
+    // Saturated samples are white; red and blue would be brighter than green otherwise.
+    "w_4x2_Raw10.raw|--black 64 --bayer rggb --white auto --gain auto|w 264 464 1023 1023 464 364 1023 1023|"
+    "16026 27335 22129 40781 27335 22129 65535 52802 43832 65535 65535 65535 "
+    "16026 27335 22129 40781 40068 22129 65535 65535 43832 65535 65535 65535",
     // Red 100, green 200 and 400, blue 600.
     "w_2x2_Raw10.raw|--black 64 --bayer rggb --white 2,1,0.5|w 164 264 464 664|"
     "12812 19219 19218 12812 12812 19218 12812 25625 19218 12812 19219 19218",
@@ -217,6 +222,19 @@ constexpr const char* kTold[] = {
     "n_9x1_Y16.raw|--histogram @bars.PNG|w 0 0 650 650 650 650 6500 65535 65535|bars.PNG\n",
     "n_3x1_Raw10.raw|--bayer gbrg --scale 1/2|w 7 1024 1023|samples of more than 10 bits, shown as the largest value: "
     "1\n",
+    // Of 1025 and 1030 within the crop, 1025 is not cut.
+    "n_4x1_Raw10.raw|--crop 3x1+1+0 --black 4|w 4095 1025 7 1030|1_Raw10.raw: samples of more than 10 bits, shown as "
+    "the largest value: 1\n",
+    "n_3x3_NV12.raw|--pixel 1,1|b 0 1 2 3 4 5 6 7 8 50 60 9|U at 0,0 is 50\n              0       2\n      0    [50]"
+    "      -\n      2      -       -\n",
+    "n_3x3_NV12.raw|--pixel 2,2 --json|b 0 1 2 3 4 5 6 7 8 50 60 9|"
+    R"(NV12.raw", "x": 2, "y": 2, "channel": "Y", "samples": {"Y": 8, "U": null, "V": null}})",
+    "n_5x2_Y16.raw|--profile columns|w 100 101 160 100 100 100 101 100 100 100|"
+    "\nY            106.20      0.741         1\nY column 2: mean 130.00, +30.00 from its neighbours\n",
+    "n_2x6_Raw10.raw|--profile rows --json|w 1 2 3 4 3 4 3 4 1 5 9 9|"
+    R"("0,1": {"mean": 5.000000, "spread": 4.447800, "outliers": [], "at": [1, 3, 5], "means": [3.000000, 3.000000, )"
+    R"(9.000000], "differences": [-3.000000, -3.000000, 6.000000]})",
+    "\xff\"_2x1_Y16.raw|--json|w 1 2|\uFFFD\\\"_2x1_Y16.raw\", \"width\": 2",
     "d_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw|w 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16|\n1,1                0 (  0.00%)",
     // 10 * log10(1023^2 * 4 / (40^2 + 60^2)), and with 60 twice.
     "e_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw --bayer grbg --json|w 1 2 3 4 45 6 67 68 9 10 11 12 13 74 15 16|"
@@ -224,6 +242,12 @@ constexpr const char* kTold[] = {
     "e_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw --bayer grbg|w 1 2 3 4 45 6 67 68 9 10 11 12 13 74 15 16|"
     "\nB                  2 ( 50.00%)        60    +25.00           2,1     29.06"
     "\nGb                 2 ( 50.00%)        60    +30.00           3,1     27.64\n",
+    "d_4x4_Raw10.raw|--diff @e_4x4_Raw10.raw --tolerance 60|w 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16|"
+    "\n0,1                0 (  0.00%)        60    -25.00           2,1     29.06",
+    // Bits below the sample of P010.
+    "n_1x1_P010.raw|--stats|w 64|channel",
+    "zz_1x1_P010.raw|--diff @n_1x1_P010.raw|w 65|\nY                  1 (100.00%)         0     +0.00           0,0    "
+    "   inf\n",
     "y_2x4_NV12.raw|--stats|b 1 1 1 1 1 1 1 1 5 5 5 5|channel",
     "z.bin|--diff @y_2x4_NV12.raw --size 2x4 --format nv12 --crop 2x1+0+3|b 1 1 1 1 1 1 1 1 5 5 5 7|"
     "\nV                  1 (100.00%)         2     +2.00           0,2     42.11\n",
@@ -273,6 +297,19 @@ constexpr const char* kRefused[] = {
     "x_1x1_Raw121.raw||w 1|no format in the name",
     "x_2x1_Raw10.png||w 1 2|x_2x1_Raw10.png would replace the dump",
     "x_2x1_Raw10.raw|@missing_2x1_Raw10.raw --diff|w 1 2|missing_2x1_Raw10.raw: No such file or directory",
+    "x_2x1_Raw10.raw|--diff=|w 1 2|--diff is a dump, not ''",
+    "x_2x1_Raw10.raw|--histogram=|w 1 2|--histogram is a name for a PNG, such as x.png, not ''",
+    "x_2x1_Raw10.raw|--npy=|w 1 2|--npy is a file",
+    "x_2x1_Raw10.raw|--tolerance 1|w 1 2|--tolerance goes with --diff",
+    "x_2x1_Raw10.raw|--profile both|w 1 2|--profile is rows or columns, not 'both'",
+    "x_2x1_Raw10.raw|--profile rows --diff @x_2x1_Raw10.raw|w 1 2|--diff does not go with --profile",
+    "x_2x1_Raw10.raw|--stats --gain 2|w 1 2|--gain is for a picture of the dump, and none is written",
+    "x_2x1_Raw10.raw|--json --curve srgb|w 1 2|--curve is for a picture",
+    "y_1x1_NV12.raw|--curve srgb|b 1|y_1x1_NV12.raw: --curve is for raw formats and Y16, not for YUV420NV12",
+    "y_1x1_NV12.raw|--bayer rggb|b 1|y_1x1_NV12.raw: --bayer is for raw formats, not for YUV420NV12",
+    "x_2x1_Raw10.raw|--histogram - --npy -|w 1 2|only one file can be written to the standard output",
+    "x_2x1_Raw10.raw|--npy @./x_2x1_Raw10.raw|w 1 2|/./x_2x1_Raw10.raw would replace the dump",
+    "x_1x1_Y16.raw||b 1|expected 2 bytes for 1x1 Y16, found 1",
 };
 
 TEST_F(ZytView, SaysWhatIsWrongAndLosesNothing) {
@@ -294,11 +331,79 @@ TEST_F(ZytView, SaysWhatIsWrongAndLosesNothing) {
     EXPECT_EQ(several.exitCode, 2);
     EXPECT_THAT(several.output, AllOf(HasSubstr("/y_1x2_Raw10.png  1x2 Raw10\n"), HasSubstr("found 17\n"),
                                       HasSubstr("/y_1x2_Raw10.png would replace what was written")));
+    // Names are those of files; a dump that fails, here an empty one, takes no name.
+    const std::string npy = m_dir / "./view.png";
+    EXPECT_THAT(Run("--npy " + m_png + " " + raw + " " + npy).output,
+                HasSubstr(npy + " would replace what was written"));
+    const std::string first = NewDump("a_0.1_1x1_Y16", ""), second = NewDump("a_0.2_1x1_Y16", "12");
+    EXPECT_THAT(
+        Run(NewDump("a_1x1_Y16.bin", "") + " " + NewDump("a_1x1_Y16.raw", "12") + " " + first + " " + second).output,
+        AllOf(HasSubstr("/a_1x1_Y16.png  1x1"), HasSubstr(first + ": expected"), HasSubstr(second + ".png  1x1")));
     // A user's file with the name of a temporary one stays, and an unfinished PNG leaves no file.
     const std::string part = NewDump("new.png.part", ReadFile(raw));
     EXPECT_EQ(Run("--size 2x1 --format raw10 " + part + " " + (m_dir / "new.png")).output, m_dir / "new.png\n");
     EXPECT_EQ(ReadFile(part), ReadFile(raw));
     for (const auto& entry : std::filesystem::directory_iterator(m_dir.Path())) {
         EXPECT_EQ(entry.path().string().find(".zytview"), std::string::npos) << entry.path();
+    }
+}
+
+// Each step prints its status. While nobody reads the pipe, zytview cannot end.
+constexpr const char* kSteps = R"sh(
+noise() { head -c 4194304 /dev/urandom >noise_2048x1024_Raw16.raw; }
+mkfifo pipe && noise
+"$view" noise_2048x1024_Raw16.raw pipe & { head -c 9; : >noise_2048x1024_Raw16.raw; cat; } <pipe >/dev/null
+wait $!; echo "shortened $?"; noise
+(trap '' TERM; exec "$view" --npy pipe noise_2048x1024_Raw16.raw) & { head -c 9; kill -TERM $!; cat; } <pipe >/dev/null
+wait $!; echo "ignored $?"
+ulimit -c 0; set -m; truncate -s 1G long_131072x4096_Raw16.raw
+"$view" long_131072x4096_Raw16.raw & until compgen -G '.zytview-*' >/dev/null; do sleep 0.01; done; kill -QUIT $!
+wait $! 2>/dev/null; echo "quit $? $(compgen -G '.zytview-*')"
+"$view" --help >/dev/full; echo "lost $?"
+"$view" --diff noise_2048x1024_Raw16.raw noise_2048x1024_Raw16.raw >/dev/full; echo "lost $?"
+"$view" --json noise_2048x1024_Raw16.raw x.png | grep -cv '^{'
+)sh";
+
+TEST_F(ZytView, EndsAsAProgramShould) {
+    const auto built = std::filesystem::canonical("/proc/self/exe").parent_path().parent_path();
+    const std::string view = (built / "tools/zytview/zytview").string();
+    zyttest::WriteFile(m_dir / "steps", "cd " + m_dir.Path() + "\nview=" + view + kSteps);
+    EXPECT_EQ(zyttest::RunCommand("bash " + (m_dir / "steps")).output,
+              "zytview: noise_2048x1024_Raw16.raw became shorter while it was read\nshortened 2\npipe\nignored 0\n"
+              "quit 131 \nzytview: cannot write the standard output: No space left on device\nlost 1\n"
+              "zytview: cannot write the standard output: No space left on device\nlost 2\nx.png\n0\n");
+}
+
+TEST_F(ZytView, ReadsRandomDumpsInEveryMode) {
+    for (const zyt::FormatLayout& layout : zyt::kFormatLayouts) {
+        const unsigned int width = 4 * RandomSamples(1, 1, 9)[0], height = 2 * RandomSamples(1, 1, 19)[0],
+                           luma = width * height;
+        Samples samples = RandomSamples(luma * (layout.HasChroma() ? 3 : 2) / 2, 0, (1u << layout.bits) - 1);
+        if (!layout.HasChroma()) samples.resize(luma);
+        const std::string name = std::to_string(width) + "x" + std::to_string(height) + "_" + layout.name;
+        const std::string dump = NewDump(name, Pack(samples, *zyt::FindFormat(layout.name))), npy = m_dir / "npy";
+        const std::string numbers = Run("--json --stats --pixel 1,1 --profile columns --histogram " + m_png +
+                                        " --npy " + npy + " " + dump + " " + (m_dir / "curves.png"))
+                                        .output;
+        EXPECT_EQ(std::count(numbers.begin(), numbers.end(), '\n'), 6) << "three objects and three files: " << numbers;
+        EXPECT_EQ(Run("--profile rows --stats --crop 3x1+1+1 " + dump).exitCode, 0);
+        EXPECT_EQ(Run("--diff " + dump + " " + dump + " " + m_png).exitCode, 0);
+        std::string shape = std::to_string(height) + ", " + std::to_string(width);
+        if (layout.HasChroma()) {
+            shape = std::to_string(samples.size()) + ",";
+            const Samples pairs(samples.begin() + luma, samples.end());
+            const bool isVFirst = name.find("NV21") != name.npos;
+            for (size_t i = 0; i < pairs.size(); ++i) {
+                samples[luma + i / 2 + ((i % 2 == 1) != isVFirst ? pairs.size() / 2 : 0)] = pairs[i];
+            }
+        }
+        const std::string body = layout.bits > 8 ? Pack(samples) : std::string(samples.begin(), samples.end());
+        const std::string content = ReadFile(npy);
+        ASSERT_GT(content.size(), body.size());
+        const std::string head = content.substr(0, content.size() - body.size());
+        EXPECT_THAT(head, HasSubstr(layout.bits > 8 ? "{'descr': '<u2', " : "{'descr': '|u1', "));
+        EXPECT_THAT(head, HasSubstr("'fortran_order': False, 'shape': (" + shape + "), }"));
+        EXPECT_EQ(head.size() % 64, 0u);
+        EXPECT_TRUE(content == head + body) << dump;
     }
 }
