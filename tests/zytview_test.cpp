@@ -301,7 +301,7 @@ constexpr const char* kRefused[] = {
     "x_2x1_Raw10.raw|--histogram=|w 1 2|--histogram is a name for a PNG, such as x.png, not ''",
     "x_2x1_Raw10.raw|--npy=|w 1 2|--npy is a file",
     "x_2x1_Raw10.raw|--tolerance 1|w 1 2|--tolerance goes with --diff",
-    "x_2x1_Raw10.raw|--profile both|w 1 2|--profile is rows or columns, not 'both'",
+    "x_2x1_Raw10.raw|--profile both|w 1 2|--profile is rows|columns, not 'both'",
     "x_2x1_Raw10.raw|--profile rows --diff @x_2x1_Raw10.raw|w 1 2|--diff does not go with --profile",
     "x_2x1_Raw10.raw|--stats --gain 2|w 1 2|--gain is for a picture of the dump, and none is written",
     "x_2x1_Raw10.raw|--json --curve srgb|w 1 2|--curve is for a picture",

@@ -1,18 +1,15 @@
 #include "dump.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <map>
 
 #include "nodekit/rawpixels.h"
-#include "outputfile.h"
 #include "text.h"
 
 namespace {
@@ -59,21 +56,15 @@ std::map<uint64_t, Shape> Shapes(const Geometry& geometry, const zyt::FormatLayo
     return shapes;
 }
 
-std::atomic<const Dump*> g_open[2];
-
 }  // namespace
 
-Dump::Dump(const std::string& path, ZYTFormat format)
+Dump::Dump(const std::string& path, const Geometry& geometry)
     : m_path(path),
-      m_shortened(path + " became shorter while it was read"),
-      m_format(format),
-      m_layout(*zyt::FindFormatLayout(format)) {}
-
-Dump::Dump(const std::string& path, const Geometry& geometry) : Dump(path, *geometry.format) {
-    // From here on the destructor cleans up.
-    const auto rowBytes = static_cast<uint32_t>(m_layout.RowBytes(geometry.width));
-    m_width = geometry.width;
-    m_height = geometry.height;
+      m_format(*geometry.format),
+      m_layout(*zyt::FindFormatLayout(m_format)),
+      m_width(geometry.width),
+      m_height(geometry.height) {
+    const auto rowBytes = static_cast<uint32_t>(m_layout.RowBytes(m_width));
     m_stride = geometry.stride.value_or(rowBytes);
     const uint32_t sliceHeight = geometry.sliceHeight.value_or(m_height);
     const auto refuseLess = [&](const char* what, uint32_t value, uint32_t least, const char* of) {
@@ -84,21 +75,19 @@ Dump::Dump(const std::string& path, const Geometry& geometry) : Dump(path, *geom
     refuseLess("slice height", sliceHeight, m_height, "rows of the picture");
     m_chroma = uint64_t{m_stride} * sliceHeight;
 
-    const auto refuseUnread = [&](bool isRead) {
-        if (!isRead) throw BadInput("cannot read " + path + ": " + std::strerror(errno));
-    };
     struct stat status {};
-    refuseUnread((m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) >= 0 && fstat(m_fd, &status) == 0);
+    m_file.number = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a pipe must not wait for its writer
+    if (m_file.number < 0 || fstat(m_file.number, &status) != 0) m_error = errno;
+    Check();
     if (!S_ISREG(status.st_mode)) throw BadInput(path + " is not a regular file");
-    m_length = static_cast<uint64_t>(status.st_size);
+    const auto size = static_cast<uint64_t>(status.st_size);
     const std::map<uint64_t, Shape> shapes = Shapes(geometry, m_layout, rowBytes, m_stride, sliceHeight);
-    const auto shape = shapes.find(m_length);
+    const auto shape = shapes.find(size);
     if (shape == shapes.end()) {
         std::string lengths;
         for (const auto& [length, unused] : shapes) lengths += (lengths.empty() ? "" : " or ") + std::to_string(length);
-        const bool mayBePadded = m_length > shapes.rbegin()->first && !geometry.stride && !geometry.sliceHeight;
-        throw BadInput(path + ": expected " + lengths + " bytes for " + Describe() + ", found " +
-                       std::to_string(m_length) +
+        const bool mayBePadded = size > shapes.rbegin()->first && !geometry.stride && !geometry.sliceHeight;
+        throw BadInput(path + ": expected " + lengths + " bytes for " + Describe() + ", found " + std::to_string(size) +
                        (mayBePadded ? "; if the file is padded, give --stride and --slice-height" : ""));
     }
     m_chromaRows = shape->second.chromaRows;
@@ -106,46 +95,15 @@ Dump::Dump(const std::string& path, const Geometry& geometry) : Dump(path, *geom
         m_stride = m_width;
         m_width /= 2;
     }
-    void* const bytes = mmap(nullptr, m_length, PROT_READ, MAP_PRIVATE, m_fd, 0);
-    refuseUnread(bytes != MAP_FAILED);
-    m_bytes = static_cast<const unsigned char*>(bytes);
-
-    struct sigaction action {};
-    action.sa_sigaction = OnBusError;
-    action.sa_flags = SA_SIGINFO;
-    sigaction(SIGBUS, &action, nullptr);
-    g_open[g_open[0] != nullptr] = this;
 }
 
-Dump::~Dump() {
-    for (auto& open : g_open) {
-        if (open == this) open = nullptr;
-    }
-    if (m_bytes != nullptr) munmap(const_cast<unsigned char*>(m_bytes), m_length);
-    if (m_fd >= 0) close(m_fd);
+Dump::Descriptor::~Descriptor() {
+    if (number >= 0) close(number);
 }
 
-void Dump::OnBusError(int, siginfo_t* info, void*) {
-    static std::atomic_flag isTold = ATOMIC_FLAG_INIT;
-    const auto* const at = static_cast<const unsigned char*>(info->si_addr);
-    for (const Dump* const dump : g_open) {
-        if (dump == nullptr || at < dump->m_bytes || at >= dump->m_bytes + dump->m_length) continue;
-        while (isTold.test_and_set()) pause();  // another thread is about to end the process
-        OutputFile::RemoveUnfinished();
-        for (const char* const part : {"zytview: ", dump->m_shortened.c_str(), "\n"}) {
-            [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, part, std::strlen(part));
-        }
-        _exit(2);
-    }
-    std::signal(SIGBUS, SIG_DFL);  // the read is repeated, with the default action
-}
-
-void Dump::RefuseShortened() {
-    for (const Dump* const dump : g_open) {
-        struct stat status {};
-        if (dump == nullptr || fstat(dump->m_fd, &status) != 0) continue;
-        if (static_cast<uint64_t>(status.st_size) < dump->m_length) throw BadInput(dump->m_shortened);
-    }
+void Dump::Check() const {
+    if (m_error == ENODATA) throw BadInput(m_path + " became shorter while it was read");
+    if (m_error != 0) throw BadInput("cannot read " + m_path + ": " + std::strerror(m_error));
 }
 
 std::string Dump::Describe() const {
@@ -153,7 +111,15 @@ std::string Dump::Describe() const {
 }
 
 void Dump::Unpack(uint64_t offset, uint32_t count, bool asStored, uint16_t* samples) const {
-    zyt::UnpackRow(asStored && UnusedBits() > 0 ? ZYT_FORMAT_RAW16 : m_format, m_bytes + offset, count, samples);
+    thread_local std::vector<unsigned char> row;
+    row.resize(static_cast<size_t>(m_layout.RowBytes(count)));
+    // Not mapped, because a read beyond the end of a mapped file that became shorter ends the process.
+    const ssize_t length = pread(m_file.number, row.data(), row.size(), static_cast<off_t>(offset));
+    if (length != static_cast<ssize_t>(row.size())) {
+        m_error = length < 0 ? errno : ENODATA;
+        std::fill(row.begin(), row.end(), static_cast<unsigned char>(0));
+    }
+    zyt::UnpackRow(asStored && UnusedBits() > 0 ? ZYT_FORMAT_RAW16 : m_format, row.data(), count, samples);
 }
 
 void Dump::ReadRow(uint32_t y, uint16_t* samples, bool asStored) const {

@@ -1,7 +1,7 @@
 #ifndef ZYTVIEW_DUMP_H
 #define ZYTVIEW_DUMP_H
 
-#include <csignal>
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,16 +26,12 @@ struct Rect {
     uint32_t height = 0;
 };
 
-/// A memory-mapped dump file. Thread-safe. A read beyond the end of a file that has become shorter ends the process
-/// with one line and status 2. At most two exist at a time.
+/// A dump file. Thread-safe.
 class Dump {
 public:
-    /// Maps the file. Throws BadInput when it cannot be read, or when its length does not match the geometry.
+    /// Opens the file. Throws BadInput when it cannot be read, or when its length does not match the geometry.
     /// REQUIRES: the geometry has a format and a size.
     Dump(const std::string& path, const Geometry& geometry);
-    ~Dump();
-    Dump(const Dump&) = delete;
-    Dump& operator=(const Dump&) = delete;
 
     const std::string& Path() const { return m_path; }
     ZYTFormat Format() const { return m_format; }
@@ -63,26 +59,27 @@ public:
     /// there is none.
     void ReadChroma(uint32_t y, uint16_t* samples, bool asStored = false) const;
 
-    /// Throws BadInput when an open dump has become shorter: within the last page a read does not notice.
-    static void RefuseShortened();
+    /// Throws BadInput when a row could not be read, for example because the file became shorter. Such a row is zero.
+    void Check() const;
 
 private:
-    Dump(const std::string& path, ZYTFormat format);
-    static void OnBusError(int signal, siginfo_t* info, void* context);
+    struct Descriptor {
+        ~Descriptor();
+        int number = -1;
+    };
+
     void Unpack(uint64_t offset, uint32_t count, bool asStored, uint16_t* samples) const;
 
     const std::string m_path;
-    const std::string m_shortened;  // the line that tells so
     const ZYTFormat m_format;
     const zyt::FormatLayout& m_layout;
-    uint32_t m_width = 0;
-    uint32_t m_height = 0;
+    uint32_t m_width;
+    uint32_t m_height;
     uint32_t m_stride = 0;
     uint64_t m_chroma = 0;  // offset of the second plane
     uint32_t m_chromaRows = 0;
-    int m_fd = -1;
-    const unsigned char* m_bytes = nullptr;
-    uint64_t m_length = 0;
+    Descriptor m_file;
+    mutable std::atomic<int> m_error{0};  // of a row that could not be read
 };
 
 /// Samples of one row that alternate between at most two channels.

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <sstream>
 
 #include "nodekit/dumpname.h"
 #include "outputfile.h"
@@ -106,12 +107,17 @@ std::vector<std::string> Split(std::string text, const std::string& separators) 
     return parts;
 }
 
-// Sets the index of value among words.
+// Sets the index of value among words, which are separated by '|'.
 template <typename Index>
-bool Choose(const std::string& value, const std::vector<std::string>& words, Index& index) {
-    const auto found = std::find(words.begin(), words.end(), value);
-    index = static_cast<uint32_t>(found - words.begin());
-    return found != words.end();
+bool Choose(const std::string& value, const std::string& words, Index& index) {
+    std::istringstream stream(words);
+    uint32_t i = 0;
+    for (std::string word; std::getline(stream, word, '|'); ++i) {
+        if (word != value) continue;
+        index = i;
+        return true;
+    }
+    return false;
 }
 
 bool SetWhite(Options& options, const std::string& value) {
@@ -162,38 +168,20 @@ const Known kKnown[] = {
      [](Options& o, Value v) { return ReadNumber(v, 1, kMaxNumber, o.geometry.stride); }},
     {"slice-height", "a number from 1 to 999999999",
      [](Options& o, Value v) { return ReadNumber(v, 1, kMaxNumber, o.geometry.sliceHeight); }},
-    {"matrix", "bt601 or bt709",
-     [](Options& o, Value v) {
-         return Choose(v, {"bt601", "bt709"}, o.matrix);
-     }},
-    {"range", "full or limited",
-     [](Options& o, Value v) {
-         return Choose(v, {"full", "limited"}, o.range);
-     }},
-    {"bayer", "rggb or grbg or gbrg or bggr",
-     [](Options& o, Value v) {
-         return Choose(v, {"rggb", "grbg", "gbrg", "bggr"}, o.bayer);
-     }},
+    {"matrix", "bt601|bt709", [](Options& o, Value v) { return Choose(v, "bt601|bt709", o.matrix); }},
+    {"range", "full|limited", [](Options& o, Value v) { return Choose(v, "full|limited", o.range); }},
+    {"bayer", "rggb|grbg|gbrg|bggr", [](Options& o, Value v) { return Choose(v, "rggb|grbg|gbrg|bggr", o.bayer); }},
     {"white", "auto or R,G,B, such as 1.9,1,1.6", SetWhite},
     {"black", "a sample from 0 to 65534", [](Options& o, Value v) { return ReadNumber(v, 0, 65534, o.levels.black); }},
     {"gain", "auto or a number from 0 to 65535",
      [](Options& o, Value v) { return (o.levels.isGainAuto = v == "auto") || ReadFraction(v, o.levels.gain); }},
-    {"curve", "none or srgb",
-     [](Options& o, Value v) {
-         return Choose(v, {"none", "srgb"}, o.curve);
-     }},
+    {"curve", "none|srgb", [](Options& o, Value v) { return Choose(v, "none|srgb", o.curve); }},
     {"crop", "WxH+X+Y, such as 640x480+100+50", SetCrop},
-    {"scale", "1/1 or 1/2 or 1/4 or 1/8",
-     [](Options& o, Value v) {
-         return Choose(v, {"1/1", "1/2", "1/4", "1/8"}, o.scale);
-     }},
+    {"scale", "1/1|1/2|1/4|1/8", [](Options& o, Value v) { return Choose(v, "1/1|1/2|1/4|1/8", o.scale); }},
     {"pixel", "X,Y, such as 100,50", SetPixel},
     {"diff", "a dump", [](Options& o, Value v) { return !(o.other = v).empty(); }},
     {"tolerance", "a number from 0 to 65535", [](Options& o, Value v) { return ReadNumber(v, 0, 65535, o.tolerance); }},
-    {"profile", "rows or columns",
-     [](Options& o, Value v) {
-         return Choose(v, {"rows", "columns"}, o.profile);
-     }},
+    {"profile", "rows|columns", [](Options& o, Value v) { return Choose(v, "rows|columns", o.profile); }},
     {"histogram", "a name for a PNG, such as x.png", [](Options& o, Value v) { return IsPngName(o.histogram = v); }},
     {"npy", "a file, or - for the standard output", [](Options& o, Value v) { return !(o.npy = v).empty(); }},
     {"stats", nullptr, nullptr},
