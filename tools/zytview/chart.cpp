@@ -122,7 +122,7 @@ void DrawPanel(Canvas& canvas, uint32_t top, const std::string& name, const Coun
     bar(kLeft + kColumns + 2, kBar - 2, clippedHigh, kAlarm);
 }
 
-// Draws the curve of the differences; a column of pixels reaches from the least to the largest difference in it.
+// Draws the curve of the differences, filled to zero.
 void DrawCurve(Canvas& canvas, uint32_t top, const std::string& name, const Profile& profile, double scale) {
     constexpr uint32_t kHalf = kPanel / 2;
     const auto count = static_cast<uint32_t>(profile.at.size());
@@ -136,14 +136,15 @@ void DrawCurve(Canvas& canvas, uint32_t top, const std::string& name, const Prof
     for (uint32_t column = 0; column < (count == 0 ? 0 : kColumns); ++column) {
         const auto first = static_cast<uint32_t>(uint64_t{column} * count / kColumns);
         const auto end = std::max(static_cast<uint32_t>(uint64_t{column + 1} * count / kColumns), first + 1);
-        uint32_t upper = UINT32_MAX, lower = 0;
+        uint32_t upper = top + kHalf, lower = top + kHalf;
         bool isOutlier = false;
         for (uint32_t i = first; i < end; ++i) {
             upper = std::min(upper, heightOf(profile.differences[i]));
             lower = std::max(lower, heightOf(profile.differences[i]));
             isOutlier |= profile.IsOutlier(i);
         }
-        canvas.Fill({kLeft + column, upper, 1, lower - upper + 2}, isOutlier ? kAlarm : ColourOf(name));
+        canvas.Fill({kLeft + column, upper, isOutlier ? 3u : 1u, lower - upper + 1},
+                    isOutlier ? kAlarm : ColourOf(name));
     }
 }
 
