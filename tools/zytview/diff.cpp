@@ -35,13 +35,13 @@ std::vector<Cell> Difference::Cells(uint32_t largestSample) const {
     const double mean = static_cast<double>(sum) / count;
     const double psnr = 10 * std::log10(static_cast<double>(largestSample) * largestSample * count / squares);
     const bool isSame = largest < 0;
-    return {
-        NumberCell(nullptr, 0, "samples", samples),
-        ShareCell("differing", 22, "differing", differing, samples),
-        NumberCell("largest", 10, "largest", static_cast<uint64_t>(std::max(largest, 0))),
-        {"mean", 10, Text("%+.2f", mean), "mean", Text("%.6f", mean)},
-        {"at", 14, isSame ? "-" : Text("%u,%u", x, y), "at", isSame ? "null" : Text("[%u, %u]", x, y)},
-        {"PSNR dB", 10, squares == 0 ? "inf" : Text("%.2f", psnr), "psnr", squares == 0 ? "null" : Text("%.6f", psnr)}};
+    return {NumberCell(nullptr, 0, "samples", samples),
+            ShareCell("differing", 22, "differing", differing, samples),
+            NumberCell("largest", 10, "largest", static_cast<uint64_t>(std::max(largest, 0))),
+            {"mean", 10, Text("%+.2f", mean), "mean", std::to_string(mean)},
+            {"at", 14, isSame ? "-" : Text("%u,%u", x, y), "at", isSame ? "null" : Text("[%u, %u]", x, y)},
+            {"PSNR dB", 10, squares == 0 ? "inf" : Text("%.2f", psnr), "psnr",
+             squares == 0 ? "null" : std::to_string(psnr)}};
 }
 
 std::vector<Difference> Compare(const Dump& one, const Dump& other, const Rect& part, uint32_t tolerance,

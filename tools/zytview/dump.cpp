@@ -110,6 +110,12 @@ std::string Dump::Describe() const {
     return std::to_string(m_width) + "x" + std::to_string(m_height) + " " + m_layout.name;
 }
 
+Rect Dump::ChromaOf(const Rect& part) const {
+    const uint32_t x = std::min(part.x / 2, ChromaPairs()), y = std::min(part.y / 2, m_chromaRows);
+    return {x, y, std::min((part.x + part.width + 1) / 2, ChromaPairs()) - x,
+            std::min((part.y + part.height + 1) / 2, m_chromaRows) - y};
+}
+
 void Dump::Unpack(uint64_t offset, uint32_t count, bool asStored, uint16_t* samples) const {
     thread_local std::vector<unsigned char> row;
     row.resize(static_cast<size_t>(m_layout.RowBytes(count)));
@@ -138,13 +144,13 @@ void Dump::ReadChroma(uint32_t y, uint16_t* samples, bool asStored) const {
 }
 
 LineReader::LineReader(const Dump& dump, const Rect& part, bool asStored)
-    : m_dump(dump), m_part(part), m_asStored(asStored), m_row(dump.Width() + 1) {
+    : m_dump(dump), m_part(part), m_chroma(dump.ChromaOf(part)), m_asStored(asStored), m_row(dump.Width() + 1) {
     Line& first = m_lines[0];
     first.x = part.x;
     first.count = part.width;
     Line& second = m_lines[1];
     second.isChroma = true;
-    second.x = part.x / 2 * 2;
+    second.x = m_chroma.x * 2;
     const bool isVFirst = dump.Format() == ZYT_FORMAT_YUV420NV21;
     second.channels[isVFirst] = 1;
     second.channels[!isVFirst] = 2;
@@ -160,13 +166,11 @@ const Line (&LineReader::Read(uint32_t y))[2] {
         for (uint32_t i : {0u, 1u}) first.channels[i] = 2 * (y & 1) + ((first.x + i) & 1);
     }
     Line& second = m_lines[1];
-    second.count = 0;
+    const bool startsChroma = (y % 2 == 0 || y == m_part.y) && y / 2 < m_chroma.y + m_chroma.height;
+    second.count = startsChroma ? m_chroma.width * 2 : 0;
     second.y = y & ~1u;
-    const bool startsChroma = y % 2 == 0 || y == m_part.y;
-    if (startsChroma && y / 2 < m_dump.ChromaRows()) {
+    if (second.count > 0) {
         m_dump.ReadChroma(y, m_row.data(), m_asStored);
-        const uint32_t end = std::min((m_part.x + m_part.width + 1) / 2, m_dump.ChromaPairs()) * 2;
-        if (second.x < end) second.count = end - second.x;
         std::copy_n(&m_row[second.x], second.count, second.samples.begin());
     }
     return m_lines;

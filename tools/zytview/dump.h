@@ -51,6 +51,9 @@ public:
     /// Returns the number of UV pairs in a chroma row, half of the width rounded down.
     uint32_t ChromaPairs() const { return m_width / 2; }
 
+    /// Returns the rows and pairs of chroma that belong to a part of the picture.
+    Rect ChromaOf(const Rect& part) const;
+
     /// Reads Width() samples of a row of the first plane; `asStored` reads containers with their unused bits.
     void ReadRow(uint32_t y, uint16_t* samples, bool asStored = false) const;
 
@@ -108,6 +111,7 @@ public:
 private:
     const Dump& m_dump;
     const Rect m_part;
+    const Rect m_chroma;
     const bool m_asStored;
     std::vector<uint16_t> m_row;
     Line m_lines[2];

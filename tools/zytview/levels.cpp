@@ -8,18 +8,14 @@ namespace {
 using Weighted = std::vector<std::pair<double, uint64_t>>;  // brightness and number of samples
 
 // Returns the brightness of the darkest or the lightest thousandth of the samples.
-double Thousandth(const Weighted& sorted, bool isLightest) {
+double Thousandth(Weighted sorted, bool isLightest) {
+    if (isLightest) std::reverse(sorted.begin(), sorted.end());
     uint64_t left = 0;
     for (const auto& [brightness, count] : sorted) left += count;
     left /= 1000;
-    if (isLightest) {
-        for (auto it = sorted.rbegin(); it != sorted.rend(); left -= (it++)->second) {
-            if (it->second > left) return it->first;
-        }
-    } else {
-        for (auto it = sorted.begin(); it != sorted.end(); left -= (it++)->second) {
-            if (it->second > left) return it->first;
-        }
+    for (const auto& [brightness, count] : sorted) {
+        if (count > left) return brightness;
+        left -= count;
     }
     return 0;
 }

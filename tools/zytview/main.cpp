@@ -3,10 +3,10 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <new>
+#include <regex>
 #include <utility>
 
 #include "chart.h"
@@ -30,13 +30,7 @@ FileId IdOf(const std::string& path) {
 
 // Returns the name of a dump's picture. An ending is letters and digits, such as ".raw"; "_0.1_640x480" has none.
 std::string PngOf(const std::string& dump) {
-    std::filesystem::path path = dump;
-    const std::string ending = path.extension();
-    const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
-    const auto isPart = [&](char c) { return isLetter(c) || (c >= '0' && c <= '9'); };
-    const bool hasEnding =
-        ending.size() > 1 && isLetter(ending[1]) && std::all_of(ending.begin() + 1, ending.end(), isPart);
-    return hasEnding ? path.replace_extension(".png").string() : dump + ".png";
+    return std::regex_replace(dump, std::regex("([^/])\\.[A-Za-z][A-Za-z0-9]*$"), "$1") + ".png";
 }
 
 // Executes one command line.
@@ -203,8 +197,8 @@ private:
         if (layout.HasChroma() || layout.IsPacked() || layout.bits == 16) return;  // no sample exceeds the largest
         const uint64_t cut = CountCut(CountsOf(dump, crop), look.levels, look.bayer, dump.LargestSample());
         if (cut == 0) return;
-        Print(stderr, prefix + Text("samples of more than %u bits, shown as the largest value: %llu\n", layout.bits,
-                                    Long(cut)));
+        Print(stderr, prefix + Text("samples of more than %u bits, shown as the largest value: ", layout.bits) +
+                          std::to_string(cut) + "\n");
     }
 
     const Options& m_options;
@@ -214,41 +208,34 @@ private:
     FILE* m_numbers = stdout;               // stderr when a file is written to the standard output
 };
 
-int Report(const char* what, int code) {
-    std::fprintf(stderr, "zytview: %s\n", what);
-    return code;
-}
-
-int Run(int argc, char** argv) {
-    const Options options = ParseOptions(argc, argv);
-    const int codeOfLoss = options.Has("diff") ? 2 : 1;
-    View view(options);
-    int worst = 0;
-    for (const std::string& dump : options.dumps) {
-        int code = 0;
-        try {
-            code = view.Show(dump);
-        } catch (const BadInput& bad) {
-            code = Report(bad.what(), 2);
-        } catch (const WriteError& failure) {
-            code = Report(failure.what(), codeOfLoss);
-        }
-        worst = std::max(worst, code);
+// Returns the exit code of work, or of its failure, which is reported in one line.
+int Try(int codeOfLoss, const std::function<int()>& work) {
+    const auto report = [](const char* what, int code) {
+        std::fprintf(stderr, "zytview: %s\n", what);
+        return code;
+    };
+    try {
+        return work();
+    } catch (const BadInput& bad) {
+        return report(bad.what(), 2);
+    } catch (const WriteError& failure) {
+        return report(failure.what(), codeOfLoss);
+    } catch (const std::bad_alloc&) {
+        return report("out of memory", 2);
     }
-    return worst;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     RemoveUnfinishedAtSignals();
-    try {
-        return Run(argc, argv);
-    } catch (const BadInput& bad) {
-        return Report(bad.what(), 2);
-    } catch (const WriteError& failure) {
-        return Report(failure.what(), 1);
-    } catch (const std::bad_alloc&) {
-        return Report("out of memory", 2);
-    }
+    return Try(1, [&] {
+        const Options options = ParseOptions(argc, argv);
+        View view(options);
+        int worst = 0;
+        for (const std::string& dump : options.dumps) {
+            worst = std::max(worst, Try(options.Has("diff") ? 2 : 1, [&] { return view.Show(dump); }));
+        }
+        return worst;
+    });
 }

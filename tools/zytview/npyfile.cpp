@@ -7,12 +7,10 @@
 void WriteNpy(OutputFile& file, const Dump& dump, const Rect& part, Workers& workers) {
     const bool isWide = dump.Layout().bits > 8;
     std::string shape = Text("%u, %u", part.height, part.width);
+    const Rect chroma = dump.ChromaOf(part);
     if (dump.Layout().HasChroma()) {
-        const uint64_t rows =
-            std::min((part.y + part.height + 1) / 2, dump.ChromaRows()) - std::min(part.y / 2, dump.ChromaRows());
-        const uint64_t pairs =
-            std::min((part.x + part.width + 1) / 2, dump.ChromaPairs()) - std::min(part.x / 2, dump.ChromaPairs());
-        shape = Text("%llu,", Long(uint64_t{part.height} * part.width + 2 * rows * pairs));
+        const uint64_t luma = uint64_t{part.height} * part.width;
+        shape = std::to_string(luma + uint64_t{2} * chroma.height * chroma.width) + ",";
     }
     // The header's length is a multiple of 64, the 10 bytes before the text included.
     std::string header =

@@ -26,10 +26,11 @@ void Finish(Profile& profile) {
     profile.spread = 1.4826 * Median(amounts);
 }
 
-std::string List(const std::vector<double>& numbers) {
+template <typename Number>
+std::string List(const std::vector<Number>& numbers) {
     std::string list;
-    for (const double number : numbers) list += Text("%s%.6f", list.empty() ? "[" : ", ", number);
-    return (list.empty() ? "[" : list) + "]";
+    for (const Number number : numbers) list += (list.empty() ? "[" : ", ") + std::to_string(number);
+    return list.empty() ? "[]" : list + "]";
 }
 
 }  // namespace
@@ -39,16 +40,14 @@ bool Profile::IsOutlier(size_t i) const {
 }
 
 std::vector<Cell> Profile::Cells() const {
-    uint64_t count = 0;
-    std::string outliers, all;
+    std::vector<uint32_t> outliers;
     for (size_t i = 0; i < at.size(); ++i) {
-        all += (i == 0 ? "" : ", ") + std::to_string(at[i]);
-        if (IsOutlier(i)) outliers += (count++ == 0 ? "" : ", ") + std::to_string(at[i]);
+        if (IsOutlier(i)) outliers.push_back(at[i]);
     }
-    return {{"mean", 11, Text("%.2f", mean), "mean", Text("%.6f", mean)},
-            {"spread", 11, Text("%.3f", spread), "spread", Text("%.6f", spread)},
-            {"outliers", 10, std::to_string(count), "outliers", "[" + outliers + "]"},
-            {nullptr, 0, "", "at", "[" + all + "]"},
+    return {RealCell("mean", 11, 2, "mean", mean),
+            RealCell("spread", 11, 3, "spread", spread),
+            {"outliers", 10, std::to_string(outliers.size()), "outliers", List(outliers)},
+            {nullptr, 0, "", "at", List(at)},
             {nullptr, 0, "", "means", List(means)},
             {nullptr, 0, "", "differences", List(differences)}};
 }
@@ -58,28 +57,25 @@ std::vector<Profile> MakeProfiles(const Dump& dump, const Rect& part, bool ofCol
         uint64_t sum = 0;
         uint64_t samples = 0;
     };
-    std::vector<std::vector<Sum>> sums(ChannelNames(dump, {}).size(),
-                                       std::vector<Sum>(ofColumns ? dump.Width() : dump.Height()));
+    using Sums = std::vector<std::vector<Sum>>;
+    Sums sums(ChannelNames(dump, {}).size(), std::vector<Sum>(ofColumns ? dump.Width() : dump.Height()));
     workers.ForBands(part.y, part.y + part.height, [&](uint32_t from, uint32_t to) -> std::function<void()> {
-        // A row is in one band only, except for the chroma of two rows, which is read once.
-        const uint32_t begin = ofColumns ? 0 : from & ~1u;
-        const uint32_t end = ofColumns ? dump.Width() : to;
-        std::vector<std::vector<Sum>> own(sums.size(), std::vector<Sum>(end - begin));
+        Sums own(sums.size(), std::vector<Sum>(sums[0].size()));
         LineReader reader(dump, part);
         for (uint32_t y = from; y < to; ++y) {
             for (const Line& line : reader.Read(y)) {
                 for (uint32_t i = 0; i < line.count; ++i) {
-                    Sum& sum = own[line.channels[i & 1]][(ofColumns ? line.X(i) : line.y) - begin];
+                    Sum& sum = own[line.channels[i & 1]][ofColumns ? line.X(i) : line.y];
                     sum.sum += line.samples[i];
                     ++sum.samples;
                 }
             }
         }
-        return [&sums, begin, own = std::move(own)] {
+        return [&sums, own = std::move(own)] {
             for (size_t channel = 0; channel < own.size(); ++channel) {
                 for (size_t i = 0; i < own[channel].size(); ++i) {
-                    sums[channel][begin + i].sum += own[channel][i].sum;
-                    sums[channel][begin + i].samples += own[channel][i].samples;
+                    sums[channel][i].sum += own[channel][i].sum;
+                    sums[channel][i].samples += own[channel][i].samples;
                 }
             }
         };

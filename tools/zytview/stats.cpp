@@ -6,33 +6,23 @@
 
 namespace {
 
-// Reads samples of one channel; the result is "-" or `none` where the file has none.
-class PixelReader {
-public:
-    PixelReader(const Dump& dump, uint32_t channel, const char* none)
-        : m_dump(dump), m_channel(channel), m_none(none), m_row(dump.Width() + 1) {}
-
-    std::string At(uint32_t x, uint32_t y) {
-        const bool isChroma = m_channel > 0;
-        if (isChroma && (x / 2 >= m_dump.ChromaPairs() || y / 2 >= m_dump.ChromaRows())) return m_none;
-        if (m_y != y && isChroma) m_dump.ReadChroma(y, m_row.data());
-        if (m_y != y && !isChroma) m_dump.ReadRow(y, m_row.data());
-        m_y = y;
-        const bool isSecond = (m_channel == 2) != (m_dump.Format() == ZYT_FORMAT_YUV420NV21);
-        return std::to_string(m_row[isChroma ? (x & ~1u) + isSecond : x]);
+// Returns a sample of the first plane (channel 0), U or V; `none` where the file has no chroma.
+std::string SampleAt(const Dump& dump, uint32_t channel, uint32_t x, uint32_t y, const char* none) {
+    std::vector<uint16_t> row(dump.Width() + 1);
+    if (channel == 0) {
+        dump.ReadRow(y, row.data());
+        return std::to_string(row[x]);
     }
+    if (x / 2 >= dump.ChromaPairs() || y / 2 >= dump.ChromaRows()) return none;
+    dump.ReadChroma(y, row.data());
+    const bool isSecond = (channel == 2) != (dump.Format() == ZYT_FORMAT_YUV420NV21);
+    return std::to_string(row[(x & ~1u) + isSecond]);
+}
 
-private:
-    const Dump& m_dump;
-    const uint32_t m_channel;  // 0 for the first plane, 1 for U and 2 for V
-    const std::string m_none;
-    std::vector<uint16_t> m_row;
-    uint32_t m_y = UINT32_MAX;
-};
-
-// Returns the numbers around a position, `step` columns and rows apart.
-std::string Block(const Dump& dump, uint32_t x, uint32_t y, uint32_t step, PixelReader& reader) {
+// Returns the numbers around a position.
+std::string Block(const Dump& dump, uint32_t channel, uint32_t x, uint32_t y) {
     constexpr uint32_t kAround = 3;
+    const uint32_t step = channel == 0 ? 1 : 2;
     const uint32_t left = x - std::min(x, kAround * step);
     const uint32_t right = std::min(x + kAround * step, dump.Width() - 1);
     std::string text = "       ";
@@ -42,8 +32,8 @@ std::string Block(const Dump& dump, uint32_t x, uint32_t y, uint32_t step, Pixel
          row += step) {
         text += Text("%7u", row);
         for (uint32_t column = left; column <= right; column += step) {
-            const bool isHere = row == y && column == x;
-            text += Text("%8s", ((isHere ? "[" : "") + reader.At(column, row) + (isHere ? "]" : " ")).c_str());
+            const std::string sample = SampleAt(dump, channel, column, row, "-");
+            text += Text("%8s", (row == y && column == x ? "[" + sample + "]" : sample + " ").c_str());
         }
         if (text.back() == ' ') text.pop_back();
         text += '\n';
@@ -113,21 +103,19 @@ std::vector<Cell> Statistics::Cells() const {
     return {NumberCell(nullptr, 0, "samples", samples),
             NumberCell("min", 8, "min", least),
             NumberCell("max", 8, "max", largest),
-            {"mean", 11, Text("%.2f", mean), "mean", Text("%.6f", mean)},
-            {"stddev", 11, Text("%.2f", deviation), "stddev", Text("%.6f", deviation)},
+            RealCell("mean", 11, 2, "mean", mean),
+            RealCell("stddev", 11, 2, "stddev", deviation),
             ShareCell("clipped low", 20, "clipped_low", clippedLow, samples),
             ShareCell("clipped high", 20, "clipped_high", clippedHigh, samples)};
 }
 
 std::string PixelText(const Dump& dump, uint32_t x, uint32_t y, const std::optional<uint32_t>& bayer) {
+    const std::vector<std::string> names = PixelNames(dump, x, y, bayer);
     std::string text;
-    uint32_t channel = 0;
-    for (const std::string& name : PixelNames(dump, x, y, bayer)) {
-        PixelReader reader(dump, channel, "-");
+    for (uint32_t channel = 0; channel < names.size(); ++channel) {
         if (channel == 1) x &= ~1u, y &= ~1u;
-        text += Text("%s at %u,%u is %s\n", name.c_str(), x, y, reader.At(x, y).c_str());
-        text += Block(dump, x, y, channel > 0 ? 2 : 1, reader);
-        ++channel;
+        text += names[channel] + Text(" at %u,%u is ", x, y) + SampleAt(dump, channel, x, y, "-") + "\n";
+        text += Block(dump, channel, x, y);
     }
     return text;
 }
@@ -137,7 +125,7 @@ std::string PixelJson(const Dump& dump, uint32_t x, uint32_t y, const std::optio
     std::string samples;
     for (uint32_t channel = 0; channel < names.size(); ++channel) {
         samples += (channel == 0 ? "" : ", ") + Quote(names[channel]) + ": ";
-        samples += PixelReader(dump, channel, "null").At(x, y);
+        samples += SampleAt(dump, channel, x, y, "null");
     }
     return Text(R"("x": %u, "y": %u, "channel": %s, "samples": {)", x, y, Quote(names[0]).c_str()) + samples + "}";
 }

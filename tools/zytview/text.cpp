@@ -63,6 +63,10 @@ Cell NumberCell(const char* title, int width, const char* key, uint64_t number) 
     return {title, width, std::to_string(number), key, std::to_string(number)};
 }
 
+Cell RealCell(const char* title, int width, int decimals, const char* key, double number) {
+    return {title, width, Text("%.*f", decimals, number), key, std::to_string(number)};
+}
+
 std::string Table(const std::vector<std::string>& names, const std::vector<std::vector<Cell>>& channels) {
     std::string header = "channel ";
     std::string lines;

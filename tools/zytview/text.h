@@ -20,9 +20,6 @@ struct WriteError : std::runtime_error {
 /// Returns the text of a printf format.
 __attribute__((format(printf, 1, 2))) std::string Text(const char* format, ...);
 
-/// Converts a number for "%llu".
-constexpr unsigned long long Long(uint64_t number) { return number; }
-
 /// Returns text as a JSON string. What is not UTF-8 becomes U+FFFD.
 std::string Quote(const std::string& text);
 
@@ -38,8 +35,9 @@ struct Cell {
     std::string json;
 };
 
-/// Returns a cell whose text is the same in tables and in JSON.
+/// Returns the cell of a number, whose text in tables is the same as in JSON or has so many decimals.
 Cell NumberCell(const char* title, int width, const char* key, uint64_t number);
+Cell RealCell(const char* title, int width, int decimals, const char* key, double number);
 
 /// Returns a header line and one line per channel. REQUIRES: as many names as channels, at least one.
 std::string Table(const std::vector<std::string>& names, const std::vector<std::vector<Cell>>& channels);
