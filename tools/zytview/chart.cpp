@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <numeric>
 
 namespace {
 
@@ -55,8 +56,16 @@ public:
         }
     }
 
-    // Draws the background of a panel and its labels: the name, and what is at its ends and at the upper right corner.
-    void Frame(uint32_t top, const std::string& name, const std::string (&labels)[3]);
+    // Writes text that ends at x.
+    void WriteTo(uint32_t x, uint32_t y, const std::string& text, Colour colour) {
+        Write(x - static_cast<uint32_t>(text.size()) * 4 * kText, y, text, colour);
+    }
+
+    // Writes the numbers at the ends of a panel below it.
+    void Label(uint32_t top, uint32_t left, uint32_t right) {
+        Write(kLeft, top + kPanel + kText, std::to_string(left), kInk);
+        WriteTo(kLeft + kColumns, top + kPanel + kText, std::to_string(right), kInk);
+    }
 
     const Colour& At(uint32_t x, uint32_t y) const { return m_pixels[size_t{y} * kWidth + x]; }
 
@@ -70,23 +79,19 @@ Colour ColourOf(const std::string& name) {
     return name[0] == 'G' ? Colour{110, 210, 110} : Colour{200, 200, 200};
 }
 
-void Canvas::Frame(uint32_t top, const std::string& name, const std::string (&labels)[3]) {
-    const auto writeLeftOf = [&](uint32_t y, const std::string& text) {
-        Write(kLeft + kColumns - static_cast<uint32_t>(text.size()) * 4 * kText, y, text, kInk);
-    };
-    Fill({kLeft, top, kColumns, kPanel}, kPaperOfPanel);
-    for (uint32_t quarter = 1; quarter < 4; ++quarter) Fill({kLeft + quarter * kColumns / 4, top, 1, kPanel}, kPaper);
-    Write(kLeft, top - 6 * kText, name, ColourOf(name));
-    Write(kLeft, top + kPanel + kText, labels[0], kInk);
-    writeLeftOf(top + kPanel + kText, labels[1]);
-    writeLeftOf(top - 6 * kText, labels[2]);
-}
-
-// Draws a panel for each channel.
-Rows DrawPanels(uint32_t panels, const std::function<void(Canvas& canvas, uint32_t panel, uint32_t top)>& draw) {
-    const auto canvas = std::make_shared<Canvas>(panels * kPanelStep);
-    for (uint32_t i = 0; i < panels; ++i) draw(*canvas, i, i * kPanelStep + 3 * kMargin / 2);
-    return {kWidth, panels * kPanelStep, 3, 8, [canvas] {
+// Draws a named panel for each channel.
+Rows DrawPanels(const std::vector<std::string>& names,
+                const std::function<void(Canvas& canvas, uint32_t channel, uint32_t top, Colour colour)>& draw) {
+    const auto height = static_cast<uint32_t>(names.size()) * kPanelStep;
+    const auto canvas = std::make_shared<Canvas>(height);
+    for (uint32_t channel = 0; channel < names.size(); ++channel) {
+        const uint32_t top = channel * kPanelStep + 3 * kMargin / 2;
+        canvas->Fill({kLeft, top, kColumns, kPanel}, kPaperOfPanel);
+        for (uint32_t i = 1; i < 4; ++i) canvas->Fill({kLeft + i * kColumns / 4, top, 1, kPanel}, kPaper);
+        canvas->Write(kLeft, top - 6 * kText, names[channel], ColourOf(names[channel]));
+        draw(*canvas, channel, top, ColourOf(names[channel]));
+    }
+    return {kWidth, height, 3, 8, [canvas] {
                 return [canvas](uint32_t y, uint16_t* values) {
                     for (uint32_t x = 0; x < kWidth; ++x) values = std::copy_n(canvas->At(x, y).begin(), 3, values);
                 };
@@ -106,63 +111,53 @@ std::vector<uint64_t> Columns(const Counts& counts, uint32_t largestSample) {
     return columns;
 }
 
-void DrawPanel(Canvas& canvas, uint32_t top, const std::string& name, const Counts& counts, uint32_t largestSample) {
-    const std::vector<uint64_t> columns = Columns(counts, largestSample);
-    const uint64_t highest = std::max<uint64_t>(*std::max_element(columns.begin(), columns.end()), 1);
-    const auto bar = [&](uint32_t x, uint32_t width, uint64_t count, Colour colour) {
-        const double share = std::sqrt(static_cast<double>(count) / static_cast<double>(highest));
-        const auto height = static_cast<uint32_t>(std::min(std::ceil(share * kPanel), double{kPanel}));
-        canvas.Fill({x, top + kPanel - height, width, height}, colour);
-    };
-    canvas.Frame(top, name, {"0", std::to_string(largestSample), ""});
-    for (uint32_t column = 0; column < kColumns; ++column) bar(kLeft + column, 1, columns[column], ColourOf(name));
-    bar(kMargin, kBar - 2, counts[0], kAlarm);
-    uint64_t clippedHigh = 0;
-    for (uint32_t value = largestSample; value < counts.size(); ++value) clippedHigh += counts[value];
-    bar(kLeft + kColumns + 2, kBar - 2, clippedHigh, kAlarm);
-}
-
-// Draws the curve of the differences, filled to zero.
-void DrawCurve(Canvas& canvas, uint32_t top, const std::string& name, const Profile& profile, double scale) {
-    constexpr uint32_t kHalf = kPanel / 2;
-    const auto count = static_cast<uint32_t>(profile.at.size());
-    canvas.Frame(top, name,
-                 {Text("%u", count == 0 ? 0 : profile.at.front()), Text("%u", count == 0 ? 0 : profile.at.back()),
-                  Text("%.1f", scale)});
-    canvas.Fill({kLeft, top + kHalf, kColumns, 1}, kInk);
-    const auto heightOf = [&](double difference) {
-        return top + kHalf - static_cast<uint32_t>(static_cast<int>(std::lround(difference / scale * (kHalf - 1))));
-    };
-    for (uint32_t column = 0; column < (count == 0 ? 0 : kColumns); ++column) {
-        const auto first = static_cast<uint32_t>(uint64_t{column} * count / kColumns);
-        const auto end = std::max(static_cast<uint32_t>(uint64_t{column + 1} * count / kColumns), first + 1);
-        uint32_t upper = top + kHalf, lower = top + kHalf;
-        bool isOutlier = false;
-        for (uint32_t i = first; i < end; ++i) {
-            upper = std::min(upper, heightOf(profile.differences[i]));
-            lower = std::max(lower, heightOf(profile.differences[i]));
-            isOutlier |= profile.IsOutlier(i);
-        }
-        canvas.Fill({kLeft + column, upper, isOutlier ? 3u : 1u, lower - upper + 1},
-                    isOutlier ? kAlarm : ColourOf(name));
-    }
-}
-
 }  // namespace
 
-Rows DrawHistogram(const std::vector<std::string>& names, const std::vector<Counts>& counts, uint32_t largestSample) {
-    return DrawPanels(static_cast<uint32_t>(names.size()), [&](Canvas& canvas, uint32_t i, uint32_t top) {
-        DrawPanel(canvas, top, names[i], counts[i], largestSample);
+Rows DrawHistogram(const std::vector<std::string>& names, const std::vector<Counts>& allCounts,
+                   uint32_t largestSample) {
+    return DrawPanels(names, [&](Canvas& canvas, uint32_t channel, uint32_t top, Colour colour) {
+        const Counts& counts = allCounts[channel];
+        const std::vector<uint64_t> columns = Columns(counts, largestSample);
+        const uint64_t highest = std::max<uint64_t>(*std::max_element(columns.begin(), columns.end()), 1);
+        const auto bar = [&](uint32_t x, uint32_t width, uint64_t count, Colour filling) {
+            const double share = std::sqrt(static_cast<double>(count) / static_cast<double>(highest));
+            const auto height = static_cast<uint32_t>(std::min(std::ceil(share * kPanel), double{kPanel}));
+            canvas.Fill({x, top + kPanel - height, width, height}, filling);
+        };
+        for (uint32_t column = 0; column < kColumns; ++column) bar(kLeft + column, 1, columns[column], colour);
+        bar(kMargin, kBar - 2, counts[0], kAlarm);
+        bar(kLeft + kColumns + 2, kBar - 2,
+            std::accumulate(&counts[largestSample], &counts[0] + counts.size(), uint64_t{0}), kAlarm);
+        canvas.Label(top, 0, largestSample);
     });
 }
 
 Rows DrawProfiles(const std::vector<std::string>& names, const std::vector<Profile>& profiles) {
+    constexpr uint32_t kHalf = kPanel / 2;
     double scale = 1e-9;  // no difference at all is a flat curve
     for (const Profile& profile : profiles) {
         scale = std::max(scale, 10 * profile.spread);
         for (const double difference : profile.differences) scale = std::max(scale, std::abs(difference));
     }
-    return DrawPanels(static_cast<uint32_t>(names.size()), [&](Canvas& canvas, uint32_t i, uint32_t top) {
-        DrawCurve(canvas, top, names[i], profiles[i], scale);
+    return DrawPanels(names, [&](Canvas& canvas, uint32_t channel, uint32_t top, Colour colour) {
+        const Profile& profile = profiles[channel];
+        const size_t count = profile.at.size();
+        canvas.Fill({kLeft, top + kHalf, kColumns, 1}, kInk);
+        for (uint32_t column = 0; count > 0 && column < kColumns; ++column) {
+            const size_t first = column * count / kColumns;
+            int upper = 0, lower = 0;
+            bool isOutlier = false;
+            for (size_t i = first; i < std::max((column + 1) * count / kColumns, first + 1); ++i) {
+                const auto height = static_cast<int>(std::lround(profile.differences[i] / scale * (kHalf - 1)));
+                upper = std::max(upper, height);
+                lower = std::min(lower, height);
+                isOutlier |= profile.IsOutlier(i);
+            }
+            canvas.Fill({kLeft + column, top + kHalf - static_cast<uint32_t>(upper), isOutlier ? 3u : 1u,
+                         static_cast<uint32_t>(upper - lower + 1)},
+                        isOutlier ? kAlarm : colour);
+        }
+        canvas.Label(top, count > 0 ? profile.at.front() : 0, count > 0 ? profile.at.back() : 0);
+        canvas.WriteTo(kLeft + kColumns, top - 6 * kText, Text("%.1f", scale), kInk);
     });
 }

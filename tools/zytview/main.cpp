@@ -51,25 +51,27 @@ public:
         const std::string png = m_options.png.empty() && m_options.ShowsDump() ? PngOf(path) : m_options.png;
         for (const std::string& name : {png, m_options.histogram, m_options.npy}) RefuseUsed(name);
         m_workers.Begin(path);
-        const Dump dump(path, geometry);
-        const Rect crop = Crop(dump);
-        if (dump.Width() < geometry.width) {
-            Print(stderr, Text("zytview: %s holds the left %u of %u columns, as the library dumps Y16\n", path.c_str(),
-                               dump.Width(), geometry.width));
+        m_dump.emplace(path, geometry);
+        m_names = ChannelNames(*m_dump, m_options.bayer);
+        m_crop = Crop();
+        if (m_dump->Width() < geometry.width) {
+            Print(stderr, "zytview: " + path +
+                              Text(" holds the left %u of %u columns, as the library dumps Y16\n", m_dump->Width(),
+                                   geometry.width));
         }
-        const std::vector<std::string> names = ChannelNames(dump, m_options.bayer);
-        ShowNumbers(dump, names, crop);
-        if (m_options.Has("diff")) return ShowDifference(dump, names, geometry, crop, png);
+        ShowNumbers();
+        if (m_options.Has("diff")) return ShowDifference(geometry, png);
         if (m_options.Has("profile")) {
-            ShowProfiles(dump, names, crop, png);
+            ShowProfiles(png);
         } else if (!png.empty()) {
-            ShowPicture(dump, crop, png);
+            ShowPicture(png);
         }
         return 0;
     }
 
 private:
-    Rect Crop(const Dump& dump) const {
+    Rect Crop() const {
+        const Dump& dump = *m_dump;
         const auto lies = [&](const Rect& part) {
             return uint64_t{part.x} + part.width <= dump.Width() && uint64_t{part.y} + part.height <= dump.Height();
         };
@@ -86,124 +88,125 @@ private:
     }
 
     // Prints the members of a JSON object, or text.
-    void PrintNumbers(const Dump& dump, const std::string& json, const std::string& text) {
-        dump.Check();
-        Print(m_numbers, m_options.Has("json") ? "{\"file\": " + Quote(dump.Path()) + ", " + json + "}\n" : text);
+    void PrintNumbers(const std::string& json, const std::string& text) {
+        m_dump->Check();
+        Print(m_numbers, m_options.Has("json") ? "{\"file\": " + Quote(m_dump->Path()) + ", " + json + "}\n" : text);
+    }
+
+    // Prints a table of all channels after other members, or after the names of the dumps and `what`.
+    void PrintTable(const std::string& json, const std::string& what, const std::vector<std::vector<Cell>>& cells,
+                    const std::string& rest = "") {
+        const std::string names = m_dump->Path() + "  " + (m_other ? m_other->Path() + "  " : "");
+        PrintNumbers(json + ", \"channels\": " + Json(m_names, cells),
+                     names + m_dump->Describe() + what + "\n" + Table(m_names, cells) + rest);
     }
 
     // Writes a file and prints its name.
-    void Write(const std::string& name, const Dump& dump, const std::function<void(OutputFile& file)>& write) {
+    void Write(const std::string& name, const std::function<void(OutputFile& file)>& write) {
         RefuseUsed(name);
         OutputFile file(name);
         write(file);
-        dump.Check();
+        m_dump->Check();
+        if (m_other) m_other->Check();
         file.Commit();
         if (const FileId id = IdOf(name)) m_files[id] = "what was written as " + name;
-        const std::string remark = m_options.dumps.size() > 1 ? "  " + dump.Describe() : "";
+        const std::string remark = m_options.dumps.size() > 1 ? "  " + m_dump->Describe() : "";
         if (!IsStandardOutput(name)) Print(m_options.Has("json") ? stderr : m_numbers, name + remark + "\n");
     }
 
-    void WriteRows(const std::string& png, const Dump& dump, const Rows& rows) {
-        if (!png.empty()) Write(png, dump, [&](OutputFile& file) { WritePng(file, rows, m_workers); });
+    void WriteRows(const std::string& png, const Rows& rows) {
+        if (!png.empty()) Write(png, [&](OutputFile& file) { WritePng(file, rows, m_workers); });
     }
 
-    const std::vector<Counts>& CountsOf(const Dump& dump, const Rect& crop) {
-        if (m_counts.empty()) m_counts = CountSamples(dump, crop, m_workers);
+    const std::vector<Counts>& CountsOnce() {
+        if (m_counts.empty()) m_counts = CountSamples(*m_dump, m_crop, m_workers);
         return m_counts;
     }
 
-    void ShowNumbers(const Dump& dump, const std::vector<std::string>& names, const Rect& crop) {
+    void ShowNumbers() {
         const bool hasOwnJson = m_options.Has("pixel") || m_options.Has("diff") || m_options.Has("profile");
         if (m_options.Has("stats") || (m_options.Has("json") && !hasOwnJson)) {
             std::vector<std::vector<Cell>> cells;
-            for (const Counts& counts : CountsOf(dump, crop)) {
-                cells.push_back(Describe(counts, dump.LargestSample()).Cells());
-            }
-            PrintNumbers(dump,
-                         Text(R"("width": %u, "height": %u, "format": "%s", "channels": )", dump.Width(), dump.Height(),
-                              dump.Layout().name) +
-                             Json(names, cells),
-                         dump.Path() + "  " + dump.Describe() + "\n" + Table(names, cells));
+            for (const Counts& counts : CountsOnce())
+                cells.push_back(Describe(counts, m_dump->LargestSample()).Cells());
+            PrintTable(Text(R"("width": %u, "height": %u, "format": "%s")", m_dump->Width(), m_dump->Height(),
+                            m_dump->Layout().name),
+                       "", cells);
         }
         if (m_options.Has("pixel")) {
             const auto& [x, y, width, height] = m_options.pixel;
-            PrintNumbers(dump, PixelJson(dump, x, y, m_options.bayer), PixelText(dump, x, y, m_options.bayer));
+            PrintNumbers(PixelJson(*m_dump, x, y, m_options.bayer), PixelText(*m_dump, x, y, m_options.bayer));
         }
         if (m_options.Has("histogram")) {
-            WriteRows(m_options.histogram, dump, DrawHistogram(names, CountsOf(dump, crop), dump.LargestSample()));
+            WriteRows(m_options.histogram, DrawHistogram(m_names, CountsOnce(), m_dump->LargestSample()));
         }
         if (m_options.Has("npy")) {
-            Write(m_options.npy, dump, [&](OutputFile& file) { WriteNpy(file, dump, crop, m_workers); });
+            Write(m_options.npy, [&](OutputFile& file) { WriteNpy(file, *m_dump, m_crop, m_workers); });
         }
     }
 
-    int ShowDifference(const Dump& dump, const std::vector<std::string>& names, const Geometry& geometry,
-                       const Rect& crop, const std::string& png) {
-        const Dump other(m_options.other, Complete(m_options, m_options.other, geometry));
-        const std::vector<Difference> differences = Compare(dump, other, crop, m_options.tolerance, m_workers);
+    int ShowDifference(const Geometry& geometry, const std::string& png) {
+        m_other.emplace(m_options.other, Complete(m_options, m_options.other, geometry));
+        const std::vector<Difference> differences = Compare(*m_dump, *m_other, m_crop, m_options.tolerance, m_workers);
+        m_other->Check();
         std::vector<std::vector<Cell>> cells;
         bool isDifferent = false;
         for (const Difference& difference : differences) {
-            cells.push_back(difference.Cells(dump.LargestSample()));
+            cells.push_back(difference.Cells(m_dump->LargestSample()));
             isDifferent |= difference.differing > 0;
         }
-        other.Check();
-        PrintNumbers(dump, "\"other\": " + Quote(other.Path()) + ", \"channels\": " + Json(names, cells),
-                     dump.Path() + "  " + other.Path() + "  " + dump.Describe() + "\n" + Table(names, cells));
-        if (!png.empty()) {
-            Write(png, dump, [&](OutputFile& file) {
-                WritePng(file, Part(DrawDifference(dump, other, differences, m_options.tolerance), crop, 1), m_workers);
-                other.Check();
-            });
-        }
+        PrintTable("\"other\": " + Quote(m_other->Path()), "", cells);
+        WriteRows(png, Part(DrawDifference(*m_dump, *m_other, differences, m_options.tolerance), m_crop, 1));
         return isDifferent ? 1 : 0;
     }
 
-    void ShowProfiles(const Dump& dump, const std::vector<std::string>& names, const Rect& crop,
-                      const std::string& png) {
+    void ShowProfiles(const std::string& png) {
         const char* const kind = m_options.profile == 1 ? "column" : "row";
-        const std::vector<Profile> profiles = MakeProfiles(dump, crop, m_options.profile == 1, m_workers);
+        const std::vector<Profile> profiles = MakeProfiles(*m_dump, m_crop, m_options.profile == 1, m_workers);
         std::vector<std::vector<Cell>> cells;
         std::string outliers;
         for (const Profile& profile : profiles) {
             for (size_t i = 0; i < profile.at.size(); ++i) {
                 if (!profile.IsOutlier(i)) continue;
-                outliers += Text("%s %s %u: mean %.2f, %+.2f from its neighbours\n", names[cells.size()].c_str(), kind,
-                                 profile.at[i], profile.means[i], profile.differences[i]);
+                outliers += Text("%s %s %u: mean %.2f, %+.2f from its neighbours\n", m_names[cells.size()].c_str(),
+                                 kind, profile.at[i], profile.means[i], profile.differences[i]);
             }
             cells.push_back(profile.Cells());
         }
-        PrintNumbers(dump, Text("\"profile\": \"%ss\", \"channels\": ", kind) + Json(names, cells),
-                     dump.Path() + "  " + dump.Describe() + " " + kind + "s\n" + Table(names, cells) + outliers);
-        WriteRows(png, dump, DrawProfiles(names, profiles));
+        PrintTable(Text("\"profile\": \"%ss\"", kind), Text(" %ss", kind), cells, outliers);
+        WriteRows(png, DrawProfiles(m_names, profiles));
     }
 
-    void ShowPicture(const Dump& dump, const Rect& crop, const std::string& png) {
+    void ShowPicture(const std::string& png) {
         const WantedLevels& wanted = m_options.levels;
-        const zyt::FormatLayout& layout = dump.Layout();
+        const uint32_t bits = m_dump->Layout().bits;
         Look look{m_options.matrix == 1, m_options.range == 1, m_options.bayer, {}, m_options.curve == 1};
-        const double black = look.isLimitedRange ? 16u << (layout.bits - 8) : 0;
-        const double span = look.isLimitedRange ? 219u << (layout.bits - 8) : dump.LargestSample();
-        look.levels = Resolve(wanted, wanted.IsAuto() ? CountsOf(dump, crop) : m_counts, look.bayer, black, span);
-        const auto& [blackLevel, gain, white] = look.levels;
-        const Picture picture(dump, look);
-        WriteRows(png, dump, Part(picture.AllRows(), crop, 1u << m_options.scale));
-        const std::string prefix = "zytview: " + dump.Path() + ": ";
+        const double black = look.isLimitedRange ? 16u << (bits - 8) : 0;
+        const double span = look.isLimitedRange ? 219u << (bits - 8) : m_dump->LargestSample();
+        look.levels = Resolve(wanted, wanted.IsAuto() ? CountsOnce() : m_counts, look.bayer, black, span);
+        const Picture picture(*m_dump, look);
+        WriteRows(png, Part(picture.AllRows(), m_crop, 1u << m_options.scale));
+        const std::string prefix = "zytview: " + m_dump->Path() + ": ";
         if (wanted.IsAuto()) {
+            const auto& [blackLevel, gain, white] = look.levels;
             std::string chosen = Text("--black %.0f --gain %.4g", blackLevel, gain);
             if (look.bayer) chosen += Text(" --white %.4g,%.4g,%.4g", white[0], white[1], white[2]);
             Print(stderr, prefix + chosen + "\n");
         }
-        if (layout.HasChroma() || layout.IsPacked() || layout.bits == 16) return;  // no sample exceeds the largest
-        const uint64_t cut = CountCut(CountsOf(dump, crop), look.levels, look.bayer, dump.LargestSample());
+        const bool canExceed = !m_dump->Layout().HasChroma() && !m_dump->Layout().IsPacked() && bits < 16;
+        const uint64_t cut = canExceed ? CountCut(CountsOnce(), look.levels, look.bayer, m_dump->LargestSample()) : 0;
         if (cut == 0) return;
-        Print(stderr, prefix + Text("samples of more than %u bits, shown as the largest value: ", layout.bits) +
+        Print(stderr, prefix + Text("samples of more than %u bits, shown as the largest value: ", bits) +
                           std::to_string(cut) + "\n");
     }
 
     const Options& m_options;
     Workers m_workers;
-    std::vector<Counts> m_counts;           // of the current dump, computed on first use
+    std::optional<Dump> m_dump;        // the current one
+    std::optional<Dump> m_other;       // to compare with
+    std::vector<std::string> m_names;  // of the dump's channels
+    Rect m_crop;
+    std::vector<Counts> m_counts;           // of the dump, computed on first use
     std::map<FileId, std::string> m_files;  // that must not be replaced, and what they are
     FILE* m_numbers = stdout;               // stderr when a file is written to the standard output
 };
