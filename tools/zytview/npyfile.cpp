@@ -20,21 +20,25 @@ void WriteNpy(OutputFile& file, const Dump& dump, const Rect& part, Workers& wor
     const std::string size = {static_cast<char>(header.size() & 0xff), static_cast<char>(header.size() >> 8)};
     header = std::string("\x93NUMPY\x01\0", 8) + size + header;
     file.Write(header.data(), header.size());
-    // Each pass over the file writes a plane.
+    // Each pass over the file writes a plane, in bands of about a megabyte.
+    const auto bands = static_cast<uint32_t>((uint64_t{part.height} * part.width >> 19) + 1);
     for (uint32_t plane = 0; plane < (dump.Layout().HasChroma() ? 3u : 1u); ++plane) {
-        workers.ForBands(part.y, part.y + part.height, [&](uint32_t from, uint32_t to) -> std::function<void()> {
-            if (file.HasFailed()) return [] {};
-            std::string bytes;
-            LineReader reader(dump, part);
-            for (uint32_t y = from; y < to; ++y) {
-                const Line& line = reader.Read(y)[plane > 0];
-                for (uint32_t i = 0; i < line.count; ++i) {
-                    if (plane > 0 && line.channels[i & 1] != plane) continue;
-                    bytes += static_cast<char>(line.samples[i] & 0xff);
-                    if (isWide) bytes += static_cast<char>(line.samples[i] >> 8);
+        workers.ForBands(
+            part.y, part.y + part.height,
+            [&](uint32_t from, uint32_t to) -> std::function<void()> {
+                if (file.HasFailed()) return [] {};
+                std::string bytes;
+                LineReader reader(dump, part);
+                for (uint32_t y = from; y < to; ++y) {
+                    const Line& line = reader.Read(y)[plane > 0];
+                    for (uint32_t i = 0; i < line.count; ++i) {
+                        if (plane > 0 && line.channels[i & 1] != plane) continue;
+                        bytes += static_cast<char>(line.samples[i] & 0xff);
+                        if (isWide) bytes += static_cast<char>(line.samples[i] >> 8);
+                    }
                 }
-            }
-            return [&file, bytes = std::move(bytes)] { file.Write(bytes.data(), bytes.size()); };
-        });
+                return [&file, bytes = std::move(bytes)] { file.Write(bytes.data(), bytes.size()); };
+            },
+            bands);
     }
 }
