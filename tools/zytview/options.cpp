@@ -188,34 +188,32 @@ const Known kKnown[] = {
     {"json", nullptr, nullptr},
 };
 
-void CheckNames(Options& options) {
+// Takes the PNG from the dumps, and throws BadInput for names and options that do not go together.
+void Check(Options& options) {
     std::vector<std::string>& dumps = options.dumps;
-    if (dumps.empty()) throw BadInput("no dump is given; --help tells more");
-    if (std::count(dumps.begin(), dumps.end(), "") > 0) throw BadInput("the name of a dump or PNG is empty");
+    const auto refuse = [](bool isRefused, const std::string& why) {
+        if (isRefused) throw BadInput(why);
+    };
+    refuse(dumps.empty(), "no dump is given; --help tells more");
+    refuse(std::count(dumps.begin(), dumps.end(), "") > 0, "the name of a dump or PNG is empty");
     if (dumps.size() > 1 && IsPngName(dumps.back())) {
         options.png = dumps.back();
         dumps.pop_back();
     }
     const auto outputs = {options.png, options.histogram, options.npy};
-    if (std::count_if(outputs.begin(), outputs.end(), IsStandardOutput) > 1) {
-        throw BadInput("only one file can be written to the standard output");
+    refuse(std::count_if(outputs.begin(), outputs.end(), IsStandardOutput) > 1,
+           "only one file can be written to the standard output");
+    for (const char* name : {"pixel", "diff", "profile", "histogram", "npy"}) {
+        refuse(dumps.size() > 1 && options.Has(name), Text("--%s is for one dump", name));
     }
-}
-
-void CheckCombination(const Options& options) {
-    for (const char* single : {"pixel", "diff", "profile", "histogram", "npy"}) {
-        if (options.dumps.size() > 1 && options.Has(single)) throw BadInput(Text("--%s is for one dump", single));
+    refuse(dumps.size() > 1 && !options.png.empty(), "the name of a PNG is for one dump");
+    for (const char* name : {"matrix", "range", "white", "black", "gain", "curve", "scale"}) {
+        refuse(options.Has(name) && !options.ShowsDump(),
+               Text("--%s is for a picture of the dump, and none is written", name));
     }
-    if (options.dumps.size() > 1 && !options.png.empty()) {
-        throw BadInput("the name of a PNG is for one dump; the PNGs of several have the names of the dumps");
-    }
-    for (const char* look : {"matrix", "range", "white", "black", "gain", "curve", "scale"}) {
-        if (options.Has(look) && !options.ShowsDump())
-            throw BadInput(Text("--%s is for a picture of the dump, and none is written", look));
-    }
-    if (options.Has("diff") && options.Has("profile")) throw BadInput("--diff does not go with --profile");
-    if (options.Has("tolerance") && !options.Has("diff")) throw BadInput("--tolerance goes with --diff");
-    if (options.Has("white") && !options.bayer) throw BadInput("--white goes with --bayer");
+    refuse(options.Has("diff") && options.Has("profile"), "--diff does not go with --profile");
+    refuse(options.Has("tolerance") && !options.Has("diff"), "--tolerance goes with --diff");
+    refuse(options.Has("white") && !options.bayer, "--white goes with --bayer");
 }
 
 }  // namespace
@@ -247,8 +245,7 @@ Options ParseOptions(int argc, char** argv) {
         throw BadInput(Text("--%s is %s, not '%s'", one.name, one.argument, optarg));
     }
     options.dumps.assign(argv + optind, argv + argc);
-    CheckNames(options);
-    CheckCombination(options);
+    Check(options);
     return options;
 }
 

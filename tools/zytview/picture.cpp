@@ -63,26 +63,16 @@ void Picture::MakeFactors() {
 
 Rows Picture::AllRows() const {
     const bool hasChroma = m_dump.Layout().HasChroma();
-    const size_t width = m_dump.Width();
-    Rows rows{
-        m_dump.Width(), m_dump.Height(), m_look.bayer || hasChroma ? 3u : 1u, m_dump.Layout().bits == 8 ? 8u : 16u, {}};
-    if (hasChroma) {
-        rows.newReader = [=]() -> RowReader {
-            return [this, luma = std::vector<uint16_t>(width), chroma = std::vector<uint16_t>(width + 1)](
-                       uint32_t y, uint16_t* values) mutable { ReadYuvRow(y, luma.data(), chroma.data(), values); };
+    const auto newReader = [this, hasChroma]() -> RowReader {
+        HeldRows held;
+        for (Held& row : held) row.samples.resize(m_dump.Width() + 1);
+        return [this, hasChroma, held](uint32_t y, uint16_t* values) mutable {
+            if (hasChroma) return ReadYuvRow(y, held[0].samples.data(), held[1].samples.data(), values);
+            m_look.bayer ? ReadBayerRow(y, held, values) : ReadSpreadRow(y, values);
         };
-    } else if (m_look.bayer) {
-        rows.newReader = [=]() -> RowReader {
-            HeldRows held;
-            for (Held& row : held) row.samples.resize(width);
-            return [this, held](uint32_t y, uint16_t* values) mutable { ReadBayerRow(y, held, values); };
-        };
-    } else {
-        rows.newReader = [=]() -> RowReader {
-            return [this](uint32_t y, uint16_t* values) { ReadSpreadRow(y, values); };
-        };
-    }
-    return rows;
+    };
+    return {m_dump.Width(), m_dump.Height(), m_look.bayer || hasChroma ? 3u : 1u, m_dump.Layout().bits == 8 ? 8u : 16u,
+            newReader};
 }
 
 void Picture::ReadSpreadRow(uint32_t y, uint16_t* samples) const {

@@ -42,7 +42,7 @@ public:
     Rows AllRows() const;
 
 private:
-    // A row of a Bayer picture that a reader keeps.
+    // A row that a reader keeps.
     struct Held {
         std::vector<uint16_t> samples;
         uint32_t row = UINT32_MAX;
