@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Runs the commands of the guide's chapter on faults and makes its pictures, docs/faults, from their results.
 
-usage: docs/faults.py ZYTVIEW [--update]
+usage: docs/faults.py ZYTVIEW
 
-Fails when a command prints something else than the guide says. --update writes what it prints into the guide.
+Writes into the guide what the commands print.
 """
 import os
 import re
@@ -12,53 +12,38 @@ import sys
 import tempfile
 
 DOCS = os.path.dirname(os.path.abspath(__file__))
-# Pictures of the commands, and ffmpeg's filters for each and for all, which make small files.
-PICTURES = {
-    "pictures": ([f"{name}_640x480_Raw10" for name in ("before", "clipped", "column", "shifted")],
-                 "crop=320:240:260:120", "hstack=4"),
-    "histogram": (["histogram"], "scale=640:-1:flags=area", "null"),
-    "profile": (["profile"], "scale=640:-1:flags=area", "null"),
-    "difference": (["difference"], "null", "null"),
-}
+DUMPS = [f"{name}_640x480_Raw10" for name in ("before", "clipped", "column", "shifted")]
+# Sources and ffmpeg's filters of each picture, for small files.
+SIDE_BY_SIDE = "".join(f"[{i}]crop=320:240:260:120[c{i}];" for i in range(4)) + "[c0][c1][c2][c3]hstack=4"
+PICTURES = {"pictures": (DUMPS, SIDE_BY_SIDE), "difference": (["difference"], "null"),
+            "histogram": (["histogram"], "scale=640:-1:flags=area"), "profile": (["profile"], "scale=640:-1:flags=area")}
 
 
 def main():
-    zytview, update = os.path.abspath(sys.argv[1]), "--update" in sys.argv
     with open(f"{DOCS}/guide.md", encoding="utf-8") as file:
         guide = file.read()
     begin = guide.index("## 11. Find a fault")
-    chapter = guide[begin:guide.index("\n## ", begin)]
+    end = guide.index("\n## ", begin)
     with tempfile.TemporaryDirectory() as home:
         os.makedirs(f"{home}/zyt")
-        os.symlink(os.path.dirname(zytview), f"{home}/zyt/bin")
+        os.symlink(os.path.dirname(os.path.abspath(sys.argv[1])), f"{home}/zyt/bin")
 
-        def run(commands):
-            return subprocess.run(["bash", "-c", commands], env={**os.environ, "HOME": home}, check=False, text=True,
-                                  stdout=subprocess.PIPE).stdout
+        def run(block):
+            """Returns a block after its commands have run: all of them, or the one before the output."""
+            commands = block[2] if block[1] else block[2].splitlines()[0][2:]
+            setup = "" if "mkdir" in commands else "cd ~/faults && PATH=$HOME/zyt/bin:$PATH && "
+            printed = subprocess.run(["bash", "-c", setup + commands], env={**os.environ, "HOME": home}, check=False,
+                                     stdout=subprocess.PIPE, text=True).stdout
+            return block[0] if block[1] else f"```\n$ {commands}\n{printed}```"
 
-        def run_block(block):
-            language, content = block.groups()
-            setup = "" if "mkdir" in content else "cd ~/faults && PATH=$HOME/zyt/bin:$PATH && "
-            if language:
-                run(setup + content)
-                return block.group()
-            command = content.splitlines()[0]
-            return f"```\n{command}\n{run(setup + command[2:])}```"
-
-        printed = re.sub(r"```(sh)?\n(.*?)```", run_block, chapter, flags=re.DOTALL)
-        if update:
-            with open(f"{DOCS}/guide.md", "w", encoding="utf-8") as file:
-                file.write(guide.replace(chapter, printed))
-        elif printed != chapter:
-            sys.exit(f"the commands print\n{printed}")
-        os.makedirs(f"{DOCS}/faults", exist_ok=True)
-        for name, (sources, each, together) in PICTURES.items():
+        chapter = re.sub(r"```(sh)?\n(.*?)```", run, guide[begin:end], flags=re.DOTALL)
+        for name, (sources, filters) in PICTURES.items():
             inputs = [word for source in sources for word in ("-i", f"{home}/faults/{source}.png")]
-            parts = "".join(f"[{i}]{each}[part{i}];" for i in range(len(sources)))
-            joined = "".join(f"[part{i}]" for i in range(len(sources))) + together
-            colours = "format=rgb24,split[a][b];[a]palettegen=max_colors=64[p];[b][p]paletteuse=dither=none"
-            subprocess.run(["ffmpeg", "-v", "error", "-y", *inputs, "-filter_complex", f"{parts}{joined},{colours}",
-                            "-pred", "mixed", "-compression_level", "100", f"{DOCS}/faults/{name}.png"], check=True)
+            filters += ",format=rgb24,split[a][b];[a]palettegen=max_colors=64[p];[b][p]paletteuse=dither=none"
+            subprocess.run(["ffmpeg", "-v", "error", "-y", *inputs, "-filter_complex", filters, "-pred", "mixed",
+                            "-compression_level", "100", f"{DOCS}/faults/{name}.png"], check=True)
+    with open(f"{DOCS}/guide.md", "w", encoding="utf-8") as file:
+        file.write(guide[:begin] + chapter + guide[end:])
 
 
 main()

@@ -57,10 +57,10 @@ void MakeGrey(const std::vector<Counts>& counts, uint32_t bayer, Levels& levels)
 
 Levels Resolve(const WantedLevels& wanted, const std::vector<Counts>& counts, const std::optional<uint32_t>& bayer,
                double black, double span) {
-    Levels levels;
-    levels.black = wanted.black.value_or(wanted.isGainAuto ? Thousandth(Brightness(counts, {}, {}), false) : black);
-    levels.gain = wanted.gain;
-    std::copy_n(wanted.white, 3, levels.white);
+    Levels levels = wanted;
+    if (!wanted.isBlackGiven) {
+        levels.black = wanted.isGainAuto ? Thousandth(Brightness(counts, {}, {}), false) : black;
+    }
     if (wanted.isWhiteAuto) MakeGrey(counts, *bayer, levels);
     if (wanted.isGainAuto) {
         double lightest = Thousandth(Brightness(counts, levels, bayer), true);

@@ -15,12 +15,8 @@ struct Levels {
 };
 
 /// Levels as requested on the command line.
-struct WantedLevels {
-    std::optional<double> black;
-    double gain = 1;
-    bool isGainAuto = false;
-    double white[3] = {1, 1, 1};
-    bool isWhiteAuto = false;
+struct WantedLevels : Levels {
+    bool isBlackGiven = false, isGainAuto = false, isWhiteAuto = false;
 
     bool IsAuto() const { return isGainAuto || isWhiteAuto; }
 };
