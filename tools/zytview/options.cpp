@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <regex>
 #include <sstream>
 
 #include "nodekit/dumpname.h"
@@ -51,15 +52,14 @@ constexpr const char* kUsage =
     "  --pixel X,Y              the samples at and around a pixel; - where the file has no chroma\n"
     "  --diff OTHER             differences from another dump of the same size and format: DUMP less OTHER; PNG shows\n"
     "                           them, the largest white and all others at least dark grey\n"
-    "  --tolerance N            differences up to N do not count as differing, nor for the exit code or PNG; they do\n"
-    "                           count in the largest, the mean and the PSNR\n"
+    "  --tolerance N            differences up to N do not count as differing, but in the largest, mean and PSNR\n"
     "  --profile rows|columns   the mean of each row or column less the median of its nearest four of the same "
-    "colour;\n"
-    "                           lists those beyond five spreads and one percent of the mean. A spread is 1.4826 times\n"
+    "colour,\n"
+    "                           and the outliers: beyond one percent of the mean and five spreads, which are 1.4826 "
+    "times\n"
     "                           the median of the amounts. PNG shows a curve for each channel\n"
     "  --histogram PNG          histogram of the samples; heights are square roots, clipped samples are red\n"
-    "  --npy FILE               the samples in NumPy's format, height x width; of YUV the planes Y, U and V one after\n"
-    "                           the other; - is the standard output\n"
+    "  --npy FILE               the samples in NumPy's format: height x width, or the planes Y, U and V one by one\n"
     "  --json                   prints numbers as JSON, one object per line; by default those of --stats\n"
     "  -h, --help, --version\n"
     "\n"
@@ -144,11 +144,9 @@ bool SetPixel(Options& options, const std::string& value) {
 
 // Returns true when the path has a PNG's name or is a device, a pipe or the standard output.
 bool IsPngName(const std::string& path) {
-    std::string extension = std::filesystem::path(path).extension();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
     std::error_code error;
-    return extension == ".png" || IsStandardOutput(path) || std::filesystem::is_other(path, error);
+    return IsStandardOutput(path) || std::filesystem::is_other(path, error) ||
+           std::regex_search(path, std::regex("[^/]\\.png$", std::regex::icase));
 }
 
 using Value = const std::string&;
