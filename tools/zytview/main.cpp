@@ -3,10 +3,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <new>
-#include <regex>
 #include <utility>
 
 #include "chart.h"
@@ -30,7 +30,13 @@ FileId IdOf(const std::string& path) {
 
 // Returns the name of a dump's picture. An ending is letters and digits, such as ".raw"; "_0.1_640x480" has none.
 std::string PngOf(const std::string& dump) {
-    return std::regex_replace(dump, std::regex("([^/])\\.[A-Za-z][A-Za-z0-9]*$"), "$1") + ".png";
+    std::filesystem::path path = dump;
+    const std::string ending = path.extension();
+    const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+    const auto isPart = [&](char c) { return isLetter(c) || (c >= '0' && c <= '9'); };
+    const bool hasEnding =
+        ending.size() > 1 && isLetter(ending[1]) && std::all_of(ending.begin() + 1, ending.end(), isPart);
+    return hasEnding ? path.replace_extension(".png").string() : dump + ".png";
 }
 
 // Executes one command line.

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <regex>
 #include <sstream>
 
 #include "nodekit/dumpname.h"
@@ -144,9 +143,11 @@ bool SetPixel(Options& options, const std::string& value) {
 
 // Returns true when the path has a PNG's name or is a device, a pipe or the standard output.
 bool IsPngName(const std::string& path) {
+    std::string extension = std::filesystem::path(path).extension();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
     std::error_code error;
-    return IsStandardOutput(path) || std::filesystem::is_other(path, error) ||
-           std::regex_search(path, std::regex("[^/]\\.png$", std::regex::icase));
+    return extension == ".png" || IsStandardOutput(path) || std::filesystem::is_other(path, error);
 }
 
 using Value = const std::string&;
