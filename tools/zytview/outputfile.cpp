@@ -50,12 +50,16 @@ void OutputFile::OpenBeside() {
     const std::string stem = (directory.empty() ? "" : directory + "/") + ".zytview-" + std::to_string(getpid()) + "-";
     int fd = -1;
     for (int i = 0; i == 0 || (fd < 0 && errno == EEXIST && i < 100); ++i) {
+        g_unfinished = nullptr;
         m_temporary = stem + std::to_string(i);
+        g_unfinished = m_temporary.c_str();  // before the file exists: a signal can come at once
         fd = open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     }
-    if (fd < 0) return;
-    g_unfinished = m_temporary.c_str();
-    m_stream = fdopen(fd, "wb");
+    if (fd < 0) {
+        g_unfinished = nullptr;  // the file, if there is one, is not ours
+    } else {
+        m_stream = fdopen(fd, "wb");
+    }
 }
 
 OutputFile::~OutputFile() {
