@@ -23,6 +23,9 @@
 
 namespace zyt {
 
+/// The most pixels of a side in a dump's name: more than any sensor has, and a row fits in 32 bits.
+inline constexpr uint32_t kMaxDumpSide = 1u << 17;
+
 /// Size and format found in a dump's name.
 struct DumpInfo {
     std::optional<ZYTFormat> format;  ///< Empty when no format is named.
@@ -50,16 +53,15 @@ inline std::optional<ZYTFormat> FindFormat(std::string_view name) {
     return std::nullopt;
 }
 
-/// Parses a size such as "4000x3000" or "4000X3000". Each side is 1 to 131072 pixels, which exceeds any sensor and lets
-/// a row fit in 32 bits. Returns false for any other text and leaves width and height unchanged.
+/// Parses a size such as "4000x3000" or "4000X3000". Each side is 1 to kMaxDumpSide pixels. Returns false for any
+/// other text and leaves width and height unchanged.
 inline bool ParseSize(std::string_view text, uint32_t& width, uint32_t& height) {
-    constexpr uint32_t kMaxSide = 1u << 17;
     uint32_t sides[2] = {};
     const char* at = text.data();
     const char* const end = at + text.size();
     for (uint32_t& side : sides) {
         const auto [stop, error] = std::from_chars(at, end, side);
-        if (error != std::errc() || side == 0 || side > kMaxSide) return false;
+        if (error != std::errc() || side == 0 || side > kMaxDumpSide) return false;
         at = stop;
         if (&side == sides && (at == end || (*at != 'x' && *at != 'X'))) return false;
         if (&side == sides) ++at;
@@ -86,9 +88,10 @@ inline DumpInfo ParseDumpName(std::string_view path) {
     return info;
 }
 
-/// Returns "STEM_WIDTHxHEIGHT_FORMAT.raw", which ParseDumpName and zytview understand. FORMAT is "Unknow" for a value
-/// outside the enumeration.
+/// Returns "STEM_WIDTHxHEIGHT_FORMAT.raw", which ParseDumpName and zytview understand, or an empty string, which is no
+/// file's name, for a side beyond kMaxDumpSide. FORMAT is "Unknow" for a value outside the enumeration.
 inline std::string DumpName(const ZYTImageBuffer& image, std::string_view stem) {
+    if (image.width > kMaxDumpSide || image.height > kMaxDumpSide) return {};
     const FormatLayout* layout = FindFormatLayout(image.format);
     return std::string(stem) + "_" + std::to_string(image.width) + "x" + std::to_string(image.height) + "_" +
            (layout != nullptr ? layout->name : "Unknow") + ".raw";

@@ -50,7 +50,7 @@ constexpr uint8_t kNoByte = 0x80;  // index for which a shuffle yields 0
 
 // Shuffle indices and factors for eight pixels, which take kBits bytes.
 template <uint32_t kBits>
-struct Places {
+struct MipiTables {
     uint8_t highs[16] = {};        // unpacked word i: the byte with the upper bits, then kNoByte
     uint8_t lows[16] = {};         // unpacked word i: the two bytes with the lower bits
     uint16_t factors[8] = {};      // shift the lower bits to bit 6
@@ -58,7 +58,7 @@ struct Places {
     uint8_t packedLows[16] = {};   // packed byte i: the byte with the lower bits; four pixels in each half
     uint16_t shifts[8] = {};       // shift a word's lower bits above those of its left neighbour
 
-    constexpr Places() {
+    constexpr MipiTables() {
         constexpr uint32_t kLowBits = kBits - 8;
         for (uint32_t i = 0; i < 16; ++i) packedHighs[i] = packedLows[i] = kNoByte;
         for (size_t i = 0; i < 8; ++i) {
@@ -78,7 +78,7 @@ struct Places {
     }
 };
 template <uint32_t kBits>
-inline constexpr Places<kBits> kPlaces;
+inline constexpr MipiTables<kBits> kMipiTables;
 
 template <typename Vector>
 inline Vector Load(const void* from) {
@@ -90,25 +90,29 @@ inline Vector Load(const void* from) {
 #if defined(__aarch64__)
 #define ZYT_RAWPIXELS_TARGET
 inline bool HasShuffle() { return true; }
-inline Bytes Shuffle(Bytes bytes, Bytes places) {
+inline Bytes Shuffle(Bytes bytes, Bytes indices) {
     return reinterpret_cast<Bytes>(
-        vqtbl1q_u8(reinterpret_cast<uint8x16_t>(bytes), reinterpret_cast<uint8x16_t>(places)));
+        vqtbl1q_u8(reinterpret_cast<uint8x16_t>(bytes), reinterpret_cast<uint8x16_t>(indices)));
 }
 #elif defined(__x86_64__)
 #define ZYT_RAWPIXELS_TARGET __attribute__((target("ssse3")))
 inline bool HasShuffle() { return __builtin_cpu_supports("ssse3") != 0; }
-ZYT_RAWPIXELS_TARGET inline Bytes Shuffle(Bytes bytes, Bytes places) {
+ZYT_RAWPIXELS_TARGET inline Bytes Shuffle(Bytes bytes, Bytes indices) {
     return reinterpret_cast<Bytes>(
-        _mm_shuffle_epi8(reinterpret_cast<__m128i>(bytes), reinterpret_cast<__m128i>(places)));
+        _mm_shuffle_epi8(reinterpret_cast<__m128i>(bytes), reinterpret_cast<__m128i>(indices)));
 }
+#else
+#define ZYT_RAWPIXELS_TARGET
+inline bool HasShuffle() { return false; }
+inline Bytes Shuffle(Bytes bytes, Bytes /*indices*/) { return bytes; }
 #endif
 
 // Convert eight pixels at a time while 16 bytes of the row are left. Return the number of pixels converted.
 template <uint32_t kBits>
 ZYT_RAWPIXELS_TARGET inline uint32_t UnpackEights(const unsigned char* row, size_t rowBytes, uint16_t* samples) {
-    const Bytes highs = Load<Bytes>(kPlaces<kBits>.highs);
-    const Bytes lows = Load<Bytes>(kPlaces<kBits>.lows);
-    const Words factors = Load<Words>(kPlaces<kBits>.factors);
+    const Bytes highs = Load<Bytes>(kMipiTables<kBits>.highs);
+    const Bytes lows = Load<Bytes>(kMipiTables<kBits>.lows);
+    const Words factors = Load<Words>(kMipiTables<kBits>.factors);
     constexpr uint16_t kLowMask = (1u << (kBits - 8)) - 1;
     uint32_t x = 0;
     for (size_t at = 0; at + 16 <= rowBytes; at += kBits, x += 8) {
@@ -126,9 +130,9 @@ ZYT_RAWPIXELS_TARGET inline uint32_t PackEights(const uint16_t* samples, size_t 
     constexpr uint32_t kLowBits = kBits - 8;
     constexpr uint16_t kLowMask = (1u << kLowBits) - 1;
     constexpr uint16_t kLargest = (1u << kBits) - 1;
-    const Bytes highs = Load<Bytes>(kPlaces<kBits>.packedHighs);
-    const Bytes lows = Load<Bytes>(kPlaces<kBits>.packedLows);
-    const Words shifts = Load<Words>(kPlaces<kBits>.shifts);
+    const Bytes highs = Load<Bytes>(kMipiTables<kBits>.packedHighs);
+    const Bytes lows = Load<Bytes>(kMipiTables<kBits>.packedLows);
+    const Words shifts = Load<Words>(kMipiTables<kBits>.shifts);
     uint32_t x = 0;
     for (size_t at = 0; at + 16 <= rowBytes; at += kBits, x += 8) {
         const Words words = Load<Words>(samples + x);
