@@ -280,8 +280,7 @@ private:
     }
 
     bool Copy(zyt::Image& to, ZYTImageBuffer from) {
-        zyt::CpuAccess read(m_manager, CPU_SYNC_READ, from);
-        zyt::CpuAccess write(m_manager, CPU_SYNC_WRITE, to);
+        zyt::CpuAccess read(CPU_SYNC_READ, kName, from), write(CPU_SYNC_WRITE, kName, to);
         return read && write && ZYTBufferUtil::ZYTBufferCopy(to.Get(), &from) && read.Close() && write.Close();
     }
 

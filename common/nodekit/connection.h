@@ -17,14 +17,19 @@
 /// };
 /// @endcode
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstdint>
-#include <functional>
+#include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "logging/zytlogsite.h"
+#include "nodekit/trace.h"
+#include "nodekit/withmemory.h"
 #include "zytsignaltask/zytsignaltask.h"
 
 namespace zyt {
@@ -36,17 +41,27 @@ namespace zyt {
 /// after the other, so the callable should be short or hand its work to a thread pool. An exception that leaves it ends
 /// the process.
 ///
-/// Raise() is thread-safe. REQUIRES: the constructor and the destructor are called neither inside a task of the signal
-/// task nor with a lock held that such a task takes; both wait for the running task. So no task calls exit() while a
-/// static Connection exists. Nobody disconnects all signals of the process (ZYTSignalTask::disconnect() without a
-/// number); that ends all connections for good.
+/// Inside a task of the signal task no connection can be made: it is refused with an error in both logs, and Raise()
+/// returns false. A connection that is destroyed there does not wait: a run in progress ends, no other begins, and the
+/// callable lives until then. The signal task's thread is known by its name, which threads started by a task inherit:
+/// give them another.
+///
+/// Raise() is thread-safe. REQUIRES: outside tasks, the constructor and the destructor are called without a lock that
+/// such a task takes; both wait for the running task. So no task calls exit() while a static Connection exists. Nobody
+/// disconnects all signals of the process (ZYTSignalTask::disconnect() without a number); that ends all connections for
+/// good.
 class Connection {
 public:
-    /// Connects a callable without arguments. `name` tags log lines and must outlive the connection.
-    explicit Connection(std::function<void()> function, const char* name = "nodekit")
-        : m_state(std::make_shared<State>()), m_name(name) {
-        m_state->function = std::move(function);
-        State::Connect(m_state);
+    /// Connects a callable without arguments, which may be move-only. `name` tags log lines and must outlive the
+    /// connection.
+    template <typename Function>
+    explicit Connection(Function function, const char* name = "nodekit")
+        : m_state(std::make_shared<StateOf<Function>>(std::move(function), name)) {
+        if (IsInTask()) {
+            ZYT_LOG(E, name, "A connection cannot be made inside a task");
+        } else {
+            State::Connect(m_state);
+        }
     }
 
     /// Drops a pending raise, waits for a run in progress and destroys the callable.
@@ -55,16 +70,20 @@ public:
             const std::lock_guard<std::mutex> lock(m_state->mutex);
             m_state->isClosed = true;
         }
-        ZYTSignalTask::instance()->remove(m_state->Number());
-        m_state->function = nullptr;
+        if (!IsInTask()) {
+            ZYTSignalTask::instance()->remove(m_state->Number());
+            m_state->DestroyFunction();
+        } else if (m_state->isConnected && !m_state->isRunning) {
+            ZYTSignalTask::instance()->signal(m_state->Number());  // the loop drops the ticket, which owns the state
+        }
     }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Requests one more run. Returns false, and logs an error, when the signal has been disconnected.
+    /// Requests one more run. Returns false, and logs an error, when the signal is not connected.
     bool Raise() {
         if (!m_state->isConnected) {
-            ZYT_LOG(E, m_name, "Somebody has disconnected signal %llu",
+            ZYT_LOG(E, m_state->name, "Signal %llu is not connected",
                     static_cast<unsigned long long>(m_state->Number()));
             return false;
         }
@@ -74,11 +93,18 @@ public:
 
 private:
     struct State {
+        explicit State(const char* tag) : name(tag) {}
+        virtual ~State() = default;
+        virtual void Run() = 0;
+        virtual void DestroyFunction() = 0;
+
         uint64_t Number() const { return reinterpret_cast<uintptr_t>(this); }
 
-        // The signal task destroys its copy of a task, and with it the last ticket, after the run and without a lock
-        // held, so the destructor may reconnect. A ticket that has not run is destroyed by a disconnect, under a lock
-        // that connecting takes.
+        // The ticket is owned by the connected task, and its destructor knows where it is:
+        //
+        //   Connect() -> in the signal task's map -> signal -> the loop's own copy runs -> destroyed without a lock:
+        //                          |                                                       the place to connect again
+        //                          +-> disconnect -> destroyed under the map's lock, which connecting takes: the end
         static void Connect(const std::shared_ptr<State>& state) {
             struct Ticket {
                 explicit Ticket(std::shared_ptr<State> owner) : state(std::move(owner)) {}
@@ -90,25 +116,53 @@ private:
                     const std::lock_guard<std::mutex> lock(state->mutex);
                     if (!state->isClosed) Connect(state);
                 }
+                void Run() {
+                    hasRun = true;
+                    {
+                        const std::lock_guard<std::mutex> lock(state->mutex);
+                        if (state->isClosed) return;
+                    }
+                    const ScopedTrace section(state->name);
+                    state->isRunning = true;
+                    state->Run();
+                    state->isRunning = false;
+                }
                 const std::shared_ptr<State> state;
                 bool hasRun = false;
             };
-            WrapperTask task;
-            task.m_task = [ticket = std::make_shared<Ticket>(state)] {
-                ticket->hasRun = true;
-                ticket->state->function();
-            };
-            ZYTSignalTask::instance()->insert(state->Number(), std::move(task));
+            state->isConnected = true;
+            const bool hasMemory = detail::WithMemory([&] {
+                WrapperTask task;
+                task.m_task = [ticket = std::make_shared<Ticket>(state)] { ticket->Run(); };
+                ZYTSignalTask::instance()->insert(state->Number(), std::move(task));
+            });
+            if (hasMemory) return;
+            state->isConnected = false;
+            ZYT_LOG(E, state->name, "No connection: there is no memory");
         }
 
-        std::function<void()> function;  // called by the signal task only; cleared after it can no longer be called
-        std::atomic<bool> isConnected{true};
+        const char* const name;
+        std::atomic<bool> isConnected{false};
+        bool isRunning = false;  // used on the signal task's thread only
         std::mutex mutex;  // guards isClosed and serializes connecting and closing; taken before the signal task's lock
         bool isClosed = false;
     };
 
+    template <typename Function>
+    struct StateOf final : State {
+        StateOf(Function&& from, const char* tag) : State(tag), function(std::move(from)) {}
+        void Run() override { (*function)(); }
+        void DestroyFunction() override { function.reset(); }
+
+        std::optional<Function> function;  // called by the signal task only
+    };
+
+    static bool IsInTask() {
+        char name[16] = {};
+        return pthread_getname_np(pthread_self(), name, sizeof(name)) == 0 && std::strcmp(name, "ZYTSignalTask") == 0;
+    }
+
     const std::shared_ptr<State> m_state;
-    const char* const m_name;
 };
 
 }  // namespace zyt

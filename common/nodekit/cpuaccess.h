@@ -6,40 +6,103 @@
 ///
 /// @code
 /// {
-///     zyt::CpuAccess access(manager, CPU_SYNC_READ, frame, reference);  // zyt::Image, or plain records
-///     if (!access) return false;                                        // refused; no access stays open
-///     Measure(*frame, *reference);
-/// }                                                                     // closed here
+///     zyt::CpuAccess access(CPU_SYNC_READ, "MyNode", burst, reference);  // a vector of images, and an image
+///     if (!access) return false;                                         // refused; no access stays open
+///     Measure(burst, *reference);
+/// }                                                                      // closed here
 ///
-/// zyt::CpuAccess access(manager, CPU_SYNC_WRITE, shown);
+/// zyt::CpuAccess access(CPU_SYNC_WRITE, "MyNode", shown);
 /// Draw(*shown);
-/// return access.Close();                                                // reports whether closing succeeded
+/// return access.Close();                                                 // reports whether closing succeeded
 /// @endcode
 
+#include <BufferAllocator/BufferAllocator.h>
+
+#include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <new>
+#include <type_traits>
+#include <utility>
 
 #include "logging/zytlogsite.h"
-#include "zytbuffermanager/zytbuffermanager.h"
+#include "nodekit/trace.h"
+#include "zytbuffermanager/zytimagebuffer.h"
 
 namespace zyt {
 
-/// Opens a CPU access to each distinct descriptor of its images, and closes each that it opened. Planes without a
-/// descriptor are skipped, so malloc images cost nothing.
+namespace detail {
+
+/// Returns the platform's allocator. It is never destroyed, and there is one for each library that asks, because its
+/// constructor opens a device and may log.
+inline BufferAllocator& PlatformAllocator() {
+    alignas(BufferAllocator) static unsigned char memory[sizeof(BufferAllocator)];
+    static BufferAllocator* const allocator = new (memory) BufferAllocator;
+    return *allocator;
+}
+
+/// Calls visit(record) for an image, or for each image of a range, until visit returns false.
+template <typename Images, typename Visit>
+bool EachImage(const Images& images, const Visit& visit) {
+    if constexpr (std::is_convertible_v<const Images&, const ZYTImageBuffer&>) {
+        return visit(static_cast<const ZYTImageBuffer&>(images));
+    } else {
+        for (const auto& image : images) {
+            if (!EachImage(image, visit)) return false;
+        }
+        return true;
+    }
+}
+
+}  // namespace detail
+
+/// Opens a CPU access to each distinct descriptor of its images, and closes each that it opened, in the direction in
+/// which it was opened. (The library ends every access as a read, after which kernels before mid-2022 can lose what the
+/// CPU wrote.) Planes without a descriptor are skipped, so malloc images cost nothing. Move-only.
 ///
-/// REQUIRES: the manager and the descriptors outlive this object. Not thread-safe.
+/// REQUIRES: the descriptors outlive this object. Not thread-safe.
 class CpuAccess {
 public:
-    /// Opens the access. When the platform refuses a descriptor, closes those already opened and logs an error to both
-    /// logs.
+    /// Creates an access to nothing, which is false.
+    CpuAccess() = default;
+
+    /// Opens the access to images, records, and ranges of them. When an image is empty, the platform refuses a
+    /// descriptor or memory runs out, closes what is already open and logs an error to both logs. `name` tags the log
+    /// lines and must outlive the access.
     template <typename... Images>
-    CpuAccess(ZYTBufferManager& manager, CPUSyncType type, const Images&... images) : m_manager(manager) {
-        static_assert(sizeof...(images) * 4 <= kMaxDescriptors, "too many images for one access");
-        m_isGood = (Open(images, type) && ...);
+    CpuAccess(CPUSyncType type, const char* name, const Images&... images) : CpuAccess() {
+        m_direction = type == CPU_SYNC_READ ? kSyncRead : type == CPU_SYNC_WRITE ? kSyncWrite : kSyncReadWrite;
+        m_name = name;
+        size_t planes = 0;
+        const auto count = [&](const ZYTImageBuffer& image) {
+            for (uint32_t k = 0; k < image.numberOfPlanes && k < 4; ++k) planes += image.fd[k] != 0;
+            return true;
+        };
+        (detail::EachImage(images, count), ...);
+        if (planes > 0) m_descriptors.reset(new (std::nothrow) int[planes]);
+        if (planes > 0 && m_descriptors == nullptr) {
+            ZYT_LOG(E, m_name, "No CPU access: there is no memory");
+            return;
+        }
+        atrace_async_begin(ATRACE_TAG_CAMERA, kSection, Cookie());
+        m_isGood = (detail::EachImage(images, [this](const ZYTImageBuffer& image) { return Open(image); }) && ...);
         if (!m_isGood) CloseAll();
     }
+
+    /// Takes over the access of other, which becomes one to nothing.
+    CpuAccess(CpuAccess&& other) noexcept { *this = std::move(other); }
+    /// Closes its own access and takes over that of other, which becomes one to nothing.
+    CpuAccess& operator=(CpuAccess&& other) noexcept {
+        if (this == &other) return *this;
+        CloseAll();
+        m_descriptors = std::move(other.m_descriptors);
+        m_count = std::exchange(other.m_count, 0);
+        m_direction = other.m_direction;
+        m_name = other.m_name;
+        m_isGood = std::exchange(other.m_isGood, false);
+        return *this;
+    }
     ~CpuAccess() { CloseAll(); }
-    CpuAccess(const CpuAccess&) = delete;
-    CpuAccess& operator=(const CpuAccess&) = delete;
 
     /// Returns true when all descriptors were opened and, once closed, all were closed without an error.
     explicit operator bool() const { return m_isGood; }
@@ -51,38 +114,53 @@ public:
     }
 
 private:
-    static constexpr uint32_t kMaxDescriptors = 32;
+    static constexpr const char* kSection = "zyt::CpuAccess";
 
-    bool Open(const ZYTImageBuffer& image, CPUSyncType type) {
+    // Accesses overlap and may be moved to other threads, so they are asynchronous events. The array's address
+    // identifies an access.
+    int32_t Cookie() const { return static_cast<int32_t>(reinterpret_cast<uintptr_t>(m_descriptors.get()) >> 4); }
+
+    bool Open(const ZYTImageBuffer& image) {
+        if (image.numberOfPlanes == 0) {
+            ZYT_LOG(E, m_name, "No CPU access to an empty image");
+            return false;
+        }
         for (uint32_t k = 0; k < image.numberOfPlanes && k < 4; ++k) {
-            if (image.fd[k] == 0 || IsOpen(image.fd[k])) continue;
-            if (!m_manager.StartCPUSync(image.fd[k], type)) {
-                ZYT_LOG(E, "nodekit", "No CPU access to descriptor %d, type %d", image.fd[k], type);
+            const int fd = image.fd[k];
+            if (fd == 0 || IsOpen(fd)) continue;
+            m_descriptors[m_count] = fd;
+            if (detail::PlatformAllocator().CpuSyncStart(static_cast<unsigned int>(fd), m_direction) != 0) {
+                ZYT_LOG(E, m_name, "No CPU access to descriptor %d, direction %d", fd, m_direction);
                 return false;
             }
-            m_descriptors[m_count++] = image.fd[k];
+            ++m_count;
         }
         return true;
     }
 
     bool IsOpen(int fd) const {
-        for (uint32_t i = 0; i < m_count; ++i) {
+        for (size_t i = 0; i < m_count; ++i) {
             if (m_descriptors[i] == fd) return true;
         }
         return false;
     }
 
     void CloseAll() {
-        for (; m_count > 0; --m_count) {
-            if (m_manager.EndCPUSync(m_descriptors[m_count - 1])) continue;
-            ZYT_LOG(E, "nodekit", "CPU access to descriptor %d was not closed", m_descriptors[m_count - 1]);
+        if (m_descriptors == nullptr) return;
+        while (m_count > 0) {
+            const int fd = m_descriptors[--m_count];
+            if (detail::PlatformAllocator().CpuSyncEnd(static_cast<unsigned int>(fd), m_direction) == 0) continue;
+            ZYT_LOG(E, m_name, "CPU access to descriptor %d was not closed", fd);
             m_isGood = false;
         }
+        atrace_async_end(ATRACE_TAG_CAMERA, kSection, Cookie());
+        m_descriptors.reset();
     }
 
-    ZYTBufferManager& m_manager;
-    int m_descriptors[kMaxDescriptors] = {};
-    uint32_t m_count = 0;
+    std::unique_ptr<int[]> m_descriptors;  // null when there are none
+    size_t m_count = 0;                    // of open ones
+    SyncType m_direction = kSyncReadWrite;
+    const char* m_name = "nodekit";
     bool m_isGood = false;
 };
 

@@ -9,12 +9,14 @@
 /// zyt::Image frame(manager, zyt::Describe(ZYT_FORMAT_YUV420NV12, 1920, 1080, 512), ZYT_BUFFER_TYPE_DMABUF, "MyNode");
 /// zyt::Image shown(manager, zyt::Describe(ZYT_FORMAT_YUV420NV12, 1920, 1080), ZYT_BUFFER_TYPE_GRALLOC, "MyNode");
 /// if (!frame || !shown) return false;                      // both logs have the reason; nothing leaks
-/// zyt::CpuAccess access(manager, CPU_SYNC_READ_WRITE, frame, shown);
+/// zyt::CpuAccess access(CPU_SYNC_READ_WRITE, "MyNode", frame, shown);
 /// if (!access) return false;
 /// ZYTBufferUtil::ZYTBufferCopy(shown.Get(), frame.Get());  // or frame->width, *frame
 /// @endcode                                                 // the destructors release both
 
 #include <sys/mman.h>
+#include <system/graphics.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -26,37 +28,17 @@
 #include <utility>
 
 #include "logging/zytlogsite.h"
+#include "nodekit/plane.h"
 #include "nodekit/poolstate.h"
+#include "nodekit/trace.h"
+#include "nodekit/withmemory.h"
 #include "zytbuffermanager/zytbuffermanager.h"
-#include "zytbuffermanager/zytimagelayout.h"
 
 namespace zyt {
 
 namespace detail {
 
-/// Returns the bytes of pixel data in a row. Unlike FormatLayout::RowBytes it never ends the process.
-inline uint64_t RowBytes(const FormatLayout& layout, uint32_t width) {
-    return uint64_t{width} * layout.rowNumerator / layout.rowDenominator;
-}
-
 inline uint64_t AlignUp(uint64_t value, uint64_t alignment) { return (value + alignment - 1) / alignment * alignment; }
-
-/// Returns null when the geometry is valid, otherwise the reason why not.
-inline const char* WhatIsWrongWithGeometry(const ZYTImageBuffer& image) {
-    const FormatLayout* layout = FindFormatLayout(image.format);
-    if (layout == nullptr) return "its format is unknown";
-    if (image.width == 0 || image.height == 0) return "it has no pixels";
-    constexpr uint64_t kLargest = std::numeric_limits<int32_t>::max();
-    const uint64_t rowBytes = RowBytes(*layout, image.width);
-    if (rowBytes == 0) return "a row has less than a byte";
-    if (rowBytes > kLargest || image.planeStride > kLargest || image.height > kLargest ||
-        uint64_t{image.planeStride} * image.sliceHeight > std::numeric_limits<uint32_t>::max()) {
-        return "its size does not fit 32 bits";
-    }
-    if (image.planeStride < rowBytes) return "its stride is below the bytes of a row";
-    if (image.sliceHeight < image.height) return "its slice height is below its height";
-    return nullptr;
-}
 
 inline ZYTImageBuffer WithoutMemory(ZYTImageBuffer image) {
     std::fill(std::begin(image.pAddr), std::end(image.pAddr), nullptr);
@@ -66,25 +48,38 @@ inline ZYTImageBuffer WithoutMemory(ZYTImageBuffer image) {
     return image;
 }
 
-/// Returns the start of the chroma: the second plane's address, or the end of the only plane's luma.
-inline unsigned char* ChromaOf(const ZYTImageBuffer& image) {
-    if (image.numberOfPlanes > 1) return image.pAddr[1];
-    return image.pAddr[0] + size_t{image.planeStride} * image.sliceHeight;
-}
-
-/// Returns null when the descriptor of plane k is large enough, otherwise the reason why not. REQUIRES: fd[k] is set.
-inline const char* WhatIsWrongWithDescriptor(const ZYTImageBuffer& image, uint32_t k) {
+/// Returns null when the descriptor of plane k, which begins at that offset, is large enough, otherwise the reason why
+/// not. REQUIRES: fd[k] is set.
+inline const char* WhatIsWrongWithDescriptor(const ZYTImageBuffer& image, uint32_t k, uint64_t offset) {
     const FormatLayout& layout = *FindFormatLayout(image.format);
-    const uint64_t first = uint64_t{image.planeStride} * image.sliceHeight;
     const auto bytes = [&](uint32_t rows) {
         return rows == 0 ? 0 : uint64_t{image.planeStride} * (rows - 1) + RowBytes(layout, image.width);
     };
-    uint64_t wanted = bytes(image.height);
-    if (layout.HasChroma() && k == 1) wanted = (image.fd[1] == image.fd[0] ? first : 0) + bytes(image.height / 2);
-    if (layout.HasChroma() && image.numberOfPlanes == 1 && image.height > 1) wanted = first + bytes(image.height / 2);
+    uint64_t wanted = bytes(RowsOf(layout, image.height, k));
+    if (image.numberOfPlanes == 1 && RowsOf(layout, image.height, 1) > 0) {
+        wanted = uint64_t{image.planeStride} * image.sliceHeight + bytes(RowsOf(layout, image.height, 1));
+    }
     const int64_t length = DescriptorLength(image.fd[k]);
     if (length < 0) return "a descriptor is not open, or no memory";
-    return static_cast<uint64_t>(length) < wanted ? "a descriptor is smaller than its plane" : nullptr;
+    const auto available = static_cast<uint64_t>(length);
+    return available < offset || available - offset < wanted ? "a descriptor is smaller than its plane" : nullptr;
+}
+
+/// Sets format, stride and slice height as gralloc reports the planes of an NV12 or NV21 image. Returns null, or the
+/// reason why a record cannot say it.
+inline const char* TakeLayout(const android_ycbcr& planes, ZYTImageBuffer& image) {
+    const auto luma = reinterpret_cast<uintptr_t>(planes.y), cb = reinterpret_cast<uintptr_t>(planes.cb),
+               cr = reinterpret_cast<uintptr_t>(planes.cr), chroma = std::min(cb, cr);
+    if (luma == 0 || chroma == 0) return "gralloc does not report its planes";
+    if (luma % static_cast<uintptr_t>(getpagesize()) != 0) return "its luma does not begin at a page";
+    if (planes.chroma_step != 2 || std::max(cb, cr) - chroma != 1) return "its chroma is not interleaved";
+    if (planes.ystride == 0 || planes.ystride != planes.cstride) return "its planes differ in stride";
+    if (chroma < luma || (chroma - luma) % planes.ystride != 0) return "its chroma does not begin at a row";
+    if (chroma - luma > std::numeric_limits<uint32_t>::max()) return "its size does not fit 32 bits";
+    image.format = cb < cr ? ZYT_FORMAT_YUV420NV12 : ZYT_FORMAT_YUV420NV21;
+    image.planeStride = static_cast<uint32_t>(planes.ystride);
+    image.sliceHeight = static_cast<uint32_t>((chroma - luma) / planes.ystride);
+    return nullptr;
 }
 
 }  // namespace detail
@@ -124,7 +119,13 @@ inline const char* WhatIsWrong(const ZYTImageBuffer& image) {
         if (image.pAddr[k] == nullptr) return k == 0 ? "it has no address" : "it has no chroma";
         if (image.pAddr[k] == MAP_FAILED) return "the kernel refused to map it";
         if (image.fd[k] == 0) continue;
-        if (const char* reason = detail::WhatIsWrongWithDescriptor(image, k)) return reason;
+        // Where both planes have one descriptor, the chroma begins after the slice height or at an offset of its own.
+        const uint64_t offset = k != 1 || image.fd[1] != image.fd[0]
+                                    ? 0
+                                    : std::min(uint64_t{image.planeStride} * image.sliceHeight,
+                                               uint64_t{reinterpret_cast<uintptr_t>(image.pAddr[1])} -
+                                                   reinterpret_cast<uintptr_t>(image.pAddr[0]));
+        if (const char* reason = detail::WhatIsWrongWithDescriptor(image, k, offset)) return reason;
     }
     return nullptr;
 }
@@ -143,8 +144,6 @@ public:
 
 protected:
     ImageRecord() = default;
-    /// Copies the record.
-    explicit ImageRecord(const ZYTImageBuffer& record) : m_record(record) {}
     ~ImageRecord() = default;
     ImageRecord(const ImageRecord&) = delete;
     ImageRecord& operator=(const ImageRecord&) = delete;
@@ -154,13 +153,15 @@ protected:
 
 /// Owns the memory of one image. Move-only. Empty after any failure, which is logged as an error to both logs.
 ///
-/// The pixels of a non-empty image can be accessed: all planes are mapped and as large as the record says. A mapping
-/// that the kernel refuses is tried once more and leaves no unmapped buffer in the pool. (When the kernel refuses two
-/// threads at the same time, the pool itself can leak one of the two descriptors.)
+/// The pixels of a non-empty image can be accessed: all planes are mapped and as large as the record says. Malloc and
+/// DMA-BUF images have one buffer for each plane, P010 and Y16 included, which the manager itself does not allocate. A
+/// gralloc image is one buffer, NV12 or NV21, and its stride, slice height and order of chroma are those that gralloc
+/// reports, not the description's. Where NV12 was asked for and NV21 is there, or the other way round, the record says
+/// what is there, and a warning is logged.
 ///
-/// Malloc and DMA-BUF images have one buffer for each plane. A gralloc image is one buffer and NV12 or NV21 only. Its
-/// stride is gralloc's, not the description's. Its chroma begins after sliceHeight rows, or after height rows when the
-/// description's sliceHeight is 0.
+/// A mapping that the kernel refuses is tried once more and leaves no unmapped buffer in the pool. What the library
+/// itself loses is lost: one descriptor when the kernel refuses two threads at the same time or when the same manager
+/// holds another unmapped buffer, and the buffer that it is recording when `operator new` fails.
 ///
 /// REQUIRES: the manager outlives malloc and DMA-BUF images; a gralloc image may outlive it. Not thread-safe.
 class Image : public ImageRecord {
@@ -170,9 +171,12 @@ public:
 
     /// Allocates memory for the description. `name` tags the log lines and must outlive the image.
     Image(ZYTBufferManager& manager, const ZYTImageBuffer& description, ZYTBufferType type,
-          const char* name = "nodekit")
-        : ImageRecord(detail::WithoutMemory(description)) {
-        const char* reason = type == ZYT_BUFFER_TYPE_GRALLOC ? TakeGralloc(name) : TakePlanes(manager, type);
+          const char* name = "nodekit") {
+        const ScopedTrace section("zyt::Image");
+        m_record = detail::WithoutMemory(description);
+        const char* reason = "there is no memory";
+        detail::WithMemory(
+            [&] { reason = type == ZYT_BUFFER_TYPE_GRALLOC ? TakeGralloc(name) : TakePlanes(manager, type); });
         if (reason == nullptr) return;
         Reset();
         ZYT_LOG(E, name, "No image of format %d, %ux%u, stride %u, type %d: %s", description.format, description.width,
@@ -200,11 +204,13 @@ public:
         if (m_mapping != nullptr) munmap(m_mapping, m_mappedBytes);
         for (void* buffer : m_buffers) {
             if (buffer == nullptr) continue;
-            if (m_client != nullptr) {
-                m_client->PutBufferToPool(buffer);
-            } else {
-                m_manager->FreeBuffer(buffer);
-            }
+            detail::WithMemory([&] {
+                if (m_client != nullptr) {
+                    m_client->PutBufferToPool(buffer);
+                } else {
+                    m_manager->FreeBuffer(buffer);
+                }
+            });
         }
         m_client.reset();
         m_buffers[0] = m_buffers[1] = m_mapping = nullptr;
@@ -215,22 +221,24 @@ public:
     explicit operator bool() const { return m_buffers[0] != nullptr; }
 
 private:
+    using Pool = ZYTBufferPool;
+
     // These return null on success, otherwise the reason. Reset() then releases what they have taken.
     const char* TakePlanes(ZYTBufferManager& manager, ZYTBufferType type) {
+        if (type != ZYT_BUFFER_TYPE_MALLOC && type != ZYT_BUFFER_TYPE_DMABUF) return "its type is unknown";
         if (const char* reason = detail::WhatIsWrongWithGeometry(m_record)) return reason;
         m_manager = &manager;
-        unsigned int count = 0;
-        unsigned int sizes[4] = {};
-        manager.GetImgBufferSize(m_record, count, sizes, 4, type);
-        if (count == 0 || count > 2) return "its format cannot be allocated";
-        for (unsigned int k = 0; k < count; ++k) {
-            if (const char* reason = TakePlane(k, sizes[k], type)) return reason;
-            m_record.numberOfPlanes = k + 1;
+        const uint32_t first = m_record.planeStride * m_record.sliceHeight;
+        if (const char* reason = TakePlane(0, first, type)) return reason;
+        if (FindFormatLayout(m_record.format)->HasChroma()) {
+            if (first == 1) return "its chroma has no bytes";
+            if (const char* reason = TakePlane(1, first / 2, type)) return reason;
         }
         return nullptr;
     }
 
-    // Planes are taken one at a time: refused buffers all have the address MAP_FAILED, so the pool would confuse them.
+    // Planes are taken by size, one at a time: refused buffers all have the address MAP_FAILED, so the pool would
+    // confuse them.
     const char* TakePlane(unsigned int k, unsigned int size, ZYTBufferType type) {
         for (int attempt = 0; attempt < 2; ++attempt) {
             void* buffer = nullptr;
@@ -240,12 +248,33 @@ private:
             if (buffer != MAP_FAILED) {
                 m_buffers[k] = buffer;
                 m_record.pAddr[k] = static_cast<unsigned char*>(buffer);
+                m_record.numberOfPlanes = k + 1;
                 return nullptr;
             }
-            m_manager->FreeBuffer(buffer);
+            GiveBackUnmapped(m_record.fd[k]);
             PurgeUnmapped();
         }
         return "the kernel refused to map it";
+    }
+
+    // The busy list has one entry for the address MAP_FAILED. When it is not this buffer's, the pool would take back
+    // somebody else's buffer: entries of others are set aside until the manager has forgotten the address.
+    void GiveBackUnmapped(int fd) {
+        decltype(Pool::m_busyBufferList)::node_type plain;
+        decltype(Pool::m_busyGrallocBufferList)::node_type graphic;
+        {
+            Lock lock(Pool::m_busyBufferListLock);
+            const auto busy = Pool::m_busyBufferList.find(MAP_FAILED);
+            if (busy == Pool::m_busyBufferList.end() || busy->second.fd != fd) {
+                close(fd);
+                plain = Pool::m_busyBufferList.extract(MAP_FAILED);
+                graphic = Pool::m_busyGrallocBufferList.extract(MAP_FAILED);
+            }
+        }
+        m_manager->FreeBuffer(MAP_FAILED);
+        Lock lock(Pool::m_busyBufferListLock);
+        Pool::m_busyBufferList.insert(std::move(plain));
+        Pool::m_busyGrallocBufferList.insert(std::move(graphic));
     }
 
     const char* TakeGralloc(const char* name) {
@@ -256,7 +285,7 @@ private:
         if ((m_record.width + kMostPadding) * m_record.height > std::numeric_limits<uint32_t>::max()) {
             return "its size does not fit 32 bits";
         }
-        m_client.reset(new (std::nothrow) ZYTBufferPool);
+        m_client.reset(new (std::nothrow) Pool);
         if (m_client == nullptr) return "there is no memory";
         m_client->SetClientName(name);
         for (int attempt = 0; attempt < 2; ++attempt) {
@@ -265,23 +294,44 @@ private:
             if (buffer == nullptr) return "gralloc has no memory";
             if (buffer != MAP_FAILED) {
                 m_buffers[0] = buffer;
-                return MapGralloc();
+                const char* reason = AskGralloc(name);
+                return reason != nullptr ? reason : MapGralloc();
             }
-            m_client->PutBufferToPool(buffer);
+            {
+                Lock lock(Pool::m_busyBufferListLock);
+                const auto busy = Pool::m_busyGrallocBufferList.find(MAP_FAILED);
+                if (busy != Pool::m_busyGrallocBufferList.end() && busy->second.fd == m_record.fd[0]) {
+                    Pool::m_busyGrallocBufferList.erase(busy);
+                }
+            }
             PurgeUnmapped();
         }
         return "the kernel refused to map it";
     }
 
+    // Gralloc decides where the rows and the chroma of its implementation-defined format are.
+    const char* AskGralloc(const char* name) {
+        android::sp<android::GraphicBuffer> buffer;
+        {
+            Lock lock(Pool::m_busyBufferListLock);
+            const auto busy = Pool::m_busyGrallocBufferList.find(m_buffers[0]);
+            if (busy == Pool::m_busyGrallocBufferList.end()) return "somebody else has given it back";
+            buffer = busy->second.graphicBuffer;
+        }
+        constexpr uint32_t kReadOften = 3;  // GRALLOC_USAGE_SW_READ_OFTEN
+        android_ycbcr planes{};
+        if (buffer->lockYCbCr(kReadOften, &planes) != 0) return "gralloc refuses to report its planes";
+        buffer->unlock();
+        const ZYTFormat wanted = m_record.format;
+        const char* reason = detail::TakeLayout(planes, m_record);
+        if (reason == nullptr && m_record.format != wanted) {
+            ZYT_LOG(W, name, "Gralloc has %s", FindFormatLayout(m_record.format)->name);
+        }
+        return reason;
+    }
+
     // The pool maps one byte per pixel, without the chroma. This maps the whole buffer.
     const char* MapGralloc() {
-        {
-            Lock lock(ZYTBufferPool::m_busyBufferListLock);
-            const auto busy = ZYTBufferPool::m_busyGrallocBufferList.find(m_buffers[0]);
-            if (busy == ZYTBufferPool::m_busyGrallocBufferList.end()) return "somebody else has given it back";
-            m_record.planeStride = busy->second.graphicBuffer->getStride();
-        }
-        if (m_record.sliceHeight == 0) m_record.sliceHeight = m_record.height;
         const int64_t length = detail::DescriptorLength(m_record.fd[0]);
         if (length <= 0) return "its descriptor has no length";
         m_mappedBytes = static_cast<size_t>(length);

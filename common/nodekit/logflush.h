@@ -32,9 +32,9 @@ inline uint32_t CountRunning(ZYTThreadPool& pool) ZYT_NO_THREAD_SAFETY_ANALYSIS 
 }
 
 /// A barrier for all workers: once all have reached it, none is still writing a line that was queued earlier.
-class Roll final : public SharedWork {
+class WorkerBarrier final : public SharedWork {
 public:
-    explicit Roll(uint32_t workers) : m_missing(workers) {}
+    explicit WorkerBarrier(uint32_t workers) : m_missing(workers) {}
 
     void RunWhatIsLeft() noexcept override {
         std::unique_lock<std::mutex> lock(m_lock);
@@ -66,18 +66,23 @@ private:
 }  // namespace detail
 
 /// Waits until all lines queued before the call are in their files, as far as these can be written, and returns true.
-/// Returns false and logs an error after the timeout, when the process exits meanwhile, and when memory runs out.
-/// Thread-safe. REQUIRES: the caller is not a worker of the offline log, and exit() has not begun.
+/// Returns false and logs an error after the timeout, when the process exits meanwhile, and when memory runs out. Also
+/// an idle log needs some time for the answer, so a timeout below 100 ms counts as 100 ms. Thread-safe. REQUIRES: the
+/// caller is not a worker of the offline log, and exit() has not begun.
 inline bool FlushOfflineLog(std::chrono::milliseconds timeout) {
+    timeout = std::max(timeout, std::chrono::milliseconds(100));
     ZYTThreadPool& writers = ZYTOfflineLog::GetInstance().m_threadPool;
     const uint32_t count = detail::CountRunning(writers);
-    auto* roll = count > 0 ? new (std::nothrow) detail::Roll(count) : nullptr;
+    auto* barrier = count > 0 ? new (std::nothrow) detail::WorkerBarrier(count) : nullptr;
     bool isFlushed = false;
-    if (roll != nullptr) {
-        // Notify queues all notices under one lock. If those of two callers mixed, each would hold half of the workers.
-        const bool areAllCalled = detail::Notify(writers, *roll, count) == count;
-        isFlushed = roll->Wait(writers, areAllCalled ? timeout : std::chrono::milliseconds(0));
-        detail::Withdraw(writers, *roll);
+    if (barrier != nullptr) {
+        detail::Notices notices(*barrier, count);
+        // All notices are queued under one lock. If those of two callers mixed, each would hold half of the workers.
+        if (notices.Count() == count) {
+            notices.QueueTo(writers);
+            isFlushed = barrier->Wait(writers, timeout);
+        }
+        detail::Withdraw(writers, *barrier);
     }
     if (!isFlushed)
         ZYT_LOG(E, "nodekit", "The offline log was not written out within %lld ms",

@@ -2,7 +2,8 @@
 #define ZYT_NODEKIT_PARALLEL_H
 
 /// @file
-/// Runs work on the workers of a ZYTThreadPool and waits for it.
+/// Runs work on the workers of a ZYTThreadPool: rows and groups of callables, which the caller waits for, and a queue
+/// of frames, which it does not.
 ///
 /// @code
 /// zyt::ParallelRows(m_workers, image->height, [&](uint32_t from, uint32_t to) {
@@ -13,30 +14,36 @@
 /// group.Run([&] { FindFaces(*preview); });
 /// group.Run([&] { Measure(*frame); });
 /// group.Wait();                                    // the destructor waits too
+///
+/// zyt::FrameQueue<Frame> m_frames{m_workers, [this](Frame& frame) { Process(frame); }, 8};
+/// if (!m_frames.Push(std::move(frame))) Drop(frame);            // full: the caller still has it
+/// for (Frame& frame : m_frames.Close()) GiveBack(frame);        // stopped: those that never ran
 /// @endcode
 ///
-/// The waiting thread itself does the work that no worker has begun. So all work is done and no wait hangs, even when
-/// the pool has no workers, is flushed, stopped or restarted meanwhile, when the caller is a task of the same pool, and
-/// when memory for notifying the workers runs out. (A flush meanwhile leaks a small block.) An exception that leaves
-/// the work ends the process.
+/// Who waits for rows or a group does the work that no worker has begun. So all work is done and no wait hangs, even
+/// when the pool has no workers, is flushed, stopped or restarted meanwhile, when the caller is a task of the same
+/// pool, and when memory runs out. (A flush meanwhile leaks a small block.) An exception that leaves the work ends the
+/// process.
 ///
-/// REQUIRES: the pool outlives the group. No callable waits for its own group.
+/// REQUIRES: the pool outlives the group or queue. No callable waits for its own group or closes its own queue.
 
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
-#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <thread>
 #include <type_traits>
 #include <utility>
 
 #include "base/zytthreadsafety.h"
+#include "nodekit/trace.h"
+#include "nodekit/withmemory.h"
 #include "threadpool/zytthreadpool.h"
 
 namespace zyt {
@@ -66,25 +73,44 @@ protected:
     virtual ~SharedWork() = default;
 };
 
-/// Queues up to `count` notices for the work, all under one lock. Returns the number queued, which is smaller only when
-/// memory runs out.
-inline uint32_t Notify(ZYTThreadPool& pool, SharedWork& work, uint32_t count) {
-    std::list<ZYTThreadPoolTask> notices;
-    for (uint32_t i = 0; i < count; ++i) {
-        auto* notice = static_cast<SharedWork::Notice*>(std::malloc(sizeof(SharedWork::Notice)));
-        if (notice == nullptr) break;
-        notice->work = &work;
-        notices.push_back({ZYT_THREAD_POOL_TASK_NORMAL, SharedWork::RunNotice, notice, sizeof(*notice)});
+/// Notices for work, made before they are queued because that can fail.
+class Notices {
+public:
+    /// Makes `count` notices, or fewer when memory runs out.
+    Notices(SharedWork& work, uint32_t count) : m_work(work) {
+        while (m_tasks.size() < count && WithMemory([&] { m_tasks.emplace_back(); })) {
+            auto* notice = static_cast<SharedWork::Notice*>(std::malloc(sizeof(SharedWork::Notice)));
+            if (notice == nullptr) {
+                m_tasks.pop_back();
+                return;
+            }
+            notice->work = &work;
+            m_tasks.back() = {ZYT_THREAD_POOL_TASK_NORMAL, SharedWork::RunNotice, notice, sizeof(*notice)};
+        }
     }
-    const auto queued = static_cast<uint32_t>(notices.size());
-    work.m_owners.fetch_add(queued, std::memory_order_relaxed);
-    {
-        Lock lock(pool.m_taskListLock);
-        pool.m_taskList.splice(pool.m_taskList.end(), notices);
+    ~Notices() {
+        for (const ZYTThreadPoolTask& task : m_tasks) std::free(task.data);
     }
-    for (uint32_t i = 0; i < queued; ++i) pool.m_taskCond.notify_one();
-    return queued;
-}
+    Notices(const Notices&) = delete;
+    Notices& operator=(const Notices&) = delete;
+
+    uint32_t Count() const { return static_cast<uint32_t>(m_tasks.size()); }
+
+    /// Queues all of them under one lock.
+    void QueueTo(ZYTThreadPool& pool) {
+        const uint32_t count = Count();
+        m_work.m_owners.fetch_add(count, std::memory_order_relaxed);
+        {
+            Lock lock(pool.m_taskListLock);
+            pool.m_taskList.splice(pool.m_taskList.end(), m_tasks);
+        }
+        for (uint32_t i = 0; i < count; ++i) pool.m_taskCond.notify_one();
+    }
+
+private:
+    SharedWork& m_work;
+    std::list<ZYTThreadPoolTask> m_tasks;
+};
 
 /// Removes the notices that are still queued and releases the creator's share of the work.
 inline void Withdraw(ZYTThreadPool& pool, SharedWork& work) {
@@ -111,7 +137,8 @@ public:
 
     void RunWhatIsLeft() noexcept override {
         uint32_t done = 0;
-        for (uint32_t i = 0; (i = m_next.fetch_add(1, std::memory_order_relaxed)) < m_bands; ++done) {
+        for (uint64_t i = 0; (i = m_next.fetch_add(1, std::memory_order_relaxed)) < m_bands; ++done) {
+            const ScopedTrace section("zyt::ParallelRows");
             m_function(First(i), First(i + 1));
         }
         if (done == 0 || m_done.fetch_add(done, std::memory_order_acq_rel) + done != m_bands) return;
@@ -128,29 +155,68 @@ public:
     }
 
 private:
-    uint32_t First(uint32_t band) const { return static_cast<uint32_t>(uint64_t{m_rows} * band / m_bands); }
+    uint32_t First(uint64_t band) const { return static_cast<uint32_t>(m_rows * band / m_bands); }
 
     const uint32_t m_rows;
     const uint32_t m_bands;
-    Function& m_function;  // used only by threads that have a band, for which Wait() waits
-    std::atomic<uint32_t> m_next{0};
+    Function& m_function;             // used only by threads that have a band, for which Wait() waits
+    std::atomic<uint64_t> m_next{0};  // threads that find no band left count on
     std::atomic<uint32_t> m_done{0};
     std::mutex m_lock;
     std::condition_variable m_isDone;
 };
 
-/// A queue of callables and the number of running ones.
-class Jobs final : public SharedWork {
+/// Items that wait for a thread, and the number of those in work.
+template <typename Item>
+class Items : public SharedWork {
 public:
-    void Add(std::function<void()> job) {
+    /// Appends what the list has.
+    void Add(std::list<Item>& items) {
         const std::lock_guard<std::mutex> lock(m_lock);
-        m_waiting.push_back(std::move(job));
+        m_waiting.splice(m_waiting.end(), items);
         m_changed.notify_all();
     }
 
+protected:
+    virtual void Process(Item& item) noexcept = 0;
+
+    // Processes the first item without the lock. The item is destroyed before it counts as done.
+    void ProcessFirst(std::unique_lock<std::mutex>& lock) {
+        std::list<Item> first;
+        first.splice(first.end(), m_waiting, m_waiting.begin());
+        ++m_running;
+        lock.unlock();
+        Process(first.front());
+        first.clear();
+        lock.lock();
+        if (--m_running == 0) m_changed.notify_all();
+    }
+
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    std::list<Item> m_waiting;
+    uint32_t m_running = 0;
+};
+
+/// A callable without arguments, which may be move-only.
+struct Job {
+    virtual ~Job() = default;
+    virtual void Run() = 0;
+};
+
+template <typename Function>
+struct JobOf final : Job {
+    template <typename From>
+    explicit JobOf(From&& from) : function(std::forward<From>(from)) {}
+    void Run() override { function(); }
+    Function function;
+};
+
+class Jobs final : public Items<std::unique_ptr<Job>> {
+public:
     void RunWhatIsLeft() noexcept override {
         std::unique_lock<std::mutex> lock(m_lock);
-        while (!m_waiting.empty()) RunOne(lock);
+        while (!m_waiting.empty()) ProcessFirst(lock);
     }
 
     void Wait() noexcept {
@@ -159,27 +225,82 @@ public:
             if (m_waiting.empty()) {
                 m_changed.wait(lock);
             } else {
-                RunOne(lock);
+                ProcessFirst(lock);
             }
         }
     }
 
 private:
-    void RunOne(std::unique_lock<std::mutex>& lock) {
-        std::function<void()> job = std::move(m_waiting.front());
-        m_waiting.pop_front();
-        ++m_running;
+    void Process(std::unique_ptr<Job>& job) noexcept override { job->Run(); }
+};
+
+/// The items of a FrameQueue. A notice processes one item and queues the next notice, so that a pool's other tasks get
+/// their turn and the pool can be stopped.
+template <typename Item>
+class OrderedItems : public Items<Item> {
+public:
+    OrderedItems(ZYTThreadPool& pool, size_t capacity) : m_pool(pool), m_capacity(capacity) {}
+
+    bool Push(Item& item) {
+        std::unique_lock<std::mutex> lock(m_lock);
+        if (m_isClosed || m_waiting.size() >= m_capacity) return false;
+        Notices notices(*this, m_running == 0 ? 1 : 0);
+        std::list<Item> added;
+        if (m_running == 0 && notices.Count() == 0) return false;
+        if (!WithMemory([&] { added.push_back(std::move(item)); })) return false;
+        m_waiting.splice(m_waiting.end(), added);
         lock.unlock();
-        job();
-        job = nullptr;  // Wait() guarantees that the captures are destroyed
-        lock.lock();
-        if (--m_running == 0) m_changed.notify_all();
+        notices.QueueTo(m_pool);
+        return true;
     }
 
-    std::mutex m_lock;
-    std::condition_variable m_changed;
-    std::list<std::function<void()>> m_waiting;
-    uint32_t m_running = 0;
+    void RunWhatIsLeft() noexcept override {
+        std::unique_lock<std::mutex> lock(m_lock);
+        while (m_running == 0 && !m_waiting.empty()) {
+            this->ProcessFirst(lock);
+            if (m_waiting.empty()) return;
+            Notices next(*this, 1);
+            if (next.Count() == 1) return next.QueueTo(m_pool);
+        }
+    }
+
+    std::list<Item> Close() {
+        std::unique_lock<std::mutex> lock(m_lock);
+        m_isClosed = true;
+        std::list<Item> left = std::move(m_waiting);
+        m_waiting.clear();
+        m_changed.wait(lock, [this] { return m_running == 0; });
+        DestroyFunction();
+        return left;
+    }
+
+private:
+    using Items<Item>::m_changed;
+    using Items<Item>::m_lock;
+    using Items<Item>::m_running;
+    using Items<Item>::m_waiting;
+
+    virtual void DestroyFunction() = 0;
+
+    ZYTThreadPool& m_pool;
+    const size_t m_capacity;
+    bool m_isClosed = false;
+};
+
+template <typename Item, typename Function>
+class OrderedItemsOf final : public OrderedItems<Item> {
+public:
+    OrderedItemsOf(ZYTThreadPool& pool, size_t capacity, Function&& function)
+        : OrderedItems<Item>(pool, capacity), m_function(std::move(function)) {}
+
+private:
+    void Process(Item& item) noexcept override {
+        const ScopedTrace section("zyt::FrameQueue");
+        (*m_function)(item);
+    }
+    void DestroyFunction() override { m_function.reset(); }
+
+    std::optional<Function> m_function;
 };
 
 /// Returns the number of workers of the pool, or `otherwise` while it is being started or stopped.
@@ -202,7 +323,7 @@ void ParallelRows(ZYTThreadPool& pool, uint32_t rows, Function&& function, uint3
     if (work == nullptr) return [&]() noexcept { function(0u, rows); }();
     // More threads than processors, this one included, would only compete with each other.
     const uint32_t others = std::max(std::thread::hardware_concurrency(), 2u) - 1;
-    detail::Notify(pool, *work, std::min({bands - 1, others, detail::CountWorkers(pool, bands)}));
+    detail::Notices(*work, std::min({bands - 1, others, detail::CountWorkers(pool, bands)})).QueueTo(pool);
     work->Wait();
     detail::Withdraw(pool, *work);
 }
@@ -212,29 +333,72 @@ void ParallelRows(ZYTThreadPool& pool, uint32_t rows, Function&& function, uint3
 class TaskGroup {
 public:
     /// Creates an empty group.
-    explicit TaskGroup(ZYTThreadPool& pool) : m_pool(pool), m_jobs(new detail::Jobs) {}
+    explicit TaskGroup(ZYTThreadPool& pool) : m_pool(pool), m_jobs(new (std::nothrow) detail::Jobs) {}
     /// Calls Wait().
     ~TaskGroup() {
         Wait();
-        detail::Withdraw(m_pool, *m_jobs);
+        if (m_jobs != nullptr) detail::Withdraw(m_pool, *m_jobs);
     }
     TaskGroup(const TaskGroup&) = delete;
     TaskGroup& operator=(const TaskGroup&) = delete;
 
-    /// Queues a callable without arguments, which may be move-only. It is called once.
+    /// Queues a callable without arguments, which may be move-only. It is called once; here and now when there is no
+    /// memory to queue it.
     template <typename Function>
     void Run(Function&& function) {
-        auto shared = std::make_shared<std::decay_t<Function>>(std::forward<Function>(function));
-        m_jobs->Add([shared = std::move(shared)] { (*shared)(); });
-        detail::Notify(m_pool, *m_jobs, 1);
+        using Job = detail::JobOf<std::decay_t<Function>>;
+        std::list<std::unique_ptr<detail::Job>> job;
+        if (m_jobs != nullptr && detail::WithMemory([&] { job.emplace_back(); })) {
+            job.front().reset(new (std::nothrow) Job(std::forward<Function>(function)));
+        }
+        if (job.empty() || job.front() == nullptr) return [&]() noexcept { function(); }();
+        m_jobs->Add(job);
+        detail::Notices(*m_jobs, 1).QueueTo(m_pool);
     }
 
     /// Runs the callables that no worker has begun, and returns when all have run and their captures are destroyed.
-    void Wait() { m_jobs->Wait(); }
+    void Wait() {
+        if (m_jobs != nullptr) m_jobs->Wait();
+    }
 
 private:
     ZYTThreadPool& m_pool;
-    detail::Jobs* const m_jobs;
+    detail::Jobs* const m_jobs;  // null when there was no memory
+};
+
+/// A queue whose items are processed in the order of their arrival, one at a time, on any worker of a pool.
+/// Thread-safe.
+///
+/// The items are the queue's from Push() until they have been processed or Close() hands them back. After a flush of
+/// the pool they wait for the next Push(), or for Close().
+template <typename Item>
+class FrameQueue {
+public:
+    /// Creates a queue for at most `capacity` items that wait. `process` is called as process(item), with an item that
+    /// it may move from; it may be move-only. It must not call Close() of its own queue, which would wait for it.
+    template <typename Function>
+    FrameQueue(ZYTThreadPool& pool, Function process, size_t capacity)
+        : m_pool(pool),
+          m_items(new (std::nothrow) detail::OrderedItemsOf<Item, Function>(pool, capacity, std::move(process))) {}
+    /// Calls Close() and destroys what never ran.
+    ~FrameQueue() {
+        Close();
+        if (m_items != nullptr) detail::Withdraw(m_pool, *m_items);
+    }
+    FrameQueue(const FrameQueue&) = delete;
+    FrameQueue& operator=(const FrameQueue&) = delete;
+
+    /// Queues the item. Returns false, without a log line and with the item unchanged, when the queue is full or closed
+    /// or when memory runs out.
+    bool Push(Item&& item) { return m_items != nullptr && m_items->Push(item); }
+
+    /// Refuses items from now on, waits for the one in work, destroys `process` and returns those that never ran,
+    /// oldest first. Later calls return nothing.
+    std::list<Item> Close() { return m_items != nullptr ? m_items->Close() : std::list<Item>(); }
+
+private:
+    ZYTThreadPool& m_pool;
+    detail::OrderedItems<Item>* const m_items;  // null when there was no memory
 };
 
 }  // namespace zyt

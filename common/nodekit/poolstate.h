@@ -33,7 +33,6 @@
 #include <vector>
 
 #include "base/zytthreadsafety.h"
-#include "logging/zytofflinelog.h"
 #include "zytbuffermanager/zytbufferpool.h"
 
 namespace zyt {
@@ -51,9 +50,8 @@ struct PoolBuffer {
 /// State of the pool. A part whose lock could not be taken is empty.
 struct PoolState {
     std::optional<uint32_t> clients;              ///< Registered clients; the last one releases the pool.
-    std::optional<std::vector<PoolBuffer>> out;   ///< Buffers in use.
+    std::optional<std::vector<PoolBuffer>> busy;  ///< Buffers in use.
     std::optional<std::vector<PoolBuffer>> free;  ///< Buffers in the free lists.
-    std::optional<size_t> offlineLines;           ///< Lines that the offline log has not written yet.
 };
 
 namespace detail {
@@ -155,16 +153,14 @@ inline PoolState ReadPool() ZYT_NO_THREAD_SAFETY_ANALYSIS {
         state.clients = Pool::m_bufferPoolClientNum;
     }
     if (const detail::PatientLock lock(Pool::m_busyBufferListLock); lock) {
-        detail::AppendAll(Pool::m_busyBufferList, state.out.emplace());
-        detail::AppendAll(Pool::m_busyGrallocBufferList, *state.out);
+        detail::AppendAll(Pool::m_busyBufferList, state.busy.emplace());
+        detail::AppendAll(Pool::m_busyGrallocBufferList, *state.busy);
     }
     if (const detail::PatientLock lock(Pool::m_freeBufferListLock); lock) {
         state.free.emplace();
         for (const auto& buffersBySize : Pool::m_freeBufferList) detail::AppendAll(buffersBySize, *state.free);
         detail::AppendAll(Pool::m_freeGrallocBufferList, *state.free);
     }
-    ZYTThreadPool& writers = ZYTOfflineLog::GetInstance().m_threadPool;
-    if (const detail::PatientLock lock(writers.m_taskListLock); lock) state.offlineLines = writers.m_taskList.size();
     return state;
 }
 
@@ -176,13 +172,8 @@ inline void PrintPool(int fd) {
     } else {
         dprintf(fd, "pool clients: unknown, the lock is held\n");
     }
-    detail::PrintBuffers(fd, "out", state.out);
+    detail::PrintBuffers(fd, "in use", state.busy);
     detail::PrintBuffers(fd, "free", state.free);
-    if (state.offlineLines) {
-        dprintf(fd, "offline log: %zu lines queued\n", *state.offlineLines);
-    } else {
-        dprintf(fd, "offline log: unknown, the lock is held\n");
-    }
 }
 
 /// Releases free buffers, oldest first, until `keep` of each size or geometry are left; 0 empties the free lists.

@@ -1,4 +1,4 @@
-// A node that averages four raw frames on worker threads, which halves the noise and adds two bits per pixel.
+// A node that averages four raw frames on worker threads, which halves the noise, and scales the mean to 16 bits.
 // usage: denoise FRAME FRAME FRAME FRAME DIRECTORY, each frame a dump such as night1_4000x3000_RawMipi10.raw
 
 #include <nodekit/cpuaccess.h>
@@ -26,32 +26,37 @@ public:
     // Returns the mean of the frames as 16-bit raw, or an empty image on failure.
     zyt::Image Process(const Frames& frames) {
         const ZYTImageBuffer& first = *frames[0];
+        const zyt::FormatLayout& layout = zyt::LayoutOf(first.format);
         for (const zyt::Image& frame : frames) {
-            if (frame && frame->format == first.format && frame->width == first.width && frame->height == first.height)
+            if (!frame) return {};
+            if (layout.kind == zyt::FormatKind::kRaw && frame->format == first.format && frame->width == first.width &&
+                frame->height == first.height)
                 continue;
-            ZYT_LOG(E, kName, "The frames are not alike");
+            ZYT_LOG(E, kName, "The frames are not raw or not alike");
             return {};
         }
         zyt::Image mean(m_manager, zyt::Describe(ZYT_FORMAT_RAW16, first.width, first.height), kMemory, kName);
-        zyt::CpuAccess read(m_manager, CPU_SYNC_READ, frames[0], frames[1], frames[2], frames[3]);
-        zyt::CpuAccess write(m_manager, CPU_SYNC_WRITE, mean);
+        zyt::CpuAccess read(CPU_SYNC_READ, kName, frames), write(CPU_SYNC_WRITE, kName, mean);
         if (!mean || !read || !write) return {};
         zyt::ParallelRows(m_workers, first.height, [&](uint32_t from, uint32_t to) {
-            std::vector<uint16_t> row(first.width), sum(first.width);
+            std::vector<uint16_t> row(first.width);
             for (uint32_t y = from; y < to; ++y) {
-                std::fill(sum.begin(), sum.end(), uint16_t{0});
+                std::vector<uint32_t> sum(first.width);
                 for (const zyt::Image& frame : frames) {
                     zyt::UnpackRow(*frame, y, row.data());
-                    for (uint32_t x = 0; x < first.width; ++x) sum[x] = static_cast<uint16_t>(sum[x] + row[x] * 16);
+                    for (uint32_t x = 0; x < first.width; ++x) sum[x] += row[x];
                 }
-                zyt::PackRow(*mean, y, sum.data());
+                for (uint32_t x = 0; x < first.width; ++x) {
+                    row[x] = static_cast<uint16_t>((sum[x] << (16 - layout.bits)) / frames.size());
+                }
+                zyt::PackRow(*mean, y, row.data());
             }
         });
         return read.Close() && write.Close() ? std::move(mean) : zyt::Image();
     }
 
     bool Write(const zyt::Image& image, const std::string& directory) {
-        zyt::CpuAccess access(m_manager, CPU_SYNC_READ, image);
+        zyt::CpuAccess access(CPU_SYNC_READ, kName, image);
         const std::string path = directory + "/" + zyt::DumpName(*image, kName);
         return access && zyt::WriteDump(*image, path, kName) && access.Close();
     }
