@@ -1,9 +1,13 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <hostdevice/hostdevice.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
+#include <cstdlib>
 #include <future>
+#include <new>
 #include <random>
 #include <thread>
 
@@ -23,6 +27,38 @@ using zyttest::LogCapture;
 
 namespace {
 
+thread_local uint64_t t_newsBeforeFailure = 0;  // of this thread; 0: none fails
+
+void* New(size_t size) {
+    const bool fails = t_newsBeforeFailure > 0 && --t_newsBeforeFailure == 0;
+    return fails ? nullptr : std::malloc(size);
+}
+
+}  // namespace
+
+void* operator new(size_t size) {
+    void* memory = New(size);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return New(size); }
+// Not inline: gcc would warn that free() does not match new.
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+
+namespace {
+
+// Calls step once for each `operator new` of this thread in it, which fails, and once with none failing.
+template <typename Step>
+void WithEachNewFailing(const Step& step) {
+    bool hasFailed = true;
+    for (uint64_t n = 1; hasFailed; ++n) {
+        SCOPED_TRACE(n);
+        t_newsBeforeFailure = n;
+        step();
+        hasFailed = std::exchange(t_newsBeforeFailure, 0) == 0;
+    }
+}
+
 constexpr ZYTFormat kNv12 = ZYT_FORMAT_YUV420NV12;
 constexpr ZYTBufferType kTypes[] = {ZYT_BUFFER_TYPE_MALLOC, ZYT_BUFFER_TYPE_DMABUF, ZYT_BUFFER_TYPE_GRALLOC};
 
@@ -38,6 +74,8 @@ int CountErrors(LogCapture& log, const std::string& name) {
     for (const std::string& line : log.Take()) count += line.rfind("E [" + name + "] ", 0) == 0;
     return count;
 }
+
+bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
 // Writes all memory that the record describes, chroma included.
 void Fill(Image& image) {
@@ -102,16 +140,75 @@ TEST(DumpName, TellsSizeAndFormat) {
     using zyt::ParseDumpName;
     for (int format = 0; format <= ZYT_FORMAT_RAW16; ++format) {
         const zyt::DumpInfo info =
-            ParseDumpName("/1x1_Y16/" + zyt::DumpName(zyttest::Image(format, 4000, 3000, 0, 0), "640x480 nv21"));
+            ParseDumpName("/1x1_Y16/" + zyt::DumpName(zyttest::Image(format, 131072, 3000, 0, 0), "640x480 nv21"));
         EXPECT_EQ(info.format, format);
-        EXPECT_EQ(info.width * 10000 + info.height, 40003000u);
+        EXPECT_EQ(info.width, 131072u);
+        EXPECT_EQ(info.height, 3000u);
     }
+    EXPECT_EQ(zyt::DumpName(zyttest::Image(0, 131073, 1, 0, 0), "a"), "") << "which no parser reads";
+    EXPECT_EQ(zyt::DumpName(zyttest::Image(0, 1, 131073, 0, 0), "a"), "");
     EXPECT_EQ(ParseDumpName("a-4X3.P010").format, ZYT_FORMAT_YUV_P010);
     EXPECT_EQ(ParseDumpName("a-4X3.P010").height, 3u);
     for (const char* name : {"", "a", "x", "4x", "x3", "4x3x2", "0x3", "4x0", "+4x3", "4x-3", "131073x1",
                              "99999999999x1", "4x3/a", "rawmipi1", "rawmipi100"}) {
-        EXPECT_TRUE(ParseDumpName(name).width == 0 && !ParseDumpName(name).format) << name;
+        EXPECT_EQ(ParseDumpName(name).width, 0u) << name;
+        EXPECT_FALSE(ParseDumpName(name).format) << name;
     }
+}
+
+TEST(Describe, RoundsRowsToWholeGroupsAndSlicesToWholeChromaRows) {
+    EXPECT_EQ(Describe(ZYT_FORMAT_RAWMIPI10, 5, 1).planeStride, 10u);
+    EXPECT_EQ(Describe(ZYT_FORMAT_RAWMIPI12, 5, 1).planeStride, 9u);
+    EXPECT_EQ(Describe(ZYT_FORMAT_RAWMIPI14, 5, 1).planeStride, 14u);
+    EXPECT_EQ(Describe(ZYT_FORMAT_YUV_P010, 5, 5, 1).planeStride, 12u);
+    EXPECT_EQ(Describe(kNv12, 5, 5, 64).planeStride, 64u);
+    EXPECT_EQ(Describe(kNv12, 5, 5).sliceHeight, 6u);
+    EXPECT_EQ(Describe(kNv12, 5, 5, 1, 32).sliceHeight, 32u);
+    EXPECT_EQ(Describe(ZYT_FORMAT_Y16, 5, 5).sliceHeight, 5u);
+}
+
+TEST(Plane, ViewsSamplesOfAnyImage) {
+    alignas(2) unsigned char memory[400] = {};
+    ZYTImageBuffer image = Describe(ZYT_FORMAT_YUV_P010, 10, 6, 32);
+    image.pAddr[image.numberOfPlanes++] = memory;
+    EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 1)) << "P010's chroma has an address of its own";
+    image.pAddr[image.numberOfPlanes++] = memory + 200;
+    const zyt::Plane<uint16_t> chroma = zyt::PlaneOf<uint16_t>(image, 1);
+    EXPECT_EQ(chroma.width, 10u);
+    EXPECT_EQ(chroma.height, 3u);
+    EXPECT_EQ(chroma.stride, 32u);
+    EXPECT_EQ(static_cast<void*>(chroma.Row(2)), memory + 264);
+    EXPECT_EQ(zyt::PlaneOf<const uint8_t>(image, 0).width, 20u);
+
+    const zyt::Plane<uint16_t> part = chroma.Crop(1, 7, 3, 2);  // top, left, width, height
+    EXPECT_EQ(static_cast<void*>(part.Row(1)), memory + 278);
+    EXPECT_EQ(part.width, 3u);
+    EXPECT_EQ(part.height, 2u);
+    EXPECT_FALSE(chroma.Crop(1, 7, 4, 2));
+    EXPECT_FALSE(chroma.Crop(2, 7, 3, 2));
+    EXPECT_FALSE(chroma.Crop(0, 0xffffffff, 2, 1));
+    EXPECT_FALSE(chroma.Crop(0, 0, 0, 1));
+
+    image.format = kNv12;
+    image.numberOfPlanes = 1;
+    EXPECT_EQ(zyt::PlaneOf<uint8_t>(image, 1).data, memory + 192) << "behind the slice height";
+    EXPECT_FALSE(zyt::PlaneOf<uint8_t>(image, 2));
+    EXPECT_FALSE(zyt::PlaneOf<uint32_t>(image, 0)) << "10 bytes";
+    image.planeStride = 33;
+    EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 0));
+    image.planeStride = 32;
+    image.pAddr[0] = memory + 1;
+    EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 0));
+    for (void* address : {static_cast<void*>(nullptr), MAP_FAILED}) {
+        image.pAddr[0] = static_cast<unsigned char*>(address);
+        EXPECT_FALSE(zyt::PlaneOf<uint8_t>(image, 0));
+        EXPECT_FALSE(zyt::PlaneOf<uint8_t>(image, 1));
+    }
+    image.pAddr[0] = memory;
+    image.format = ZYT_FORMAT_RAWMIPI10;
+    image.width = 8;
+    EXPECT_EQ(zyt::PlaneOf<uint8_t>(image, 0).width, 10u);
+    EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 0));
 }
 
 TEST(Image, OwnsMemoryForItsWholeGeometryAndGivesItBackOnce) {
@@ -124,6 +221,7 @@ TEST(Image, OwnsMemoryForItsWholeGeometryAndGivesItBackOnce) {
                 ASSERT_TRUE(image) << type;
                 EXPECT_EQ(zyt::WhatIsWrong(*image), nullptr);
                 EXPECT_EQ(image->planeStride % (type == ZYT_BUFFER_TYPE_GRALLOC ? 64 : 3), 0u);
+                EXPECT_EQ(image->sliceHeight % (type == ZYT_BUFFER_TYPE_GRALLOC ? 32 : 2), 0u) << "as gralloc has it";
                 Fill(image);
                 void* address = image->pAddr[0];
                 Image other(std::move(image));
@@ -140,35 +238,84 @@ TEST(Image, OwnsMemoryForItsWholeGeometryAndGivesItBackOnce) {
     EXPECT_EQ(CountLiveMemory(), 3u);
 }
 
+TEST(Image, HasTheLayoutThatGrallocReports) {
+    alignas(65536) static unsigned char memory[65536];
+    const android_ycbcr nv12 = {memory, memory + 6400, memory + 6401, 64, 64, 2, {}};
+    ZYTImageBuffer image = Describe(kNv12, 60, 90);
+    EXPECT_STREQ(zyt::detail::TakeLayout(nv12, image), nullptr);
+    EXPECT_EQ(image.planeStride, 64u);
+    EXPECT_EQ(image.sliceHeight, 100u);
+    android_ycbcr nv21 = nv12;
+    std::swap(nv21.cb, nv21.cr);
+    EXPECT_STREQ(zyt::detail::TakeLayout(nv21, image), nullptr);
+    EXPECT_EQ(image.format, ZYT_FORMAT_YUV420NV21);
+
+    const auto refuses = [&](const char* reason, const auto& change) {
+        android_ycbcr planes = nv12;
+        change(planes);
+        EXPECT_THAT(zyt::detail::TakeLayout(planes, image), HasSubstr(reason));
+    };
+    refuses("not report", [](android_ycbcr& planes) { planes.y = nullptr; });
+    refuses("not report", [](android_ycbcr& planes) { planes.cr = nullptr; });
+    refuses("begin at a page", [](android_ycbcr& planes) { planes.y = memory + 64; });
+    refuses("interleaved", [](android_ycbcr& planes) { planes.chroma_step = 1; });
+    refuses("interleaved", [](android_ycbcr& planes) { planes.cr = memory + 9600; });
+    refuses("stride", [](android_ycbcr& planes) { planes.cstride = 32; });
+    refuses("begin at a row", [](android_ycbcr& planes) { planes.ystride = planes.cstride = 63; });
+}
+
 TEST(Image, IsThereOrNothingIsLeftOfIt) {
     LogCapture log;
-    for (const ZYTBufferType type : kTypes) {
-        for (const Fault fault :
-             {Fault::kHeapAllocation, Fault::kGraphicBuffer, Fault::kGraphicDescriptor, Fault::kMapping}) {
-            for (uint64_t n = 1; !hostdevice::FaultPending(fault); ++n) {
+    struct Failure {
+        Fault fault;
+        uint64_t times;
+    };
+    for (const Failure failure : {Failure{Fault::kHeapAllocation, 1},
+                                  {Fault::kGraphicBuffer, 1},
+                                  {Fault::kGraphicDescriptor, 1},
+                                  {Fault::kMapping, 1},
+                                  {Fault::kMapping, 2}}) {
+        for (const ZYTBufferType type : kTypes) {
+            for (uint64_t n = 1; !hostdevice::FaultPending(failure.fault); ++n) {
+                SCOPED_TRACE(testing::Message() << type << " " << static_cast<int>(failure.fault) << " at " << n);
                 ZYTBufferManager manager("Node");
-                hostdevice::FailNth(fault, n);
+                hostdevice::FailNth(failure.fault, n, failure.times);
                 log.Take();
                 Image image(manager, Describe(kNv12, 64, 64), type, "Mine");
                 EXPECT_EQ(CountErrors(log, "Mine"), image ? 0 : 1);
-                EXPECT_TRUE(image || !hostdevice::FaultPending(fault));
-                EXPECT_TRUE(image || fault != Fault::kMapping) << "tried once more";
+                const bool isTriedAgain = failure.fault == Fault::kMapping && failure.times == 1;
+                EXPECT_EQ(static_cast<bool>(image), isTriedAgain || hostdevice::FaultPending(failure.fault));
                 image.Reset();
                 EXPECT_TRUE(zyt::ReadPool().busy->empty());
                 zyt::TrimPool(0);
-                EXPECT_EQ(CountLiveMemory(), 0u) << type << static_cast<int>(fault) << n;
+                EXPECT_EQ(CountLiveMemory(), 0u);
             }
             hostdevice::ClearFaults();
         }
     }
-    // Unmapped buffers that other clients have left in the pool.
-    ZYTBufferManager manager;
-    ZYTImageBuffer dead = Describe(kNv12, 64, 64);
-    hostdevice::FailNth(Fault::kMapping, 1);
-    ASSERT_TRUE(manager.AllocBuffer(dead, ZYT_BUFFER_TYPE_DMABUF));
-    ASSERT_EQ(dead.pAddr[0], MAP_FAILED);
-    manager.FreeBuffer(dead);
-    EXPECT_TRUE(Image(manager, dead, ZYT_BUFFER_TYPE_DMABUF));
+}
+
+TEST(Image, LeavesUnmappedBuffersOfOthersAlone) {
+    ZYTBufferManager manager, other;
+    ZYTBufferPool client;
+    ZYTImageBuffer dead = Describe(ZYT_FORMAT_RAW16, 64, 64);
+    for (const ZYTBufferType type : {ZYT_BUFFER_TYPE_DMABUF, ZYT_BUFFER_TYPE_GRALLOC}) {
+        hostdevice::FailNth(Fault::kMapping, 1);
+        ASSERT_TRUE(other.AllocBuffer(dead, type));
+        ASSERT_EQ(dead.pAddr[0], MAP_FAILED);
+        for (const ZYTBufferType wanted : {ZYT_BUFFER_TYPE_DMABUF, ZYT_BUFFER_TYPE_GRALLOC}) {
+            hostdevice::FailNth(Fault::kMapping, 1);
+            EXPECT_TRUE(Image(manager, Describe(kNv12, 64, 64), wanted));
+            EXPECT_TRUE(IsOpen(dead.fd[0]));
+            EXPECT_EQ(zyt::ReadPool().busy->size(), 1u);
+        }
+        other.FreeBuffer(dead);
+        client.PutBufferToPool(MAP_FAILED);
+        EXPECT_TRUE(zyt::ReadPool().busy->empty());
+        EXPECT_TRUE(Image(manager, dead, ZYT_BUFFER_TYPE_DMABUF)) << "the unmapped one is in the pool";
+        zyt::TrimPool(0);
+        EXPECT_EQ(CountLiveMemory(), 0u);
+    }
 }
 
 TEST(Image, SaysWhatIsWrong) {
@@ -177,7 +324,12 @@ TEST(Image, SaysWhatIsWrong) {
     ZYTImageBuffer narrow = Describe(kNv12, 64, 64), low = narrow, tiny = Describe(kNv12, 1, 1);
     narrow.planeStride = low.sliceHeight = 63;
     tiny.planeStride = tiny.sliceHeight = 1;
-    const std::tuple<ZYTImageBuffer, int, const char*> refused[] = {
+    struct Refused {
+        ZYTImageBuffer description;
+        int type;
+        const char* reason;
+    };
+    const Refused refusals[] = {
         {Describe(static_cast<ZYTFormat>(11), 64, 64), 0, "format is unknown"},
         {Describe(kNv12, 64, 0), 0, "no pixels"},
         {Describe(kNv12, 0, 64), 2, "no pixels"},
@@ -190,7 +342,7 @@ TEST(Image, SaysWhatIsWrong) {
         {Describe(kNv12, 64, 64), 3, "type is unknown"},
         {tiny, 0, "its chroma has no bytes"},
     };
-    for (const auto& [description, type, reason] : refused) {
+    for (const auto& [description, type, reason] : refusals) {
         EXPECT_FALSE(Image(manager, description, static_cast<ZYTBufferType>(type)));
         EXPECT_THAT(log.Take().back(), HasSubstr(reason));
     }
@@ -202,28 +354,52 @@ TEST(Image, SaysWhatIsWrong) {
     image->height = image->sliceHeight = 640;
     EXPECT_STREQ(zyt::WhatIsWrong(*image), "a descriptor is smaller than its plane");
     EXPECT_STREQ(zyt::WhatIsWrong(Describe(kNv12, 64, 64)), "it has no memory");
+    Image p010(manager, Describe(ZYT_FORMAT_YUV_P010, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
+    EXPECT_STREQ(zyt::WhatIsWrong(*p010), nullptr);
+    p010->numberOfPlanes = 1;
+    EXPECT_STREQ(zyt::WhatIsWrong(*p010), "it has no chroma");
+    p010->numberOfPlanes = 5;
+    EXPECT_STREQ(zyt::WhatIsWrong(*p010), "it has more than 4 planes");
 }
 
-TEST(CpuAccess, OpensEachDescriptorOnceAndClosesWhatItOpened) {
+TEST(CpuAccess, OpensEachDescriptorOnceAndClosesItAsItWasOpened) {
     LogCapture log;
     ZYTBufferManager manager;
-    const Image shared(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_DMABUF),
-        plain(manager, *shared, ZYT_BUFFER_TYPE_MALLOC);
-    const uint64_t before = hostdevice::SyncCount();
-    {
-        CpuAccess access(CPU_SYNC_WRITE, "nodekit", shared, plain, *shared);
-        EXPECT_TRUE(access);
-        EXPECT_EQ(hostdevice::SyncCount() - before, 2u);
-        EXPECT_EQ(hostdevice::LastSync().direction, CPU_SYNC_WRITE);
-        EXPECT_TRUE(access.Close() && access.Close());
+    const ZYTImageBuffer size = Describe(kNv12, 64, 64);
+    const Image shared(manager, size, ZYT_BUFFER_TYPE_DMABUF), plain(manager, size, ZYT_BUFFER_TYPE_MALLOC);
+    std::vector<Image> burst;
+    for (int i = 0; i < 20; ++i) burst.emplace_back(manager, size, ZYT_BUFFER_TYPE_DMABUF);
+    const std::array<zyt::ImportedImage, 1> ring = {zyt::ImportedImage(*burst[0])};
+    uint64_t before = hostdevice::SyncCount();
+    const auto countSyncs = [&before] {
+        return hostdevice::SyncCount() - std::exchange(before, hostdevice::SyncCount());
+    };
+    for (const CPUSyncType type : {CPU_SYNC_READ, CPU_SYNC_WRITE, CPU_SYNC_READ_WRITE}) {
+        CpuAccess access(type, "Mine", shared, plain, *shared, burst, ring), moved(std::move(access));
+        EXPECT_FALSE(access);  // NOLINT(bugprone-use-after-move)
+        EXPECT_TRUE(moved);
+        EXPECT_EQ(countSyncs(), 42u);
+        EXPECT_EQ(hostdevice::LastSync().direction, static_cast<int>(type));
+        EXPECT_TRUE(moved.Close());
+        EXPECT_EQ(countSyncs(), 42u);
+        EXPECT_EQ(hostdevice::LastSync().direction, static_cast<int>(type));
+        EXPECT_FALSE(hostdevice::LastSync().isStart);
+        EXPECT_TRUE(moved.Close());
     }
-    EXPECT_EQ(hostdevice::SyncCount() - before, 4u);
+    EXPECT_TRUE(CpuAccess(CPU_SYNC_READ, "Mine", plain));
+    EXPECT_EQ(countSyncs(), 0u);
+    EXPECT_EQ(CountErrors(log, "Mine"), 0);
+
+    EXPECT_FALSE(CpuAccess(CPU_SYNC_READ, "Mine", shared, Image()));
+    EXPECT_EQ(CountErrors(log, "Mine"), 1);
+    EXPECT_EQ(countSyncs(), 4u);
     hostdevice::FailNth(Fault::kSync, 2);
-    EXPECT_FALSE(CpuAccess(CPU_SYNC_READ, "nodekit", shared)) << "opens one, fails at the other, closes the one";
-    EXPECT_EQ(hostdevice::SyncCount() - before, 7u);
+    CpuAccess refused(CPU_SYNC_READ, "Mine", shared);
+    EXPECT_FALSE(refused);
+    EXPECT_EQ(countSyncs(), 3u) << "opened one, failed at the other, closed the one";
     hostdevice::FailNth(Fault::kSync, 3);
-    EXPECT_FALSE(CpuAccess(CPU_SYNC_READ, "nodekit", shared).Close());
-    EXPECT_EQ(CountErrors(log, "nodekit"), 2);
+    EXPECT_FALSE(CpuAccess(CPU_SYNC_READ, "Mine", shared).Close());
+    EXPECT_EQ(CountErrors(log, "Mine"), 2);
 }
 
 TEST(ImportedImage, MapsWhatItIsGivenAndClosesNothing) {
@@ -232,28 +408,74 @@ TEST(ImportedImage, MapsWhatItIsGivenAndClosesNothing) {
     Image camera(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_GRALLOC);  // one descriptor, like a camera's buffer
     Fill(camera);
     for (const uint32_t planes : {1u, 2u}) {
-        ZYTImageBuffer brought = *camera;
-        brought.numberOfPlanes = planes;
-        brought.fd[planes - 1] = camera->fd[0];
-        brought.pAddr[3] = brought.pAddr[0];
-        zyt::ImportedImage image(brought, "Mine"), moved(std::move(image));
+        ZYTImageBuffer description = *camera;
+        description.numberOfPlanes = planes;
+        description.fd[planes - 1] = camera->fd[0];
+        description.pAddr[3] = description.pAddr[0];
+        zyt::ImportedImage image(description, "Mine"), moved(std::move(image));
         ASSERT_TRUE(moved);
-        CpuAccess access(CPU_SYNC_READ, "nodekit", moved);
+        CpuAccess access(CPU_SYNC_READ, "Mine", moved);
         EXPECT_EQ(zyt::PlaneOf<uint8_t>(*moved, 1).Row(0)[63], 65) << "the row after 64";
         EXPECT_NE(moved->pAddr[0], camera->pAddr[0]);
         EXPECT_EQ(moved->pAddr[3], nullptr) << "addresses are not taken over";
         for (const int fd : {0, -1, 9999}) {
-            brought.fd[planes - 1] = fd;
-            EXPECT_FALSE(zyt::ImportedImage(brought, "Mine")) << fd;
+            description.fd[planes - 1] = fd;
+            EXPECT_FALSE(zyt::ImportedImage(description, "Mine")) << fd;
         }
-        brought = *camera;
-        brought.sliceHeight = 128;
-        EXPECT_FALSE(zyt::ImportedImage(brought, "Mine")) << "smaller than said";
+        description = *camera;
+        description.sliceHeight = 128;
+        EXPECT_FALSE(zyt::ImportedImage(description, "Mine")) << "smaller than said";
         EXPECT_EQ(CountErrors(log, "Mine"), 4);
         EXPECT_EQ(hostdevice::CountLive().graphicMappings, 3u) << "the pool's, the image's, the import's";
     }
-    EXPECT_NE(fcntl(camera->fd[0], F_GETFD), -1);
+    EXPECT_TRUE(IsOpen(camera->fd[0]));
     EXPECT_EQ(hostdevice::CountLive().graphicMappings, 2u);
+}
+
+TEST(ImportedImage, FindsEachPlaneAtItsDescriptorAndOffset) {
+    LogCapture log;
+    ZYTBufferManager manager;
+    Image two(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
+    Fill(two);
+    Image one(manager, Describe(ZYT_FORMAT_RAW16, 64, 64), ZYT_BUFFER_TYPE_DMABUF);  // 8192 bytes
+    Fill(one);                                                                       // row y has y + 1
+    const int duplicate = dup(one->fd[0]);
+    const int readOnly = open(("/proc/self/fd/" + std::to_string(one->fd[0])).c_str(), O_RDONLY);
+    struct Import {
+        int fds[2];
+        uint32_t planes;
+        zyt::ImportOptions options;
+        int luma, chroma;  // the first samples; 0: refused
+    };
+    const Import imports[] = {
+        {{two->fd[0], two->fd[1]}, 2, {}, 1, 65},
+        {{one->fd[0], one->fd[0]}, 2, {}, 1, 33},
+        {{one->fd[0], duplicate}, 2, {}, 1, 1},
+        {{one->fd[0], duplicate}, 2, {{0, 4096}}, 1, 33},
+        {{one->fd[0], one->fd[0]}, 2, {{128, 6144}}, 2, 49},
+        {{one->fd[0]}, 1, {{128, 0}}, 2, 34},
+        {{one->fd[0], one->fd[0]}, 2, {{0, 6145}}, 0, 0},
+        {{one->fd[0], duplicate}, 2, {{8193, 0}}, 0, 0},
+        {{one->fd[0]}, 1, {{0, 4096}}, 0, 0},
+    };
+    for (const Import& import : imports) {
+        ZYTImageBuffer description = Describe(kNv12, 64, 64);
+        description.numberOfPlanes = import.planes;
+        std::copy(std::begin(import.fds), std::end(import.fds), description.fd);
+        const zyt::ImportedImage image(description, "Mine", import.options);
+        EXPECT_EQ(static_cast<bool>(image), import.luma != 0);
+        if (!image) continue;
+        CpuAccess access(CPU_SYNC_READ, "Mine", image);
+        EXPECT_EQ(zyt::PlaneOf<uint8_t>(*image, 0).Row(0)[0], import.luma);
+        EXPECT_EQ(zyt::PlaneOf<uint8_t>(*image, 1).Row(0)[0], import.chroma);
+    }
+    EXPECT_EQ(CountErrors(log, "Mine"), 3);
+    ZYTImageBuffer description = *one;
+    description.fd[0] = readOnly;
+    EXPECT_TRUE(zyt::ImportedImage(description, "Mine", {{}, CPU_SYNC_READ}));
+    EXPECT_FALSE(zyt::ImportedImage(description, "Mine"));
+    close(duplicate);
+    close(readOnly);
 }
 
 TEST(DumpFile, ComesBackAsItWasOrIsRefused) {
@@ -265,32 +487,35 @@ TEST(DumpFile, ComesBackAsItWasOrIsRefused) {
         Fill(image);
         CpuAccess access(CPU_SYNC_READ, "nodekit", image);
         const std::string path = dir / zyt::DumpName(*image, "a");
-        const Image loaded =
-            zyt::WriteDump(*image, path) ? zyt::LoadDump(manager, path, ZYT_BUFFER_TYPE_MALLOC) : Image();
-        ASSERT_TRUE(loaded && zyt::WriteDump(*loaded, dir / "b"));
+        ASSERT_TRUE(zyt::WriteDump(*image, path));
+        const Image loaded = zyt::LoadDump(manager, path, ZYT_BUFFER_TYPE_MALLOC);
+        ASSERT_TRUE(loaded);
+        ASSERT_TRUE(zyt::WriteDump(*loaded, dir / "b"));
         EXPECT_EQ(zyttest::ReadFile(path), zyttest::ReadFile(dir / "b"));
     }
-    unsigned char pixels[12] = {};
-    ZYTImageBuffer y16 = Describe(ZYT_FORMAT_Y16, 2, 3);
-    y16.pAddr[y16.numberOfPlanes++] = pixels;
-    EXPECT_TRUE(zyt::WriteDump(y16, dir / "1x1_Raw16"));
-    EXPECT_EQ(zyttest::ReadFile(dir / "1x1_Raw16").size(), 12u) << "whole";
     EXPECT_EQ(CountErrors(log, "nodekit"), 0);
 
-    EXPECT_FALSE(zyt::WriteDump(y16, "/dev/full"));
-    EXPECT_FALSE(zyt::WriteDump(y16, dir / "none/c"));
+    const Image y16(manager, Describe(ZYT_FORMAT_Y16, 2, 3), ZYT_BUFFER_TYPE_MALLOC);
+    ASSERT_TRUE(zyt::WriteDump(*y16, dir / "1x1_Raw16"));
+    EXPECT_EQ(zyttest::ReadFile(dir / "1x1_Raw16").size(), 12u) << "whole, unlike ZYTBufferDump";
+    EXPECT_FALSE(zyt::WriteDump(*y16, "/dev/full"));
+    EXPECT_FALSE(zyt::WriteDump(*y16, dir / "none/c"));
     EXPECT_FALSE(zyt::WriteDump(Describe(kNv12, 2, 2), dir / "d"));
     zyttest::WriteFile(dir / "2x2_Raw16", "12345");
-    for (const char* name : {"nameless", "missing_2x2_Raw16", "2x2_Raw16", "1x1_Raw16"}) {
+    ASSERT_EQ(mkfifo((dir / "fifo_1x1_Raw16").c_str(), 0600), 0);
+    EXPECT_FALSE(zyt::WriteDump(*y16, dir / "fifo_1x1_Raw16")) << "nobody reads it";
+    const size_t free = zyt::ReadPool().free->size();
+    for (const char* name : {"nameless", "missing_2x2_Raw16", "2x2_Raw16", "1x1_Raw16", "fifo_1x1_Raw16"}) {
         EXPECT_FALSE(zyt::LoadDump(manager, dir / name, ZYT_BUFFER_TYPE_DMABUF)) << name;
     }
+    EXPECT_EQ(zyt::ReadPool().free->size(), free) << "nothing was allocated";
     zyttest::WriteFile(dir / "1x1_Raw16", "12");
     for (const uint64_t n : {1u, 2u}) {
         hostdevice::FailNth(Fault::kSync, n);
         EXPECT_FALSE(zyt::LoadDump(manager, dir / "1x1_Raw16", ZYT_BUFFER_TYPE_DMABUF));
     }
-    EXPECT_EQ(CountErrors(log, "nodekit"), 11) << "one each, and the access's own two";
-    EXPECT_TRUE(zyt::ReadPool().busy->empty());
+    EXPECT_EQ(CountErrors(log, "nodekit"), 13) << "one each, and the access's own two";
+    EXPECT_EQ(zyt::ReadPool().busy->size(), 1u) << "the one of Y16";
 }
 
 TEST(Parallel, LosesNothingWhateverHappensToThePool) {
@@ -323,6 +548,75 @@ TEST(Parallel, LosesNothingWhateverHappensToThePool) {
     }
 }
 
+TEST(Parallel, WaitsForTheLastBand) {
+    ZYTThreadPool pool;
+    ASSERT_TRUE(pool.Init(1));
+    const std::thread::id caller = std::this_thread::get_id();
+    std::atomic<int> begun{0}, done{0};
+    zyt::ParallelRows(pool, 2, [&](uint32_t, uint32_t) {
+        ++begun;
+        EXPECT_TRUE(zyttest::WaitUntil([&] { return begun == 2; })) << "one band on each thread";
+        if (std::this_thread::get_id() != caller) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        ++done;
+    });
+    EXPECT_EQ(done, 2);
+}
+
+TEST(FrameQueue, KeepsOrderAndLosesNothingWhateverHappensToThePool) {
+    for (int round = 0; round < 50; ++round) {
+        ZYTThreadPool pool;
+        ASSERT_TRUE(pool.Init(3));
+        std::vector<int> done;  // without a lock: one item at a time
+        zyt::FrameQueue<std::unique_ptr<int>> queue(
+            pool, [&done, own = std::make_unique<int>()](std::unique_ptr<int>& frame) { done.push_back(*frame); }, 4);
+        std::thread meanwhile([&] {
+            Flush(pool);
+            pool.DeInit(round % 2 == 0);
+            pool.Init(2);
+        });
+        std::vector<int> pushed;
+        for (int i = 0; i < 200; ++i) {
+            auto frame = std::make_unique<int>(i);
+            if (queue.Push(std::move(frame))) pushed.push_back(i);
+            EXPECT_EQ(frame == nullptr, !pushed.empty() && pushed.back() == i) << "a refused one stays";  // NOLINT
+        }
+        meanwhile.join();
+        for (const std::unique_ptr<int>& frame : queue.Close()) done.push_back(*frame);
+        EXPECT_EQ(done, pushed);
+        EXPECT_FALSE(queue.Push(std::make_unique<int>(1)));
+        EXPECT_TRUE(queue.Close().empty());
+    }
+}
+
+TEST(FrameQueue, WaitsForTheFrameInWorkAndHandsBackTheOthers) {
+    ZYTThreadPool pool;
+    ASSERT_TRUE(pool.Init(2));
+    std::promise<void> begun, released;
+    std::atomic<int> done{0};
+    const auto process = [&](int) {
+        begun.set_value();
+        released.get_future().get();
+        ++done;
+    };
+    zyt::FrameQueue<int> queue(pool, process, 1000000);
+    EXPECT_TRUE(queue.Push(1));
+    begun.get_future().get();
+    EXPECT_TRUE(queue.Push(2));
+    auto left = std::async(std::launch::async, [&] { return queue.Close(); });
+    EXPECT_TRUE(zyttest::WaitUntil([&] { return !queue.Push(3); })) << "closed";
+    EXPECT_EQ(done, 0);
+    released.set_value();
+    EXPECT_EQ(left.get().front(), 2);
+    EXPECT_EQ(done, 1);
+
+    ZYTThreadPool withoutWorkers;
+    zyt::FrameQueue<int> waiting(withoutWorkers, process, 2);
+    EXPECT_TRUE(waiting.Push(1));
+    EXPECT_TRUE(waiting.Push(2));
+    EXPECT_FALSE(waiting.Push(3)) << "full";
+    EXPECT_THAT(waiting.Close(), testing::ElementsAre(1, 2));
+}
+
 TEST(Connection, RunsForEachRaiseThatFindsNonePending) {
     std::atomic<int> runs{0};
     const auto captured = std::make_shared<int>();
@@ -348,6 +642,7 @@ TEST(Connection, RunsForEachRaiseThatFindsNonePending) {
         EXPECT_TRUE(zyttest::WaitUntil([&] { return runs > before; })) << "still connected";
     }
     EXPECT_EQ(captured.use_count(), 1) << "gone with the connection";
+    EXPECT_EQ(ZYTSignalTask::instance()->insert(1, WrapperTask()), 1u) << "no connection is left";
 
     LogCapture log;
     zyt::Connection disconnected([] {}, "Mine");
@@ -356,11 +651,98 @@ TEST(Connection, RunsForEachRaiseThatFindsNonePending) {
     EXPECT_EQ(CountErrors(log, "Mine"), 1);
 }
 
+TEST(Connection, InsideATaskIsNotMadeAndDoesNotWait) {
+    LogCapture log;
+    std::promise<void> ended;
+    std::atomic<int> runs{0};
+    const auto captured = std::make_shared<int>();
+    auto other = std::make_unique<zyt::Connection>([&runs, captured] { ++runs; });
+    std::unique_ptr<zyt::Connection> own;
+    own = std::make_unique<zyt::Connection>([&, captured, moveOnly = std::make_unique<int>(1)] {
+        zyt::Connection refused([] {}, "Mine");
+        EXPECT_FALSE(refused.Raise());
+        other->Raise();
+        other.reset();
+        own.reset();
+        EXPECT_EQ(*moveOnly, 1) << "lives until the run has ended";
+        ended.set_value();
+    });
+    own->Raise();
+    ended.get_future().get();
+    EXPECT_TRUE(zyttest::WaitUntil([&] { return captured.use_count() == 1; }));
+    EXPECT_EQ(runs, 0) << "the pending raise is dropped";
+    EXPECT_EQ(CountErrors(log, "Mine"), 2);
+    EXPECT_EQ(ZYTSignalTask::instance()->insert(1, WrapperTask()), 1u) << "no connection is left";
+}
+
+TEST(Memory, OfTheKitsOwnIsNotNeededToLoseNothing) {
+    int errors = 0;
+    hostdevice::SetLogSink([&](int, const char*, const char*) { ++errors; });
+    ZYTThreadPool pool;
+    ASSERT_TRUE(pool.Init(2));
+    std::atomic<int> done{0};
+    int expected = 0;
+    const auto one = std::make_shared<int>(1);
+    WithEachNewFailing([&] {
+        zyt::ParallelRows(pool, 8, [&](uint32_t from, uint32_t to) { done += static_cast<int>(to - from); });
+        EXPECT_EQ(done, expected += 8);
+    });
+    WithEachNewFailing([&] {
+        try {
+            zyt::TaskGroup(pool).Run([&done, one] { done += *one; });
+            ++expected;
+        } catch (const std::bad_alloc&) {
+        }
+        EXPECT_EQ(done, expected);
+    });
+    WithEachNewFailing([&] {
+        std::shared_ptr<int> frame = one;
+        try {
+            zyt::FrameQueue<std::shared_ptr<int>> queue(
+                pool, [&done](const std::shared_ptr<int>& item) { done += *item; }, 1);
+            const bool isPushed = queue.Push(std::move(frame));
+            EXPECT_EQ(frame == nullptr, isPushed) << "a refused one stays";  // NOLINT(bugprone-use-after-move)
+            expected += isPushed;
+            while (done != expected) std::this_thread::yield();
+        } catch (const std::bad_alloc&) {
+        }
+    });
+    EXPECT_EQ(one.use_count(), 1);
+
+    ZYTBufferManager manager("Node");
+    const Image shared(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
+    WithEachNewFailing([&] {
+        errors = 0;
+        const bool isOpen = static_cast<bool>(CpuAccess(CPU_SYNC_READ, "Mine", shared));
+        EXPECT_EQ(errors, isOpen ? 0 : 1);
+    });
+    EXPECT_EQ(hostdevice::SyncCount() % 2, 0u) << "what was opened is closed";
+    WithEachNewFailing([] { zyt::FlushOfflineLog(std::chrono::minutes(5)); });
+    EXPECT_TRUE(zyt::FlushOfflineLog(std::chrono::minutes(5)));
+    std::atomic<int> runs{0};
+    WithEachNewFailing([&] {
+        try {
+            zyt::Connection connection([&runs] { ++runs; });
+            const int before = runs;
+            const bool isRaised = connection.Raise();
+            while (isRaised && runs == before) std::this_thread::yield();
+        } catch (const std::bad_alloc&) {
+        }
+    });
+    EXPECT_GT(runs, 0);
+    // What the library loses of these is no heap memory, which a sanitizer would report.
+    for (const ZYTBufferType type : {ZYT_BUFFER_TYPE_DMABUF, ZYT_BUFFER_TYPE_GRALLOC}) {
+        WithEachNewFailing([&] { Image(manager, Describe(kNv12, 128, 128), type, "Mine"); });
+        EXPECT_GT(std::exchange(errors, 0), 0);
+    }
+    hostdevice::SetLogSink({});
+}
+
 TEST(PoolState, IsReadWithoutWaitingForAnybody) {
     ZYTBufferManager manager;
     Image plain(manager, Describe(ZYT_FORMAT_RAW16, 10, 10), ZYT_BUFFER_TYPE_MALLOC);
     EXPECT_EQ(zyt::ReadPool().busy->at(0).address, plain->pAddr[0]);
-    EXPECT_TRUE(Image(manager, Describe(kNv12, 10, 10), ZYT_BUFFER_TYPE_GRALLOC));
+    EXPECT_TRUE(Image(manager, Describe(kNv12, 10, 300), ZYT_BUFFER_TYPE_GRALLOC));
     plain.Reset();
     zyttest::TempDir dir;
     const int fd = open((dir / "text").c_str(), O_RDWR | O_CREAT, 0600);
@@ -373,7 +755,7 @@ TEST(PoolState, IsReadWithoutWaitingForAnybody) {
     close(fd);
     const std::string text = zyttest::ReadFile(dir / "text");
     for (const char* part : {"clients: 1\nin use: 0 buffers, 0 bytes\nfree: 2 buffers", "malloc         200 bytes",
-                             "10x10\n", "free: unknown, the lock is held\n"}) {
+                             "10x300\n", "free: unknown, the lock is held\n"}) {
         EXPECT_THAT(text, HasSubstr(part));
     }
     EXPECT_EQ(zyt::TrimPool(1), 0u);
@@ -391,12 +773,23 @@ TEST(FlushOfflineLog, ReturnsWhenAllIsWritten) {
     const std::string text = zyttest::ReadFile(log.m_curLogFileName);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 100);
     log.m_enable = false;
+    EXPECT_TRUE(zyt::FlushOfflineLog(std::chrono::milliseconds(0))) << "an idle log";
     // One worker is blocked: the others are released, and the next flush succeeds.
     static std::mutex held;
     std::unique_lock<std::mutex> lock(held);
     const auto wait = [](void*, unsigned int) { const std::lock_guard<std::mutex> guard(held); };
     log.m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, wait, nullptr, 0});
-    EXPECT_FALSE(zyt::FlushOfflineLog(std::chrono::milliseconds(20)));
+    EXPECT_FALSE(zyt::FlushOfflineLog(std::chrono::milliseconds::min()));
     lock.unlock();
     EXPECT_TRUE(zyt::FlushOfflineLog(std::chrono::milliseconds::max()));
+
+    // The workers are stopped while a flush waits for them.
+    lock.lock();
+    log.m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, wait, nullptr, 0});
+    auto flush = std::async(std::launch::async, zyt::FlushOfflineLog, std::chrono::hours(1));
+    std::thread stopper([&] { log.m_threadPool.DeInit(true); });
+    EXPECT_FALSE(flush.get());
+    EXPECT_FALSE(zyt::FlushOfflineLog(std::chrono::hours(1)));
+    lock.unlock();
+    stopper.join();
 }

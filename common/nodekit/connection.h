@@ -24,12 +24,11 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <utility>
 
 #include "logging/zytlogsite.h"
+#include "nodekit/detail.h"
 #include "nodekit/trace.h"
-#include "nodekit/withmemory.h"
 #include "zytsignaltask/zytsignaltask.h"
 
 namespace zyt {
@@ -53,10 +52,10 @@ namespace zyt {
 class Connection {
 public:
     /// Connects a callable without arguments, which may be move-only. `name` tags log lines and must outlive the
-    /// connection.
+    /// connection. Throws std::bad_alloc, with nothing left, when there is no memory for the callable.
     template <typename Function>
     explicit Connection(Function function, const char* name = "nodekit")
-        : m_state(std::make_shared<StateOf<Function>>(std::move(function), name)) {
+        : m_state(std::make_shared<State>(name, std::make_unique<detail::JobOf<Function>>(std::move(function)))) {
         if (IsInTask()) {
             ZYT_LOG(E, name, "A connection cannot be made inside a task");
         } else {
@@ -72,33 +71,30 @@ public:
         }
         if (!IsInTask()) {
             ZYTSignalTask::instance()->remove(m_state->Number());
-            m_state->DestroyFunction();
+            m_state->job.reset();
         } else if (m_state->isConnected && !m_state->isRunning) {
-            ZYTSignalTask::instance()->signal(m_state->Number());  // the loop drops the ticket, which owns the state
+            m_state->Signal();  // the loop drops the ticket, which owns the state
         }
     }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Requests one more run. Returns false, and logs an error, when the signal is not connected.
+    /// Requests one more run. Returns false, and logs an error, when the signal is not connected or memory runs out.
     bool Raise() {
-        if (!m_state->isConnected) {
-            ZYT_LOG(E, m_state->name, "Signal %llu is not connected",
-                    static_cast<unsigned long long>(m_state->Number()));
-            return false;
-        }
-        ZYTSignalTask::instance()->signal(m_state->Number());
-        return true;
+        if (m_state->isConnected && m_state->Signal()) return true;
+        ZYT_LOG(E, m_state->name, "Signal %llu is not connected, or there is no memory",
+                static_cast<unsigned long long>(m_state->Number()));
+        return false;
     }
 
 private:
     struct State {
-        explicit State(const char* tag) : name(tag) {}
-        virtual ~State() = default;
-        virtual void Run() = 0;
-        virtual void DestroyFunction() = 0;
+        State(const char* tag, std::unique_ptr<detail::Job> function) : name(tag), job(std::move(function)) {}
 
         uint64_t Number() const { return reinterpret_cast<uintptr_t>(this); }
+        bool Signal() const {
+            return detail::WithMemory([this] { ZYTSignalTask::instance()->signal(Number()); });
+        }
 
         // The ticket is owned by the connected task, and its destructor knows where it is:
         //
@@ -124,7 +120,7 @@ private:
                     }
                     const ScopedTrace section(state->name);
                     state->isRunning = true;
-                    state->Run();
+                    state->job->Run();
                     state->isRunning = false;
                 }
                 const std::shared_ptr<State> state;
@@ -142,19 +138,11 @@ private:
         }
 
         const char* const name;
+        std::unique_ptr<detail::Job> job;  // run by the signal task only
         std::atomic<bool> isConnected{false};
         bool isRunning = false;  // used on the signal task's thread only
         std::mutex mutex;  // guards isClosed and serializes connecting and closing; taken before the signal task's lock
         bool isClosed = false;
-    };
-
-    template <typename Function>
-    struct StateOf final : State {
-        StateOf(Function&& from, const char* tag) : State(tag), function(std::move(from)) {}
-        void Run() override { (*function)(); }
-        void DestroyFunction() override { function.reset(); }
-
-        std::optional<Function> function;  // called by the signal task only
     };
 
     static bool IsInTask() {

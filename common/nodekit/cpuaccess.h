@@ -18,14 +18,15 @@
 
 #include <BufferAllocator/BufferAllocator.h>
 
-#include <cstddef>
+#include <algorithm>
 #include <cstdint>
-#include <memory>
 #include <new>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "logging/zytlogsite.h"
+#include "nodekit/detail.h"
 #include "nodekit/trace.h"
 #include "zytbuffermanager/zytimagebuffer.h"
 
@@ -73,20 +74,9 @@ public:
     CpuAccess(CPUSyncType type, const char* name, const Images&... images) : CpuAccess() {
         m_direction = type == CPU_SYNC_READ ? kSyncRead : type == CPU_SYNC_WRITE ? kSyncWrite : kSyncReadWrite;
         m_name = name;
-        size_t planes = 0;
-        const auto count = [&](const ZYTImageBuffer& image) {
-            for (uint32_t k = 0; k < image.numberOfPlanes && k < 4; ++k) planes += image.fd[k] != 0;
-            return true;
-        };
-        (detail::EachImage(images, count), ...);
-        if (planes > 0) m_descriptors.reset(new (std::nothrow) int[planes]);
-        if (planes > 0 && m_descriptors == nullptr) {
-            ZYT_LOG(E, m_name, "No CPU access: there is no memory");
-            return;
-        }
-        atrace_async_begin(ATRACE_TAG_CAMERA, kSection, Cookie());
         m_isGood = (detail::EachImage(images, [this](const ZYTImageBuffer& image) { return Open(image); }) && ...);
         if (!m_isGood) CloseAll();
+        if (!m_descriptors.empty()) atrace_async_begin(ATRACE_TAG_CAMERA, kSection, m_descriptors[0]);
     }
 
     /// Takes over the access of other, which becomes one to nothing.
@@ -95,8 +85,7 @@ public:
     CpuAccess& operator=(CpuAccess&& other) noexcept {
         if (this == &other) return *this;
         CloseAll();
-        m_descriptors = std::move(other.m_descriptors);
-        m_count = std::exchange(other.m_count, 0);
+        m_descriptors.swap(other.m_descriptors);
         m_direction = other.m_direction;
         m_name = other.m_name;
         m_isGood = std::exchange(other.m_isGood, false);
@@ -116,49 +105,37 @@ public:
 private:
     static constexpr const char* kSection = "zyt::CpuAccess";
 
-    // Accesses overlap and may be moved to other threads, so they are asynchronous events. The array's address
-    // identifies an access.
-    int32_t Cookie() const { return static_cast<int32_t>(reinterpret_cast<uintptr_t>(m_descriptors.get()) >> 4); }
-
     bool Open(const ZYTImageBuffer& image) {
-        if (image.numberOfPlanes == 0) {
-            ZYT_LOG(E, m_name, "No CPU access to an empty image");
-            return false;
-        }
-        for (uint32_t k = 0; k < image.numberOfPlanes && k < 4; ++k) {
+        const char* reason = image.numberOfPlanes == 0 ? "an image is empty" : nullptr;
+        for (uint32_t k = 0; k < image.numberOfPlanes && k < 4 && reason == nullptr; ++k) {
             const int fd = image.fd[k];
-            if (fd == 0 || IsOpen(fd)) continue;
-            m_descriptors[m_count] = fd;
-            if (detail::PlatformAllocator().CpuSyncStart(static_cast<unsigned int>(fd), m_direction) != 0) {
-                ZYT_LOG(E, m_name, "No CPU access to descriptor %d, direction %d", fd, m_direction);
-                return false;
+            if (fd == 0 || std::find(m_descriptors.begin(), m_descriptors.end(), fd) != m_descriptors.end()) continue;
+            bool isOpen = false;
+            detail::WithMemory([&] {
+                m_descriptors.reserve(m_descriptors.size() + 1);
+                isOpen = detail::PlatformAllocator().CpuSyncStart(static_cast<unsigned int>(fd), m_direction) == 0;
+            });
+            if (isOpen) {
+                m_descriptors.push_back(fd);
+            } else {
+                reason = "the platform refuses it, or there is no memory";
             }
-            ++m_count;
         }
-        return true;
-    }
-
-    bool IsOpen(int fd) const {
-        for (size_t i = 0; i < m_count; ++i) {
-            if (m_descriptors[i] == fd) return true;
-        }
-        return false;
+        if (reason != nullptr) ZYT_LOG(E, m_name, "No CPU access, direction %d: %s", m_direction, reason);
+        return reason == nullptr;
     }
 
     void CloseAll() {
-        if (m_descriptors == nullptr) return;
-        while (m_count > 0) {
-            const int fd = m_descriptors[--m_count];
+        if (m_isGood && !m_descriptors.empty()) atrace_async_end(ATRACE_TAG_CAMERA, kSection, m_descriptors[0]);
+        for (; !m_descriptors.empty(); m_descriptors.pop_back()) {
+            const int fd = m_descriptors.back();
             if (detail::PlatformAllocator().CpuSyncEnd(static_cast<unsigned int>(fd), m_direction) == 0) continue;
             ZYT_LOG(E, m_name, "CPU access to descriptor %d was not closed", fd);
             m_isGood = false;
         }
-        atrace_async_end(ATRACE_TAG_CAMERA, kSection, Cookie());
-        m_descriptors.reset();
     }
 
-    std::unique_ptr<int[]> m_descriptors;  // null when there are none
-    size_t m_count = 0;                    // of open ones
+    std::vector<int> m_descriptors;  // open ones
     SyncType m_direction = kSyncReadWrite;
     const char* m_name = "nodekit";
     bool m_isGood = false;

@@ -28,10 +28,10 @@
 #include <utility>
 
 #include "logging/zytlogsite.h"
+#include "nodekit/detail.h"
 #include "nodekit/plane.h"
 #include "nodekit/poolstate.h"
 #include "nodekit/trace.h"
-#include "nodekit/withmemory.h"
 #include "zytbuffermanager/zytbuffermanager.h"
 
 namespace zyt {

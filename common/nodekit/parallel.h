@@ -36,14 +36,13 @@
 #include <memory>
 #include <mutex>
 #include <new>
-#include <optional>
 #include <thread>
 #include <type_traits>
 #include <utility>
 
 #include "base/zytthreadsafety.h"
+#include "nodekit/detail.h"
 #include "nodekit/trace.h"
-#include "nodekit/withmemory.h"
 #include "threadpool/zytthreadpool.h"
 
 namespace zyt {
@@ -73,10 +72,9 @@ protected:
     virtual ~SharedWork() = default;
 };
 
-/// Notices for work, made before they are queued because that can fail.
+/// Notices for work, which are made before they are queued; fewer than `count` when memory runs out.
 class Notices {
 public:
-    /// Makes `count` notices, or fewer when memory runs out.
     Notices(SharedWork& work, uint32_t count) : m_work(work) {
         while (m_tasks.size() < count && WithMemory([&] { m_tasks.emplace_back(); })) {
             auto* notice = static_cast<SharedWork::Notice*>(std::malloc(sizeof(SharedWork::Notice)));
@@ -96,7 +94,6 @@ public:
 
     uint32_t Count() const { return static_cast<uint32_t>(m_tasks.size()); }
 
-    /// Queues all of them under one lock.
     void QueueTo(ZYTThreadPool& pool) {
         const uint32_t count = Count();
         m_work.m_owners.fetch_add(count, std::memory_order_relaxed);
@@ -166,18 +163,59 @@ private:
     std::condition_variable m_isDone;
 };
 
-/// Items that wait for a thread, and the number of those in work.
+/// Items that wait for a thread, and the number of those in work, at most mostAtATime.
 template <typename Item>
 class Items : public SharedWork {
 public:
-    /// Appends what the list has.
-    void Add(std::list<Item>& items) {
-        const std::lock_guard<std::mutex> lock(m_lock);
-        m_waiting.splice(m_waiting.end(), items);
-        m_changed.notify_all();
+    Items(ZYTThreadPool& pool, size_t capacity, uint32_t mostAtATime)
+        : m_pool(pool), m_capacity(capacity), m_mostAtATime(mostAtATime) {}
+
+    bool Push(Item& item) {
+        Notices notices(*this, 1);
+        std::list<Item> added;
+        {
+            const std::lock_guard<std::mutex> lock(m_lock);
+            if (m_isClosed || m_waiting.size() >= m_capacity || notices.Count() == 0) return false;
+            if (!WithMemory([&] { added.push_back(std::move(item)); })) return false;
+            m_waiting.splice(m_waiting.end(), added);
+            m_changed.notify_all();
+        }
+        notices.QueueTo(m_pool);
+        return true;
     }
 
-protected:
+    void RunWhatIsLeft() noexcept override {
+        std::unique_lock<std::mutex> lock(m_lock);
+        while (m_running < m_mostAtATime && !m_waiting.empty()) {
+            ProcessFirst(lock);
+            if (m_mostAtATime > 1 || m_waiting.empty()) continue;
+            // An ordered queue takes turns with the pool's other tasks, so that it cannot keep them waiting.
+            Notices next(*this, 1);
+            if (next.Count() == 1) return next.QueueTo(m_pool);
+        }
+    }
+
+    void Wait() noexcept {
+        std::unique_lock<std::mutex> lock(m_lock);
+        while (!m_waiting.empty() || m_running > 0) {
+            if (m_waiting.empty()) {
+                m_changed.wait(lock);
+            } else {
+                ProcessFirst(lock);
+            }
+        }
+    }
+
+    std::list<Item> Close() {
+        std::unique_lock<std::mutex> lock(m_lock);
+        m_isClosed = true;
+        std::list<Item> left;
+        left.swap(m_waiting);
+        m_changed.wait(lock, [this] { return m_running == 0; });
+        return left;
+    }
+
+private:
     virtual void Process(Item& item) noexcept = 0;
 
     // Processes the first item without the lock. The item is destroyed before it counts as done.
@@ -192,116 +230,33 @@ protected:
         if (--m_running == 0) m_changed.notify_all();
     }
 
+    ZYTThreadPool& m_pool;
+    const size_t m_capacity;
+    const uint32_t m_mostAtATime;
     std::mutex m_lock;
     std::condition_variable m_changed;
     std::list<Item> m_waiting;
     uint32_t m_running = 0;
-};
-
-/// A callable without arguments, which may be move-only.
-struct Job {
-    virtual ~Job() = default;
-    virtual void Run() = 0;
-};
-
-template <typename Function>
-struct JobOf final : Job {
-    template <typename From>
-    explicit JobOf(From&& from) : function(std::forward<From>(from)) {}
-    void Run() override { function(); }
-    Function function;
-};
-
-class Jobs final : public Items<std::unique_ptr<Job>> {
-public:
-    void RunWhatIsLeft() noexcept override {
-        std::unique_lock<std::mutex> lock(m_lock);
-        while (!m_waiting.empty()) ProcessFirst(lock);
-    }
-
-    void Wait() noexcept {
-        std::unique_lock<std::mutex> lock(m_lock);
-        while (!m_waiting.empty() || m_running > 0) {
-            if (m_waiting.empty()) {
-                m_changed.wait(lock);
-            } else {
-                ProcessFirst(lock);
-            }
-        }
-    }
-
-private:
-    void Process(std::unique_ptr<Job>& job) noexcept override { job->Run(); }
-};
-
-/// The items of a FrameQueue. A notice processes one item and queues the next notice, so that a pool's other tasks get
-/// their turn and the pool can be stopped.
-template <typename Item>
-class OrderedItems : public Items<Item> {
-public:
-    OrderedItems(ZYTThreadPool& pool, size_t capacity) : m_pool(pool), m_capacity(capacity) {}
-
-    bool Push(Item& item) {
-        std::unique_lock<std::mutex> lock(m_lock);
-        if (m_isClosed || m_waiting.size() >= m_capacity) return false;
-        Notices notices(*this, m_running == 0 ? 1 : 0);
-        std::list<Item> added;
-        if (m_running == 0 && notices.Count() == 0) return false;
-        if (!WithMemory([&] { added.push_back(std::move(item)); })) return false;
-        m_waiting.splice(m_waiting.end(), added);
-        lock.unlock();
-        notices.QueueTo(m_pool);
-        return true;
-    }
-
-    void RunWhatIsLeft() noexcept override {
-        std::unique_lock<std::mutex> lock(m_lock);
-        while (m_running == 0 && !m_waiting.empty()) {
-            this->ProcessFirst(lock);
-            if (m_waiting.empty()) return;
-            Notices next(*this, 1);
-            if (next.Count() == 1) return next.QueueTo(m_pool);
-        }
-    }
-
-    std::list<Item> Close() {
-        std::unique_lock<std::mutex> lock(m_lock);
-        m_isClosed = true;
-        std::list<Item> left = std::move(m_waiting);
-        m_waiting.clear();
-        m_changed.wait(lock, [this] { return m_running == 0; });
-        DestroyFunction();
-        return left;
-    }
-
-private:
-    using Items<Item>::m_changed;
-    using Items<Item>::m_lock;
-    using Items<Item>::m_running;
-    using Items<Item>::m_waiting;
-
-    virtual void DestroyFunction() = 0;
-
-    ZYTThreadPool& m_pool;
-    const size_t m_capacity;
     bool m_isClosed = false;
 };
 
 template <typename Item, typename Function>
-class OrderedItemsOf final : public OrderedItems<Item> {
+class ItemsOf final : public Items<Item> {
 public:
-    OrderedItemsOf(ZYTThreadPool& pool, size_t capacity, Function&& function)
-        : OrderedItems<Item>(pool, capacity), m_function(std::move(function)) {}
+    ItemsOf(ZYTThreadPool& pool, size_t capacity, uint32_t mostAtATime, Function&& function)
+        : Items<Item>(pool, capacity, mostAtATime), m_function(std::move(function)) {}
 
 private:
-    void Process(Item& item) noexcept override {
-        const ScopedTrace section("zyt::FrameQueue");
-        (*m_function)(item);
-    }
-    void DestroyFunction() override { m_function.reset(); }
+    void Process(Item& item) noexcept override { m_function(item); }
 
-    std::optional<Function> m_function;
+    Function m_function;
 };
+
+/// Creates items with a function that processes one.
+template <typename Item, typename Function>
+Items<Item>* MakeItems(ZYTThreadPool& pool, size_t capacity, uint32_t mostAtATime, Function function) {
+    return new ItemsOf<Item, Function>(pool, capacity, mostAtATime, std::move(function));
+}
 
 /// Returns the number of workers of the pool, or `otherwise` while it is being started or stopped.
 inline uint32_t CountWorkers(ZYTThreadPool& pool, uint32_t otherwise) ZYT_NO_THREAD_SAFETY_ANALYSIS {
@@ -332,12 +287,13 @@ void ParallelRows(ZYTThreadPool& pool, uint32_t rows, Function&& function, uint3
 /// group, but must not wait for it.
 class TaskGroup {
 public:
-    /// Creates an empty group.
-    explicit TaskGroup(ZYTThreadPool& pool) : m_pool(pool), m_jobs(new (std::nothrow) detail::Jobs) {}
+    /// Creates an empty group. Throws std::bad_alloc when there is no memory.
+    explicit TaskGroup(ZYTThreadPool& pool)
+        : m_pool(pool), m_jobs(detail::MakeItems<Job>(pool, SIZE_MAX, UINT32_MAX, [](Job& job) { job->Run(); })) {}
     /// Calls Wait().
     ~TaskGroup() {
         Wait();
-        if (m_jobs != nullptr) detail::Withdraw(m_pool, *m_jobs);
+        detail::Withdraw(m_pool, *m_jobs);
     }
     TaskGroup(const TaskGroup&) = delete;
     TaskGroup& operator=(const TaskGroup&) = delete;
@@ -346,59 +302,53 @@ public:
     /// memory to queue it.
     template <typename Function>
     void Run(Function&& function) {
-        using Job = detail::JobOf<std::decay_t<Function>>;
-        std::list<std::unique_ptr<detail::Job>> job;
-        if (m_jobs != nullptr && detail::WithMemory([&] { job.emplace_back(); })) {
-            job.front().reset(new (std::nothrow) Job(std::forward<Function>(function)));
-        }
-        if (job.empty() || job.front() == nullptr) return [&]() noexcept { function(); }();
-        m_jobs->Add(job);
-        detail::Notices(*m_jobs, 1).QueueTo(m_pool);
+        Job job(new (std::nothrow) detail::JobOf<std::decay_t<Function>>(std::forward<Function>(function)));
+        if (job == nullptr) return [&]() noexcept { function(); }();
+        if (!m_jobs->Push(job)) [&]() noexcept { job->Run(); }();
     }
 
     /// Runs the callables that no worker has begun, and returns when all have run and their captures are destroyed.
-    void Wait() {
-        if (m_jobs != nullptr) m_jobs->Wait();
-    }
+    void Wait() { m_jobs->Wait(); }
 
 private:
+    using Job = std::unique_ptr<detail::Job>;
+
     ZYTThreadPool& m_pool;
-    detail::Jobs* const m_jobs;  // null when there was no memory
+    detail::Items<Job>* const m_jobs;
 };
 
 /// A queue whose items are processed in the order of their arrival, one at a time, on any worker of a pool.
-/// Thread-safe.
-///
-/// The items are the queue's from Push() until they have been processed or Close() hands them back. After a flush of
-/// the pool they wait for the next Push(), or for Close().
+/// Thread-safe. After a flush of the pool they wait for the next Push(), or for Close().
 template <typename Item>
 class FrameQueue {
 public:
-    /// Creates a queue for at most `capacity` items that wait. `process` is called as process(item), with an item that
-    /// it may move from; it may be move-only. It must not call Close() of its own queue, which would wait for it.
+    /// Creates a queue for at most `capacity` items that wait. `process`, which may be move-only, is called with an
+    /// Item& that it may move from. Throws std::bad_alloc when there is no memory.
     template <typename Function>
     FrameQueue(ZYTThreadPool& pool, Function process, size_t capacity)
         : m_pool(pool),
-          m_items(new (std::nothrow) detail::OrderedItemsOf<Item, Function>(pool, capacity, std::move(process))) {}
+          m_items(detail::MakeItems<Item>(pool, capacity, 1, [process = std::move(process)](Item& item) mutable {
+              const ScopedTrace section("zyt::FrameQueue");
+              process(item);
+          })) {}
     /// Calls Close() and destroys what never ran.
     ~FrameQueue() {
         Close();
-        if (m_items != nullptr) detail::Withdraw(m_pool, *m_items);
+        detail::Withdraw(m_pool, *m_items);
     }
     FrameQueue(const FrameQueue&) = delete;
     FrameQueue& operator=(const FrameQueue&) = delete;
 
     /// Queues the item. Returns false, without a log line and with the item unchanged, when the queue is full or closed
     /// or when memory runs out.
-    bool Push(Item&& item) { return m_items != nullptr && m_items->Push(item); }
+    bool Push(Item&& item) { return m_items->Push(item); }
 
-    /// Refuses items from now on, waits for the one in work, destroys `process` and returns those that never ran,
-    /// oldest first. Later calls return nothing.
-    std::list<Item> Close() { return m_items != nullptr ? m_items->Close() : std::list<Item>(); }
+    /// Refuses items from now on, waits for the one in work and returns those that never ran, oldest first.
+    std::list<Item> Close() { return m_items->Close(); }
 
 private:
     ZYTThreadPool& m_pool;
-    detail::OrderedItems<Item>* const m_items;  // null when there was no memory
+    detail::Items<Item>* const m_items;
 };
 
 }  // namespace zyt
