@@ -37,8 +37,7 @@ cc_library_static { name: "libgtest", host_supported: true }
 cc_library_static { name: "libgmock", host_supported: true }
 cc_library_headers { name: "vendor_headers", vendor: true, export_include_dirs: ["stub/vendor_headers"] }
 cc_library_shared { name: "libframework", vendor: true, export_include_dirs: ["stub/libframework"], nocrt: true }
-cc_library_shared { name: "node", vendor: true, srcs: ["node.cpp"], shared_libs: ["libzyttools"],
-    header_libs: ["libzyttools_nodekit"], compile_multilib: "64" }
+cc_library_shared { name: "node", vendor: true, srcs: ["node.cpp"], defaults: ["zyttools_node_defaults"] }
 `
 
 // The modules of each platform header and of what it includes in turn. Their folders must be on the include path of

@@ -39,10 +39,17 @@ cmake --build build >"$dir/log" 2>&1 || { cat "$dir/log" >&2; exit 1; }
 run build/brightnode bright_640x480_YUV420NV12.raw
 [[ $(stat -c %s bright_640x480_YUV420NV12.raw) == $((640 * 480 * 3 / 2)) ]]
 run build/brightnode_test passed
+HOSTDEVICE_TRACE=timeline.json run build/brightnode bright_640x480_YUV420NV12.raw
+for section in Brighten zyt::{Image,CpuAccess,ParallelRows,FrameQueue,WriteDump}; do
+    grep -q "\"$section\"" timeline.json
+done
 flags=$(PKG_CONFIG_PATH=$libraries/pkgconfig pkg-config --cflags zyttools)
 # shellcheck disable=SC2046,SC2086
 {
-    $CXX -std=c++17 $CXXFLAGS -fsyntax-only brought.cpp $flags
+    $CXX -std=c++17 $CXXFLAGS -fsyntax-only ring.cpp $flags
+    # The row functions without SIMD.
+    printf "#include <cstring>\n#undef __x86_64__\n#undef __aarch64__\n#include <nodekit/rawpixels.h>\n" |
+        $CXX -std=c++17 $CXXFLAGS -fsyntax-only -x c++ - $flags
     ! pkg-config --exists opencv4 ||
         $CXX -std=c++17 $CXXFLAGS -fsyntax-only opencv.cpp $flags $(pkg-config --cflags opencv4 | sed 's/-I/-isystem /g')
     [[ ! -e /usr/include/libyuv.h ]] || $CXX -std=c++17 $CXXFLAGS -fsyntax-only libyuv.cpp $flags
