@@ -5,9 +5,7 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdlib>
 #include <future>
-#include <new>
 #include <random>
 #include <thread>
 
@@ -27,35 +25,14 @@ using zyttest::LogCapture;
 
 namespace {
 
-thread_local uint64_t t_newsBeforeFailure = 0;  // of this thread; 0: none fails
-
-void* New(size_t size) {
-    const bool fails = t_newsBeforeFailure > 0 && --t_newsBeforeFailure == 0;
-    return fails ? nullptr : std::malloc(size);
-}
-
-}  // namespace
-
-void* operator new(size_t size) {
-    void* memory = New(size);
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return New(size); }
-// Not inline: gcc would warn that free() does not match new.
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
-
-namespace {
-
 // Calls step once for each `operator new` of this thread in it, which fails, and once with none failing.
 template <typename Step>
 void WithEachNewFailing(const Step& step) {
-    bool hasFailed = true;
-    for (uint64_t n = 1; hasFailed; ++n) {
+    for (uint64_t n = 1, hasFailed = 1; hasFailed != 0; ++n) {
         SCOPED_TRACE(n);
-        t_newsBeforeFailure = n;
+        zyttest::FailNthNew(n);
         step();
-        hasFailed = std::exchange(t_newsBeforeFailure, 0) == 0;
+        hasFailed = zyttest::FailNthNew(0);
     }
 }
 

@@ -301,9 +301,9 @@ TEST_F(OfflineLog, AppendsToACurrentFileWhosePathIsLong) {
 }
 
 TEST_F(OfflineLog, KeepsNothingOfALineThatCannotBeQueued) {
-    zyttest::FailNew(true);
+    zyttest::FailNthNew(1);
     EXPECT_THROW(m_log.PushLogToLogPool("lost", ZYTOfflineLogLevel::E), std::bad_alloc);
-    zyttest::FailNew(false);
+    zyttest::FailNthNew(0);
     m_log.PushLogToLogPool("kept", ZYTOfflineLogLevel::E);
     Drain();
     EXPECT_THAT(Contents(), testing::ElementsAre(testing::EndsWith("kept\n")));
