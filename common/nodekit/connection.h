@@ -114,10 +114,7 @@ private:
                 }
                 void Run() {
                     hasRun = true;
-                    {
-                        const std::lock_guard<std::mutex> lock(state->mutex);
-                        if (state->isClosed) return;
-                    }
+                    if (state->isClosed) return;
                     const ScopedTrace section(state->name);
                     state->isRunning = true;
                     state->job->Run();
@@ -141,8 +138,8 @@ private:
         std::unique_ptr<detail::Job> job;  // run by the signal task only
         std::atomic<bool> isConnected{false};
         bool isRunning = false;  // used on the signal task's thread only
-        std::mutex mutex;  // guards isClosed and serializes connecting and closing; taken before the signal task's lock
-        bool isClosed = false;
+        std::mutex mutex;  // serializes connecting and closing; taken before the signal task's lock, never under it
+        std::atomic<bool> isClosed{false};
     };
 
     static bool IsInTask() {

@@ -76,7 +76,7 @@ public:
         m_name = name;
         m_isGood = (detail::EachImage(images, [this](const ZYTImageBuffer& image) { return Open(image); }) && ...);
         if (!m_isGood) CloseAll();
-        if (!m_descriptors.empty()) atrace_async_begin(ATRACE_TAG_CAMERA, kSection, m_descriptors[0]);
+        if (!m_descriptors.empty()) atrace_async_begin(ATRACE_TAG_CAMERA, kSection, Cookie());
     }
 
     /// Takes over the access of other, which becomes one to nothing.
@@ -103,7 +103,9 @@ public:
     }
 
 private:
+    // Accesses overlap and move, so they are asynchronous events; their memory tells them apart.
     static constexpr const char* kSection = "zyt::CpuAccess";
+    int32_t Cookie() const { return static_cast<int32_t>(reinterpret_cast<uintptr_t>(m_descriptors.data()) >> 4); }
 
     bool Open(const ZYTImageBuffer& image) {
         const char* reason = image.numberOfPlanes == 0 ? "an image is empty" : nullptr;
@@ -126,7 +128,7 @@ private:
     }
 
     void CloseAll() {
-        if (m_isGood && !m_descriptors.empty()) atrace_async_end(ATRACE_TAG_CAMERA, kSection, m_descriptors[0]);
+        if (m_isGood && !m_descriptors.empty()) atrace_async_end(ATRACE_TAG_CAMERA, kSection, Cookie());
         for (; !m_descriptors.empty(); m_descriptors.pop_back()) {
             const int fd = m_descriptors.back();
             if (detail::PlatformAllocator().CpuSyncEnd(static_cast<unsigned int>(fd), m_direction) == 0) continue;
