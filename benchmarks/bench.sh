@@ -28,7 +28,7 @@ rm -f "$folder"/round-*.json
 # process's memory addresses. One process per area, so that a subject and its peer run close together in time.
 for round in 1 2 3 4 5 6 7 8 9; do
     for area in pool/ manager log_site offline copy_nv12 copy_p010 dump outline tasks signal \
-        kit_plain kit_dmabuf kit_gralloc kit_rows kit_unpack kit_pack; do
+        kit_plain kit_dmabuf kit_gralloc kit_access kit_rows kit_unpack kit_pack; do
         "$folder/benchmarks/zytbench" --benchmark_filter="^$area" --benchmark_min_time=0.015 \
             --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
             --benchmark_out="$folder/round-$round-${area%/}.json" >"$folder/run.log" 2>&1 ||

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <vector>
 
+#include "nodekit/cpuaccess.h"
 #include "nodekit/image.h"
 #include "nodekit/parallel.h"
 #include "nodekit/rawpixels.h"
@@ -42,7 +43,8 @@ void ImagePeer(benchmark::State& state) {
     }
 }
 
-// What a node must do itself for an accessible gralloc image: create a client, get the stride, map all of the memory.
+// What a node must do itself for an accessible gralloc image: create a client, ask for the layout, map all of the
+// memory.
 void GrallocPeer(benchmark::State& state) {
     ZYTBufferManager manager("Bench");
     for (auto _ : state) {
@@ -52,16 +54,42 @@ void GrallocPeer(benchmark::State& state) {
         void* buffer =
             client.GetBufferFromPool(kWidth, kHeight, image.fd[0], &image.pNativeHandle, ZYT_BUFFER_TYPE_GRALLOC);
         if (buffer == nullptr) state.SkipWithError("no memory");
+        android::sp<android::GraphicBuffer> graphic;
         {
             zyt::Lock lock(ZYTBufferPool::m_busyBufferListLock);
-            image.planeStride = ZYTBufferPool::m_busyGrallocBufferList.find(buffer)->second.graphicBuffer->getStride();
+            graphic = ZYTBufferPool::m_busyGrallocBufferList.find(buffer)->second.graphicBuffer;
         }
+        android_ycbcr planes{};
+        if (graphic->lockYCbCr(3, &planes) != 0) state.SkipWithError("no layout");
+        graphic->unlock();
+        image.planeStride = static_cast<uint32_t>(planes.ystride);
         const auto length = static_cast<size_t>(lseek(image.fd[0], 0, SEEK_END));
         char* mapping = client.GetAllocator()->MapFDToBufferPointer(image.fd[0], length);
         image.pAddr[0] = reinterpret_cast<unsigned char*>(mapping);
         benchmark::DoNotOptimize(image);
         munmap(mapping, length);
         client.PutBufferToPool(buffer);
+    }
+}
+
+void Access(benchmark::State& state) {
+    ZYTBufferManager manager("Bench");
+    const zyt::Image image(manager, zyt::Describe(ZYT_FORMAT_RAW16, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
+    for (auto _ : state) {
+        zyt::CpuAccess access(CPU_SYNC_WRITE, "Bench", image);
+        if (!access.Close()) state.SkipWithError("no access");
+    }
+}
+
+void AccessPeer(benchmark::State& state) {
+    ZYTBufferManager manager("Bench");
+    const zyt::Image image(manager, zyt::Describe(ZYT_FORMAT_RAW16, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
+    BufferAllocator allocator;
+    const auto fd = static_cast<unsigned int>(image->fd[0]);
+    for (auto _ : state) {
+        if (allocator.CpuSyncStart(fd, kSyncWrite) != 0 || allocator.CpuSyncEnd(fd, kSyncWrite) != 0) {
+            state.SkipWithError("no access");
+        }
     }
 }
 
@@ -173,6 +201,8 @@ BENCHMARK_TEMPLATE(Image, ZYT_BUFFER_TYPE_DMABUF)->Name("kit_dmabuf/ours");
 BENCHMARK_TEMPLATE(ImagePeer, ZYT_BUFFER_TYPE_DMABUF)->Name("kit_dmabuf/peer");
 BENCHMARK_TEMPLATE(Image, ZYT_BUFFER_TYPE_GRALLOC)->Name("kit_gralloc/ours");
 BENCHMARK(GrallocPeer)->Name("kit_gralloc/peer");
+BENCHMARK(Access)->Name("kit_access/ours");
+BENCHMARK(AccessPeer)->Name("kit_access/peer");
 BENCHMARK(Rows)->Name("kit_rows/ours")->UseRealTime();
 BENCHMARK(RowsPeer)->Name("kit_rows/peer")->UseRealTime();
 BENCHMARK(Unpack)->Name("kit_unpack/ours")->UseRealTime();

@@ -29,6 +29,7 @@ ROWS = [
     ("kit: plain image taken and given back", "the manager's two calls", "kit_plain", 1.1),
     ("kit: DMA-BUF image taken and given back", "the manager's two calls", "kit_dmabuf", 1.1),
     ("kit: gralloc image taken and given back", "the same calls by hand", "kit_gralloc", 1.1),
+    ("kit: CPU access opened and closed", "the platform's two calls", "kit_access", 1.05),
     ("kit: rows of 640 x 480 in eight bands", "boost::asio::thread_pool, a latch", "kit_rows", 1.0),
     ("kit: RawMipi10 4000 x 3000 unpacked", "memcpy of as many bytes", "kit_unpack", 1.5),
     ("kit: RawMipi10 4000 x 3000 packed", "memcpy of as many bytes", "kit_pack", 2.5),

@@ -25,3 +25,4 @@ __attribute__((noinline)) void* operator new(size_t size) {
 __attribute__((noinline)) void* operator new(size_t size, const std::nothrow_t&) noexcept { return New(size); }
 __attribute__((noinline)) void operator delete(void* block) noexcept { std::free(block); }
 __attribute__((noinline)) void operator delete(void* block, size_t) noexcept { std::free(block); }
+__attribute__((noinline)) void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
