@@ -134,18 +134,24 @@ TEST(DumpName, TellsSizeAndFormat) {
 }
 
 TEST(Describe, RoundsRowsToWholeGroupsAndSlicesToWholeChromaRows) {
-    EXPECT_EQ(Describe(ZYT_FORMAT_RAWMIPI10, 5, 1).planeStride, 10u);
-    EXPECT_EQ(Describe(ZYT_FORMAT_RAWMIPI12, 5, 1).planeStride, 9u);
-    EXPECT_EQ(Describe(ZYT_FORMAT_RAWMIPI14, 5, 1).planeStride, 14u);
-    EXPECT_EQ(Describe(ZYT_FORMAT_YUV_P010, 5, 5, 1).planeStride, 12u);
-    EXPECT_EQ(Describe(kNv12, 5, 5, 64).planeStride, 64u);
-    EXPECT_EQ(Describe(kNv12, 5, 5).sliceHeight, 6u);
-    EXPECT_EQ(Describe(kNv12, 5, 5, 1, 32).sliceHeight, 32u);
-    EXPECT_EQ(Describe(ZYT_FORMAT_Y16, 5, 5).sliceHeight, 5u);
+    struct Rounding {
+        ZYTFormat format;
+        uint32_t stride, slice;
+    };
+    for (const Rounding& expected : {Rounding{ZYT_FORMAT_RAWMIPI10, 10, 5},
+                                     {ZYT_FORMAT_RAWMIPI12, 9, 5},
+                                     {ZYT_FORMAT_RAWMIPI14, 14, 5},
+                                     {ZYT_FORMAT_YUV_P010, 12, 6},
+                                     {kNv12, 6, 6}}) {
+        EXPECT_EQ(Describe(expected.format, 5, 5).planeStride, expected.stride) << expected.format;
+        EXPECT_EQ(Describe(expected.format, 5, 5).sliceHeight, expected.slice) << expected.format;
+    }
+    EXPECT_EQ(Describe(kNv12, 5, 5, 64, 32).planeStride, 64u);
+    EXPECT_EQ(Describe(kNv12, 5, 5, 64, 32).sliceHeight, 32u);
 }
 
 TEST(Plane, ViewsSamplesOfAnyImage) {
-    alignas(2) unsigned char memory[400] = {};
+    alignas(2) unsigned char memory[400];
     ZYTImageBuffer image = Describe(ZYT_FORMAT_YUV_P010, 10, 6, 32);
     image.pAddr[image.numberOfPlanes++] = memory;
     EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 1)) << "P010's chroma has an address of its own";
@@ -153,10 +159,8 @@ TEST(Plane, ViewsSamplesOfAnyImage) {
     const zyt::Plane<uint16_t> chroma = zyt::PlaneOf<uint16_t>(image, 1);
     EXPECT_EQ(chroma.width, 10u);
     EXPECT_EQ(chroma.height, 3u);
-    EXPECT_EQ(chroma.stride, 32u);
     EXPECT_EQ(static_cast<void*>(chroma.Row(2)), memory + 264);
     EXPECT_EQ(zyt::PlaneOf<const uint8_t>(image, 0).width, 20u);
-
     const zyt::Plane<uint16_t> part = chroma.Crop(1, 7, 3, 2);  // top, left, width, height
     EXPECT_EQ(static_cast<void*>(part.Row(1)), memory + 278);
     EXPECT_EQ(part.width, 3u);
@@ -164,7 +168,6 @@ TEST(Plane, ViewsSamplesOfAnyImage) {
     EXPECT_FALSE(chroma.Crop(1, 7, 4, 2));
     EXPECT_FALSE(chroma.Crop(2, 7, 3, 2));
     EXPECT_FALSE(chroma.Crop(0, 0xffffffff, 2, 1));
-    EXPECT_FALSE(chroma.Crop(0, 0, 0, 1));
 
     image.format = kNv12;
     image.numberOfPlanes = 1;
@@ -174,16 +177,12 @@ TEST(Plane, ViewsSamplesOfAnyImage) {
     image.planeStride = 33;
     EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 0));
     image.planeStride = 32;
-    image.pAddr[0] = memory + 1;
-    EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 0));
-    for (void* address : {static_cast<void*>(nullptr), MAP_FAILED}) {
+    for (void* address : {static_cast<void*>(memory + 1), static_cast<void*>(nullptr), MAP_FAILED}) {
         image.pAddr[0] = static_cast<unsigned char*>(address);
-        EXPECT_FALSE(zyt::PlaneOf<uint8_t>(image, 0));
-        EXPECT_FALSE(zyt::PlaneOf<uint8_t>(image, 1));
+        EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 0));
     }
-    image.pAddr[0] = memory;
-    image.format = ZYT_FORMAT_RAWMIPI10;
-    image.width = 8;
+    image = Describe(ZYT_FORMAT_RAWMIPI10, 8, 1);
+    image.pAddr[image.numberOfPlanes++] = memory;
     EXPECT_EQ(zyt::PlaneOf<uint8_t>(image, 0).width, 10u);
     EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 0));
 }
@@ -227,18 +226,21 @@ TEST(Image, HasTheLayoutThatGrallocReports) {
     EXPECT_STREQ(zyt::detail::TakeLayout(nv21, image), nullptr);
     EXPECT_EQ(image.format, ZYT_FORMAT_YUV420NV21);
 
-    const auto refuses = [&](const char* reason, const auto& change) {
-        android_ycbcr planes = nv12;
-        change(planes);
-        EXPECT_THAT(zyt::detail::TakeLayout(planes, image), HasSubstr(reason));
+    const struct Refused {
+        android_ycbcr planes;
+        const char* reason;
+    } refusals[] = {
+        {{nullptr, nv12.cb, nv12.cr, 64, 64, 2, {}}, "not report"},
+        {{memory, nv12.cb, nullptr, 64, 64, 2, {}}, "not report"},
+        {{memory + 64, nv12.cb, nv12.cr, 64, 64, 2, {}}, "begin at a page"},
+        {{memory, nv12.cb, nv12.cr, 64, 64, 1, {}}, "interleaved"},
+        {{memory, nv12.cb, memory + 9600, 64, 64, 2, {}}, "interleaved"},
+        {{memory, nv12.cb, nv12.cr, 64, 32, 2, {}}, "stride"},
+        {{memory, nv12.cb, nv12.cr, 63, 63, 2, {}}, "begin at a row"},
     };
-    refuses("not report", [](android_ycbcr& planes) { planes.y = nullptr; });
-    refuses("not report", [](android_ycbcr& planes) { planes.cr = nullptr; });
-    refuses("begin at a page", [](android_ycbcr& planes) { planes.y = memory + 64; });
-    refuses("interleaved", [](android_ycbcr& planes) { planes.chroma_step = 1; });
-    refuses("interleaved", [](android_ycbcr& planes) { planes.cr = memory + 9600; });
-    refuses("stride", [](android_ycbcr& planes) { planes.cstride = 32; });
-    refuses("begin at a row", [](android_ycbcr& planes) { planes.ystride = planes.cstride = 63; });
+    for (const Refused& refused : refusals) {
+        EXPECT_THAT(zyt::detail::TakeLayout(refused.planes, image), HasSubstr(refused.reason));
+    }
 }
 
 TEST(Image, IsThereOrNothingIsLeftOfIt) {
@@ -323,20 +325,20 @@ TEST(Image, SaysWhatIsWrong) {
         EXPECT_FALSE(Image(manager, description, static_cast<ZYTBufferType>(type)));
         EXPECT_THAT(log.Take().back(), HasSubstr(reason));
     }
-    Image image(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
+    Image image(manager, Describe(ZYT_FORMAT_YUV_P010, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
+    EXPECT_STREQ(zyt::WhatIsWrong(*image), nullptr);
     image->pAddr[1] = static_cast<unsigned char*>(MAP_FAILED);
     EXPECT_STREQ(zyt::WhatIsWrong(*image), "the kernel refused to map it");
     image->pAddr[1] = nullptr;
     EXPECT_STREQ(zyt::WhatIsWrong(*image), "it has no chroma");
+    image->numberOfPlanes = 1;
+    EXPECT_STREQ(zyt::WhatIsWrong(*image), "it has no chroma");
+    image->numberOfPlanes = 5;
+    EXPECT_STREQ(zyt::WhatIsWrong(*image), "it has more than 4 planes");
+    image->numberOfPlanes = 2;
     image->height = image->sliceHeight = 640;
     EXPECT_STREQ(zyt::WhatIsWrong(*image), "a descriptor is smaller than its plane");
     EXPECT_STREQ(zyt::WhatIsWrong(Describe(kNv12, 64, 64)), "it has no memory");
-    Image p010(manager, Describe(ZYT_FORMAT_YUV_P010, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
-    EXPECT_STREQ(zyt::WhatIsWrong(*p010), nullptr);
-    p010->numberOfPlanes = 1;
-    EXPECT_STREQ(zyt::WhatIsWrong(*p010), "it has no chroma");
-    p010->numberOfPlanes = 5;
-    EXPECT_STREQ(zyt::WhatIsWrong(*p010), "it has more than 4 planes");
 }
 
 TEST(CpuAccess, OpensEachDescriptorOnceAndClosesItAsItWasOpened) {
@@ -379,78 +381,53 @@ TEST(CpuAccess, OpensEachDescriptorOnceAndClosesItAsItWasOpened) {
     EXPECT_EQ(CountErrors(log, "Mine"), 2);
 }
 
-TEST(ImportedImage, MapsWhatItIsGivenAndClosesNothing) {
-    LogCapture log;
-    ZYTBufferManager manager;
-    Image camera(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_GRALLOC);  // one descriptor, like a camera's buffer
-    Fill(camera);
-    for (const uint32_t planes : {1u, 2u}) {
-        ZYTImageBuffer description = *camera;
-        description.numberOfPlanes = planes;
-        description.fd[planes - 1] = camera->fd[0];
-        description.pAddr[3] = description.pAddr[0];
-        zyt::ImportedImage image(description, "Mine"), moved(std::move(image));
-        ASSERT_TRUE(moved);
-        CpuAccess access(CPU_SYNC_READ, "Mine", moved);
-        EXPECT_EQ(zyt::PlaneOf<uint8_t>(*moved, 1).Row(0)[63], 65) << "the row after 64";
-        EXPECT_NE(moved->pAddr[0], camera->pAddr[0]);
-        EXPECT_EQ(moved->pAddr[3], nullptr) << "addresses are not taken over";
-        for (const int fd : {0, -1, 9999}) {
-            description.fd[planes - 1] = fd;
-            EXPECT_FALSE(zyt::ImportedImage(description, "Mine")) << fd;
-        }
-        description = *camera;
-        description.sliceHeight = 128;
-        EXPECT_FALSE(zyt::ImportedImage(description, "Mine")) << "smaller than said";
-        EXPECT_EQ(CountErrors(log, "Mine"), 4);
-        EXPECT_EQ(hostdevice::CountLive().graphicMappings, 3u) << "the pool's, the image's, the import's";
-    }
-    EXPECT_TRUE(IsOpen(camera->fd[0]));
-    EXPECT_EQ(hostdevice::CountLive().graphicMappings, 2u);
-}
-
-TEST(ImportedImage, FindsEachPlaneAtItsDescriptorAndOffset) {
+TEST(ImportedImage, FindsEachPlaneAtItsDescriptorAndOffsetAndClosesNothing) {
     LogCapture log;
     ZYTBufferManager manager;
     Image two(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
-    Fill(two);
     Image one(manager, Describe(ZYT_FORMAT_RAW16, 64, 64), ZYT_BUFFER_TYPE_DMABUF);  // 8192 bytes
-    Fill(one);                                                                       // row y has y + 1
-    const int duplicate = dup(one->fd[0]);
-    const int readOnly = open(("/proc/self/fd/" + std::to_string(one->fd[0])).c_str(), O_RDONLY);
-    struct Import {
-        int fds[2];
+    Fill(two);
+    Fill(one);  // row y has y + 1
+    const int fd = one->fd[0], duplicate = dup(fd);
+    const int readOnly = open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_RDONLY);
+    const uint64_t before = CountLiveMemory();
+    const struct Import {
         uint32_t planes;
+        int fds[2];
         zyt::ImportOptions options;
         int luma, chroma;  // the first samples; 0: refused
-    };
-    const Import imports[] = {
-        {{two->fd[0], two->fd[1]}, 2, {}, 1, 65},
-        {{one->fd[0], one->fd[0]}, 2, {}, 1, 33},
-        {{one->fd[0], duplicate}, 2, {}, 1, 1},
-        {{one->fd[0], duplicate}, 2, {{0, 4096}}, 1, 33},
-        {{one->fd[0], one->fd[0]}, 2, {{128, 6144}}, 2, 49},
-        {{one->fd[0]}, 1, {{128, 0}}, 2, 34},
-        {{one->fd[0], one->fd[0]}, 2, {{0, 6145}}, 0, 0},
-        {{one->fd[0], duplicate}, 2, {{8193, 0}}, 0, 0},
-        {{one->fd[0]}, 1, {{0, 4096}}, 0, 0},
+    } imports[] = {
+        {2, {two->fd[0], two->fd[1]}, {}, 1, 65},
+        {2, {fd, fd}, {}, 1, 33},
+        {2, {fd, duplicate}, {}, 1, 1},
+        {2, {fd, duplicate}, {{0, 4096}}, 1, 33},
+        {2, {fd, fd}, {{128, 6144}}, 2, 49},
+        {1, {fd, 0}, {{128, 0}}, 2, 34},
+        {1, {readOnly, 0}, {{}, CPU_SYNC_READ}, 1, 33},
+        {1, {readOnly, 0}, {}, 0, 0},
+        {1, {fd, 0}, {{0, 4096}}, 0, 0},
+        {2, {fd, fd}, {{0, 6145}}, 0, 0},
+        {2, {fd, duplicate}, {{8193, 0}}, 0, 0},
+        {2, {fd, 0}, {}, 0, 0},
+        {1, {-1, 0}, {}, 0, 0},
+        {2, {fd, 9999}, {}, 0, 0},
+        {3, {fd, fd}, {}, 0, 0},
     };
     for (const Import& import : imports) {
         ZYTImageBuffer description = Describe(kNv12, 64, 64);
+        description.pAddr[3] = two->pAddr[0];
         description.numberOfPlanes = import.planes;
         std::copy(std::begin(import.fds), std::end(import.fds), description.fd);
-        const zyt::ImportedImage image(description, "Mine", import.options);
-        EXPECT_EQ(static_cast<bool>(image), import.luma != 0);
-        if (!image) continue;
-        CpuAccess access(CPU_SYNC_READ, "Mine", image);
-        EXPECT_EQ(zyt::PlaneOf<uint8_t>(*image, 0).Row(0)[0], import.luma);
-        EXPECT_EQ(zyt::PlaneOf<uint8_t>(*image, 1).Row(0)[0], import.chroma);
+        zyt::ImportedImage image(description, "Mine", import.options), moved(std::move(image));
+        EXPECT_EQ(static_cast<bool>(moved), import.luma != 0);
+        EXPECT_EQ(CountErrors(log, "Mine"), import.luma != 0 ? 0 : 1);
+        EXPECT_EQ(moved->pAddr[3], nullptr) << "addresses are not taken over";
+        if (!moved) continue;
+        CpuAccess access(CPU_SYNC_READ, "Mine", moved);
+        EXPECT_EQ(zyt::PlaneOf<uint8_t>(moved, 0).Row(0)[0], import.luma);
+        EXPECT_EQ(zyt::PlaneOf<uint8_t>(moved, 1).Row(0)[0], import.chroma);
     }
-    EXPECT_EQ(CountErrors(log, "Mine"), 3);
-    ZYTImageBuffer description = *one;
-    description.fd[0] = readOnly;
-    EXPECT_TRUE(zyt::ImportedImage(description, "Mine", {{}, CPU_SYNC_READ}));
-    EXPECT_FALSE(zyt::ImportedImage(description, "Mine"));
+    EXPECT_EQ(CountLiveMemory(), before);
     close(duplicate);
     close(readOnly);
 }
@@ -543,24 +520,31 @@ TEST(FrameQueue, KeepsOrderAndLosesNothingWhateverHappensToThePool) {
     for (int round = 0; round < 50; ++round) {
         ZYTThreadPool pool;
         ASSERT_TRUE(pool.Init(3));
-        std::vector<int> done;  // without a lock: one item at a time
-        zyt::FrameQueue<std::unique_ptr<int>> queue(
-            pool, [&done, own = std::make_unique<int>()](std::unique_ptr<int>& frame) { done.push_back(*frame); }, 4);
+        std::vector<int> done, pushed;  // without a lock: one item at a time
+        std::atomic<size_t> count{0};
+        auto process = [&, own = std::make_unique<int>()](std::unique_ptr<int>& frame) {
+            done.push_back(*frame);
+            std::this_thread::yield();
+            ++count;
+        };
+        zyt::FrameQueue<std::unique_ptr<int>> queue(pool, std::move(process), 4);
         std::thread meanwhile([&] {
-            Flush(pool);
-            if (round % 2 == 0) pool.DeInit(false);
+            if (round % 3 == 0) Flush(pool);
+            if (round % 3 == 1) pool.DeInit(false);
         });
-        std::vector<int> pushed;
         for (int i = 0; i < 200; ++i) {
             auto frame = std::make_unique<int>(i);
-            if (queue.Push(std::move(frame))) pushed.push_back(i);
-            EXPECT_EQ(frame == nullptr, !pushed.empty() && pushed.back() == i) << "a refused one stays";  // NOLINT
+            const bool isPushed = queue.Push(std::move(frame));
+            EXPECT_EQ(frame == nullptr, isPushed) << "a refused one stays";  // NOLINT(bugprone-use-after-move)
+            if (isPushed) pushed.push_back(i);
         }
         meanwhile.join();
+        if (round % 3 == 2) {
+            EXPECT_TRUE(zyttest::WaitUntil([&] { return count == pushed.size(); }));
+        }
         for (const std::unique_ptr<int>& frame : queue.Close()) done.push_back(*frame);
         EXPECT_EQ(done, pushed);
         EXPECT_FALSE(queue.Push(std::make_unique<int>(1)));
-        EXPECT_TRUE(queue.Close().empty());
     }
 }
 
@@ -568,29 +552,23 @@ TEST(FrameQueue, WaitsForTheFrameInWorkAndHandsBackTheOthers) {
     ZYTThreadPool pool;
     ASSERT_TRUE(pool.Init(2));
     std::promise<void> begun, released;
-    std::atomic<int> done{0};
+    std::atomic<bool> isDone{false};
     const auto process = [&](int) {
         begun.set_value();
         released.get_future().get();
-        ++done;
+        isDone = true;
     };
-    zyt::FrameQueue<int> queue(pool, process, 1000000);
+    zyt::FrameQueue<int> queue(pool, process, 1000000), full(pool, process, 0);
+    EXPECT_FALSE(full.Push(1));
     EXPECT_TRUE(queue.Push(1));
     begun.get_future().get();
     EXPECT_TRUE(queue.Push(2));
     auto left = std::async(std::launch::async, [&] { return queue.Close(); });
     EXPECT_TRUE(zyttest::WaitUntil([&] { return !queue.Push(3); })) << "closed";
-    EXPECT_EQ(done, 0);
+    EXPECT_FALSE(isDone);
     released.set_value();
     EXPECT_EQ(left.get().front(), 2);
-    EXPECT_EQ(done, 1);
-
-    ZYTThreadPool withoutWorkers;
-    zyt::FrameQueue<int> waiting(withoutWorkers, process, 2);
-    EXPECT_TRUE(waiting.Push(1));
-    EXPECT_TRUE(waiting.Push(2));
-    EXPECT_FALSE(waiting.Push(3)) << "full";
-    EXPECT_THAT(waiting.Close(), testing::ElementsAre(1, 2));
+    EXPECT_TRUE(isDone);
 }
 
 TEST(Connection, RunsForEachRaiseThatFindsNonePending) {
@@ -687,12 +665,14 @@ TEST(Memory, OfTheKitsOwnIsNotNeededToLoseNothing) {
 
     ZYTBufferManager manager("Node");
     const Image shared(manager, Describe(kNv12, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
-    WithEachNewFailing([&] {
-        errors = 0;
-        const bool isOpen = static_cast<bool>(CpuAccess(CPU_SYNC_READ, "Mine", shared));
-        EXPECT_EQ(errors, isOpen ? 0 : 1);
-    });
-    EXPECT_EQ(hostdevice::SyncCount() % 2, 0u) << "what was opened is closed";
+    if (!hostdevice::IsStrict()) {  // the device then has bookkeeping of its own
+        WithEachNewFailing([&] {
+            errors = 0;
+            const bool isOpen = static_cast<bool>(CpuAccess(CPU_SYNC_READ, "Mine", shared));
+            EXPECT_EQ(errors, isOpen ? 0 : 1);
+        });
+        EXPECT_EQ(hostdevice::SyncCount() % 2, 0u) << "what was opened is closed";
+    }
     WithEachNewFailing([] { zyt::FlushOfflineLog(std::chrono::minutes(5)); });
     EXPECT_TRUE(zyt::FlushOfflineLog(std::chrono::minutes(5)));
     std::atomic<int> runs{0};
