@@ -718,7 +718,15 @@ TEST(FlushOfflineLog, ReturnsWhenAllIsWritten) {
     // The workers are stopped while a flush waits for them.
     lock.lock();
     log.m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, wait, nullptr, 0});
+    const auto hasQueued = [&](size_t count) {
+        return zyttest::WaitUntil([&] {
+            const zyt::Lock guard(log.m_threadPool.m_taskListLock);
+            return log.m_threadPool.m_taskList.size() == count;
+        });
+    };
+    EXPECT_TRUE(hasQueued(0));
     auto flush = std::async(std::launch::async, zyt::FlushOfflineLog, std::chrono::hours(1));
+    EXPECT_TRUE(hasQueued(1)) << "all other workers wait";
     std::thread stopper([&] { log.m_threadPool.DeInit(true); });
     EXPECT_FALSE(flush.get());
     EXPECT_FALSE(zyt::FlushOfflineLog(std::chrono::hours(1)));

@@ -59,8 +59,8 @@ void WriteFile(const std::string& path, const std::string& content);
 /// Returns an image record without memory.
 ZYTImageBuffer Image(int format, uint32_t width, uint32_t height, uint32_t planeStride, uint32_t sliceHeight);
 
-/// Makes the n-th operator new of the calling thread from now on fail, in the libraries too; 0: none. Returns false when
-/// one that was to fail has not been reached. The test needs failnew.cpp.
+/// Makes the n-th operator new of the calling thread from now on fail, in the libraries too; 0: none. Returns false
+/// when one that was to fail has not been reached. The test needs failnew.cpp.
 bool FailNthNew(uint64_t n);
 
 /// Polls until the condition holds. Returns false after a timeout that only a hang exceeds.

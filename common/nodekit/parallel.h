@@ -20,10 +20,9 @@
 /// for (Frame& frame : m_frames.Close()) GiveBack(frame);        // stopped: those that never ran
 /// @endcode
 ///
-/// Who waits for rows or a group does the work that no worker has begun. So all work is done and no wait hangs, even
-/// when the pool has no workers, is flushed, stopped or restarted meanwhile, when the caller is a task of the same
-/// pool, and when memory runs out. (A flush meanwhile leaks a small block.) An exception that leaves the work ends the
-/// process.
+/// Who waits for rows or a group does the work that no worker has begun. So all is done and no wait hangs, even when
+/// the pool has no workers, is flushed, stopped or restarted meanwhile, when the caller is a task of the same pool, and
+/// when memory runs out. (A flush leaks a small block.) An exception that leaves the work ends the process.
 ///
 /// REQUIRES: the pool outlives the group or queue. No callable waits for its own group or closes its own queue.
 
@@ -224,8 +223,11 @@ private:
         first.splice(first.end(), m_waiting, m_waiting.begin());
         ++m_running;
         lock.unlock();
-        Process(first.front());
-        first.clear();
+        {
+            const ScopedTrace section(m_mostAtATime > 1 ? "zyt::TaskGroup" : "zyt::FrameQueue");
+            Process(first.front());
+            first.clear();
+        }
         lock.lock();
         if (--m_running == 0) m_changed.notify_all();
     }
@@ -243,7 +245,7 @@ private:
 template <typename Item, typename Function>
 class ItemsOf final : public Items<Item> {
 public:
-    ItemsOf(ZYTThreadPool& pool, size_t capacity, uint32_t mostAtATime, Function&& function)
+    ItemsOf(ZYTThreadPool& pool, size_t capacity, uint32_t mostAtATime, Function function)
         : Items<Item>(pool, capacity, mostAtATime), m_function(std::move(function)) {}
 
 private:
@@ -251,12 +253,6 @@ private:
 
     Function m_function;
 };
-
-/// Creates items with a function that processes one.
-template <typename Item, typename Function>
-Items<Item>* MakeItems(ZYTThreadPool& pool, size_t capacity, uint32_t mostAtATime, Function function) {
-    return new ItemsOf<Item, Function>(pool, capacity, mostAtATime, std::move(function));
-}
 
 /// Returns the number of workers of the pool, or `otherwise` while it is being started or stopped.
 inline uint32_t CountWorkers(ZYTThreadPool& pool, uint32_t otherwise) ZYT_NO_THREAD_SAFETY_ANALYSIS {
@@ -289,7 +285,7 @@ class TaskGroup {
 public:
     /// Creates an empty group. Throws std::bad_alloc when there is no memory.
     explicit TaskGroup(ZYTThreadPool& pool)
-        : m_pool(pool), m_jobs(detail::MakeItems<Job>(pool, SIZE_MAX, UINT32_MAX, [](Job& job) { job->Run(); })) {}
+        : m_pool(pool), m_jobs(new detail::ItemsOf<Job, void (*)(Job&)>(pool, SIZE_MAX, UINT32_MAX, RunJob)) {}
     /// Calls Wait().
     ~TaskGroup() {
         Wait();
@@ -312,6 +308,7 @@ public:
 
 private:
     using Job = std::unique_ptr<detail::Job>;
+    static void RunJob(Job& job) { job->Run(); }
 
     ZYTThreadPool& m_pool;
     detail::Items<Job>* const m_jobs;
@@ -326,11 +323,7 @@ public:
     /// Item& that it may move from. Throws std::bad_alloc when there is no memory.
     template <typename Function>
     FrameQueue(ZYTThreadPool& pool, Function process, size_t capacity)
-        : m_pool(pool),
-          m_items(detail::MakeItems<Item>(pool, capacity, 1, [process = std::move(process)](Item& item) mutable {
-              const ScopedTrace section("zyt::FrameQueue");
-              process(item);
-          })) {}
+        : m_pool(pool), m_items(new detail::ItemsOf<Item, Function>(pool, capacity, 1, std::move(process))) {}
     /// Calls Close() and destroys what never ran.
     ~FrameQueue() {
         Close();
