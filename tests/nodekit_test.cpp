@@ -606,12 +606,14 @@ TEST(Connection, InsideATaskIsNotMadeAndDoesNotWait) {
     std::atomic<int> runs{0};
     const auto captured = std::make_shared<int>();
     auto other = std::make_unique<zyt::Connection>([&runs, captured] { ++runs; });
+    auto idle = std::make_unique<zyt::Connection>([captured] {});
     std::unique_ptr<zyt::Connection> own;
     own = std::make_unique<zyt::Connection>([&, captured, moveOnly = std::make_unique<int>(1)] {
         zyt::Connection refused([] {}, "Mine");
         EXPECT_FALSE(refused.Raise());
         other->Raise();
         other.reset();
+        idle.reset();
         own.reset();
         EXPECT_EQ(*moveOnly, 1) << "lives until the run has ended";
         ended.set_value();
