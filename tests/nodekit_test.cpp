@@ -729,7 +729,7 @@ TEST(FlushOfflineLog, ReturnsWhenAllIsWritten) {
     EXPECT_TRUE(hasQueued(0));
     auto flush = std::async(std::launch::async, zyt::FlushOfflineLog, std::chrono::hours(1));
     EXPECT_TRUE(hasQueued(1)) << "all other workers wait";
-    std::thread stopper([&] { log.m_threadPool.DeInit(true); });
+    std::thread stopper([&] { log.m_threadPool.DeInit(false); });
     EXPECT_FALSE(flush.get());
     EXPECT_FALSE(zyt::FlushOfflineLog(std::chrono::hours(1)));
     lock.unlock();
