@@ -61,7 +61,7 @@ private:
     std::unique_ptr<unsigned char[]> m_bytes;
 };
 
-// Returns a coordinate, mostly near the image.
+// Mostly near the image.
 template <typename Choices>
 uint32_t Near(Choices& data) {
     return data.ConsumeIntegralInRange(0, 7) > 0 ? data.ConsumeIntegralInRange(0u, 60u)
@@ -70,7 +70,7 @@ uint32_t Near(Choices& data) {
 
 inline bool IsBetween(int64_t value, int64_t low, int64_t high) { return value >= low && value <= high; }
 
-// Returns true for pixels of the outline: inside the outer edge of its four bands, but not inside their inner edge.
+// Inside the outer edge of the outline's four bands, but not inside their inner edge.
 inline bool IsMarked(int64_t x, int64_t y, const ZYTRect& rect, int64_t t) {
     const int64_t left = rect.left, top = rect.top, right = left + rect.width, bottom = top + rect.height;
     const bool isInOuter = IsBetween(x, left - t, right + t) && IsBetween(y, top - t, bottom + t);
@@ -120,7 +120,6 @@ inline bool IsKnown(int format) { return format >= 0 && format <= 10; }
 inline bool IsNv(int format) { return format == 0 || format == 1; }
 inline bool HasChroma(int format) { return IsNv(format) || format == ZYT_FORMAT_YUV_P010; }
 
-// The bytes and rows that an operation moves in each plane.
 struct Moved {
     uint64_t rowBytes = 0;
     uint64_t rows[2] = {0, 0};
@@ -161,7 +160,6 @@ struct Picture {
         return true;
     }
 
-    // Returns the addresses of the bytes that are moved, in order.
     std::vector<unsigned char*> Pixels(const Moved& moved) const {
         std::vector<unsigned char*> pixels;
         for (const size_t p : kPlanes) {
@@ -173,7 +171,7 @@ struct Picture {
     }
 };
 
-// Returns a number, mostly small, sometimes near a limit of 32 bits.
+// Mostly small, sometimes near a limit of 32 bits.
 template <typename Choices>
 uint32_t Side(Choices& data, uint32_t usual) {
     if (data.ConsumeIntegralInRange(0, 15) > 0) return data.ConsumeIntegralInRange(0u, usual);

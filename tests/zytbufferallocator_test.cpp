@@ -116,18 +116,15 @@ TEST_F(Allocator, ReadsAMissingGraphicDescriptorAsNone) {
 TEST_F(Allocator, SynchronisesInTheAskedDirectionAndEndsInRead) {
     ASSERT_EQ(m_allocator.AllocDMABuffer(4096, &m_pBuf, m_fd), 0);
     constexpr int kRead = 1, kWrite = 2, kBoth = 3;  // DMA_BUF_SYNC_READ, WRITE and RW
-    const struct {
-        int type;
-        int direction;
-    } cases[] = {
+    const std::pair<int, int> directions[] = {
         {CPU_SYNC_READ, kRead}, {CPU_SYNC_WRITE, kWrite}, {CPU_SYNC_READ_WRITE, kBoth}, {0, kBoth}, {-1, kBoth}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(m_allocator.StartCPUSync(m_fd, static_cast<CPUSyncType>(c.type)), 0);
+    for (const auto& [type, direction] : directions) {
+        EXPECT_EQ(m_allocator.StartCPUSync(m_fd, static_cast<CPUSyncType>(type)), 0);
         EXPECT_TRUE(hostdevice::LastSync().isStart);
-        EXPECT_EQ(hostdevice::LastSync().direction, c.direction) << c.type;
+        EXPECT_EQ(hostdevice::LastSync().direction, direction) << type;
         EXPECT_EQ(m_allocator.EndCPUSync(m_fd), 0);
         EXPECT_FALSE(hostdevice::LastSync().isStart);
-        EXPECT_EQ(hostdevice::LastSync().direction, kRead) << c.type;
+        EXPECT_EQ(hostdevice::LastSync().direction, kRead) << type;
     }
     hostdevice::FailNth(Fault::kSync, 1);
     EXPECT_EQ(m_allocator.StartCPUSync(m_fd, CPU_SYNC_READ), -1);
