@@ -57,7 +57,7 @@ var providers = map[string][]string{
 var scratch, _ = os.MkdirTemp("", "zyttools-soong-")
 
 // Sources that Soong does not build; Android.bp gives the reasons.
-var notOnHost = regexp.MustCompile(`_aosp\.cpp$|^tests/(denoise|faultsweep|reliability|samplenode|strict|zytview)_test\.cpp$`)
+var notOnHost = regexp.MustCompile(`_aosp\.cpp$|^tests/((denoise|faultsweep|reliability|samplenode|strict|zytview)_test|lockrules)\.cpp$`)
 
 func fatal(format string, args ...interface{}) {
 	fmt.Fprintf(os.Stderr, "device/soong.go: "+format+"\n", args...)
