@@ -27,7 +27,7 @@ rm -f "$folder"/round-*.json
 # Several processes, each with several repetitions in random order, because a result depends on chance, such as a
 # process's memory addresses. One process per area, so that a subject and its peer run close together in time.
 for round in 1 2 3 4 5 6 7 8 9; do
-    for area in pool/ manager log_site offline copy_nv12 copy_p010 dump outline tasks signal \
+    for area in pool/ manager log_site offline copy_nv12 copy_p010 dump tasks signal \
         kit_plain kit_dmabuf kit_gralloc kit_access kit_rows kit_unpack kit_pack; do
         "$folder/benchmarks/zytbench" --benchmark_filter="^$area" --benchmark_min_time=0.015 \
             --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "utilities/zytutil.h"
 #include "zytbuffermanager/zytbufferutil.h"
 
 namespace {
@@ -98,30 +97,6 @@ void DumpPeer(benchmark::State& state) {
     }
 }
 
-constexpr uint32_t kThickness = 9;
-
-void Outline(benchmark::State& state) {
-    Image image(0, ZYT_FORMAT_YUV420NV12, state, 64);
-    const ZYTRect around{0, 0, image.width, image.height};
-    for (auto _ : state) {
-        ZYTUtil::DrawRect(&image, around, kThickness);
-        benchmark::ClobberMemory();
-    }
-}
-
-// Writes as many bytes in each row as the outline has, without computing their positions.
-void OutlinePeer(benchmark::State& state) {
-    const Image image(0, ZYT_FORMAT_YUV420NV12, state, 64);
-    const uint32_t reach = kThickness / 2;
-    for (auto _ : state) {
-        for (uint32_t y = 0; y < image.height; ++y) {
-            const bool isWhole = y <= reach || y >= image.height - reach;
-            std::memset(image.pAddr[0] + size_t{y} * image.planeStride, 255, isWhole ? image.width : kThickness);
-        }
-        benchmark::ClobberMemory();
-    }
-}
-
 void ImageSizes(benchmark::internal::Benchmark* benchmark) {
     benchmark->Args({1920, 1080})->Args({4000, 3000})->UseRealTime();
 }
@@ -132,7 +107,5 @@ BENCHMARK_TEMPLATE(Copy, ZYT_FORMAT_YUV_P010)->Name("copy_p010/ours")->Apply(Ima
 BENCHMARK_TEMPLATE(CopyPeer, ZYT_FORMAT_YUV_P010)->Name("copy_p010/peer")->Apply(ImageSizes);
 BENCHMARK(Dump)->Name("dump/ours")->Apply(ImageSizes);
 BENCHMARK(DumpPeer)->Name("dump/peer")->Apply(ImageSizes);
-BENCHMARK(Outline)->Name("outline/ours")->Apply(ImageSizes);
-BENCHMARK(OutlinePeer)->Name("outline/peer")->Apply(ImageSizes);
 
 }  // namespace

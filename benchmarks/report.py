@@ -21,7 +21,6 @@ ROWS = [
     ("copy of NV12 1920 x 1080", "libyuv CopyPlane", "copy_nv12/1920/1080", 1.0),
     ("copy of P010 4000 x 3000", "libyuv CopyPlane", "copy_p010/4000/3000", 1.0),
     ("dump of NV12 4000 x 3000", "one write", "dump/4000/3000", 1.15),
-    ("outline of 9 around 4000 x 3000", "as many bytes by rows", "outline/4000/3000", 1.5),
     ("thread pool, a task of four producers", "boost::asio::thread_pool", "tasks/4", 1.0),
     ("signal raised to task run", "boost::asio::post", "signal", 1.0),
     ("zytview, Bayer noise 4000 x 3000 to PNG", "ffmpeg", "view/noise", 1.0),
