@@ -39,8 +39,7 @@ int AllocFromKernel(size_t len) {
     if (!hostdevice::FitsMachine(len)) return -ENOMEM;
     dma_heap_allocation_data allocation{};
     allocation.len = len;
-    allocation.fd_flags = O_RDWR | O_CLOEXEC;
-    if (hostdevice::TakeFault(Fault::kMapping)) allocation.fd_flags = O_RDONLY | O_CLOEXEC;
+    allocation.fd_flags = O_CLOEXEC | (hostdevice::TakeFault(Fault::kMapping) ? O_RDONLY : O_RDWR);
     if (RetryingIoctl(HeapDevice(), DMA_HEAP_IOCTL_ALLOC, &allocation) == -1) return -errno;
     return hostdevice::AboveStandardDescriptors(static_cast<int>(allocation.fd));
 }

@@ -1,7 +1,3 @@
-#include <dirent.h>
-
-#include <cstdlib>
-
 #include "internal.h"
 #include "maps.h"
 #include "memory.h"
@@ -17,30 +13,16 @@ void Count(MemoryKind kind, uint64_t& heap, uint64_t& graphic) {
     }
 }
 
-void CountDescriptors(LiveResources& live) {
-    DIR* const directory = opendir("/proc/self/fd");
-    if (directory == nullptr) return;
-    while (const dirent* const entry = readdir(directory)) {
-        if (entry->d_name[0] == '.') continue;
-        Count(KindOfDescriptor(std::atoi(entry->d_name)), live.heapDescriptors, live.graphicDescriptors);
-    }
-    closedir(directory);
-}
-
-void CountMappings(LiveResources& live) {
-    MapsReader maps;
-    for (MappedRange range; maps.Next(range);) {
-        Count(KindOfPath(range.path), live.heapMappings, live.graphicMappings);
-    }
-}
-
 }  // namespace
 
 LiveResources CountLive() {
     LiveResources live{};
     live.graphicBuffers = CountGraphicBuffers();
-    CountDescriptors(live);
-    CountMappings(live);
+    ForEachDescriptor([&](int fd) { Count(KindOfDescriptor(fd), live.heapDescriptors, live.graphicDescriptors); });
+    MapsReader maps;
+    for (MappedRange range; maps.Next(range);) {
+        Count(KindOfPath(range.path), live.heapMappings, live.graphicMappings);
+    }
     return live;
 }
 

@@ -6,8 +6,6 @@
 #include <string>
 #include <system_error>
 
-#include "internal.h"
-
 namespace hostdevice {
 namespace {
 
@@ -32,28 +30,28 @@ fs::path DataFolder() {
     return FromEnvironment("HOME", ".local/state/zyttools");
 }
 
-struct OfflineLogDirectory {
-    std::string path = kNowhere;
-
-    OfflineLogDirectory() {
-        const fs::path folder = DataFolder();
-        const std::string directory = (folder / "data/vendor/camera/offlinelog/").string();
-        std::error_code error;
-        if (folder.empty()) {
-            std::fprintf(stderr, "hostdevice: no offline log: neither HOSTDEVICE_DATA nor HOME is set\n");
-        } else if (directory.size() > kLongestDirectory) {
-            std::fprintf(stderr, "hostdevice: no offline log: %s leaves no room for a file's name\n",
-                         directory.c_str());
-        } else if (fs::create_directories(directory, error); error) {
-            std::fprintf(stderr, "hostdevice: no offline log: %s: %s\n", directory.c_str(), error.message().c_str());
-        } else {
-            path = directory;
-        }
+std::string CreateOfflineLogDirectory() {
+    const fs::path folder = DataFolder();
+    std::string directory = (folder / "data/vendor/camera/offlinelog/").string(), reason;
+    std::error_code error;
+    if (folder.empty()) {
+        reason = "neither HOSTDEVICE_DATA nor HOME is set";
+    } else if (directory.size() > kLongestDirectory) {
+        reason = directory + " leaves no room for a file's name";
+    } else if (fs::create_directories(directory, error); error) {
+        reason = directory + ": " + error.message();
+    } else {
+        return directory;
     }
-};
+    std::fprintf(stderr, "hostdevice: no offline log: %s\n", reason.c_str());
+    return kNowhere;
+}
 
 }  // namespace
 
-const char* OfflineLogDir() { return Immortal<OfflineLogDirectory>().path.c_str(); }
+const char* OfflineLogDir() {
+    static const auto* const directory = new std::string(CreateOfflineLogDirectory());
+    return directory->c_str();
+}
 
 }  // namespace hostdevice

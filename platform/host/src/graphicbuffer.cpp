@@ -14,6 +14,9 @@
 #include "memory.h"
 #include "strict.h"
 
+using hostdevice::Fault;
+using hostdevice::TakeFault;
+
 namespace {
 
 std::atomic<uint32_t> g_strideAlignment{64};
@@ -21,11 +24,6 @@ std::atomic<uint32_t> g_heightAlignment{32};
 std::atomic<uint64_t> g_liveBuffers{0};
 
 uint64_t RoundUp(uint64_t value, uint64_t alignment) { return (value + alignment - 1) / alignment * alignment; }
-
-int CreateDescriptor(uint64_t bytes) {
-    if (hostdevice::TakeFault(hostdevice::Fault::kGraphicDescriptor)) return 0;
-    return hostdevice::CreateMemory(hostdevice::MemoryKind::kGraphic, bytes);
-}
 
 }  // namespace
 
@@ -53,7 +51,7 @@ GraphicBuffer::~GraphicBuffer() {
 }
 
 status_t GraphicBuffer::Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t inLayerCount) {
-    if (hostdevice::TakeFault(hostdevice::Fault::kGraphicBuffer)) return -ENOMEM;
+    if (TakeFault(Fault::kGraphicBuffer)) return -ENOMEM;
     const uint64_t rowPixels = RoundUp(inWidth, g_strideAlignment);
     const uint64_t lumaRows = RoundUp(inHeight, g_heightAlignment);
     // Enough for both kinds of image: 16-bit raw, and 8-bit YUV 4:2:0.
@@ -67,7 +65,8 @@ status_t GraphicBuffer::Allocate(uint32_t inWidth, uint32_t inHeight, uint32_t i
     nativeHandle->version = sizeof(native_handle_t);
     nativeHandle->numFds = 1;
     nativeHandle->numInts = 0;
-    nativeHandle->data[0] = CreateDescriptor(bytes);
+    nativeHandle->data[0] =
+        TakeFault(Fault::kGraphicDescriptor) ? 0 : hostdevice::CreateMemory(hostdevice::MemoryKind::kGraphic, bytes);
     if (const int error = nativeHandle->data[0]; error < 0) {
         std::free(nativeHandle);
         return error;

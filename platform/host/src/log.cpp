@@ -52,11 +52,10 @@ std::string ThreadtimePrefix(char letter, const char* tag) {
     char head[80];
     std::snprintf(head, sizeof head, "%s.%03ld %5d %5ld %c ", date, now.tv_nsec / 1000000, getpid(),
                   syscall(SYS_gettid), letter);
-    std::string prefix = head;
-    prefix += tag;
     constexpr size_t kTagWidth = 8;
-    if (std::strlen(tag) < kTagWidth) prefix.append(kTagWidth - std::strlen(tag), ' ');
-    return prefix += ": ";
+    std::string padded = tag;
+    if (padded.size() < kTagWidth) padded.resize(kTagWidth, ' ');
+    return head + padded + ": ";
 }
 
 void Print(int priority, const char* tag, const char* text) {

@@ -1,10 +1,12 @@
 #ifndef HOSTDEVICE_MAPS_H
 #define HOSTDEVICE_MAPS_H
 
+#include <dirent.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 
 namespace hostdevice {
 
@@ -40,6 +42,18 @@ private:
     char m_block[4096];
     char m_line[160];
 };
+
+/// Calls `use` with each open descriptor of this process. Returns false when they cannot be listed.
+template <typename Use>
+bool ForEachDescriptor(Use use) {
+    DIR* const directory = opendir("/proc/self/fd");
+    if (directory == nullptr) return false;
+    while (const dirent* const entry = readdir(directory)) {
+        if (entry->d_name[0] != '.') use(std::atoi(entry->d_name));
+    }
+    closedir(directory);
+    return true;
+}
 
 }  // namespace hostdevice
 

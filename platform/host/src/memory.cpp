@@ -19,8 +19,6 @@ constexpr char kMemfdPrefix[] = "/memfd:";
 // Indexed by MemoryKind.
 constexpr const char* kPathPrefixes[] = {"/memfd:hostdevice-heap", "/memfd:hostdevice-graphic", "/dmabuf:"};
 
-uint64_t PageSize() { return static_cast<uint64_t>(sysconf(_SC_PAGESIZE)); }
-
 // Fixes the size, like that of a DMA-BUF. Applies the kMapping fault.
 int Seal(int fd) {
     const int readOnly = TakeFault(Fault::kMapping) ? F_SEAL_WRITE : 0;
@@ -46,6 +44,10 @@ MemoryKind KindOfDescriptor(int fd) {
     return KindOfPath(target);
 }
 
+size_t PageSize() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
+
+uint64_t WholePages(uint64_t size) { return (size + PageSize() - 1) / PageSize() * PageSize(); }
+
 bool FitsMachine(uint64_t bytes) { return bytes <= PageSize() * static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)); }
 
 int CreateMemory(MemoryKind kind, uint64_t bytes) {
@@ -53,8 +55,7 @@ int CreateMemory(MemoryKind kind, uint64_t bytes) {
     const char* name = kPathPrefixes[static_cast<size_t>(kind)] + std::strlen(kMemfdPrefix);
     const int fd = AboveStandardDescriptors(memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
     if (fd < 0) return fd;
-    const uint64_t pages = (bytes + PageSize() - 1) / PageSize();
-    if (ftruncate(fd, static_cast<off_t>(pages * PageSize())) == 0 && Seal(fd) == 0) return fd;
+    if (ftruncate(fd, static_cast<off_t>(WholePages(bytes))) == 0 && Seal(fd) == 0) return fd;
     const int error = errno;
     close(fd);
     return -error;

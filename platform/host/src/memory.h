@@ -1,6 +1,7 @@
 #ifndef HOSTDEVICE_MEMORY_H
 #define HOSTDEVICE_MEMORY_H
 
+#include <cstddef>
 #include <cstdint>
 
 namespace hostdevice {
@@ -11,6 +12,11 @@ enum class MemoryKind { kEmulatedHeap, kGraphic, kDmaBuf, kOther };
 /// Returns the kind for a path from /proc/self/fd or /proc/self/maps.
 MemoryKind KindOfPath(const char* path);
 MemoryKind KindOfDescriptor(int fd);
+
+size_t PageSize();
+
+/// Returns the size rounded up to whole pages.
+uint64_t WholePages(uint64_t size);
 
 /// Returns true when the machine has that much memory. Nothing else refuses a larger size: a memfd is sparse and
 /// accepts any size, and the kernel's heap takes pages until none are left.

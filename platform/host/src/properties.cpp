@@ -25,23 +25,8 @@ class PropertyStore {
 public:
     // In the constructor, because other libraries read properties in their static initialisers.
     PropertyStore() {
-        const char* path = std::getenv("HOSTDEVICE_PROPERTIES");
-        if (path != nullptr && *path != '\0') Load(path);
-    }
-
-    std::string Get(const std::string& key) {
-        const std::lock_guard<std::mutex> guard(m_lock);
-        const auto found = m_values.find(key);
-        return found != m_values.end() ? found->second : std::string();
-    }
-
-    void Set(const std::string& key, const std::string& value) {
-        const std::lock_guard<std::mutex> guard(m_lock);
-        m_values[key] = value;
-    }
-
-private:
-    void Load(const char* path) {
+        const char* const path = std::getenv("HOSTDEVICE_PROPERTIES");
+        if (path == nullptr || *path == '\0') return;
         std::FILE* const file = std::fopen(path, "re");
         char* text = nullptr;
         size_t capacity = 0;
@@ -63,6 +48,18 @@ private:
         if (file != nullptr) std::fclose(file);
     }
 
+    std::string Get(const std::string& key) {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        const auto found = m_values.find(key);
+        return found != m_values.end() ? found->second : std::string();
+    }
+
+    void Set(const std::string& key, const std::string& value) {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        m_values[key] = value;
+    }
+
+private:
     std::mutex m_lock;
     std::map<std::string, std::string> m_values;
 };

@@ -1,7 +1,6 @@
 #include "strict.h"
 
 #include <BufferAllocator/BufferAllocator.h>
-#include <dirent.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -17,10 +16,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <set>
+#include <string_view>
 #include <utility>
 
 #include "internal.h"
@@ -65,10 +64,6 @@ std::atomic<bool> g_isStrict{false};
 using Lock = std::unique_lock<std::mutex>;
 
 Watch& TheWatch() { return Immortal<Watch>(); }
-
-size_t PageSize() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
-
-uint64_t WholePages(uint64_t size) { return (size + PageSize() - 1) / PageSize() * PageSize(); }
 
 // Returns null for a descriptor that is neither heap nor graphic memory.
 std::pair<const Identity, Buffer>* Find(Watch& watch, int fd) {
@@ -118,12 +113,18 @@ void Report(const char* what, const Buffer& buffer) {
     Abort(lock);
 }
 
-// Protects all mappings of the buffer, also those made outside the device's interfaces.
+// Reads on to the buffer's next mapping, also one made outside the device's interfaces.
+bool NextOf(const Identity& identity, MapsReader& maps, MappedRange& range) {
+    while (maps.Next(range)) {
+        if (Identity(range.device, range.inode) == identity) return true;
+    }
+    return false;
+}
+
 void Protect(Lock& lock, const Identity& identity, const Buffer& buffer) {
     MapsReader maps;
     if (!maps.IsOpen()) Refuse(lock, "cannot read /proc/self/maps to protect", buffer);
-    for (MappedRange range; maps.Next(range);) {
-        if (Identity(range.device, range.inode) != identity) continue;
+    for (MappedRange range; NextOf(identity, maps, range);) {
         auto* const start = reinterpret_cast<void*>(range.begin);
         if (mprotect(start, range.end - range.begin, buffer.Protection()) == 0) continue;
         mprotect(start, range.end - range.begin, PROT_READ);  // the descriptor is read-only
@@ -214,24 +215,17 @@ void OnFault(int signal, siginfo_t* info, void* context) {
 
 bool IsMapped(const Identity& identity) {
     MapsReader maps;
-    if (!maps.IsOpen()) return true;
-    for (MappedRange range; maps.Next(range);) {
-        if (Identity(range.device, range.inode) == identity) return true;
-    }
-    return false;
+    MappedRange range;
+    return !maps.IsOpen() || NextOf(identity, maps, range);
 }
 
 bool HasDescriptor(const Identity& identity) {
-    DIR* const directory = opendir("/proc/self/fd");
-    if (directory == nullptr) return true;
     bool isFound = false;
-    while (const dirent* const entry = readdir(directory)) {
+    const bool isComplete = ForEachDescriptor([&](int fd) {
         struct stat status {};
-        if (fstatat(dirfd(directory), entry->d_name, &status, 0) != 0) continue;
-        isFound = isFound || Identity(status.st_dev, status.st_ino) == identity;
-    }
-    closedir(directory);
-    return isFound;
+        isFound = isFound || (fstat(fd, &status) == 0 && Identity(status.st_dev, status.st_ino) == identity);
+    });
+    return isFound || !isComplete;
 }
 
 // A DMA-BUF refuses such a mapping, memfd does not.
@@ -302,15 +296,12 @@ int Unmap(Watch& watch, void* start, size_t size) {
     return result;
 }
 
-// Sanitizers make stack frames larger.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define HOSTDEVICE_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define HOSTDEVICE_SANITIZED 1
+// Sanitizers make stack frames larger. GCC before 14 has no __has_feature.
+#ifndef __has_feature
+#define __has_feature(feature) 0
 #endif
-#endif
-#ifdef HOSTDEVICE_SANITIZED
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || __has_feature(address_sanitizer) || \
+    __has_feature(thread_sanitizer)
 constexpr size_t kThreadStack = 4 * 1015808;
 #else
 constexpr size_t kThreadStack = 1015808;
@@ -341,11 +332,11 @@ void HandleFaults() {
 }
 
 // Runs at load, so that threads started before main() have the phone's stack too.
-[[maybe_unused]] const bool g_isSetByEnvironment = [] {
+[[maybe_unused]] const bool g_isConfigured = [] {
     const char* const setting = std::getenv("HOSTDEVICE_STRICT");
-    const bool isSet = setting != nullptr && *setting != '\0' && std::strcmp(setting, "0") != 0;
-    if (isSet) SetStrict(true, std::strcmp(setting, "quiet") == 0);
-    return isSet;
+    const std::string_view mode = setting != nullptr ? setting : "";
+    if (!mode.empty() && mode != "0") SetStrict(true, mode == "quiet");
+    return true;
 }();
 
 // Runs after the static destructors of everything that links to this library.
