@@ -21,8 +21,7 @@ struct StaticSettings {
 // Clients of the framework read the switch at this offset.
 static_assert(offsetof(StaticSettings, enableOfflineLog) == 15 && sizeof(bool) == 1);
 
-/// Provides the settings. One per process, never destroyed. Thread-safe, except while hostdevice::SetOfflineLogSwitch
-/// changes the settings.
+/// Provides the settings. One per process, never destroyed. Thread-safe, except during hostdevice::SetOfflineLogSwitch.
 class HOSTDEVICE_EXPORT SettingsManager {
 public:
     /// Returns the manager, never null. The argument, initial settings on the framework, is ignored.

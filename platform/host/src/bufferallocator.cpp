@@ -68,6 +68,13 @@ struct SyncLog {
     uint64_t count = 0;
 };
 
+template <typename Use>
+auto WithSyncLog(Use use) {
+    SyncLog& log = hostdevice::Immortal<SyncLog>();
+    const std::lock_guard<std::mutex> guard(log.lock);
+    return use(log);
+}
+
 int Sync(unsigned int dmabuf_fd, SyncType type, bool isStart) {
     const int fd = static_cast<int>(dmabuf_fd);
     const int result = SyncMemory(fd, type, isStart);
@@ -76,11 +83,11 @@ int Sync(unsigned int dmabuf_fd, SyncType type, bool isStart) {
     if (!isStart) hostdevice::CloseAccess(fd);
     if (isStart && result == 0) hostdevice::OpenAccess(fd, type);
     errno = savedErrno;
-    SyncLog& log = hostdevice::Immortal<SyncLog>();
-    const std::lock_guard<std::mutex> guard(log.lock);
-    log.last = {fd, type, isStart, result};
-    ++log.count;
-    return result;
+    return WithSyncLog([&](SyncLog& log) {
+        log.last = {fd, type, isStart, result};
+        ++log.count;
+        return result;
+    });
 }
 
 }  // namespace
@@ -119,15 +126,11 @@ const char* HeapName() { return UsesKernelHeap() ? kKernelHeap : "memfd"; }
 bool LastAllocationWasForCpu() { return g_isForCpu; }
 
 SyncCall LastSync() {
-    SyncLog& log = Immortal<SyncLog>();
-    const std::lock_guard<std::mutex> guard(log.lock);
-    return log.last;
+    return WithSyncLog([](const SyncLog& log) { return log.last; });
 }
 
 uint64_t SyncCount() {
-    SyncLog& log = Immortal<SyncLog>();
-    const std::lock_guard<std::mutex> guard(log.lock);
-    return log.count;
+    return WithSyncLog([](const SyncLog& log) { return log.count; });
 }
 
 }  // namespace hostdevice

@@ -63,13 +63,13 @@ std::atomic<bool> g_isStrict{false};
 
 using Lock = std::unique_lock<std::mutex>;
 
-Watch& TheWatch() { return Immortal<Watch>(); }
+Watch& g_watch = *new Watch;  // never destroyed: threads outlive main()
 
 // Returns null for a descriptor that is neither heap nor graphic memory.
-std::pair<const Identity, Buffer>* Find(Watch& watch, int fd) {
+std::pair<const Identity, Buffer>* Find(int fd) {
     struct stat status {};
     if (fd < 0 || KindOfDescriptor(fd) == MemoryKind::kOther || fstat(fd, &status) != 0) return nullptr;
-    const auto [found, isNew] = watch.buffers.try_emplace({status.st_dev, status.st_ino});
+    const auto [found, isNew] = g_watch.buffers.try_emplace({status.st_dev, status.st_ino});
     found->second.fd = fd;
     if (isNew) found->second.size = static_cast<uint64_t>(lseek(fd, 0, SEEK_END));
     return &*found;
@@ -103,7 +103,7 @@ void Report(const char* what, const Buffer& buffer) {
 
 // Unlocks first, because a handler of SIGABRT may use the device.
 [[noreturn]] void Abort(Lock& lock) {
-    TheWatch().isDying = true;
+    g_watch.isDying = true;
     lock.unlock();
     std::abort();
 }
@@ -169,21 +169,20 @@ const char* NameAccess(const void* context) {
 
 // Reports the access and returns true when the address is in a buffer.
 bool ReportTouch(uintptr_t address, const void* context) {
-    Watch& watch = TheWatch();
-    const Lock lock(watch.lock);
+    const Lock lock(g_watch.lock);
     MapsReader maps;
     if (!maps.IsOpen()) {
         Say("cannot read /proc/self/maps after a fault at %p", reinterpret_cast<const void*>(address));
         return true;
     }
     const uintptr_t page = address - address % PageSize();
-    const bool isBehind = watch.guards.count(page) != 0;
+    const bool isBehind = g_watch.guards.count(page) != 0;
     for (MappedRange range; maps.Next(range);) {
         if (isBehind ? range.end != page : address < range.begin || address >= range.end) continue;
-        const auto found = watch.buffers.find({range.device, range.inode});
-        if (found == watch.buffers.end()) return false;
-        if (watch.isDying) return true;
-        watch.isDying = true;
+        const auto found = g_watch.buffers.find({range.device, range.inode});
+        if (found == g_watch.buffers.end()) return false;
+        if (g_watch.isDying) return true;
+        g_watch.isDying = true;
         char what[80];
         const unsigned long long offset = range.offset + (address - range.begin);
         std::snprintf(what, sizeof what, "%s at offset %llu%s of", NameAccess(context), offset,
@@ -198,7 +197,7 @@ bool ReportTouch(uintptr_t address, const void* context) {
 // default), which the repeated instruction reaches. Passes any other fault to that handler.
 void OnFault(int signal, siginfo_t* info, void* context) {
     const int savedErrno = errno;
-    const struct sigaction& previous = TheWatch().previous;
+    const struct sigaction& previous = g_watch.previous;
     const bool isTouch =
         info->si_code == SEGV_ACCERR && ReportTouch(reinterpret_cast<uintptr_t>(info->si_addr), context);
     const bool isFunction = previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN;
@@ -236,15 +235,14 @@ bool IsLongerThanBuffer(const Buffer& buffer, size_t size, off_t offset) {
 }
 
 // Forgets the guard pages from start up to end, which are no longer mapped as such.
-void ForgetGuards(Watch& watch, void* start, uintptr_t end) {
-    const auto first = watch.guards.lower_bound(reinterpret_cast<uintptr_t>(start));
-    watch.guards.erase(first, watch.guards.lower_bound(end));
+void ForgetGuards(void* start, uintptr_t end) {
+    const auto first = g_watch.guards.lower_bound(reinterpret_cast<uintptr_t>(start));
+    g_watch.guards.erase(first, g_watch.guards.lower_bound(end));
 }
 
 void* MapStrictly(void* hint, size_t size, int protection, int flags, int fd, off_t offset) {
-    Watch& watch = TheWatch();
-    const Lock lock(watch.lock);
-    const auto* const found = Find(watch, fd);
+    const Lock lock(g_watch.lock);
+    const auto* const found = Find(fd);
     if (found != nullptr && IsLongerThanBuffer(found->second, size, offset)) {
         errno = EINVAL;
         return MAP_FAILED;
@@ -266,8 +264,8 @@ void* MapStrictly(void* hint, size_t size, int protection, int flags, int fd, of
     }
     if (found != nullptr) mprotect(mapped, size, protection & found->second.Protection());
     const auto end = reinterpret_cast<uintptr_t>(mapped) + whole;
-    ForgetGuards(watch, mapped, end);
-    if (hasGuard) watch.guards.insert(end);
+    ForgetGuards(mapped, end);
+    if (hasGuard) g_watch.guards.insert(end);
     return mapped;
 }
 
@@ -275,12 +273,11 @@ void* MapStrictly(void* hint, size_t size, int protection, int flags, int fd, of
 // Keeps the lock, so that the check in another thread does not miss a descriptor that has just been duplicated.
 template <typename Release>
 int ReleaseStrictly(Release release) {
-    Watch& watch = TheWatch();
-    Lock lock(watch.lock);
-    const int result = release(watch);
+    Lock lock(g_watch.lock);
+    const int result = release();
     const int savedErrno = errno;
-    for (const auto& [identity, buffer] : watch.buffers) {
-        if (watch.openBuffers == 0) break;
+    for (const auto& [identity, buffer] : g_watch.buffers) {
+        if (g_watch.openBuffers == 0) break;
         if (buffer.openAccesses == 0 || IsMapped(identity) || HasDescriptor(identity)) continue;
         Refuse(lock, "release of", buffer);
     }
@@ -288,11 +285,11 @@ int ReleaseStrictly(Release release) {
     return result;
 }
 
-int Unmap(Watch& watch, void* start, size_t size) {
+int Unmap(void* start, size_t size) {
     const auto end = reinterpret_cast<uintptr_t>(start) + WholePages(size);
-    const bool hasGuard = watch.guards.count(end) != 0;
+    const bool hasGuard = g_watch.guards.count(end) != 0;
     const int result = munmap(start, hasGuard ? WholePages(size) + PageSize() : size);
-    if (result == 0) ForgetGuards(watch, start, hasGuard ? end + 1 : end);
+    if (result == 0) ForgetGuards(start, hasGuard ? end + 1 : end);
     return result;
 }
 
@@ -319,14 +316,14 @@ void HandleFaults() {
     struct sigaction action {};
     action.sa_sigaction = OnFault;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
-    sigaction(SIGSEGV, &action, &TheWatch().previous);
+    sigaction(SIGSEGV, &action, &g_watch.previous);
     // A forked child inherits mappings and accesses, but must not inherit a held lock. Uses the native handle because
     // -Wthread-safety refuses a lock that one function takes and another releases.
-    const auto lock = [] { pthread_mutex_lock(TheWatch().lock.native_handle()); };
-    const auto unlock = [] { pthread_mutex_unlock(TheWatch().lock.native_handle()); };
+    const auto lock = [] { pthread_mutex_lock(g_watch.lock.native_handle()); };
+    const auto unlock = [] { pthread_mutex_unlock(g_watch.lock.native_handle()); };
     const auto inherit = [] {
-        for (auto& [identity, buffer] : TheWatch().buffers) buffer.inherited = buffer.openAccesses;
-        pthread_mutex_unlock(TheWatch().lock.native_handle());
+        for (auto& [identity, buffer] : g_watch.buffers) buffer.inherited = buffer.openAccesses;
+        pthread_mutex_unlock(g_watch.lock.native_handle());
     };
     pthread_atfork(lock, unlock, inherit);
 }
@@ -342,10 +339,9 @@ void HandleFaults() {
 // Runs after the static destructors of everything that links to this library.
 __attribute__((destructor)) void CheckAtExit() {
     if (!g_isStrict) return;
-    Watch& watch = TheWatch();
-    const Lock lock(watch.lock);
+    const Lock lock(g_watch.lock);
     bool isLeft = false;
-    for (const auto& [identity, buffer] : watch.buffers) {
+    for (const auto& [identity, buffer] : g_watch.buffers) {
         if (buffer.openAccesses <= buffer.inherited) continue;
         Report("exit with an access to", buffer);
         isLeft = true;
@@ -368,14 +364,13 @@ void SetStrict(bool on, bool quiet) {
 
 void OpenAccess(int fd, int direction) {
     if (!g_isStrict) return;
-    Watch& watch = TheWatch();
-    Lock lock(watch.lock);
-    auto* const found = Find(watch, fd);
+    Lock lock(g_watch.lock);
+    auto* const found = Find(fd);
     if (found == nullptr) return;
     auto& [identity, buffer] = *found;
     if (buffer.openAccesses++ == 0) {
         buffer.directions = 0;
-        ++watch.openBuffers;
+        ++g_watch.openBuffers;
     }
     buffer.directions |= direction;
     buffer.wasOpened = true;
@@ -384,15 +379,14 @@ void OpenAccess(int fd, int direction) {
 
 void CloseAccess(int fd) {
     if (!g_isStrict) return;
-    Watch& watch = TheWatch();
-    Lock lock(watch.lock);
-    auto* const found = Find(watch, fd);
+    Lock lock(g_watch.lock);
+    auto* const found = Find(fd);
     if (found == nullptr) return;
     auto& [identity, buffer] = *found;
     if (buffer.openAccesses == 0) Refuse(lock, "end of an access that was not opened, to", buffer);
     buffer.inherited = std::min(buffer.inherited, --buffer.openAccesses);
     if (buffer.openAccesses > 0) return;
-    --watch.openBuffers;
+    --g_watch.openBuffers;
     Protect(lock, identity, buffer);
     if (!buffer.hasTail || (buffer.directions & kSyncWrite) == 0) return;
     size_t overwritten = 0;
@@ -405,8 +399,8 @@ void CloseAccess(int fd) {
 
 void WatchMemory(int fd, uint64_t bytes) {
     if (!g_isStrict) return;
-    const Lock lock(TheWatch().lock);
-    auto* const found = Find(TheWatch(), fd);
+    const Lock lock(g_watch.lock);
+    auto* const found = Find(fd);
     if (found == nullptr) return;
     found->second = {fd, bytes};
     found->second.hasTail = ForTail(found->second, PROT_READ | PROT_WRITE,
@@ -426,10 +420,10 @@ void* __wrap_mmap64(void* hint, size_t size, int protection, int flags, int fd, 
 
 int __wrap_munmap(void* start, size_t size) {
     if (!hostdevice::IsStrict()) return munmap(start, size);
-    return hostdevice::ReleaseStrictly([=](hostdevice::Watch& watch) { return hostdevice::Unmap(watch, start, size); });
+    return hostdevice::ReleaseStrictly([=] { return hostdevice::Unmap(start, size); });
 }
 
 int __wrap_close(int fd) {
     const bool isWatched = hostdevice::IsStrict() && hostdevice::KindOfDescriptor(fd) != hostdevice::MemoryKind::kOther;
-    return isWatched ? hostdevice::ReleaseStrictly([=](hostdevice::Watch&) { return close(fd); }) : close(fd);
+    return isWatched ? hostdevice::ReleaseStrictly([=] { return close(fd); }) : close(fd);
 }

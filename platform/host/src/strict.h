@@ -24,8 +24,7 @@ void WatchMemory(int fd, uint64_t bytes);
 
 }  // namespace hostdevice
 
-/// What the linker puts in the place of mmap, munmap and close in everything that links to this library. The library
-/// itself calls the C library's.
+/// What the linker puts in the place of mmap, munmap and close in everything that links to this library but itself.
 extern "C" {
 HOSTDEVICE_EXPORT void* __wrap_mmap(void* hint, size_t size, int protection, int flags, int fd, off_t offset);
 HOSTDEVICE_EXPORT void* __wrap_mmap64(void* hint, size_t size, int protection, int flags, int fd, off_t offset);

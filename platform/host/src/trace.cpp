@@ -50,8 +50,7 @@ struct Quoted {
     char text[6 * kLongest + 1] = "";
 };
 
-// Writes an event with what the format adds. One write, so that events of several threads and forked processes do not
-// mix.
+// Writes an event with what the format adds. One write, so that events of several threads and processes do not mix.
 __attribute__((format(printf, 2, 3))) void Write(char phase, const char* format, ...) {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);

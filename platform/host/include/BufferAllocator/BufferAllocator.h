@@ -37,8 +37,7 @@ public:
     /// are no heap flags: the other arguments have no effect (hostdevice::LastAllocationWasForCpu).
     int AllocSystem(bool cpu_access, size_t len, unsigned int heap_flags = 0, size_t legacy_align = 0);
 
-    /// Calls AllocSystem for the heap "system", the only one of this device. Returns -1 with errno ENODEV for any
-    /// other.
+    /// Calls AllocSystem for "system", the only heap of this device. Returns -1 with errno ENODEV for any other.
     int Alloc(const std::string& heap_name, size_t len, unsigned int heap_flags = 0, size_t legacy_align = 0);
 
     /// Opens a CPU access. Returns 0, or -1 with errno EBADF for a negative or closed descriptor and ENOTTY for one

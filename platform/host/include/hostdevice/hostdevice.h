@@ -38,12 +38,11 @@ HOSTDEVICE_EXPORT bool UsesKernelHeap();
 /// Returns "/dev/dma_heap/system" or "memfd".
 HOSTDEVICE_EXPORT const char* HeapName();
 
-/// Sets the stride alignment, in pixels, of graphic buffers created from now on (initially 64). 0 is treated as 1: no
-/// padding.
+/// Sets the stride alignment, in pixels, of graphic buffers created from now on (initially 64). 0 means no padding.
 HOSTDEVICE_EXPORT void SetStrideAlignment(uint32_t pixels);
 
 /// Sets the alignment, in rows, of the first plane of graphic buffers created from now on (initially 32): the chroma of
-/// GraphicBuffer::lockYCbCr begins behind the padding rows. 0 is treated as 1: no padding.
+/// GraphicBuffer::lockYCbCr begins behind the padding rows. 0 means no padding.
 HOSTDEVICE_EXPORT void SetHeightAlignment(uint32_t rows);
 
 /// Sets the camera framework's switch for offline logs (initially off). Not thread-safe: the framework's settings are a

@@ -47,9 +47,8 @@ public:
     /// nest here. Sets the bytes per pixel and per row to -1: not known. Not thread-safe.
     status_t lock(uint32_t inUsage, void** vaddr, int32_t* outBytesPerPixel = nullptr,
                   int32_t* outBytesPerStride = nullptr);
-    /// Like lock, for a buffer of HAL_PIXEL_FORMAT_IMPLEMENTATION_DEFINED or YCBCR_420_888, and returns where the
-    /// planes of the first layer are: NV12, whose chroma begins behind the padding rows of the luma. Returns -EINVAL
-    /// for any other format.
+    /// Like lock, for HAL_PIXEL_FORMAT_IMPLEMENTATION_DEFINED and YCBCR_420_888 (-EINVAL for any other), and returns
+    /// where the planes of the first layer are: NV12, whose chroma begins behind the padding rows of the luma.
     status_t lockYCbCr(uint32_t inUsage, android_ycbcr* ycbcr);
     /// Closes that access and unmaps the memory. Returns 0, or -EINVAL when not locked.
     status_t unlock();

@@ -27,8 +27,7 @@ typedef enum android_LogPriority {
 
 /// Writes a message to the device's log: to stderr in logcat's threadtime format, or to the sink set with
 /// hostdevice::SetLogSink. A null tag stands for the program's name; a null text ends the process. Returns 1, or -EPERM
-/// when the property log.tag.TAG or log.tag, or one of these with the prefix persist., sets a higher level (V to F, or
-/// S for none). Thread-safe.
+/// when log.tag.TAG or log.tag, or one of these after persist., is a higher level: V to F, or S for none. Thread-safe.
 HOSTDEVICE_EXPORT int __android_log_write(int prio, const char* tag, const char* text);
 
 /// Like __android_log_write, with a printf format. The text is cut to 1023 bytes.
@@ -51,8 +50,7 @@ typedef enum log_id {
 /// Like __android_log_write. `bufID` is a log_id_t value; this device has a single log.
 HOSTDEVICE_EXPORT int __android_log_buf_write(int bufID, int prio, const char* tag, const char* text);
 
-/// Returns 1 when the log properties, or without one `default_prio`, let a message of that priority through, otherwise
-/// 0.
+/// Returns 1 when the log properties, or without one `default_prio`, let a message of that priority through, or 0.
 HOSTDEVICE_EXPORT int __android_log_is_loggable(int prio, const char* tag, int default_prio);
 
 /// Logs the text, or the condition when there is no text, as fatal and ends the process.

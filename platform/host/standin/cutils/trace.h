@@ -2,8 +2,7 @@
 #define HOSTDEVICE_CUTILS_TRACE_H
 
 /// @file
-/// The platform's tracing. HOSTDEVICE_TRACE=FILE in the environment writes all events of the process to a file; see the
-/// README of the emulated device.
+/// The platform's tracing. HOSTDEVICE_TRACE=FILE in the environment writes all events of the process to a file.
 
 #include <stdbool.h>
 #include <stdint.h>
@@ -35,8 +34,7 @@ extern "C" {
 /// True when events are written to a file. Set at load.
 extern HOSTDEVICE_EXPORT bool hostdevice_is_tracing;
 
-/// Writes an event of a phase of the trace event format; the value is a counter's or a cookie. Called by the functions
-/// below. Thread-safe.
+/// Writes an event of a phase of the trace event format; the value is a counter's or a cookie. Thread-safe.
 HOSTDEVICE_EXPORT void hostdevice_trace(char phase, const char* name, int64_t value);
 
 /// Returns nonzero when events with one of the tags are written.
