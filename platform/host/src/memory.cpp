@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "internal.h"
+#include "maps.h"
 
 namespace hostdevice {
 namespace {
@@ -23,6 +24,14 @@ constexpr const char* kPathPrefixes[] = {"/memfd:hostdevice-heap", "/memfd:hostd
 int Seal(int fd) {
     const int readOnly = TakeFault(Fault::kMapping) ? F_SEAL_WRITE : 0;
     return fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL | readOnly);
+}
+
+void Count(MemoryKind kind, uint64_t& heap, uint64_t& graphic) {
+    if (kind == MemoryKind::kGraphic) {
+        ++graphic;
+    } else if (kind != MemoryKind::kOther) {
+        ++heap;
+    }
 }
 
 }  // namespace
@@ -68,6 +77,17 @@ int AboveStandardDescriptors(int fd) {
     const int error = errno;
     close(fd);
     return moved >= 0 ? moved : -error;
+}
+
+LiveResources CountLive() {
+    LiveResources live{};
+    live.graphicBuffers = CountGraphicBuffers();
+    ForEachDescriptor([&](int fd) { Count(KindOfDescriptor(fd), live.heapDescriptors, live.graphicDescriptors); });
+    MapsReader maps;
+    for (MappedRange range; maps.Next(range);) {
+        Count(KindOfPath(range.path), live.heapMappings, live.graphicMappings);
+    }
+    return live;
 }
 
 }  // namespace hostdevice
