@@ -1,7 +1,9 @@
 #include <android/log.h>
+#include <android/set_abort_message.h>
 #include <cutils/properties.h>
 #include <errno.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -131,3 +133,10 @@ void SetLogSink(LogSink function) {
 }
 
 }  // namespace hostdevice
+
+void android_set_abort_message(const char* msg) {
+    if (msg == nullptr) return;
+    char newline = '\n';
+    const iovec parts[] = {{const_cast<char*>(msg), std::strlen(msg)}, {&newline, 1}};
+    [[maybe_unused]] const ssize_t written = writev(STDERR_FILENO, parts, 2);
+}
