@@ -58,7 +58,7 @@ public:
         for (const std::string& name : {png, m_options.histogram, m_options.npy}) RefuseUsed(name);
         m_workers.Begin(path);
         m_dump.emplace(path, geometry);
-        m_names = ChannelNames(*m_dump, m_options.bayer);
+        m_names = ChannelNames(*m_dump, m_options.look.bayer);
         m_crop = Crop();
         if (m_dump->Width() < geometry.width) {
             Print(stderr, "zytview: " + path +
@@ -141,7 +141,8 @@ private:
         }
         if (m_options.Has("pixel")) {
             const auto& [x, y, width, height] = m_options.pixel;
-            PrintNumbers(PixelJson(*m_dump, x, y, m_options.bayer), PixelText(*m_dump, x, y, m_options.bayer));
+            PrintNumbers(PixelJson(*m_dump, x, y, m_options.look.bayer),
+                         PixelText(*m_dump, x, y, m_options.look.bayer));
         }
         if (m_options.Has("histogram")) {
             WriteRows(m_options.histogram, DrawHistogram(m_names, CountsOnce(), m_dump->LargestSample()));
@@ -167,8 +168,8 @@ private:
     }
 
     void ShowProfiles(const std::string& png) {
-        const char* const kind = m_options.profile == 1 ? "column" : "row";
-        const std::vector<Profile> profiles = MakeProfiles(*m_dump, m_crop, m_options.profile == 1, m_workers);
+        const char* const kind = m_options.ofColumns ? "column" : "row";
+        const std::vector<Profile> profiles = MakeProfiles(*m_dump, m_crop, m_options.ofColumns, m_workers);
         std::vector<std::vector<Cell>> cells;
         std::string outliers;
         for (const Profile& profile : profiles) {
@@ -184,23 +185,18 @@ private:
     }
 
     void ShowPicture(const std::string& png) {
-        const WantedLevels& wanted = m_options.levels;
-        const uint32_t bits = m_dump->Layout().bits;
-        Look look{m_options.matrix == 1, m_options.range == 1, m_options.bayer, {}, m_options.curve == 1};
-        const double black = look.isLimitedRange ? 16u << (bits - 8) : 0;
-        const double span = look.isLimitedRange ? 219u << (bits - 8) : m_dump->LargestSample();
-        look.levels = Resolve(wanted, wanted.IsAuto() ? CountsOnce() : m_counts, look.bayer, black, span);
-        const Picture picture(*m_dump, look);
-        WriteRows(png, Part(picture.AllRows(), m_crop, 1u << m_options.scale));
+        Look look = m_options.look;
+        SetLevels(look, *m_dump, look.IsAuto() ? CountsOnce() : m_counts);
+        WriteRows(png, Part(DrawDump(*m_dump, look), m_crop, 1u << m_options.scale));
         const std::string prefix = "zytview: " + m_dump->Path() + ": ";
-        if (wanted.IsAuto()) {
-            const auto& [blackLevel, gain, white] = look.levels;
-            std::string chosen = Text("--black %.0f --gain %.4g", blackLevel, gain);
-            if (look.bayer) chosen += Text(" --white %.4g,%.4g,%.4g", white[0], white[1], white[2]);
+        if (look.IsAuto()) {
+            std::string chosen = Text("--black %.0f --gain %.4g", look.black, look.gain);
+            if (look.bayer) chosen += Text(" --white %.4g,%.4g,%.4g", look.white[0], look.white[1], look.white[2]);
             Print(stderr, prefix + chosen + "\n");
         }
+        const uint32_t bits = m_dump->Layout().bits;
         const bool canExceed = !m_dump->Layout().HasChroma() && !m_dump->Layout().IsPacked() && bits < 16;
-        const uint64_t cut = canExceed ? CountCut(CountsOnce(), look.levels, look.bayer, m_dump->LargestSample()) : 0;
+        const uint64_t cut = canExceed ? CountCut(CountsOnce(), look, m_dump->LargestSample()) : 0;
         if (cut == 0) return;
         Print(stderr, prefix + Text("samples of more than %u bits, shown as the largest value: ", bits) +
                           std::to_string(cut) + "\n");

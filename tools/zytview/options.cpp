@@ -120,11 +120,11 @@ bool Choose(const std::string& value, const std::string& words, Index& index) {
 }
 
 bool SetWhite(Options& options, const std::string& value) {
-    WantedLevels& levels = options.levels;
-    levels.isWhiteAuto = value == "auto";
+    Look& look = options.look;
+    look.isWhiteAuto = value == "auto";
     const std::vector<std::string> gains = Split(value, ",,");
-    return levels.isWhiteAuto || (gains.size() == 3 && ReadFraction(gains[0], levels.white[0]) &&
-                                  ReadFraction(gains[1], levels.white[1]) && ReadFraction(gains[2], levels.white[2]));
+    return look.isWhiteAuto || (gains.size() == 3 && ReadFraction(gains[0], look.white[0]) &&
+                                ReadFraction(gains[1], look.white[1]) && ReadFraction(gains[2], look.white[2]));
 }
 
 bool SetCrop(Options& options, const std::string& value) {
@@ -167,21 +167,22 @@ const Known kKnown[] = {
      [](Options& o, Value v) { return ReadNumber(v, 1, kMaxNumber, o.geometry.stride); }},
     {"slice-height", "a number from 1 to 999999999",
      [](Options& o, Value v) { return ReadNumber(v, 1, kMaxNumber, o.geometry.sliceHeight); }},
-    {"matrix", "bt601|bt709", [](Options& o, Value v) { return Choose(v, "bt601|bt709", o.matrix); }},
-    {"range", "full|limited", [](Options& o, Value v) { return Choose(v, "full|limited", o.range); }},
-    {"bayer", "rggb|grbg|gbrg|bggr", [](Options& o, Value v) { return Choose(v, "rggb|grbg|gbrg|bggr", o.bayer); }},
+    {"matrix", "bt601|bt709", [](Options& o, Value v) { return Choose(v, "bt601|bt709", o.look.isBt709); }},
+    {"range", "full|limited", [](Options& o, Value v) { return Choose(v, "full|limited", o.look.isLimitedRange); }},
+    {"bayer", "rggb|grbg|gbrg|bggr",
+     [](Options& o, Value v) { return Choose(v, "rggb|grbg|gbrg|bggr", o.look.bayer); }},
     {"white", "auto or R,G,B, such as 1.9,1,1.6", SetWhite},
     {"black", "a sample from 0 to 65534",
-     [](Options& o, Value v) { return o.levels.isBlackGiven = ReadNumber(v, 0, 65534, o.levels.black); }},
+     [](Options& o, Value v) { return o.look.isBlackGiven = ReadNumber(v, 0, 65534, o.look.black); }},
     {"gain", "auto or a number from 0 to 65535",
-     [](Options& o, Value v) { return (o.levels.isGainAuto = v == "auto") || ReadFraction(v, o.levels.gain); }},
-    {"curve", "none|srgb", [](Options& o, Value v) { return Choose(v, "none|srgb", o.curve); }},
+     [](Options& o, Value v) { return (o.look.isGainAuto = v == "auto") || ReadFraction(v, o.look.gain); }},
+    {"curve", "none|srgb", [](Options& o, Value v) { return Choose(v, "none|srgb", o.look.isSrgb); }},
     {"crop", "WxH+X+Y, such as 640x480+100+50", SetCrop},
     {"scale", "1/1|1/2|1/4|1/8", [](Options& o, Value v) { return Choose(v, "1/1|1/2|1/4|1/8", o.scale); }},
     {"pixel", "X,Y, such as 100,50", SetPixel},
     {"diff", "a dump", [](Options& o, Value v) { return !(o.other = v).empty(); }},
     {"tolerance", "a number from 0 to 65535", [](Options& o, Value v) { return ReadNumber(v, 0, 65535, o.tolerance); }},
-    {"profile", "rows|columns", [](Options& o, Value v) { return Choose(v, "rows|columns", o.profile); }},
+    {"profile", "rows|columns", [](Options& o, Value v) { return Choose(v, "rows|columns", o.ofColumns); }},
     {"histogram", "a name for a PNG, such as x.png", [](Options& o, Value v) { return IsPngName(o.histogram = v); }},
     {"npy", "a file, or - for the standard output", [](Options& o, Value v) { return !(o.npy = v).empty(); }},
     {"stats", nullptr, nullptr},
@@ -213,7 +214,7 @@ void Check(Options& options) {
     }
     refuse(options.Has("diff") && options.Has("profile"), "--diff does not go with --profile");
     refuse(options.Has("tolerance") && !options.Has("diff"), "--tolerance goes with --diff");
-    refuse(options.Has("white") && !options.bayer, "--white goes with --bayer");
+    refuse(options.Has("white") && !options.look.bayer, "--white goes with --bayer");
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 #ifndef ZYTVIEW_OPTIONS_H
 #define ZYTVIEW_OPTIONS_H
 
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "dump.h"
-#include "levels.h"
+#include "picture.h"
 
 /// The command line.
 struct Options {
@@ -15,15 +13,11 @@ struct Options {
     std::string png;              // empty: derived from the dump's name, or no picture
     std::set<std::string> given;  // names of all options
     Geometry geometry;
-    uint32_t matrix = 0;  // 0 BT.601, 1 BT.709
-    uint32_t range = 0;   // 0 full, 1 limited
-    std::optional<uint32_t> bayer;
-    WantedLevels levels;
-    uint32_t curve = 0;    // 0 none, 1 sRGB
-    Rect crop;             // the whole picture when the width is 0
-    uint32_t scale = 0;    // the picture has 1/2^scale of the width and height
-    Rect pixel;            // of size 1x1
-    uint32_t profile = 0;  // 0 of rows, 1 of columns
+    Look look;
+    Rect crop;               // the whole picture when the width is 0
+    uint32_t scale = 0;      // the picture has 1/2^scale of the width and height
+    Rect pixel;              // of size 1x1
+    bool ofColumns = false;  // the profile
     uint32_t tolerance = 0;
     std::string other;      // path of the dump to compare with
     std::string histogram;  // path of the PNG
