@@ -1,9 +1,10 @@
-#include "chart.h"
-
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <memory>
 #include <numeric>
+
+#include "picture.h"
 
 namespace {
 

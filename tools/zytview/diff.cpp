@@ -30,6 +30,19 @@ void Add(const Line& one, const Line& other, uint32_t unusedBits, uint32_t toler
 
 }  // namespace
 
+Difference& Difference::operator+=(const Difference& below) {
+    if (below.largest > largest) {
+        largest = below.largest;
+        x = below.x;
+        y = below.y;
+    }
+    samples += below.samples;
+    differing += below.differing;
+    sum += below.sum;
+    squares += below.squares;
+    return *this;
+}
+
 std::vector<Cell> Difference::Cells(uint32_t largestSample) const {
     const auto count = static_cast<double>(std::max<uint64_t>(samples, 1));
     const double mean = static_cast<double>(sum) / count;
@@ -50,28 +63,16 @@ std::vector<Difference> Compare(const Dump& one, const Dump& other, const Rect& 
         throw BadInput(one.Path() + " is " + one.Describe() + ", and " + other.Path() + " is " + other.Describe() +
                        (one.Describe() == other.Describe() ? " with other rows of chroma" : ""));
     }
-    std::vector<Difference> differences(ChannelNames(one, {}).size());
-    workers.ForBands(part.y, part.y + part.height, [&](uint32_t from, uint32_t to) -> std::function<void()> {
-        std::vector<Difference> own(differences.size());
+    const std::vector<Difference> zero(ChannelNames(one, {}).size());
+    return workers.AddUp(part.y, part.y + part.height, zero, [&](uint32_t from, uint32_t to, auto& differences) {
         LineReader first(one, part, true);
         LineReader second(other, part, true);
         for (uint32_t row = from; row < to; ++row) {
             const auto& lines = first.Read(row);
             const auto& others = second.Read(row);
-            for (int i = 0; i < 2; ++i) Add(lines[i], others[i], one.UnusedBits(), tolerance, own);
+            for (int i = 0; i < 2; ++i) Add(lines[i], others[i], one.UnusedBits(), tolerance, differences);
         }
-        return [&differences, own = std::move(own)] {
-            for (size_t i = 0; i < own.size(); ++i) {
-                Difference all = own[i].largest > differences[i].largest ? own[i] : differences[i];
-                all.samples = own[i].samples + differences[i].samples;
-                all.differing = own[i].differing + differences[i].differing;
-                all.sum = own[i].sum + differences[i].sum;
-                all.squares = own[i].squares + differences[i].squares;
-                differences[i] = all;
-            }
-        };
     });
-    return differences;
 }
 
 Rows DrawDifference(const Dump& one, const Dump& other, const std::vector<Difference>& differences,

@@ -15,6 +15,9 @@ struct Difference {
     int64_t sum = 0;         // of the differences, positive where the first dump is larger
     double squares = 0;      // sum of squared differences
 
+    /// Adds the differences of rows below.
+    Difference& operator+=(const Difference& below);
+
     /// Returns the cells; the peak of the PSNR is the format's largest sample.
     std::vector<Cell> Cells(uint32_t largestSample) const;
 };

@@ -9,12 +9,10 @@
 #include <new>
 #include <utility>
 
-#include "chart.h"
 #include "diff.h"
-#include "npyfile.h"
+#include "encode.h"
 #include "options.h"
 #include "outputfile.h"
-#include "pngfile.h"
 #include "text.h"
 
 namespace {

@@ -48,26 +48,46 @@ std::vector<std::string> PixelNames(const Dump& dump, uint32_t x, uint32_t y, co
     return names;
 }
 
+double Median(std::vector<double> values) {
+    if (values.empty()) return 0;
+    std::sort(values.begin(), values.end());
+    return (values[(values.size() - 1) / 2] + values[values.size() / 2]) / 2;
+}
+
+void Finish(Profile& profile) {
+    const size_t count = profile.means.size();
+    std::vector<double> amounts;
+    for (size_t i = 0; i < count; ++i) {
+        const size_t first = std::min(i - std::min<size_t>(i, 2), count - std::min<size_t>(count, 5));
+        std::vector<double> others;
+        for (size_t j = first; j < std::min(first + 5, count); ++j) {
+            if (j != i) others.push_back(profile.means[j]);
+        }
+        profile.differences.push_back(others.empty() ? 0 : profile.means[i] - Median(others));
+        amounts.push_back(std::abs(profile.differences[i]));
+    }
+    profile.spread = 1.4826 * Median(amounts);
+}
+
+template <typename Number>
+std::string List(const std::vector<Number>& numbers) {
+    std::string list;
+    for (const Number number : numbers) list += (list.empty() ? "[" : ", ") + std::to_string(number);
+    return list.empty() ? "[]" : list + "]";
+}
+
 }  // namespace
 
 std::vector<Counts> CountSamples(const Dump& dump, const Rect& part, Workers& workers) {
-    std::vector<Counts> counts(ChannelNames(dump, {}).size(), Counts(1u << 16));
-    // A band has fewer than 2^32 samples.
-    workers.ForBands(part.y, part.y + part.height, [&](uint32_t from, uint32_t to) -> std::function<void()> {
-        std::vector<std::vector<uint32_t>> own(counts.size(), std::vector<uint32_t>(1u << 16));
+    const std::vector<Counts> zero(ChannelNames(dump, {}).size(), Counts(1u << 16));
+    return workers.AddUp(part.y, part.y + part.height, zero, [&](uint32_t from, uint32_t to, auto& counts) {
         LineReader reader(dump, part);
         for (uint32_t y = from; y < to; ++y) {
             for (const Line& line : reader.Read(y)) {
-                for (uint32_t i = 0; i < line.count; ++i) ++own[line.channels[i & 1]][line.samples[i]];
+                for (uint32_t i = 0; i < line.count; ++i) ++counts[line.channels[i & 1]][line.samples[i]];
             }
         }
-        return [&counts, own = std::move(own)] {
-            for (size_t channel = 0; channel < counts.size(); ++channel) {
-                for (size_t value = 0; value < 1u << 16; ++value) counts[channel][value] += own[channel][value];
-            }
-        };
     });
-    return counts;
 }
 
 Statistics Describe(const Counts& counts, uint32_t largestSample) {
@@ -107,6 +127,59 @@ std::vector<Cell> Statistics::Cells() const {
             RealCell("stddev", 11, 2, "stddev", deviation),
             ShareCell("clipped low", 20, "clipped_low", clippedLow, samples),
             ShareCell("clipped high", 20, "clipped_high", clippedHigh, samples)};
+}
+
+bool Profile::IsOutlier(size_t i) const {
+    return std::abs(differences[i]) > 5 * spread && std::abs(differences[i]) > mean / 100;
+}
+
+std::vector<Cell> Profile::Cells() const {
+    std::vector<uint32_t> outliers;
+    for (size_t i = 0; i < at.size(); ++i) {
+        if (IsOutlier(i)) outliers.push_back(at[i]);
+    }
+    return {RealCell("mean", 11, 2, "mean", mean),
+            RealCell("spread", 11, 3, "spread", spread),
+            {"outliers", 10, std::to_string(outliers.size()), "outliers", List(outliers)},
+            {nullptr, 0, "", "at", List(at)},
+            {nullptr, 0, "", "means", List(means)},
+            {nullptr, 0, "", "differences", List(differences)}};
+}
+
+std::vector<Profile> MakeProfiles(const Dump& dump, const Rect& part, bool ofColumns, Workers& workers) {
+    // Sum and number of the samples of each row or column, one after the other.
+    const size_t length = ofColumns ? dump.Width() : dump.Height();
+    const std::vector<Counts> zero(ChannelNames(dump, {}).size(), Counts(2 * length));
+    const auto channels =
+        workers.AddUp(part.y, part.y + part.height, zero, [&](uint32_t from, uint32_t to, auto& sums) {
+            LineReader reader(dump, part);
+            for (uint32_t y = from; y < to; ++y) {
+                for (const Line& line : reader.Read(y)) {
+                    for (uint32_t i = 0; i < line.count; ++i) {
+                        uint64_t* sum = &sums[line.channels[i & 1]][2 * size_t{ofColumns ? line.X(i) : line.y}];
+                        sum[0] += line.samples[i];
+                        ++sum[1];
+                    }
+                }
+            }
+        });
+    std::vector<Profile> profiles;
+    for (const Counts& sums : channels) {
+        Profile& profile = profiles.emplace_back();
+        double all = 0;
+        double samples = 0;
+        for (uint32_t i = 0; i < length; ++i) {
+            const auto sum = static_cast<double>(sums[2 * i]), count = static_cast<double>(sums[2 * i + 1]);
+            if (count == 0) continue;
+            profile.at.push_back(i);
+            profile.means.push_back(sum / count);
+            all += sum;
+            samples += count;
+        }
+        profile.mean = all / std::max(samples, 1.0);
+        Finish(profile);
+    }
+    return profiles;
 }
 
 std::string PixelText(const Dump& dump, uint32_t x, uint32_t y, const std::optional<uint32_t>& bayer) {

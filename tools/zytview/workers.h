@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "threadpool/zytthreadpool.h"
 
@@ -24,6 +26,20 @@ public:
     /// top to bottom. Returns when all are done. Throws std::bad_alloc. By default a band has at least 64 rows and at
     /// most a 32nd of them.
     void ForBands(uint32_t first, uint32_t end, const Work& work, uint32_t bands = 0);
+
+    /// Returns the sum of what addRows(from, to, sums) adds to copies of `zero`, for bands of the rows.
+    template <typename Sum, typename AddRows>
+    std::vector<Sum> AddUp(uint32_t first, uint32_t end, const std::vector<Sum>& zero, const AddRows& addRows) {
+        std::vector<Sum> all = zero;
+        ForBands(first, end, [&](uint32_t from, uint32_t to) -> std::function<void()> {
+            std::vector<Sum> own = zero;
+            addRows(from, to, own);
+            return [&all, own = std::move(own)] {
+                for (size_t i = 0; i < own.size(); ++i) all[i] += own[i];
+            };
+        });
+        return all;
+    }
 
 private:
     void Show(uint32_t done, uint32_t total);
