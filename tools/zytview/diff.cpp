@@ -1,8 +1,8 @@
-#include "diff.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+
+#include "picture.h"
 
 namespace {
 

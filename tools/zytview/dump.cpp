@@ -144,23 +144,19 @@ void Dump::ReadChroma(uint32_t y, uint16_t* samples, bool asStored) const {
 }
 
 LineReader::LineReader(const Dump& dump, const Rect& part, bool asStored)
-    : m_dump(dump), m_part(part), m_chroma(dump.ChromaOf(part)), m_asStored(asStored), m_row(dump.Width() + 1) {
-    Line& first = m_lines[0];
-    first.x = part.x;
-    first.count = part.width;
-    Line& second = m_lines[1];
-    second.isChroma = true;
-    second.x = m_chroma.x * 2;
-    const bool isVFirst = dump.Format() == ZYT_FORMAT_YUV420NV21;
-    second.channels[isVFirst] = 1;
-    second.channels[!isVFirst] = 2;
-    for (Line& line : m_lines) line.samples.resize(dump.Width() + 1);
+    : m_dump(dump),
+      m_part(part),
+      m_chroma(dump.ChromaOf(part)),
+      m_asStored(asStored),
+      m_rows{std::vector<uint16_t>(dump.Width() + 1), std::vector<uint16_t>(dump.Width() + 1)} {
+    const uint32_t v = dump.Format() == ZYT_FORMAT_YUV420NV21 ? 0 : 1;
+    m_lines[0] = {&m_rows[0][part.x], part.width, {}, part.x, 0, false};
+    m_lines[1] = {&m_rows[1][2 * m_chroma.x], 0, {2 - v, 1 + v}, 2 * m_chroma.x, 0, true};
 }
 
 const Line (&LineReader::Read(uint32_t y))[2] {
     Line& first = m_lines[0];
-    m_dump.ReadRow(y, m_row.data(), m_asStored);
-    std::copy_n(&m_row[first.x], first.count, first.samples.begin());
+    m_dump.ReadRow(y, m_rows[0].data(), m_asStored);
     first.y = y;
     if (m_dump.Layout().kind == zyt::FormatKind::kRaw) {
         for (uint32_t i : {0u, 1u}) first.channels[i] = 2 * (y & 1) + ((first.x + i) & 1);
@@ -169,10 +165,7 @@ const Line (&LineReader::Read(uint32_t y))[2] {
     const bool startsChroma = (y % 2 == 0 || y == m_part.y) && y / 2 < m_chroma.y + m_chroma.height;
     second.count = startsChroma ? m_chroma.width * 2 : 0;
     second.y = y & ~1u;
-    if (second.count > 0) {
-        m_dump.ReadChroma(y, m_row.data(), m_asStored);
-        std::copy_n(&m_row[second.x], second.count, second.samples.begin());
-    }
+    if (second.count > 0) m_dump.ReadChroma(y, m_rows[1].data(), m_asStored);
     return m_lines;
 }
 

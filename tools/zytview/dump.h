@@ -87,7 +87,7 @@ private:
 
 /// Samples of one row that alternate between at most two channels.
 struct Line {
-    std::vector<uint16_t> samples;
+    const uint16_t* samples = nullptr;
     uint32_t count = 0;
     uint32_t channels[2] = {};  // channels of the samples with even and odd index
     uint32_t x = 0;             // column of the first sample
@@ -103,6 +103,8 @@ struct Line {
 class LineReader {
 public:
     LineReader(const Dump& dump, const Rect& part, bool asStored = false);
+    LineReader(const LineReader&) = delete;
+    LineReader& operator=(const LineReader&) = delete;
 
     /// Returns the row's samples of the first plane, and a row of the second plane when one starts at y.
     /// REQUIRES: the row is inside the part.
@@ -113,7 +115,7 @@ private:
     const Rect m_part;
     const Rect m_chroma;
     const bool m_asStored;
-    std::vector<uint16_t> m_row;
+    std::vector<uint16_t> m_rows[2];  // the lines point into them
     Line m_lines[2];
 };
 

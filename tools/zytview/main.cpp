@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
@@ -9,7 +10,6 @@
 #include <new>
 #include <utility>
 
-#include "diff.h"
 #include "encode.h"
 #include "options.h"
 #include "outputfile.h"
@@ -30,10 +30,9 @@ FileId IdOf(const std::string& path) {
 std::string PngOf(const std::string& dump) {
     std::filesystem::path path = dump;
     const std::string ending = path.extension();
-    const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
-    const auto isPart = [&](char c) { return isLetter(c) || (c >= '0' && c <= '9'); };
-    const bool hasEnding =
-        ending.size() > 1 && isLetter(ending[1]) && std::all_of(ending.begin() + 1, ending.end(), isPart);
+    const auto isPart = [](unsigned char c) { return std::isalnum(c) != 0; };
+    const bool hasEnding = ending.size() > 1 && std::isalpha(static_cast<unsigned char>(ending[1])) != 0 &&
+                           std::all_of(ending.begin() + 1, ending.end(), isPart);
     return hasEnding ? path.replace_extension(".png").string() : dump + ".png";
 }
 

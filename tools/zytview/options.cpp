@@ -1,10 +1,10 @@
 #include "options.h"
 
 #include <getopt.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <charconv>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -16,57 +16,54 @@
 
 namespace {
 
-constexpr const char* kUsage =
-    "usage: zytview [options] DUMP [PNG]\n"
-    "       zytview [options] DUMP...\n"
-    "\n"
-    "Converts a raw dump to a PNG and prints the PNG's name: DUMP's name with .png unless PNG is given; - is the\n"
-    "standard output. Size and format are taken from the options, otherwise from the dump's name, such as\n"
-    "night_4000x3000_RawMipi10.raw; the last size and the last format in the name win.\n"
-    "\n"
-    "Layout of the dump\n"
-    "  --size WxH               in pixels, each side from 1 to 131072\n"
-    "  --format NAME            YUV420NV12, YUV420NV21 (or NV12, NV21), YUV_P010 (or P010), Y16,\n"
-    "                           RawMipi10, RawMipi12, RawMipi14, Raw10, Raw12, Raw14, Raw16\n"
-    "  --stride BYTES           bytes from row to row, for a file with padded rows\n"
-    "  --slice-height ROWS      rows from the first plane to the second, for a file with padded planes\n"
-    "  --matrix bt601|bt709     for YUV formats; default: bt601\n"
-    "  --range full|limited     for YUV formats; default: full\n"
-    "\n"
-    "Picture\n"
-    "  --bayer rggb|grbg|gbrg|bggr\n"
-    "                           shows raw formats in colour; default: grey\n"
-    "  --white R,G,B|auto       colour gains, with --bayer; auto makes the picture grey on average\n"
-    "  --black N                sample shown as black; default: 0, or 16 of 255 in the limited range\n"
-    "  --gain X|auto            brightness factor; auto makes the lightest thousandth of the samples white, and the\n"
-    "                           darkest thousandth black unless --black is given\n"
-    "  --curve none|srgb        encodes raw formats and Y16, which are linear, as a screen expects; default: none\n"
-    "  --crop WxH+X+Y           shows a part, in pixels of the dump\n"
-    "  --scale 1/1|1/2|1/4|1/8  each pixel is the mean of a square of pixels\n"
-    "\n"
-    "Numbers; with these a picture is written only when PNG is given\n"
-    "  --stats                  minimum, maximum, mean, standard deviation and clipped samples of each channel;\n"
-    "                           samples of 0 and of the format's largest value or above count as clipped. Bayer\n"
-    "                           channels are named column,row without --bayer\n"
-    "  --pixel X,Y              the samples at and around a pixel; - where the file has no chroma\n"
-    "  --diff OTHER             differences from another dump of the same size and format: DUMP less OTHER; PNG shows\n"
-    "                           them, the largest white and all others at least dark grey\n"
-    "  --tolerance N            differences up to N do not count as differing, but in the largest, mean and PSNR\n"
-    "  --profile rows|columns   the mean of each row or column less the median of its nearest four of the same "
-    "colour,\n"
-    "                           and the outliers: beyond one percent of the mean and five spreads, which are 1.4826 "
-    "times\n"
-    "                           the median of the amounts. PNG shows a curve for each channel\n"
-    "  --histogram PNG          histogram of the samples; heights are square roots, clipped samples are red\n"
-    "  --npy FILE               the samples in NumPy's format: height x width, or the planes Y, U and V one by one\n"
-    "  --json                   prints numbers as JSON, one object per line; by default those of --stats\n"
-    "  -h, --help, --version\n"
-    "\n"
-    "8-bit YUV becomes an 8-bit PNG, every other format a 16-bit PNG. Raw samples are in the upper bits, so a right\n"
-    "shift restores them. Exit codes: 0 for success, 1 when writing failed, 2 for an invalid argument or dump; with\n"
-    "--diff 1 for a difference and 2 for any failure. With several dumps an invalid one is reported and the others "
-    "are\n"
-    "processed.\n";
+constexpr const char* kUsage = R"(usage: zytview [options] DUMP [PNG]
+       zytview [options] DUMP...
+
+Converts a raw dump to a PNG and prints the PNG's name: DUMP's name with .png unless PNG is given; - is the
+standard output. Size and format are taken from the options, otherwise from the dump's name, such as
+night_4000x3000_RawMipi10.raw; the last size and the last format in the name win.
+
+Layout of the dump
+  --size WxH               in pixels, each side from 1 to 131072
+  --format NAME            YUV420NV12, YUV420NV21 (or NV12, NV21), YUV_P010 (or P010), Y16,
+                           RawMipi10, RawMipi12, RawMipi14, Raw10, Raw12, Raw14, Raw16
+  --stride BYTES           bytes from row to row, for a file with padded rows
+  --slice-height ROWS      rows from the first plane to the second, for a file with padded planes
+  --matrix bt601|bt709     for YUV formats; default: bt601
+  --range full|limited     for YUV formats; default: full
+
+Picture
+  --bayer rggb|grbg|gbrg|bggr
+                           shows raw formats in colour; default: grey
+  --white R,G,B|auto       colour gains, with --bayer; auto makes the picture grey on average
+  --black N                sample shown as black; default: 0, or 16 of 255 in the limited range
+  --gain X|auto            brightness factor; auto makes the lightest thousandth of the samples white, and the
+                           darkest thousandth black unless --black is given
+  --curve none|srgb        encodes raw formats and Y16, which are linear, as a screen expects; default: none
+  --crop WxH+X+Y           shows a part, in pixels of the dump
+  --scale 1/1|1/2|1/4|1/8  each pixel is the mean of a square of pixels
+
+Numbers; with these a picture is written only when PNG is given
+  --stats                  minimum, maximum, mean, standard deviation and clipped samples of each channel;
+                           samples of 0 and of the format's largest value or above count as clipped. Bayer
+                           channels are named column,row without --bayer
+  --pixel X,Y              the samples at and around a pixel; - where the file has no chroma
+  --diff OTHER             differences from another dump of the same size and format: DUMP less OTHER; PNG shows
+                           them, the largest white and all others at least dark grey
+  --tolerance N            differences up to N do not count as differing, but in the largest, mean and PSNR
+  --profile rows|columns   the mean of each row or column less the median of its nearest four of the same colour,
+                           and the outliers: beyond one percent of the mean and five spreads, which are 1.4826 times
+                           the median of the amounts. PNG shows a curve for each channel
+  --histogram PNG          histogram of the samples; heights are square roots, clipped samples are red
+  --npy FILE               the samples in NumPy's format: height x width, or the planes Y, U and V one by one
+  --json                   prints numbers as JSON, one object per line; by default those of --stats
+  -h, --help, --version
+
+8-bit YUV becomes an 8-bit PNG, every other format a 16-bit PNG. Raw samples are in the upper bits, so a right
+shift restores them. Exit codes: 0 for success, 1 when writing failed, 2 for an invalid argument or dump; with
+--diff 1 for a difference and 2 for any failure. With several dumps an invalid one is reported and the others are
+processed.
+)";
 
 constexpr uint32_t kMaxNumber = 999999999;
 constexpr double kMaxGain = 65535;
@@ -92,13 +89,11 @@ bool ReadFraction(const std::string& text, double& number) {
     return true;
 }
 
-// Returns the parts of text between separators, as many as there are separators and one more; fewer when one is
-// missing.
+// Returns the parts of text between separators, one more than there are separators; missing ones are empty.
 std::vector<std::string> Split(std::string text, const std::string& separators) {
     std::vector<std::string> parts;
     for (const char separator : separators) {
-        const size_t at = text.find(separator);
-        if (at == text.npos) return {};
+        const size_t at = std::min(text.find(separator), text.size());
         parts.push_back(text.substr(0, at));
         text.erase(0, at + 1);
     }
@@ -119,35 +114,35 @@ bool Choose(const std::string& value, const std::string& words, Index& index) {
     return false;
 }
 
-bool SetWhite(Options& options, const std::string& value) {
-    Look& look = options.look;
+bool SetWhite(Look& look, const std::string& value) {
     look.isWhiteAuto = value == "auto";
     const std::vector<std::string> gains = Split(value, ",,");
-    return look.isWhiteAuto || (gains.size() == 3 && ReadFraction(gains[0], look.white[0]) &&
-                                ReadFraction(gains[1], look.white[1]) && ReadFraction(gains[2], look.white[2]));
+    return look.isWhiteAuto || (ReadFraction(gains[0], look.white[0]) && ReadFraction(gains[1], look.white[1]) &&
+                                ReadFraction(gains[2], look.white[2]));
 }
 
-bool SetCrop(Options& options, const std::string& value) {
-    Rect& crop = options.crop;
+// Sets the corner of a rectangle.
+bool SetCorner(Rect& rect, const std::string& x, const std::string& y) {
+    return ReadNumber(x, 0, kMaxNumber, rect.x) && ReadNumber(y, 0, kMaxNumber, rect.y);
+}
+
+bool SetCrop(Rect& crop, const std::string& value) {
     const std::vector<std::string> parts = Split(value, "++");
-    return parts.size() == 3 && zyt::ParseSize(parts[0], crop.width, crop.height) &&
-           ReadNumber(parts[1], 0, kMaxNumber, crop.x) && ReadNumber(parts[2], 0, kMaxNumber, crop.y);
+    return zyt::ParseSize(parts[0], crop.width, crop.height) && SetCorner(crop, parts[1], parts[2]);
 }
 
-bool SetPixel(Options& options, const std::string& value) {
+bool SetPixel(Rect& pixel, const std::string& value) {
     const std::vector<std::string> parts = Split(value, ",");
-    options.pixel.width = options.pixel.height = 1;
-    return parts.size() == 2 && ReadNumber(parts[0], 0, kMaxNumber, options.pixel.x) &&
-           ReadNumber(parts[1], 0, kMaxNumber, options.pixel.y);
+    pixel.width = pixel.height = 1;
+    return SetCorner(pixel, parts[0], parts[1]);
 }
 
 // Returns true when the path has a PNG's name or is a device, a pipe or the standard output.
 bool IsPngName(const std::string& path) {
-    std::string extension = std::filesystem::path(path).extension();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    const std::string extension = std::filesystem::path(path).extension();
     std::error_code error;
-    return extension == ".png" || IsStandardOutput(path) || std::filesystem::is_other(path, error);
+    return strcasecmp(extension.c_str(), ".png") == 0 || IsStandardOutput(path) ||
+           std::filesystem::is_other(path, error);
 }
 
 using Value = const std::string&;
@@ -171,15 +166,15 @@ const Known kKnown[] = {
     {"range", "full|limited", [](Options& o, Value v) { return Choose(v, "full|limited", o.look.isLimitedRange); }},
     {"bayer", "rggb|grbg|gbrg|bggr",
      [](Options& o, Value v) { return Choose(v, "rggb|grbg|gbrg|bggr", o.look.bayer); }},
-    {"white", "auto or R,G,B, such as 1.9,1,1.6", SetWhite},
+    {"white", "auto or R,G,B, such as 1.9,1,1.6", [](Options& o, Value v) { return SetWhite(o.look, v); }},
     {"black", "a sample from 0 to 65534",
      [](Options& o, Value v) { return o.look.isBlackGiven = ReadNumber(v, 0, 65534, o.look.black); }},
     {"gain", "auto or a number from 0 to 65535",
      [](Options& o, Value v) { return (o.look.isGainAuto = v == "auto") || ReadFraction(v, o.look.gain); }},
     {"curve", "none|srgb", [](Options& o, Value v) { return Choose(v, "none|srgb", o.look.isSrgb); }},
-    {"crop", "WxH+X+Y, such as 640x480+100+50", SetCrop},
+    {"crop", "WxH+X+Y, such as 640x480+100+50", [](Options& o, Value v) { return SetCrop(o.crop, v); }},
     {"scale", "1/1|1/2|1/4|1/8", [](Options& o, Value v) { return Choose(v, "1/1|1/2|1/4|1/8", o.scale); }},
-    {"pixel", "X,Y, such as 100,50", SetPixel},
+    {"pixel", "X,Y, such as 100,50", [](Options& o, Value v) { return SetPixel(o.pixel, v); }},
     {"diff", "a dump", [](Options& o, Value v) { return !(o.other = v).empty(); }},
     {"tolerance", "a number from 0 to 65535", [](Options& o, Value v) { return ReadNumber(v, 0, 65535, o.tolerance); }},
     {"profile", "rows|columns", [](Options& o, Value v) { return Choose(v, "rows|columns", o.ofColumns); }},

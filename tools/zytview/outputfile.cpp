@@ -15,6 +15,11 @@ namespace {
 
 std::atomic<const char*> g_unfinished{nullptr};  // path of the temporary file
 
+void RemoveUnfinished() {
+    const char* const path = g_unfinished.exchange(nullptr);
+    if (path != nullptr) unlink(path);
+}
+
 }  // namespace
 
 bool IsStandardOutput(const std::string& path) { return path == "-" || path == "/dev/stdout"; }
@@ -22,7 +27,7 @@ bool IsStandardOutput(const std::string& path) { return path == "-" || path == "
 void RemoveUnfinishedAtSignals() {
     struct sigaction action {};
     action.sa_handler = [](int signal) {
-        OutputFile::RemoveUnfinished();
+        RemoveUnfinished();
         raise(signal);  // now with the default action
     };
     action.sa_flags = static_cast<int>(SA_RESETHAND);
@@ -55,21 +60,13 @@ void OutputFile::OpenBeside() {
         g_unfinished = m_temporary.c_str();  // before the file exists: a signal can come at once
         fd = open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     }
-    if (fd < 0) {
-        g_unfinished = nullptr;  // the file, if there is one, is not ours
-    } else {
-        m_stream = fdopen(fd, "wb");
-    }
+    if (fd < 0) g_unfinished = nullptr;  // the file, if there is one, is not ours
+    m_stream = fd < 0 ? nullptr : fdopen(fd, "wb");
 }
 
 OutputFile::~OutputFile() {
     if (m_stream != nullptr) std::fclose(m_stream);
     RemoveUnfinished();
-}
-
-void OutputFile::RemoveUnfinished() {
-    const char* const path = g_unfinished.exchange(nullptr);
-    if (path != nullptr) unlink(path);
 }
 
 void OutputFile::Write(const void* bytes, size_t size) {
@@ -79,11 +76,8 @@ void OutputFile::Write(const void* bytes, size_t size) {
 void OutputFile::Commit() {
     if (std::fclose(std::exchange(m_stream, nullptr)) != 0 && m_error == 0) m_error = errno;
     if (m_error == 0 && g_unfinished != nullptr) {
-        if (std::rename(m_temporary.c_str(), m_path.c_str()) == 0) {
-            g_unfinished = nullptr;
-        } else {
-            m_error = errno;
-        }
+        if (std::rename(m_temporary.c_str(), m_path.c_str()) != 0) m_error = errno;
+        if (m_error == 0) g_unfinished = nullptr;
     }
     if (m_error != 0) Fail(m_error);
 }

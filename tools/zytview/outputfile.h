@@ -28,9 +28,6 @@ public:
     /// Renames the file to its final name. Throws WriteError after a failure; an old file of that name stays.
     void Commit();
 
-    /// Removes the file that is not complete yet, if there is one. For signal handlers.
-    static void RemoveUnfinished();
-
 private:
     void OpenBeside();
     [[noreturn]] void Fail(int error) const;

@@ -54,6 +54,10 @@ Rows DrawDump(const Dump& dump, const Look& look);
 /// bottom edge.
 Rows Part(const Rows& rows, const Rect& crop, uint32_t divisor);
 
+/// Returns the differences as a picture: black for none, then dark grey up to white for the largest of all channels. A
+/// pixel shows the larger of its luma and chroma differences.
+Rows DrawDifference(const Dump& one, const Dump& other, const std::vector<Difference>& differences, uint32_t tolerance);
+
 /// Draws a histogram: one named panel per channel, from 0 on the left to largestSample on the right. Heights are square
 /// roots of the counts, so that rare samples stay visible beside frequent ones. Clipped samples are separate red bars
 /// on both sides, cut at the panel's height.
