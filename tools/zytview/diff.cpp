@@ -79,8 +79,7 @@ Rows DrawDifference(const Dump& one, const Dump& other, const std::vector<Differ
                     uint32_t tolerance) {
     int largest = 1;
     for (const Difference& difference : differences) largest = std::max(largest, difference.largest);
-    Rows rows{one.Width(), one.Height(), 1, 8, {}};
-    rows.newReader = [=, &one, &other]() -> RowReader {
+    const auto newReader = [=, &one, &other]() -> RowReader {
         return [=, &one, &other, a = std::vector<uint16_t>(one.Width() + 1),
                 b = std::vector<uint16_t>(one.Width() + 1)](uint32_t y, uint16_t* values) mutable {
             const auto brightness = [&](uint32_t x) {
@@ -101,5 +100,5 @@ Rows DrawDifference(const Dump& one, const Dump& other, const std::vector<Differ
             }
         };
     };
-    return rows;
+    return {one.Width(), one.Height(), 1, 8, newReader};
 }

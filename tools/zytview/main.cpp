@@ -58,9 +58,7 @@ public:
         m_names = ChannelNames(*m_dump, m_options.look.bayer);
         m_crop = Crop();
         if (m_dump->Width() < geometry.width) {
-            Print(stderr, "zytview: " + path +
-                              Text(" holds the left %u of %u columns, as the library dumps Y16\n", m_dump->Width(),
-                                   geometry.width));
+            Remark(Text(" holds the left %u of %u columns, as the library dumps Y16", m_dump->Width(), geometry.width));
         }
         ShowNumbers();
         if (m_options.Has("diff")) return ShowDifference(geometry, png);
@@ -137,9 +135,8 @@ private:
                        "", cells);
         }
         if (m_options.Has("pixel")) {
-            const auto& [x, y, width, height] = m_options.pixel;
-            PrintNumbers(PixelJson(*m_dump, x, y, m_options.look.bayer),
-                         PixelText(*m_dump, x, y, m_options.look.bayer));
+            const auto numbers = DescribePixel(*m_dump, m_names, m_options.pixel.x, m_options.pixel.y);
+            PrintNumbers(numbers.json, numbers.text);
         }
         if (m_options.Has("histogram")) {
             WriteRows(m_options.histogram, DrawHistogram(m_names, CountsOnce(), m_dump->LargestSample()));
@@ -185,19 +182,19 @@ private:
         Look look = m_options.look;
         SetLevels(look, *m_dump, look.IsAuto() ? CountsOnce() : m_counts);
         WriteRows(png, Part(DrawDump(*m_dump, look), m_crop, 1u << m_options.scale));
-        const std::string prefix = "zytview: " + m_dump->Path() + ": ";
         if (look.IsAuto()) {
-            std::string chosen = Text("--black %.0f --gain %.4g", look.black, look.gain);
+            std::string chosen = Text(": --black %.0f --gain %.4g", look.black, look.gain);
             if (look.bayer) chosen += Text(" --white %.4g,%.4g,%.4g", look.white[0], look.white[1], look.white[2]);
-            Print(stderr, prefix + chosen + "\n");
+            Remark(chosen);
         }
-        const uint32_t bits = m_dump->Layout().bits;
-        const bool canExceed = !m_dump->Layout().HasChroma() && !m_dump->Layout().IsPacked() && bits < 16;
-        const uint64_t cut = canExceed ? CountCut(CountsOnce(), look, m_dump->LargestSample()) : 0;
-        if (cut == 0) return;
-        Print(stderr, prefix + Text("samples of more than %u bits, shown as the largest value: ", bits) +
-                          std::to_string(cut) + "\n");
+        const zyt::FormatLayout& layout = m_dump->Layout();
+        if (layout.HasChroma() || layout.IsPacked() || layout.bits == 16) return;  // no sample exceeds the largest one
+        const uint64_t cut = CountCut(CountsOnce(), look, m_dump->LargestSample());
+        const std::string what = Text(": samples of more than %u bits, shown as the largest value: ", layout.bits);
+        if (cut > 0) Remark(what + std::to_string(cut));
     }
+
+    void Remark(const std::string& text) const { Print(stderr, "zytview: " + m_dump->Path() + text + "\n"); }
 
     const Options& m_options;
     Workers m_workers;

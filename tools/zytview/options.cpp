@@ -33,8 +33,7 @@ Layout of the dump
   --range full|limited     for YUV formats; default: full
 
 Picture
-  --bayer rggb|grbg|gbrg|bggr
-                           shows raw formats in colour; default: grey
+  --bayer ORDER            rggb, grbg, gbrg or bggr: shows raw formats in colour; default: grey
   --white R,G,B|auto       colour gains, with --bayer; auto makes the picture grey on average
   --black N                sample shown as black; default: 0, or 16 of 255 in the limited range
   --gain X|auto            brightness factor; auto makes the lightest thousandth of the samples white, and the
@@ -44,9 +43,8 @@ Picture
   --scale 1/1|1/2|1/4|1/8  each pixel is the mean of a square of pixels
 
 Numbers; with these a picture is written only when PNG is given
-  --stats                  minimum, maximum, mean, standard deviation and clipped samples of each channel;
-                           samples of 0 and of the format's largest value or above count as clipped. Bayer
-                           channels are named column,row without --bayer
+  --stats                  minimum, maximum, mean, standard deviation and clipped samples (0, or the format's
+                           largest value or more) of each channel; column,row names a channel without --bayer
   --pixel X,Y              the samples at and around a pixel; - where the file has no chroma
   --diff OTHER             differences from another dump of the same size and format: DUMP less OTHER; PNG shows
                            them, the largest white and all others at least dark grey
@@ -66,7 +64,6 @@ processed.
 )";
 
 constexpr uint32_t kMaxNumber = 999999999;
-constexpr double kMaxGain = 65535;
 
 // Parses text as a number from least to largest. Returns false, and leaves number unchanged, for any other text.
 template <typename Result>
@@ -84,7 +81,7 @@ bool ReadFraction(const std::string& text, double& number) {
     if (text.find_first_not_of("0123456789.e-") != std::string::npos) return false;
     char* stop = nullptr;
     const double value = std::strtod(text.c_str(), &stop);
-    if (text.empty() || *stop != '\0' || !(value >= 0 && value <= kMaxGain)) return false;
+    if (text.empty() || *stop != '\0' || !(value >= 0 && value <= 65535)) return false;
     number = value;
     return true;
 }

@@ -6,14 +6,14 @@
 
 namespace {
 
-// Returns a sample of the first plane (channel 0), U or V; `none` where the file has no chroma.
-std::string SampleAt(const Dump& dump, uint32_t channel, uint32_t x, uint32_t y, const char* none) {
+// Returns a sample of the first plane (channel 0), U or V; "-" where the file has no chroma.
+std::string SampleAt(const Dump& dump, uint32_t channel, uint32_t x, uint32_t y) {
     std::vector<uint16_t> row(dump.Width() + 1);
     if (channel == 0) {
         dump.ReadRow(y, row.data());
         return std::to_string(row[x]);
     }
-    if (x / 2 >= dump.ChromaPairs() || y / 2 >= dump.ChromaRows()) return none;
+    if (x / 2 >= dump.ChromaPairs() || y / 2 >= dump.ChromaRows()) return "-";
     dump.ReadChroma(y, row.data());
     const bool isSecond = (channel == 2) != (dump.Format() == ZYT_FORMAT_YUV420NV21);
     return std::to_string(row[(x & ~1u) + isSecond]);
@@ -32,20 +32,13 @@ std::string Block(const Dump& dump, uint32_t channel, uint32_t x, uint32_t y) {
          row += step) {
         text += Text("%7u", row);
         for (uint32_t column = left; column <= right; column += step) {
-            const std::string sample = SampleAt(dump, channel, column, row, "-");
+            const std::string sample = SampleAt(dump, channel, column, row);
             text += Text("%8s", (row == y && column == x ? "[" + sample + "]" : sample + " ").c_str());
         }
         if (text.back() == ' ') text.pop_back();
         text += '\n';
     }
     return text;
-}
-
-// Returns the name of a pixel's channel, and below those of its chroma.
-std::vector<std::string> PixelNames(const Dump& dump, uint32_t x, uint32_t y, const std::optional<uint32_t>& bayer) {
-    std::vector<std::string> names = ChannelNames(dump, bayer);
-    if (names.size() == 4) names = {names[2 * (y & 1) + (x & 1)]};
-    return names;
 }
 
 double Median(std::vector<double> values) {
@@ -182,23 +175,16 @@ std::vector<Profile> MakeProfiles(const Dump& dump, const Rect& part, bool ofCol
     return profiles;
 }
 
-std::string PixelText(const Dump& dump, uint32_t x, uint32_t y, const std::optional<uint32_t>& bayer) {
-    const std::vector<std::string> names = PixelNames(dump, x, y, bayer);
-    std::string text;
+PixelNumbers DescribePixel(const Dump& dump, std::vector<std::string> names, uint32_t x, uint32_t y) {
+    if (names.size() == 4) names = {names[2 * (y & 1) + (x & 1)]};
+    PixelNumbers numbers;
+    numbers.json = Text(R"("x": %u, "y": %u, "channel": %s, "samples": {)", x, y, Quote(names[0]).c_str());
     for (uint32_t channel = 0; channel < names.size(); ++channel) {
         if (channel == 1) x &= ~1u, y &= ~1u;
-        text += names[channel] + Text(" at %u,%u is ", x, y) + SampleAt(dump, channel, x, y, "-") + "\n";
-        text += Block(dump, channel, x, y);
+        const std::string sample = SampleAt(dump, channel, x, y);
+        numbers.text += names[channel] + Text(" at %u,%u is ", x, y) + sample + "\n" + Block(dump, channel, x, y);
+        numbers.json += (channel == 0 ? "" : ", ") + Quote(names[channel]) + ": " + (sample == "-" ? "null" : sample);
     }
-    return text;
-}
-
-std::string PixelJson(const Dump& dump, uint32_t x, uint32_t y, const std::optional<uint32_t>& bayer) {
-    const std::vector<std::string> names = PixelNames(dump, x, y, bayer);
-    std::string samples;
-    for (uint32_t channel = 0; channel < names.size(); ++channel) {
-        samples += (channel == 0 ? "" : ", ") + Quote(names[channel]) + ": ";
-        samples += SampleAt(dump, channel, x, y, "null");
-    }
-    return Text(R"("x": %u, "y": %u, "channel": %s, "samples": {)", x, y, Quote(names[0]).c_str()) + samples + "}";
+    numbers.json += '}';
+    return numbers;
 }

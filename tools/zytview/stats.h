@@ -74,12 +74,14 @@ struct Difference {
 std::vector<Difference> Compare(const Dump& one, const Dump& other, const Rect& part, uint32_t tolerance,
                                 Workers& workers);
 
-/// Returns the unchanged samples at and around a pixel: a block for the first plane, and one each for U and V, whose
-/// samples are listed at the first of their columns and rows; "-" where the file has no chroma. REQUIRES: the pixel is
-/// inside the picture.
-std::string PixelText(const Dump& dump, uint32_t x, uint32_t y, const std::optional<uint32_t>& bayer);
+/// The samples of a pixel.
+struct PixelNumbers {
+    std::string json;  // members of an object; null where the file has no chroma
+    std::string text;  // with the samples around it; "-" where the file has no chroma
+};
 
-/// Returns the members of a JSON object with the samples of a pixel; null where the file has no chroma.
-std::string PixelJson(const Dump& dump, uint32_t x, uint32_t y, const std::optional<uint32_t>& bayer);
+/// Returns the unchanged samples at and around a pixel: of the first plane, and of U and V, which are listed at the
+/// first of their columns and rows. REQUIRES: the pixel is inside the picture; the names are those of all channels.
+PixelNumbers DescribePixel(const Dump& dump, std::vector<std::string> names, uint32_t x, uint32_t y);
 
 #endif  // ZYTVIEW_STATS_H
