@@ -6,22 +6,23 @@ usage: docs/faults.py ZYTVIEW
 Writes into the guide what the commands print.
 """
 import os
+import pathlib
 import re
 import subprocess
 import sys
 import tempfile
 
-DOCS = os.path.dirname(os.path.abspath(__file__))
+DOCS = pathlib.Path(__file__).resolve().parent
 DUMPS = [f"{name}_640x480_Raw10" for name in ("before", "clipped", "column", "shifted")]
 # Sources and ffmpeg's filters of each picture, for small files.
 SIDE_BY_SIDE = "".join(f"[{i}]crop=320:240:260:120[c{i}];" for i in range(4)) + "[c0][c1][c2][c3]hstack=4"
+SMALLER = "scale=640:-1:flags=area"
 PICTURES = {"pictures": (DUMPS, SIDE_BY_SIDE), "difference": (["difference"], "null"),
-            "histogram": (["histogram"], "scale=640:-1:flags=area"), "profile": (["profile"], "scale=640:-1:flags=area")}
+            "histogram": (["histogram"], SMALLER), "profile": (["profile"], SMALLER)}
 
 
 def main():
-    with open(f"{DOCS}/guide.md", encoding="utf-8") as file:
-        guide = file.read()
+    guide = (DOCS / "guide.md").read_text(encoding="utf-8")
     begin = guide.index("## 11. Find a fault")
     end = guide.index("\n## ", begin)
     with tempfile.TemporaryDirectory() as home:
@@ -42,8 +43,7 @@ def main():
             filters += ",format=rgb24,split[a][b];[a]palettegen=max_colors=64[p];[b][p]paletteuse=dither=none"
             subprocess.run(["ffmpeg", "-v", "error", "-y", *inputs, "-filter_complex", filters, "-pred", "mixed",
                             "-compression_level", "100", f"{DOCS}/faults/{name}.png"], check=True)
-    with open(f"{DOCS}/guide.md", "w", encoding="utf-8") as file:
-        file.write(guide[:begin] + chapter + guide[end:])
+    (DOCS / "guide.md").write_text(guide[:begin] + chapter + guide[end:], encoding="utf-8")
 
 
 main()

@@ -34,13 +34,12 @@ constexpr Glyph kGlyphs[] = {
     {'U', 055557}, {'V', 055552}, {'r', 000644}, {'b', 044656}, {',', 000024}, {'.', 000002},
 };
 
-class Canvas {
-public:
-    explicit Canvas(uint32_t height) : m_pixels(size_t{kWidth} * height, kPaper) {}
+struct Canvas {
+    std::vector<Colour> pixels;
 
     void Fill(const Rect& rect, Colour colour) {
         for (uint32_t y = rect.y; y < rect.y + rect.height; ++y) {
-            std::fill_n(&m_pixels[size_t{y} * kWidth + rect.x], rect.width, colour);
+            std::fill_n(&pixels[size_t{y} * kWidth + rect.x], rect.width, colour);
         }
     }
 
@@ -67,11 +66,6 @@ public:
         Write(kLeft, top + kPanel + kText, std::to_string(left), kInk);
         WriteTo(kLeft + kColumns, top + kPanel + kText, std::to_string(right), kInk);
     }
-
-    const Colour& At(uint32_t x, uint32_t y) const { return m_pixels[size_t{y} * kWidth + x]; }
-
-private:
-    std::vector<Colour> m_pixels;
 };
 
 Colour ColourOf(const std::string& name) {
@@ -84,7 +78,7 @@ Colour ColourOf(const std::string& name) {
 Rows DrawPanels(const std::vector<std::string>& names,
                 const std::function<void(Canvas& canvas, uint32_t channel, uint32_t top, Colour colour)>& draw) {
     const auto height = static_cast<uint32_t>(names.size()) * kPanelStep;
-    const auto canvas = std::make_shared<Canvas>(height);
+    const auto canvas = std::make_shared<Canvas>(Canvas{std::vector<Colour>(size_t{kWidth} * height, kPaper)});
     for (uint32_t channel = 0; channel < names.size(); ++channel) {
         const uint32_t top = channel * kPanelStep + 3 * kMargin / 2;
         canvas->Fill({kLeft, top, kColumns, kPanel}, kPaperOfPanel);
@@ -94,7 +88,8 @@ Rows DrawPanels(const std::vector<std::string>& names,
     }
     return {kWidth, height, 3, 8, [canvas] {
                 return [canvas](uint32_t y, uint16_t* values) {
-                    for (uint32_t x = 0; x < kWidth; ++x) values = std::copy_n(canvas->At(x, y).begin(), 3, values);
+                    for (uint32_t x = 0; x < kWidth; ++x)
+                        values = std::copy_n(canvas->pixels[size_t{y} * kWidth + x].begin(), 3, values);
                 };
             }};
 }

@@ -20,10 +20,8 @@ struct Geometry {
 
 /// A rectangle in pixels.
 struct Rect {
-    uint32_t x = 0;
-    uint32_t y = 0;
-    uint32_t width = 0;
-    uint32_t height = 0;
+    uint32_t x = 0, y = 0;
+    uint32_t width = 0, height = 0;
 };
 
 /// A dump file. Thread-safe.

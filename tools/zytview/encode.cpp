@@ -29,19 +29,6 @@ Bytes MakeChunk(const char* type, Bytes chunk) {
     return chunk;
 }
 
-// Stores values in PNG's byte order, upper byte first.
-void PutBytes(const std::vector<uint16_t>& values, uint32_t depth, unsigned char* bytes) {
-    if (depth == 8) {
-        std::copy(values.begin(), values.end(), bytes);
-        return;
-    }
-    for (const uint16_t value : values) {
-        const auto turned = static_cast<uint16_t>(value << 8 | value >> 8);
-        std::memcpy(bytes, &turned, sizeof(turned));
-        bytes += sizeof(turned);
-    }
-}
-
 // Returns rows as PNG's filter "up" leaves them: its number, then differences from the row above.
 Bytes Filter(const Rows& rows, uint32_t from, uint32_t to) {
     constexpr unsigned char kUp = 2;
@@ -51,7 +38,12 @@ Bytes Filter(const Rows& rows, uint32_t from, uint32_t to) {
     Bytes above(rowBytes), row(rowBytes), filtered((rowBytes + 1) * (to - from));
     const auto readTo = [&](uint32_t y, Bytes& bytes) {
         read(y, values.data());
-        PutBytes(values, rows.depth, bytes.data());
+        if (rows.depth == 8) {
+            std::copy(values.begin(), values.end(), bytes.begin());
+            return;
+        }
+        for (uint16_t& value : values) value = static_cast<uint16_t>(value << 8 | value >> 8);  // upper byte first
+        std::memcpy(bytes.data(), values.data(), rowBytes);
     };
     if (from > 0) readTo(from - 1, above);
     unsigned char* out = filtered.data();

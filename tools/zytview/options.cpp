@@ -49,18 +49,18 @@ Numbers; with these a picture is written only when PNG is given
   --diff OTHER             differences from another dump of the same size and format: DUMP less OTHER; PNG shows
                            them, the largest white and all others at least dark grey
   --tolerance N            differences up to N do not count as differing, but in the largest, mean and PSNR
-  --profile rows|columns   the mean of each row or column less the median of its nearest four of the same colour,
-                           and the outliers: beyond one percent of the mean and five spreads, which are 1.4826 times
-                           the median of the amounts. PNG shows a curve for each channel
+  --profile rows|columns   the mean of each row or column less the median of its nearest four of the same colour, and
+                           the outliers: beyond one percent of the mean and five spreads (a spread is 1.4826 times the
+                           median of the amounts). PNG shows a curve for each channel
   --histogram PNG          histogram of the samples; heights are square roots, clipped samples are red
   --npy FILE               the samples in NumPy's format: height x width, or the planes Y, U and V one by one
   --json                   prints numbers as JSON, one object per line; by default those of --stats
   -h, --help, --version
 
 8-bit YUV becomes an 8-bit PNG, every other format a 16-bit PNG. Raw samples are in the upper bits, so a right
-shift restores them. Exit codes: 0 for success, 1 when writing failed, 2 for an invalid argument or dump; with
---diff 1 for a difference and 2 for any failure. With several dumps an invalid one is reported and the others are
-processed.
+shift restores them. Of several dumps an invalid one is reported, and the others are processed.
+Exit codes: 0 for success, 1 when writing failed, 2 for an invalid argument or dump; with --diff 1 for a difference
+and 2 for any failure.
 )";
 
 constexpr uint32_t kMaxNumber = 999999999;

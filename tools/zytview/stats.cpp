@@ -92,16 +92,16 @@ Statistics Describe(const Counts& counts, uint32_t largestSample) {
         result.largest = value;
         result.samples += counts[value];
         sum += static_cast<double>(counts[value]) * value;
+        if (value == 0) result.clippedLow = counts[value];
         if (value >= largestSample) result.clippedHigh += counts[value];
     }
-    if (result.samples == 0) return result;
-    result.clippedLow = counts[0];
-    result.mean = sum / static_cast<double>(result.samples);
+    const double all = std::max(static_cast<double>(result.samples), 1.0);
+    result.mean = sum / all;
     double squares = 0;
     for (uint32_t value = result.least; value <= result.largest; ++value) {
         squares += static_cast<double>(counts[value]) * (value - result.mean) * (value - result.mean);
     }
-    result.deviation = std::sqrt(squares / static_cast<double>(result.samples));
+    result.deviation = std::sqrt(squares / all);
     return result;
 }
 
