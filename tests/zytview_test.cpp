@@ -324,10 +324,7 @@ TEST_F(ZytView, SaysWhatIsWrongAndLosesNothing) {
     EXPECT_THAT(
         Run(NewDump("a_1x1_Y16.bin", "") + " " + NewDump("a_1x1_Y16.raw", "12") + " " + first + " " + second).output,
         AllOf(HasSubstr("/a_1x1_Y16.png  1x1"), HasSubstr(first + ": expected"), HasSubstr(second + ".png  1x1")));
-    // A user's file with the name of a temporary one stays, and an unfinished PNG leaves no file.
-    const std::string part = NewDump("new.png.part", ReadFile(raw));
-    EXPECT_EQ(Run("--size 2x1 --format raw10 " + part + " " + (m_dir / "new.png")).output, m_dir / "new.png\n");
-    EXPECT_EQ(ReadFile(part), ReadFile(raw));
+    // No temporary file is left.
     for (const auto& entry : std::filesystem::directory_iterator(m_dir.Path())) {
         EXPECT_EQ(entry.path().string().find(".zytview"), std::string::npos) << entry.path();
     }

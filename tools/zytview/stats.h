@@ -1,7 +1,6 @@
 #ifndef ZYTVIEW_STATS_H
 #define ZYTVIEW_STATS_H
 
-#include <optional>
 #include <string>
 #include <valarray>
 #include <vector>
