@@ -162,7 +162,8 @@ std::vector<Profile> MakeProfiles(const Dump& dump, const Rect& part, bool ofCol
         double all = 0;
         double samples = 0;
         for (uint32_t i = 0; i < length; ++i) {
-            const auto sum = static_cast<double>(sums[2 * i]), count = static_cast<double>(sums[2 * i + 1]);
+            const auto sum = static_cast<double>(sums[size_t{2} * i]);
+            const auto count = static_cast<double>(sums[size_t{2} * i + 1]);
             if (count == 0) continue;
             profile.at.push_back(i);
             profile.means.push_back(sum / count);
