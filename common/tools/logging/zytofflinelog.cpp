@@ -165,7 +165,7 @@ void ZYTOfflineLog::PushLogToLogPool(const char* log, ZYTOfflineLogLevel level) 
     if (length < kLongest) line[length++] = '\n';
     std::memset(line + length, 0, sizeof(line) - length);
     m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, SaveLog, owner.get(), sizeof(ZYTOfflineLogParameter)});
-    owner.release();  // the queue's, unless there was no memory for its node
+    static_cast<void>(owner.release());  // the queue's, unless there was no memory for its node
 }
 
 void ZYTOfflineLog::SaveLog(void* data, unsigned int size) {
