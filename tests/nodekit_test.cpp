@@ -76,7 +76,7 @@ void Flush(ZYTThreadPool& pool) {
     using Work = zyt::detail::SharedWork;
     const zyt::Lock lock(pool.m_taskListLock);
     for (const ZYTThreadPoolTask& task : pool.m_taskList) {
-        if (task.func == Work::RunNotice) static_cast<Work::Notice*>(task.data)->work->Release();
+        if (task.func == Work::RunNotice) (*static_cast<Work**>(task.data))->Release(1);
         std::free(task.data);
     }
     pool.m_taskList.clear();

@@ -55,7 +55,7 @@ public:
     /// connection. Throws std::bad_alloc, with nothing left, when there is no memory for the callable.
     template <typename Function>
     explicit Connection(Function function, const char* name = "nodekit")
-        : m_state(std::make_shared<State>(name, std::make_unique<detail::JobOf<Function>>(std::move(function)))) {
+        : m_state(std::make_shared<State>(name, detail::MakeCallable<>(std::move(function)))) {
         if (IsInTask()) {
             ZYT_LOG(E, name, "A connection cannot be made inside a task");
         } else {
@@ -89,7 +89,7 @@ public:
 
 private:
     struct State {
-        State(const char* tag, std::unique_ptr<detail::Job> function) : name(tag), job(std::move(function)) {}
+        State(const char* tag, std::unique_ptr<detail::Callable<>> function) : name(tag), job(std::move(function)) {}
 
         uint64_t Number() const { return reinterpret_cast<uintptr_t>(this); }
         bool Signal() const {
@@ -117,7 +117,7 @@ private:
                     if (state->isClosed) return;
                     const ScopedTrace section(state->name);
                     state->isRunning = true;
-                    state->job->Run();
+                    (*state->job)();
                     state->isRunning = false;
                 }
                 const std::shared_ptr<State> state;
@@ -135,7 +135,7 @@ private:
         }
 
         const char* const name;
-        std::unique_ptr<detail::Job> job;  // run by the signal task only
+        std::unique_ptr<detail::Callable<>> job;  // run by the signal task only
         std::atomic<bool> isConnected{false};
         bool isRunning = false;  // used on the signal task's thread only
         std::mutex mutex;  // serializes connecting and closing; taken before the signal task's lock, never under it

@@ -4,7 +4,9 @@
 /// @file
 /// What the kit's own headers share.
 
+#include <memory>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 namespace zyt::detail {
@@ -25,19 +27,22 @@ bool WithMemory(const Step& step) {
     return true;
 }
 
-/// A callable without arguments, which may be move-only.
-struct Job {
-    virtual ~Job() = default;
-    virtual void Run() = 0;
+/// A callable that may be move-only, unlike that of a std::function.
+template <typename... Arguments>
+struct Callable {
+    virtual ~Callable() = default;
+    virtual void operator()(Arguments... arguments) = 0;
 };
 
-template <typename Function>
-struct JobOf final : Job {
-    template <typename From>
-    explicit JobOf(From&& from) : function(std::forward<From>(from)) {}
-    void Run() override { function(); }
-    Function function;
-};
+template <typename... Arguments, typename Function>
+std::unique_ptr<Callable<Arguments...>> MakeCallable(Function&& function) {
+    struct Holder final : Callable<Arguments...> {
+        explicit Holder(Function&& from) : held(std::forward<Function>(from)) {}
+        void operator()(Arguments... arguments) override { held(arguments...); }
+        std::decay_t<Function> held;
+    };
+    return std::make_unique<Holder>(std::forward<Function>(function));
+}
 
 }  // namespace zyt::detail
 

@@ -34,7 +34,7 @@ inline uint32_t CountRunning(ZYTThreadPool& pool) ZYT_NO_THREAD_SAFETY_ANALYSIS 
 /// A barrier for all workers: once all have reached it, none is still writing a line that was queued earlier.
 class WorkerBarrier final : public SharedWork {
 public:
-    explicit WorkerBarrier(uint32_t workers) : m_missing(workers) {}
+    WorkerBarrier(ZYTThreadPool& pool, uint32_t workers) : SharedWork(pool), m_missing(workers) {}
 
     void RunWhatIsLeft() noexcept override {
         std::unique_lock<std::mutex> lock(m_lock);
@@ -73,17 +73,10 @@ inline bool FlushOfflineLog(std::chrono::milliseconds timeout) {
     timeout = std::max(timeout, std::chrono::milliseconds(100));
     ZYTThreadPool& writers = ZYTOfflineLog::GetInstance().m_threadPool;
     const uint32_t count = detail::CountRunning(writers);
-    auto* barrier = count > 0 ? new (std::nothrow) detail::WorkerBarrier(count) : nullptr;
-    bool isFlushed = false;
-    if (barrier != nullptr) {
-        detail::Notices notices(*barrier, count);
-        // All notices are queued under one lock. If those of two callers mixed, each would hold half of the workers.
-        if (notices.Count() == count) {
-            notices.QueueTo(writers);
-            isFlushed = barrier->Wait(writers, timeout);
-        }
-        detail::Withdraw(writers, *barrier);
-    }
+    const detail::Owned<detail::WorkerBarrier> barrier(
+        count > 0 ? new (std::nothrow) detail::WorkerBarrier(writers, count) : nullptr);
+    // All notices are queued under one lock. If those of two callers mixed, each would hold half of the workers.
+    const bool isFlushed = barrier != nullptr && barrier->Notify(count) && barrier->Wait(writers, timeout);
     if (!isFlushed)
         ZYT_LOG(E, "nodekit", "The offline log was not written out within %lld ms",
                 static_cast<long long>(timeout.count()));

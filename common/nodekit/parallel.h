@@ -49,87 +49,79 @@ namespace zyt {
 namespace detail {
 
 /// Work shared by its creator and the notices queued for it; the last owner deletes it.
-struct SharedWork {
+class SharedWork {
+public:
+    explicit SharedWork(ZYTThreadPool& pool) : m_pool(pool) {}
+
     virtual void RunWhatIsLeft() = 0;
-    void Release() {
-        if (m_owners.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+
+    /// Queues that many notices under one lock. Returns false, with none queued, when memory runs out.
+    bool Notify(uint32_t count) {
+        std::list<ZYTThreadPoolTask> notices;
+        const ZYTThreadPoolTask empty = {ZYT_THREAD_POOL_TASK_NORMAL, RunNotice, nullptr, sizeof(SharedWork*)};
+        bool hasMemory = WithMemory([&] { notices.assign(count, empty); });
+        for (ZYTThreadPoolTask& notice : notices) {
+            notice.data = std::malloc(sizeof(SharedWork*));
+            hasMemory = hasMemory && notice.data != nullptr;
+            if (notice.data != nullptr) *static_cast<SharedWork**>(notice.data) = this;
+        }
+        if (!hasMemory) {
+            for (const ZYTThreadPoolTask& notice : notices) std::free(notice.data);
+            return false;
+        }
+        m_owners.fetch_add(count, std::memory_order_relaxed);
+        {
+            Lock lock(m_pool.m_taskListLock);
+            m_pool.m_taskList.splice(m_pool.m_taskList.end(), notices);
+        }
+        for (uint32_t i = 0; i < count; ++i) m_pool.m_taskCond.notify_one();
+        return true;
     }
 
-    /// Data of the queued task.
-    struct Notice {
-        SharedWork* work;
+    /// Ends the creator's ownership and removes the notices that are still queued.
+    struct Withdraw {
+        void operator()(SharedWork* work) const {
+            uint32_t owners = 1;
+            if (work->m_owners.load(std::memory_order_relaxed) > 1) {
+                Lock lock(work->m_pool.m_taskListLock);
+                work->m_pool.m_taskList.remove_if([&](const ZYTThreadPoolTask& task) {
+                    if (task.func != RunNotice || *static_cast<SharedWork**>(task.data) != work) return false;
+                    std::free(task.data);
+                    ++owners;
+                    return true;
+                });
+            }
+            work->Release(owners);
+        }
     };
-    static void RunNotice(void* data, unsigned int) {
-        SharedWork* work = static_cast<Notice*>(data)->work;
-        work->RunWhatIsLeft();
-        work->Release();
-    }
 
-    std::atomic<uint32_t> m_owners{1};
+    static void RunNotice(void* data, unsigned int) {
+        SharedWork* work = *static_cast<SharedWork**>(data);
+        work->RunWhatIsLeft();
+        work->Release(1);
+    }
+    void Release(uint32_t owners) {
+        if (m_owners.fetch_sub(owners, std::memory_order_acq_rel) == owners) delete this;
+    }
 
 protected:
     virtual ~SharedWork() = default;
-};
-
-/// Notices for work, which are made before they are queued; fewer than `count` when memory runs out.
-class Notices {
-public:
-    Notices(SharedWork& work, uint32_t count) : m_work(work) {
-        while (m_tasks.size() < count && WithMemory([&] { m_tasks.emplace_back(); })) {
-            auto* notice = static_cast<SharedWork::Notice*>(std::malloc(sizeof(SharedWork::Notice)));
-            if (notice == nullptr) {
-                m_tasks.pop_back();
-                return;
-            }
-            notice->work = &work;
-            m_tasks.back() = {ZYT_THREAD_POOL_TASK_NORMAL, SharedWork::RunNotice, notice, sizeof(*notice)};
-        }
-    }
-    ~Notices() {
-        for (const ZYTThreadPoolTask& task : m_tasks) std::free(task.data);
-    }
-    Notices(const Notices&) = delete;
-    Notices& operator=(const Notices&) = delete;
-
-    uint32_t Count() const { return static_cast<uint32_t>(m_tasks.size()); }
-
-    void QueueTo(ZYTThreadPool& pool) {
-        const uint32_t count = Count();
-        m_work.m_owners.fetch_add(count, std::memory_order_relaxed);
-        {
-            Lock lock(pool.m_taskListLock);
-            pool.m_taskList.splice(pool.m_taskList.end(), m_tasks);
-        }
-        for (uint32_t i = 0; i < count; ++i) pool.m_taskCond.notify_one();
-    }
 
 private:
-    SharedWork& m_work;
-    std::list<ZYTThreadPoolTask> m_tasks;
+    ZYTThreadPool& m_pool;
+    std::atomic<uint32_t> m_owners{1};
 };
 
-/// Removes the notices that are still queued and releases the creator's share of the work.
-inline void Withdraw(ZYTThreadPool& pool, SharedWork& work) {
-    if (work.m_owners.load(std::memory_order_relaxed) > 1) {
-        Lock lock(pool.m_taskListLock);
-        for (auto task = pool.m_taskList.begin(); task != pool.m_taskList.end();) {
-            if (task->func != SharedWork::RunNotice || static_cast<SharedWork::Notice*>(task->data)->work != &work) {
-                ++task;
-                continue;
-            }
-            std::free(task->data);
-            task = pool.m_taskList.erase(task);
-            work.Release();
-        }
-    }
-    work.Release();
-}
+/// Work as its creator holds it.
+template <typename Work>
+using Owned = std::unique_ptr<Work, SharedWork::Withdraw>;
 
 /// Bands of rows, which threads claim one after the other.
 template <typename Function>
 class Bands final : public SharedWork {
 public:
-    Bands(uint32_t rows, uint32_t bands, Function& function) : m_rows(rows), m_bands(bands), m_function(function) {}
+    Bands(ZYTThreadPool& pool, uint32_t rows, uint32_t bands, Function& function)
+        : SharedWork(pool), m_rows(rows), m_bands(bands), m_function(function) {}
 
     void RunWhatIsLeft() noexcept override {
         uint32_t done = 0;
@@ -164,22 +156,18 @@ private:
 
 /// Items that wait for a thread, and the number of those in work, at most mostAtATime.
 template <typename Item>
-class Items : public SharedWork {
+class Items final : public SharedWork {
 public:
-    Items(ZYTThreadPool& pool, size_t capacity, uint32_t mostAtATime)
-        : m_pool(pool), m_capacity(capacity), m_mostAtATime(mostAtATime) {}
+    using Process = std::unique_ptr<Callable<Item&>>;
+    Items(ZYTThreadPool& pool, size_t capacity, uint32_t mostAtATime, Process process)
+        : SharedWork(pool), m_capacity(capacity), m_mostAtATime(mostAtATime), m_process(std::move(process)) {}
 
     bool Push(Item& item) {
-        Notices notices(*this, 1);
-        std::list<Item> added;
-        {
-            const std::lock_guard<std::mutex> lock(m_lock);
-            if (m_isClosed || m_waiting.size() >= m_capacity || notices.Count() == 0) return false;
-            if (!WithMemory([&] { added.push_back(std::move(item)); })) return false;
-            m_waiting.splice(m_waiting.end(), added);
-            m_changed.notify_all();
-        }
-        notices.QueueTo(m_pool);
+        const std::lock_guard<std::mutex> lock(m_lock);
+        if (m_isClosed || m_waiting.size() >= m_capacity || !Notify(1)) return false;
+        // When this fails, the notice finds one item less.
+        if (!WithMemory([&] { m_waiting.push_back(std::move(item)); })) return false;
+        m_changed.notify_all();
         return true;
     }
 
@@ -189,8 +177,7 @@ public:
             ProcessFirst(lock);
             if (m_mostAtATime > 1 || m_waiting.empty()) continue;
             // An ordered queue takes turns with the pool's other tasks, so that it cannot keep them waiting.
-            Notices next(*this, 1);
-            if (next.Count() == 1) return next.QueueTo(m_pool);
+            if (Notify(1)) return;
         }
     }
 
@@ -215,43 +202,29 @@ public:
     }
 
 private:
-    virtual void Process(Item& item) noexcept = 0;
-
     // Processes the first item without the lock. The item is destroyed before it counts as done.
-    void ProcessFirst(std::unique_lock<std::mutex>& lock) {
+    void ProcessFirst(std::unique_lock<std::mutex>& lock) noexcept {
         std::list<Item> first;
         first.splice(first.end(), m_waiting, m_waiting.begin());
         ++m_running;
         lock.unlock();
         {
             const ScopedTrace section(m_mostAtATime > 1 ? "zyt::TaskGroup" : "zyt::FrameQueue");
-            Process(first.front());
+            (*m_process)(first.front());
             first.clear();
         }
         lock.lock();
         if (--m_running == 0) m_changed.notify_all();
     }
 
-    ZYTThreadPool& m_pool;
     const size_t m_capacity;
     const uint32_t m_mostAtATime;
+    const Process m_process;
     std::mutex m_lock;
     std::condition_variable m_changed;
     std::list<Item> m_waiting;
     uint32_t m_running = 0;
     bool m_isClosed = false;
-};
-
-template <typename Item, typename Function>
-class ItemsOf final : public Items<Item> {
-public:
-    ItemsOf(ZYTThreadPool& pool, size_t capacity, uint32_t mostAtATime, Function function)
-        : Items<Item>(pool, capacity, mostAtATime), m_function(std::move(function)) {}
-
-private:
-    void Process(Item& item) noexcept override { m_function(item); }
-
-    Function m_function;
 };
 
 /// Returns the number of workers of the pool, or `otherwise` while it is being started or stopped.
@@ -270,13 +243,12 @@ void ParallelRows(ZYTThreadPool& pool, uint32_t rows, Function&& function, uint3
     bands = std::min(rows, std::max(bands, 1u));
     if (bands == 0) return;
     using Work = detail::Bands<std::remove_reference_t<Function>>;
-    Work* work = bands > 1 ? new (std::nothrow) Work(rows, bands, function) : nullptr;
+    const detail::Owned<Work> work(bands > 1 ? new (std::nothrow) Work(pool, rows, bands, function) : nullptr);
     if (work == nullptr) return [&]() noexcept { function(0u, rows); }();
     // More threads than processors, this one included, would only compete with each other.
     const uint32_t others = std::max(std::thread::hardware_concurrency(), 2u) - 1;
-    detail::Notices(*work, std::min({bands - 1, others, detail::CountWorkers(pool, bands)})).QueueTo(pool);
+    work->Notify(std::min({bands - 1, others, detail::CountWorkers(pool, bands)}));
     work->Wait();
-    detail::Withdraw(pool, *work);
 }
 
 /// Callables that run on a pool's workers and can be waited for together. Thread-safe. A callable may add to its own
@@ -285,33 +257,29 @@ class TaskGroup {
 public:
     /// Creates an empty group. Throws std::bad_alloc when there is no memory.
     explicit TaskGroup(ZYTThreadPool& pool)
-        : m_pool(pool), m_jobs(new detail::ItemsOf<Job, void (*)(Job&)>(pool, SIZE_MAX, UINT32_MAX, RunJob)) {}
+        : m_jobs(new detail::Items<Job>(pool, SIZE_MAX, UINT32_MAX, detail::MakeCallable<Job&>(RunJob))) {}
     /// Calls Wait().
-    ~TaskGroup() {
-        Wait();
-        detail::Withdraw(m_pool, *m_jobs);
-    }
-    TaskGroup(const TaskGroup&) = delete;
-    TaskGroup& operator=(const TaskGroup&) = delete;
+    ~TaskGroup() { Wait(); }
 
     /// Queues a callable without arguments, which may be move-only. It is called once; here and now when there is no
     /// memory to queue it.
     template <typename Function>
     void Run(Function&& function) {
-        Job job(new (std::nothrow) detail::JobOf<std::decay_t<Function>>(std::forward<Function>(function)));
-        if (job == nullptr) return [&]() noexcept { function(); }();
-        if (!m_jobs->Push(job)) [&]() noexcept { job->Run(); }();
+        Job job;
+        if (!detail::WithMemory([&] { job = detail::MakeCallable<>(std::forward<Function>(function)); })) {
+            return [&]() noexcept { function(); }();
+        }
+        if (!m_jobs->Push(job)) RunJob(job);
     }
 
     /// Runs the callables that no worker has begun, and returns when all have run and their captures are destroyed.
     void Wait() { m_jobs->Wait(); }
 
 private:
-    using Job = std::unique_ptr<detail::Job>;
-    static void RunJob(Job& job) { job->Run(); }
+    using Job = std::unique_ptr<detail::Callable<>>;
+    static void RunJob(Job& job) noexcept { (*job)(); }
 
-    ZYTThreadPool& m_pool;
-    detail::Items<Job>* const m_jobs;
+    const detail::Owned<detail::Items<Job>> m_jobs;
 };
 
 /// A queue whose items are processed in the order of their arrival, one at a time, on any worker of a pool.
@@ -323,14 +291,9 @@ public:
     /// Item& that it may move from. Throws std::bad_alloc when there is no memory.
     template <typename Function>
     FrameQueue(ZYTThreadPool& pool, Function process, size_t capacity)
-        : m_pool(pool), m_items(new detail::ItemsOf<Item, Function>(pool, capacity, 1, std::move(process))) {}
+        : m_items(new detail::Items<Item>(pool, capacity, 1, detail::MakeCallable<Item&>(std::move(process)))) {}
     /// Calls Close() and destroys what never ran.
-    ~FrameQueue() {
-        Close();
-        detail::Withdraw(m_pool, *m_items);
-    }
-    FrameQueue(const FrameQueue&) = delete;
-    FrameQueue& operator=(const FrameQueue&) = delete;
+    ~FrameQueue() { Close(); }
 
     /// Queues the item. Returns false, without a log line and with the item unchanged, when the queue is full or closed
     /// or when memory runs out.
@@ -340,8 +303,7 @@ public:
     std::list<Item> Close() { return m_items->Close(); }
 
 private:
-    ZYTThreadPool& m_pool;
-    detail::Items<Item>* const m_items;
+    const detail::Owned<detail::Items<Item>> m_items;
 };
 
 }  // namespace zyt
