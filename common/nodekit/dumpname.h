@@ -12,6 +12,7 @@
 ///
 /// The functions are pure: thread-safe, without log lines, and independent of the compiled library.
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <optional>
@@ -37,11 +38,8 @@ struct DumpInfo {
 inline std::optional<ZYTFormat> FindFormat(std::string_view name) {
     const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
     const auto isName = [&](std::string_view other) {
-        if (other.size() != name.size()) return false;
-        for (size_t i = 0; i < name.size(); ++i) {
-            if (lower(name[i]) != lower(other[i])) return false;
-        }
-        return true;
+        return std::equal(other.begin(), other.end(), name.begin(), name.end(),
+                          [&](char a, char b) { return lower(a) == lower(b); });
     };
     for (const FormatLayout& layout : kFormatLayouts) {
         std::string_view brief = layout.name;
@@ -60,11 +58,10 @@ inline bool ParseSize(std::string_view text, uint32_t& width, uint32_t& height) 
     const char* at = text.data();
     const char* const end = at + text.size();
     for (uint32_t& side : sides) {
-        const auto [stop, error] = std::from_chars(at, end, side);
+        if (&side != sides && (at == end || (*at != 'x' && *at != 'X'))) return false;
+        const auto [stop, error] = std::from_chars(&side == sides ? at : at + 1, end, side);
         if (error != std::errc() || side == 0 || side > kMaxDumpSide) return false;
         at = stop;
-        if (&side == sides && (at == end || (*at != 'x' && *at != 'X'))) return false;
-        if (&side == sides) ++at;
     }
     if (at != end) return false;
     width = sides[0];

@@ -40,6 +40,27 @@ namespace detail {
 
 inline uint64_t AlignUp(uint64_t value, uint64_t alignment) { return (value + alignment - 1) / alignment * alignment; }
 
+/// Gives a buffer back to its manager, or to the pool's client that took it.
+struct GiveBack {
+    ZYTBufferManager* manager = nullptr;
+    std::unique_ptr<ZYTBufferPool> client = nullptr;
+    void operator()(void* buffer) const {
+        WithMemory([&] {
+            if (client != nullptr) {
+                client->PutBufferToPool(buffer);
+            } else {
+                manager->FreeBuffer(buffer);
+            }
+        });
+    }
+};
+
+struct Unmap {
+    size_t bytes = 0;
+    void operator()(void* address) const { munmap(address, bytes); }
+};
+using Mapping = std::unique_ptr<void, Unmap>;
+
 inline ZYTImageBuffer WithoutMemory(ZYTImageBuffer image) {
     std::fill(std::begin(image.pAddr), std::end(image.pAddr), nullptr);
     std::fill(std::begin(image.fd), std::end(image.fd), 0);
@@ -145,8 +166,11 @@ public:
 protected:
     ImageRecord() = default;
     ~ImageRecord() = default;
-    ImageRecord(const ImageRecord&) = delete;
-    ImageRecord& operator=(const ImageRecord&) = delete;
+    ImageRecord(ImageRecord&& other) noexcept : m_record(std::exchange(other.m_record, {})) {}
+    ImageRecord& operator=(ImageRecord&& other) noexcept {
+        m_record = std::exchange(other.m_record, {});
+        return *this;
+    }
 
     ZYTImageBuffer m_record{};  ///< The record that callers see.
 };
@@ -184,38 +208,12 @@ public:
     }
 
     /// Takes over the memory of other, which becomes empty.
-    Image(Image&& other) noexcept { *this = std::move(other); }
+    Image(Image&& other) noexcept = default;
     /// Releases its own memory and takes over that of other, which becomes empty.
-    Image& operator=(Image&& other) noexcept {
-        if (this == &other) return *this;
-        Reset();
-        m_record = std::exchange(other.m_record, {});
-        m_manager = std::exchange(other.m_manager, nullptr);
-        m_client = std::move(other.m_client);
-        for (int k = 0; k < 2; ++k) m_buffers[k] = std::exchange(other.m_buffers[k], nullptr);
-        m_mapping = std::exchange(other.m_mapping, nullptr);
-        m_mappedBytes = std::exchange(other.m_mappedBytes, 0);
-        return *this;
-    }
-    ~Image() { Reset(); }
+    Image& operator=(Image&& other) noexcept = default;
 
     /// Releases the memory and makes the image empty.
-    void Reset() {
-        if (m_mapping != nullptr) munmap(m_mapping, m_mappedBytes);
-        for (void* buffer : m_buffers) {
-            if (buffer == nullptr) continue;
-            detail::WithMemory([&] {
-                if (m_client != nullptr) {
-                    m_client->PutBufferToPool(buffer);
-                } else {
-                    m_manager->FreeBuffer(buffer);
-                }
-            });
-        }
-        m_client.reset();
-        m_buffers[0] = m_buffers[1] = m_mapping = nullptr;
-        m_record = {};
-    }
+    void Reset() { *this = Image(); }
 
     /// Returns true unless the image is empty.
     explicit operator bool() const { return m_buffers[0] != nullptr; }
@@ -227,31 +225,30 @@ private:
     const char* TakePlanes(ZYTBufferManager& manager, ZYTBufferType type) {
         if (type != ZYT_BUFFER_TYPE_MALLOC && type != ZYT_BUFFER_TYPE_DMABUF) return "its type is unknown";
         if (const char* reason = detail::WhatIsWrongWithGeometry(m_record)) return reason;
-        m_manager = &manager;
         const uint32_t first = m_record.planeStride * m_record.sliceHeight;
-        if (const char* reason = TakePlane(0, first, type)) return reason;
+        if (const char* reason = TakePlane(manager, 0, first, type)) return reason;
         if (FindFormatLayout(m_record.format)->HasChroma()) {
             if (first == 1) return "its chroma has no bytes";
-            if (const char* reason = TakePlane(1, first / 2, type)) return reason;
+            if (const char* reason = TakePlane(manager, 1, first / 2, type)) return reason;
         }
         return nullptr;
     }
 
     // Planes are taken by size, one at a time: refused buffers all have the address MAP_FAILED, so the pool would
     // confuse them.
-    const char* TakePlane(unsigned int k, unsigned int size, ZYTBufferType type) {
+    const char* TakePlane(ZYTBufferManager& manager, unsigned int k, unsigned int size, ZYTBufferType type) {
         for (int attempt = 0; attempt < 2; ++attempt) {
             void* buffer = nullptr;
-            if (!m_manager->AllocBuffer(size, &buffer, m_record.fd[k], type)) {
+            if (!manager.AllocBuffer(size, &buffer, m_record.fd[k], type)) {
                 return k == 0 ? "there is no memory" : "there is no memory for its chroma";
             }
             if (buffer != MAP_FAILED) {
-                m_buffers[k] = buffer;
+                m_buffers[k] = {buffer, detail::GiveBack{&manager}};
                 m_record.pAddr[k] = static_cast<unsigned char*>(buffer);
                 m_record.numberOfPlanes = k + 1;
                 return nullptr;
             }
-            GiveBackUnmapped(m_record.fd[k]);
+            GiveBackUnmapped(manager, m_record.fd[k]);
             PurgeUnmapped();
         }
         return "the kernel refused to map it";
@@ -259,7 +256,7 @@ private:
 
     // The busy list has one entry for the address MAP_FAILED. When it is not this buffer's, the pool would take back
     // somebody else's buffer: entries of others are set aside until the manager has forgotten the address.
-    void GiveBackUnmapped(int fd) {
+    static void GiveBackUnmapped(ZYTBufferManager& manager, int fd) {
         decltype(Pool::m_busyBufferList)::node_type plain;
         decltype(Pool::m_busyGrallocBufferList)::node_type graphic;
         {
@@ -271,7 +268,7 @@ private:
                 graphic = Pool::m_busyGrallocBufferList.extract(MAP_FAILED);
             }
         }
-        m_manager->FreeBuffer(MAP_FAILED);
+        manager.FreeBuffer(MAP_FAILED);
         Lock lock(Pool::m_busyBufferListLock);
         Pool::m_busyBufferList.insert(std::move(plain));
         Pool::m_busyGrallocBufferList.insert(std::move(graphic));
@@ -285,15 +282,14 @@ private:
         if ((m_record.width + kMostPadding) * m_record.height > std::numeric_limits<uint32_t>::max()) {
             return "its size does not fit 32 bits";
         }
-        m_client.reset(new (std::nothrow) Pool);
-        if (m_client == nullptr) return "there is no memory";
-        m_client->SetClientName(name);
+        auto client = std::make_unique<Pool>();
+        client->SetClientName(name);
         for (int attempt = 0; attempt < 2; ++attempt) {
-            void* buffer = m_client->GetBufferFromPool(m_record.width, m_record.height, m_record.fd[0],
-                                                       &m_record.pNativeHandle, ZYT_BUFFER_TYPE_GRALLOC);
+            void* buffer = client->GetBufferFromPool(m_record.width, m_record.height, m_record.fd[0],
+                                                     &m_record.pNativeHandle, ZYT_BUFFER_TYPE_GRALLOC);
             if (buffer == nullptr) return "gralloc has no memory";
             if (buffer != MAP_FAILED) {
-                m_buffers[0] = buffer;
+                m_buffers[0] = {buffer, detail::GiveBack{nullptr, std::move(client)}};
                 const char* reason = AskGralloc(name);
                 return reason != nullptr ? reason : MapGralloc();
             }
@@ -314,7 +310,7 @@ private:
         android::sp<android::GraphicBuffer> buffer;
         {
             Lock lock(Pool::m_busyBufferListLock);
-            const auto busy = Pool::m_busyGrallocBufferList.find(m_buffers[0]);
+            const auto busy = Pool::m_busyGrallocBufferList.find(m_buffers[0].get());
             if (busy == Pool::m_busyGrallocBufferList.end()) return "somebody else has given it back";
             buffer = busy->second.graphicBuffer;
         }
@@ -334,20 +330,17 @@ private:
     const char* MapGralloc() {
         const int64_t length = detail::DescriptorLength(m_record.fd[0]);
         if (length <= 0) return "its descriptor has no length";
-        m_mappedBytes = static_cast<size_t>(length);
-        char* mapping = m_client->GetAllocator()->MapFDToBufferPointer(m_record.fd[0], m_mappedBytes);
+        const auto bytes = static_cast<size_t>(length);
+        char* mapping = m_buffers[0].get_deleter().client->GetAllocator()->MapFDToBufferPointer(m_record.fd[0], bytes);
         if (mapping == nullptr || mapping == MAP_FAILED) return "the kernel refused to map it";
-        m_mapping = mapping;
+        m_mapping = {mapping, {bytes}};
         m_record.pAddr[0] = reinterpret_cast<unsigned char*>(mapping);
         m_record.numberOfPlanes = 1;
         return WhatIsWrong(m_record);
     }
 
-    ZYTBufferManager* m_manager = nullptr;
-    std::unique_ptr<ZYTBufferPool> m_client;  // for gralloc images only
-    void* m_buffers[2] = {};                  // identify the buffers to the manager or the pool
-    void* m_mapping = nullptr;                // the whole buffer; for gralloc images only
-    size_t m_mappedBytes = 0;
+    std::unique_ptr<void, detail::GiveBack> m_buffers[2];  // identified by the manager's or the pool's addresses
+    detail::Mapping m_mapping;                             // the whole buffer; for gralloc images only
 };
 
 }  // namespace zyt

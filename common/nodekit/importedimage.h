@@ -24,7 +24,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
-#include <utility>
 
 #include "logging/zytlogsite.h"
 #include "nodekit/image.h"
@@ -63,35 +62,17 @@ public:
     }
 
     /// Takes over the mappings of other, which becomes empty.
-    ImportedImage(ImportedImage&& other) noexcept { *this = std::move(other); }
+    ImportedImage(ImportedImage&& other) noexcept = default;
     /// Unmaps its own memory and takes over the mappings of other, which becomes empty.
-    ImportedImage& operator=(ImportedImage&& other) noexcept {
-        if (this == &other) return *this;
-        Reset();
-        m_record = std::exchange(other.m_record, {});
-        for (int k = 0; k < 2; ++k) m_mappings[k] = std::exchange(other.m_mappings[k], {});
-        return *this;
-    }
-    ~ImportedImage() { Reset(); }
+    ImportedImage& operator=(ImportedImage&& other) noexcept = default;
 
     /// Unmaps the memory and makes the image empty.
-    void Reset() {
-        for (Mapping& mapping : m_mappings) {
-            if (mapping.address != nullptr) munmap(mapping.address, mapping.bytes);
-            mapping = {};
-        }
-        m_record = {};
-    }
+    void Reset() { *this = ImportedImage(); }
 
     /// Returns true unless the image is empty.
-    explicit operator bool() const { return m_mappings[0].address != nullptr; }
+    explicit operator bool() const { return m_mappings[0] != nullptr; }
 
 private:
-    struct Mapping {
-        void* address = nullptr;
-        size_t bytes = 0;
-    };
-
     // Returns null on success, otherwise the reason. Reset() then unmaps what was mapped.
     const char* Map(const ImportOptions& options) {
         if (const char* reason = detail::WhatIsWrongWithGeometry(m_record)) return reason;
@@ -104,21 +85,22 @@ private:
             if (fd <= 0) return "a plane has no descriptor";
             const bool isMapped = k == 1 && fd == m_record.fd[0];
             uint64_t offset = options.offsets[k];
-            if (isMapped && offset == 0)
+            if (isMapped && offset == 0) {
                 offset = options.offsets[0] + uint64_t{m_record.planeStride} * m_record.sliceHeight;
+            }
             if (const char* reason = detail::WhatIsWrongWithDescriptor(m_record, k, offset)) return reason;
             if (!isMapped) {
                 const auto bytes = static_cast<size_t>(detail::DescriptorLength(fd));
                 void* address = mmap(nullptr, bytes, protection, MAP_SHARED, fd, 0);
                 if (address == MAP_FAILED) return "the kernel refused to map it";
-                m_mappings[k] = {address, bytes};
+                m_mappings[k] = {address, {bytes}};
             }
-            m_record.pAddr[k] = static_cast<unsigned char*>(m_mappings[isMapped ? 0 : k].address) + offset;
+            m_record.pAddr[k] = static_cast<unsigned char*>(m_mappings[isMapped ? 0 : k].get()) + offset;
         }
         return WhatIsWrong(m_record);
     }
 
-    Mapping m_mappings[2];
+    detail::Mapping m_mappings[2];
 };
 
 }  // namespace zyt

@@ -29,6 +29,7 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -167,11 +168,8 @@ inline PoolState ReadPool() ZYT_NO_THREAD_SAFETY_ANALYSIS {
 /// Writes the state of the pool as text to a descriptor, one line per buffer.
 inline void PrintPool(int fd) {
     const PoolState state = ReadPool();
-    if (state.clients) {
-        dprintf(fd, "pool clients: %u\n", *state.clients);
-    } else {
-        dprintf(fd, "pool clients: unknown, the lock is held\n");
-    }
+    const std::string clients = state.clients ? std::to_string(*state.clients) : "unknown, the lock is held";
+    dprintf(fd, "pool clients: %s\n", clients.c_str());
     detail::PrintBuffers(fd, "in use", state.busy);
     detail::PrintBuffers(fd, "free", state.free);
 }
