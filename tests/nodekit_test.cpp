@@ -52,8 +52,6 @@ int CountErrors(LogCapture& log, const std::string& name) {
     return count;
 }
 
-bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
-
 // Writes all memory that the record describes, chroma included.
 void Fill(Image& image) {
     CpuAccess access(CPU_SYNC_WRITE, "nodekit", image);
@@ -114,64 +112,58 @@ TEST(RawPixels, AreEqualBitByBitInRowsOfAnyLength) {
 }
 
 TEST(DumpName, TellsSizeAndFormat) {
-    using zyt::ParseDumpName;
+    const auto parse = [](const std::string& name) {
+        const zyt::DumpInfo info = zyt::ParseDumpName(name);
+        return zyttest::Text("%ux%u %d", info.width, info.height, info.format ? *info.format : -1);
+    };
     for (int format = 0; format <= ZYT_FORMAT_RAW16; ++format) {
-        const zyt::DumpInfo info =
-            ParseDumpName("/1x1_Y16/" + zyt::DumpName(zyttest::Image(format, 131072, 3000, 0, 0), "640x480 nv21"));
-        EXPECT_EQ(info.format, format);
-        EXPECT_EQ(info.width, 131072u);
-        EXPECT_EQ(info.height, 3000u);
+        EXPECT_EQ(parse("/1x1_Y16/" + zyt::DumpName(zyttest::Image(format, 131072, 3000, 0, 0), "640x480 nv21")),
+                  "131072x3000 " + std::to_string(format));
     }
     EXPECT_EQ(zyt::DumpName(zyttest::Image(0, 131073, 1, 0, 0), "a"), "") << "which no parser reads";
     EXPECT_EQ(zyt::DumpName(zyttest::Image(0, 1, 131073, 0, 0), "a"), "");
-    EXPECT_EQ(ParseDumpName("a-4X3.P010").format, ZYT_FORMAT_YUV_P010);
-    EXPECT_EQ(ParseDumpName("a-4X3.P010").height, 3u);
+    EXPECT_EQ(parse("a-4X3.P010"), "4x3 " + std::to_string(ZYT_FORMAT_YUV_P010));
     for (const char* name : {"", "a", "x", "4x", "x3", "4x3x2", "0x3", "4x0", "+4x3", "4x-3", "131073x1",
                              "99999999999x1", "4x3/a", "rawmipi1", "rawmipi100"}) {
-        EXPECT_EQ(ParseDumpName(name).width, 0u) << name;
-        EXPECT_FALSE(ParseDumpName(name).format) << name;
+        EXPECT_EQ(parse(name), "0x0 -1") << name;
     }
 }
 
 TEST(Describe, RoundsRowsToWholeGroupsAndSlicesToWholeChromaRows) {
-    struct Rounding {
-        ZYTFormat format;
-        uint32_t stride, slice;
+    const auto describe = [](ZYTFormat format, uint32_t strideAlignment = 1, uint32_t sliceAlignment = 1) {
+        const ZYTImageBuffer image = Describe(format, 5, 5, strideAlignment, sliceAlignment);
+        return std::pair(image.planeStride, image.sliceHeight);
     };
-    for (const Rounding& expected : {Rounding{ZYT_FORMAT_RAWMIPI10, 10, 5},
-                                     {ZYT_FORMAT_RAWMIPI12, 9, 5},
-                                     {ZYT_FORMAT_RAWMIPI14, 14, 5},
-                                     {ZYT_FORMAT_YUV_P010, 12, 6},
-                                     {kNv12, 6, 6}}) {
-        EXPECT_EQ(Describe(expected.format, 5, 5).planeStride, expected.stride) << expected.format;
-        EXPECT_EQ(Describe(expected.format, 5, 5).sliceHeight, expected.slice) << expected.format;
-    }
-    EXPECT_EQ(Describe(kNv12, 5, 5, 64, 32).planeStride, 64u);
-    EXPECT_EQ(Describe(kNv12, 5, 5, 64, 32).sliceHeight, 32u);
+    EXPECT_EQ(describe(ZYT_FORMAT_RAWMIPI10), std::pair(10u, 5u));
+    EXPECT_EQ(describe(ZYT_FORMAT_RAWMIPI12), std::pair(9u, 5u));
+    EXPECT_EQ(describe(ZYT_FORMAT_RAWMIPI14), std::pair(14u, 5u));
+    EXPECT_EQ(describe(ZYT_FORMAT_YUV_P010), std::pair(12u, 6u));
+    EXPECT_EQ(describe(kNv12), std::pair(6u, 6u));
+    EXPECT_EQ(describe(kNv12, 64, 32), std::pair(64u, 32u));
 }
 
 TEST(Plane, ViewsSamplesOfAnyImage) {
     alignas(2) unsigned char memory[400];
+    const auto where = [&](const auto& plane) {
+        const auto at = reinterpret_cast<unsigned char*>(plane.data) - memory;
+        return zyttest::Text("%ux%u at %td, then %u", plane.width, plane.height, plane ? at : -1, plane.stride);
+    };
     ZYTImageBuffer image = Describe(ZYT_FORMAT_YUV_P010, 10, 6, 32);
     image.pAddr[image.numberOfPlanes++] = memory;
     EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 1)) << "P010's chroma has an address of its own";
     image.pAddr[image.numberOfPlanes++] = memory + 200;
     const zyt::Plane<uint16_t> chroma = zyt::PlaneOf<uint16_t>(image, 1);
-    EXPECT_EQ(chroma.width, 10u);
-    EXPECT_EQ(chroma.height, 3u);
+    EXPECT_EQ(where(chroma), "10x3 at 200, then 32");
+    EXPECT_EQ(where(chroma.Crop(1, 7, 3, 2)), "3x2 at 246, then 32") << "top, left, width, height";
     EXPECT_EQ(static_cast<void*>(chroma.Row(2)), memory + 264);
     EXPECT_EQ(zyt::PlaneOf<const uint8_t>(image, 0).width, 20u);
-    const zyt::Plane<uint16_t> part = chroma.Crop(1, 7, 3, 2);  // top, left, width, height
-    EXPECT_EQ(static_cast<void*>(part.Row(1)), memory + 278);
-    EXPECT_EQ(part.width, 3u);
-    EXPECT_EQ(part.height, 2u);
     EXPECT_FALSE(chroma.Crop(1, 7, 4, 2));
     EXPECT_FALSE(chroma.Crop(2, 7, 3, 2));
     EXPECT_FALSE(chroma.Crop(0, 0xffffffff, 2, 1));
 
     image.format = kNv12;
     image.numberOfPlanes = 1;
-    EXPECT_EQ(zyt::PlaneOf<uint8_t>(image, 1).data, memory + 192) << "behind the slice height";
+    EXPECT_EQ(where(zyt::PlaneOf<uint8_t>(image, 1)), "10x3 at 192, then 32") << "behind the slice height";
     EXPECT_FALSE(zyt::PlaneOf<uint8_t>(image, 2));
     EXPECT_FALSE(zyt::PlaneOf<uint32_t>(image, 0)) << "10 bytes";
     image.planeStride = 33;
@@ -183,7 +175,7 @@ TEST(Plane, ViewsSamplesOfAnyImage) {
     }
     image = Describe(ZYT_FORMAT_RAWMIPI10, 8, 1);
     image.pAddr[image.numberOfPlanes++] = memory;
-    EXPECT_EQ(zyt::PlaneOf<uint8_t>(image, 0).width, 10u);
+    EXPECT_EQ(where(zyt::PlaneOf<uint8_t>(image, 0)), "10x1 at 0, then 10");
     EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 0));
 }
 
@@ -221,8 +213,7 @@ TEST(Image, HasTheLayoutThatGrallocReports) {
     EXPECT_STREQ(zyt::detail::TakeLayout(nv12, image), nullptr);
     EXPECT_EQ(image.planeStride, 64u);
     EXPECT_EQ(image.sliceHeight, 100u);
-    const android_ycbcr nv21 = {memory, nv12.cr, nv12.cb, 64, 64, 2, {}};
-    EXPECT_STREQ(zyt::detail::TakeLayout(nv21, image), nullptr);
+    EXPECT_STREQ(zyt::detail::TakeLayout({memory, nv12.cr, nv12.cb, 64, 64, 2, {}}, image), nullptr);
     EXPECT_EQ(image.format, ZYT_FORMAT_YUV420NV21);
     const std::pair<android_ycbcr, const char*> refusals[] = {
         {{nullptr, nv12.cb, nv12.cr, 64, 64, 2, {}}, "not report"},
@@ -240,25 +231,22 @@ TEST(Image, HasTheLayoutThatGrallocReports) {
 
 TEST(Image, IsThereOrNothingIsLeftOfIt) {
     LogCapture log;
-    struct Failure {
-        Fault fault;
-        uint64_t times;
-    };
-    for (const Failure failure : {Failure{Fault::kHeapAllocation, 1},
-                                  {Fault::kGraphicBuffer, 1},
-                                  {Fault::kGraphicDescriptor, 1},
-                                  {Fault::kMapping, 1},
-                                  {Fault::kMapping, 2}}) {
+    const std::pair<Fault, uint64_t> failures[] = {{Fault::kHeapAllocation, 1},
+                                                   {Fault::kGraphicBuffer, 1},
+                                                   {Fault::kGraphicDescriptor, 1},
+                                                   {Fault::kMapping, 1},
+                                                   {Fault::kMapping, 2}};
+    for (const auto& [fault, times] : failures) {
         for (const ZYTBufferType type : kTypes) {
-            for (uint64_t n = 1; !hostdevice::FaultPending(failure.fault); ++n) {
-                SCOPED_TRACE(testing::Message() << type << " " << static_cast<int>(failure.fault) << " at " << n);
+            for (uint64_t n = 1; !hostdevice::FaultPending(fault); ++n) {
+                SCOPED_TRACE(testing::Message() << type << " " << static_cast<int>(fault) << " at " << n);
                 ZYTBufferManager manager("Node");
-                hostdevice::FailNth(failure.fault, n, failure.times);
+                hostdevice::FailNth(fault, n, times);
                 log.Take();
                 Image image(manager, Describe(kNv12, 64, 64), type, "Mine");
                 EXPECT_EQ(CountErrors(log, "Mine"), image ? 0 : 1);
-                const bool isTriedAgain = failure.fault == Fault::kMapping && failure.times == 1;
-                EXPECT_EQ(static_cast<bool>(image), isTriedAgain || hostdevice::FaultPending(failure.fault));
+                const bool isTriedAgain = fault == Fault::kMapping && times == 1;
+                EXPECT_EQ(bool{image}, isTriedAgain || hostdevice::FaultPending(fault));
                 image.Reset();
                 EXPECT_TRUE(zyt::ReadPool().busy->empty());
                 zyt::TrimPool(0);
@@ -280,7 +268,7 @@ TEST(Image, LeavesUnmappedBuffersOfOthersAlone) {
         for (const ZYTBufferType wanted : {ZYT_BUFFER_TYPE_DMABUF, ZYT_BUFFER_TYPE_GRALLOC}) {
             hostdevice::FailNth(Fault::kMapping, 1);
             EXPECT_TRUE(Image(manager, Describe(kNv12, 64, 64), wanted));
-            EXPECT_TRUE(IsOpen(dead.fd[0]));
+            EXPECT_NE(fcntl(dead.fd[0], F_GETFD), -1) << "still open";
             EXPECT_EQ(zyt::ReadPool().busy->size(), 1u);
         }
         other.FreeBuffer(dead);
@@ -298,12 +286,7 @@ TEST(Image, SaysWhatIsWrong) {
     ZYTImageBuffer narrow = Describe(kNv12, 64, 64), low = narrow, tiny = Describe(kNv12, 1, 1);
     narrow.planeStride = low.sliceHeight = 63;
     tiny.planeStride = tiny.sliceHeight = 1;
-    struct Refused {
-        ZYTImageBuffer description;
-        int type;
-        const char* reason;
-    };
-    const Refused refusals[] = {
+    const std::tuple<ZYTImageBuffer, int, const char*> refusals[] = {
         {Describe(static_cast<ZYTFormat>(11), 64, 64), 0, "format is unknown"},
         {Describe(kNv12, 64, 0), 0, "no pixels"},
         {Describe(kNv12, 0, 64), 2, "no pixels"},
@@ -320,19 +303,19 @@ TEST(Image, SaysWhatIsWrong) {
         EXPECT_FALSE(Image(manager, description, static_cast<ZYTBufferType>(type)));
         EXPECT_THAT(log.Take().back(), HasSubstr(reason));
     }
-    Image image(manager, Describe(ZYT_FORMAT_YUV_P010, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
+    const Image image(manager, Describe(ZYT_FORMAT_YUV_P010, 64, 64), ZYT_BUFFER_TYPE_DMABUF);
+    ZYTImageBuffer unmapped = *image, bare = *image, single = *image, many = *image, tall = *image;
+    unmapped.pAddr[1] = static_cast<unsigned char*>(MAP_FAILED);
+    bare.pAddr[1] = nullptr;
+    single.numberOfPlanes = 1;
+    many.numberOfPlanes = 5;
+    tall.height = tall.sliceHeight = 640;
     EXPECT_STREQ(zyt::WhatIsWrong(*image), nullptr);
-    image->pAddr[1] = static_cast<unsigned char*>(MAP_FAILED);
-    EXPECT_STREQ(zyt::WhatIsWrong(*image), "the kernel refused to map it");
-    image->pAddr[1] = nullptr;
-    EXPECT_STREQ(zyt::WhatIsWrong(*image), "it has no chroma");
-    image->numberOfPlanes = 1;
-    EXPECT_STREQ(zyt::WhatIsWrong(*image), "it has no chroma");
-    image->numberOfPlanes = 5;
-    EXPECT_STREQ(zyt::WhatIsWrong(*image), "it has more than 4 planes");
-    image->numberOfPlanes = 2;
-    image->height = image->sliceHeight = 640;
-    EXPECT_STREQ(zyt::WhatIsWrong(*image), "a descriptor is smaller than its plane");
+    EXPECT_STREQ(zyt::WhatIsWrong(unmapped), "the kernel refused to map it");
+    EXPECT_STREQ(zyt::WhatIsWrong(bare), "it has no chroma");
+    EXPECT_STREQ(zyt::WhatIsWrong(single), "it has no chroma");
+    EXPECT_STREQ(zyt::WhatIsWrong(many), "it has more than 4 planes");
+    EXPECT_STREQ(zyt::WhatIsWrong(tall), "a descriptor is smaller than its plane");
     EXPECT_STREQ(zyt::WhatIsWrong(Describe(kNv12, 64, 64)), "it has no memory");
 }
 
