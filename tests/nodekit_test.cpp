@@ -451,32 +451,50 @@ TEST(DumpFile, ComesBackAsItWasOrIsRefused) {
 }
 
 TEST(Parallel, LosesNothingWhateverHappensToThePool) {
-    using Event = void (*)(ZYTThreadPool&);
-    for (const Event event :
-         {Event([](ZYTThreadPool&) {}), Event(Flush), Event([](ZYTThreadPool& pool) { pool.DeInit(false); })}) {
-        for (const uint32_t rows : {0u, 1u, 7u, 3001u}) {
-            ZYTThreadPool pool;
-            ASSERT_TRUE(pool.Init(3));
-            std::vector<std::atomic<int>> calls(rows);
-            std::atomic<int> sum{0};
-            {
-                zyt::TaskGroup group(pool);
-                for (int i = 0; i < 20; ++i) {
-                    group.Run([&, i = std::make_unique<int>(i)] {
-                        sum += *i;
-                        if (*i == 5) group.Run([&] { sum += 1000; });  // a task adds to its own group
-                    });
-                }
-                std::thread meanwhile([&] { event(pool); });
-                zyt::ParallelRows(pool, rows, [&](uint32_t from, uint32_t to) {
-                    for (uint32_t y = from; y < to; ++y) ++calls[y];
-                    zyt::ParallelRows(pool, 2, [&](uint32_t, uint32_t) { ++sum; });
+    constexpr uint32_t kRows[] = {0, 1, 7, 3001};
+    for (uint32_t round = 0; round < 60; ++round) {
+        const uint32_t event = round % 3, rows = kRows[round / 3 % 4];
+        ZYTThreadPool pool;
+        ASSERT_TRUE(pool.Init(3));
+        std::vector<std::atomic<int>> calls(rows);
+        std::atomic<int> sum{0};
+        std::vector<int> done, pushed;  // without a lock: one frame at a time
+        std::atomic<size_t> count{0};
+        auto process = [&, own = std::make_unique<int>()](std::unique_ptr<int>& frame) {
+            done.push_back(*frame);
+            std::this_thread::yield();
+            ++count;
+        };
+        zyt::FrameQueue<std::unique_ptr<int>> queue(pool, std::move(process), 4);
+        {
+            zyt::TaskGroup group(pool);
+            for (int i = 0; i < 20; ++i) {
+                group.Run([&, i = std::make_unique<int>(i)] {
+                    sum += *i;
+                    if (*i == 5) group.Run([&] { sum += 1000; });  // a task adds to its own group
                 });
-                meanwhile.join();
             }
-            for (const std::atomic<int>& count : calls) ASSERT_EQ(count, 1);
-            EXPECT_EQ(sum, 190 + 1000 + 2 * static_cast<int>(std::min(rows, 8u)));
+            std::thread meanwhile([&] {
+                if (event == 1) Flush(pool);
+                if (event == 2) pool.DeInit(false);
+            });
+            zyt::ParallelRows(pool, rows, [&](uint32_t from, uint32_t to) {
+                for (uint32_t y = from; y < to; ++y) ++calls[y];
+                zyt::ParallelRows(pool, 2, [&](uint32_t, uint32_t) { ++sum; });
+            });
+            for (int i = 0; i < 200; ++i) {
+                auto frame = std::make_unique<int>(i);
+                const bool isPushed = queue.Push(std::move(frame));
+                EXPECT_EQ(frame == nullptr, isPushed) << "a refused one stays";  // NOLINT(bugprone-use-after-move)
+                if (isPushed) pushed.push_back(i);
+            }
+            meanwhile.join();
         }
+        for (const std::atomic<int>& number : calls) ASSERT_EQ(number, 1);
+        EXPECT_EQ(sum, 190 + 1000 + 2 * static_cast<int>(std::min(rows, 8u)));
+        EXPECT_TRUE(event != 0 || zyttest::WaitUntil([&] { return count == pushed.size(); }));
+        for (const std::unique_ptr<int>& frame : queue.Close()) done.push_back(*frame);
+        EXPECT_EQ(done, pushed);
     }
 }
 
@@ -492,38 +510,6 @@ TEST(Parallel, WaitsForTheLastBand) {
         ++done;
     });
     EXPECT_EQ(done, 2);
-}
-
-TEST(FrameQueue, KeepsOrderAndLosesNothingWhateverHappensToThePool) {
-    for (int round = 0; round < 50; ++round) {
-        ZYTThreadPool pool;
-        ASSERT_TRUE(pool.Init(3));
-        std::vector<int> done, pushed;  // without a lock: one item at a time
-        std::atomic<size_t> count{0};
-        auto process = [&, own = std::make_unique<int>()](std::unique_ptr<int>& frame) {
-            done.push_back(*frame);
-            std::this_thread::yield();
-            ++count;
-        };
-        zyt::FrameQueue<std::unique_ptr<int>> queue(pool, std::move(process), 4);
-        std::thread meanwhile([&] {
-            if (round % 3 == 0) Flush(pool);
-            if (round % 3 == 1) pool.DeInit(false);
-        });
-        for (int i = 0; i < 200; ++i) {
-            auto frame = std::make_unique<int>(i);
-            const bool isPushed = queue.Push(std::move(frame));
-            EXPECT_EQ(frame == nullptr, isPushed) << "a refused one stays";  // NOLINT(bugprone-use-after-move)
-            if (isPushed) pushed.push_back(i);
-        }
-        meanwhile.join();
-        if (round % 3 == 2) {
-            EXPECT_TRUE(zyttest::WaitUntil([&] { return count == pushed.size(); }));
-        }
-        for (const std::unique_ptr<int>& frame : queue.Close()) done.push_back(*frame);
-        EXPECT_EQ(done, pushed);
-        EXPECT_FALSE(queue.Push(std::make_unique<int>(1)));
-    }
 }
 
 TEST(FrameQueue, WaitsForTheFrameInWorkAndHandsBackTheOthers) {
@@ -614,17 +600,14 @@ TEST(Memory, OfTheKitsOwnIsNotNeededToLoseNothing) {
     hostdevice::SetLogSink([&](int, const char*, const char*) { ++errors; });
     ZYTThreadPool pool;
     ASSERT_TRUE(pool.Init(2));
-    int expected = 0;
-    WithEachNewFailing([&] {
-        zyt::ParallelRows(pool, 8, [&](uint32_t from, uint32_t to) { done += static_cast<int>(to - from); });
-        EXPECT_EQ(done, expected += 8);
-    });
     zyt::TaskGroup group(pool);
     zyt::FrameQueue<int> queue(
         pool, [&](int item) { done += item; }, 1);
+    int expected = 0;
     WithEachNewFailing([&] {
+        zyt::ParallelRows(pool, 8, [&](uint32_t from, uint32_t to) { done += static_cast<int>(to - from); });
         group.Run([&] { ++done; });
-        expected += 1 + queue.Push(1);
+        expected += 9 + queue.Push(1);
         while (done != expected) std::this_thread::yield();
     });
     ZYTBufferManager manager("Node");
@@ -693,8 +676,12 @@ TEST(FlushOfflineLog, ReturnsWhenAllIsWritten) {
     EXPECT_TRUE(zyt::FlushOfflineLog(std::chrono::milliseconds(0))) << "an idle log";
     // One worker is blocked: the others are released, and the next flush succeeds.
     static std::mutex held;
+    static std::atomic<int> blocked{0};
     std::unique_lock<std::mutex> lock(held);
-    const auto wait = [](void*, unsigned int) { const std::lock_guard<std::mutex> guard(held); };
+    const auto wait = [](void*, unsigned int) {
+        ++blocked;
+        const std::lock_guard<std::mutex> guard(held);
+    };
     log.m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, wait, nullptr, 0});
     EXPECT_FALSE(zyt::FlushOfflineLog(std::chrono::milliseconds::min()));
     lock.unlock();
@@ -703,15 +690,12 @@ TEST(FlushOfflineLog, ReturnsWhenAllIsWritten) {
     // The workers are stopped while a flush waits for them.
     lock.lock();
     log.m_threadPool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, wait, nullptr, 0});
-    const auto hasQueued = [&](size_t count) {
-        return zyttest::WaitUntil([&] {
-            const zyt::Lock guard(log.m_threadPool.m_taskListLock);
-            return log.m_threadPool.m_taskList.size() == count;
-        });
-    };
-    EXPECT_TRUE(hasQueued(0));
+    EXPECT_TRUE(zyttest::WaitUntil([] { return blocked == 2; }));
     auto flush = std::async(std::launch::async, zyt::FlushOfflineLog, std::chrono::hours(1));
-    EXPECT_TRUE(hasQueued(1)) << "all other workers wait";
+    EXPECT_TRUE(zyttest::WaitUntil([&] {
+        const zyt::Lock guard(log.m_threadPool.m_taskListLock);
+        return log.m_threadPool.m_taskList.size() == 1;
+    })) << "all other workers wait";
     std::thread stopper([&] { log.m_threadPool.DeInit(false); });
     EXPECT_FALSE(flush.get());
     EXPECT_FALSE(zyt::FlushOfflineLog(std::chrono::hours(1)));
