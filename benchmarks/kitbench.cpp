@@ -140,12 +140,14 @@ void RowsPeer(benchmark::State& state) {
 }
 
 constexpr size_t kRowBytes = size_t{kWidth} * 10 / 8;
+constexpr size_t kPackedBytes = kRowBytes * kHeight;
+constexpr size_t kSampleBytes = size_t{kWidth} * kHeight * 2;
 
 // A raw image and its samples, on separate pages and written once before the measurement.
 struct Raw {
-    unsigned char* rows = Fresh(kRowBytes * kHeight);
-    unsigned char* samples = Fresh(size_t{kWidth} * kHeight * 2);
-    unsigned char* other = Fresh(size_t{kWidth} * kHeight * 2);
+    unsigned char* rows = Fresh(kPackedBytes);
+    unsigned char* samples = Fresh(kSampleBytes);
+    unsigned char* other = Fresh(kSampleBytes);
 
     static unsigned char* Fresh(size_t size) {
         auto* memory = static_cast<unsigned char*>(std::aligned_alloc(4096, (size + 4095) / 4096 * 4096));
@@ -160,37 +162,29 @@ Raw& TheRaw() {
     return raw;
 }
 
-void Unpack(benchmark::State& state) {
-    Raw& raw = TheRaw();
-    for (auto _ : state) {
-        for (uint32_t y = 0; y < kHeight; ++y) {
-            zyt::UnpackRow(ZYT_FORMAT_RAWMIPI10, raw.rows + y * kRowBytes, kWidth, raw.Samples(y));
-        }
-        benchmark::ClobberMemory();
-    }
+void UnpackRow(Raw& raw, uint32_t y) {
+    zyt::UnpackRow(ZYT_FORMAT_RAWMIPI10, raw.rows + y * kRowBytes, kWidth, raw.Samples(y));
 }
 
-void Pack(benchmark::State& state) {
+void PackRow(Raw& raw, uint32_t y) {
+    zyt::PackRow(ZYT_FORMAT_RAWMIPI10, raw.Samples(y), kWidth, raw.rows + y * kRowBytes);
+}
+
+template <void (*kConvertRow)(Raw&, uint32_t)>
+void Convert(benchmark::State& state) {
     Raw& raw = TheRaw();
     for (auto _ : state) {
-        for (uint32_t y = 0; y < kHeight; ++y) {
-            zyt::PackRow(ZYT_FORMAT_RAWMIPI10, raw.Samples(y), kWidth, raw.rows + y * kRowBytes);
-        }
+        for (uint32_t y = 0; y < kHeight; ++y) kConvertRow(raw, y);
         benchmark::ClobberMemory();
     }
 }
 
 // Writes as many bytes as the subject.
-void UnpackPeer(benchmark::State& state) {
+template <size_t kBytes>
+void Copy(benchmark::State& state) {
+    Raw& raw = TheRaw();
     for (auto _ : state) {
-        std::memcpy(TheRaw().samples, TheRaw().other, size_t{kWidth} * kHeight * 2);
-        benchmark::ClobberMemory();
-    }
-}
-
-void PackPeer(benchmark::State& state) {
-    for (auto _ : state) {
-        std::memcpy(TheRaw().rows, TheRaw().other, kRowBytes * kHeight);
+        std::memcpy(raw.samples, raw.other, kBytes);
         benchmark::ClobberMemory();
     }
 }
@@ -205,9 +199,9 @@ BENCHMARK(Access)->Name("kit_access/ours");
 BENCHMARK(AccessPeer)->Name("kit_access/peer");
 BENCHMARK(Rows)->Name("kit_rows/ours")->UseRealTime();
 BENCHMARK(RowsPeer)->Name("kit_rows/peer")->UseRealTime();
-BENCHMARK(Unpack)->Name("kit_unpack/ours")->UseRealTime();
-BENCHMARK(UnpackPeer)->Name("kit_unpack/peer")->UseRealTime();
-BENCHMARK(Pack)->Name("kit_pack/ours")->UseRealTime();
-BENCHMARK(PackPeer)->Name("kit_pack/peer")->UseRealTime();
+BENCHMARK_TEMPLATE(Convert, UnpackRow)->Name("kit_unpack/ours")->UseRealTime();
+BENCHMARK_TEMPLATE(Copy, kSampleBytes)->Name("kit_unpack/peer")->UseRealTime();
+BENCHMARK_TEMPLATE(Convert, PackRow)->Name("kit_pack/ours")->UseRealTime();
+BENCHMARK_TEMPLATE(Copy, kPackedBytes)->Name("kit_pack/peer")->UseRealTime();
 
 }  // namespace

@@ -5,16 +5,11 @@
 /// A callable that runs on the signal task's thread each time it is raised.
 ///
 /// @code
-/// class MyNode {
-///     std::atomic<int> m_newest{0};
-///     zyt::Connection m_onFrame{[this] { Process(m_newest); }};  // declared last, so destroyed first
+/// std::atomic<int> m_newest{0};
+/// zyt::Connection m_onFrame{[this] { Process(m_newest); }};  // the last member, so destroyed first
 ///
-/// public:
-///     void OnFrame(int frame) {
-///         m_newest = frame;
-///         m_onFrame.Raise();                                     // on any thread, also inside a task
-///     }
-/// };
+/// m_newest = frame;
+/// m_onFrame.Raise();                                         // on any thread, also inside a task
 /// @endcode
 
 #include <pthread.h>
@@ -33,12 +28,10 @@
 
 namespace zyt {
 
-/// Keeps a callable connected to the signal task under a number that is unique in the process, and reconnects it after
-/// each run.
-///
-/// Raises while one is pending are merged; a raise during a run leads to one more run. The tasks of all nodes run one
-/// after the other, so the callable should be short or hand its work to a thread pool. An exception that leaves it ends
-/// the process.
+/// Keeps a callable connected to the signal task under a number of its own, and reconnects it after each run. Raises
+/// while one is pending are merged; a raise during a run leads to one more run. The tasks of all nodes run one after
+/// the other, so the callable should be short or hand its work to a thread pool. An exception that leaves it ends the
+/// process.
 ///
 /// Inside a task of the signal task no connection can be made: it is refused with an error in both logs, and Raise()
 /// returns false. A connection that is destroyed there does not wait: a run in progress ends, no other begins, and the

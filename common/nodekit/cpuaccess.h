@@ -5,15 +5,10 @@
 /// Scoped CPU access to images that are shared with devices.
 ///
 /// @code
-/// {
-///     zyt::CpuAccess access(CPU_SYNC_READ, "MyNode", burst, reference);  // a vector of images, and an image
-///     if (!access) return false;                                         // refused; no access stays open
-///     Measure(burst, *reference);
-/// }                                                                      // closed here
-///
-/// zyt::CpuAccess access(CPU_SYNC_WRITE, "MyNode", shown);
-/// Draw(*shown);
-/// return access.Close();                                                 // reports whether closing succeeded
+/// zyt::CpuAccess access(CPU_SYNC_READ_WRITE, "MyNode", burst, shown);  // a vector of images, and an image
+/// if (!access) return false;                                           // refused; no access stays open
+/// Merge(burst, *shown);
+/// return access.Close();                                               // or without, at the end of the scope
 /// @endcode
 
 #include <BufferAllocator/BufferAllocator.h>
@@ -68,8 +63,8 @@ public:
     CpuAccess() = default;
 
     /// Opens the access to images, records, and ranges of them. When an image is empty, the platform refuses a
-    /// descriptor or memory runs out, closes what is already open and logs an error to both logs. `name` tags the log
-    /// lines and must outlive the access.
+    /// descriptor or memory runs out, closes what is already open and logs an error. `name` tags the log lines and must
+    /// outlive the access.
     template <typename... Images>
     CpuAccess(CPUSyncType type, const char* name, const Images&... images) : CpuAccess() {
         m_direction = type == CPU_SYNC_READ ? kSyncRead : type == CPU_SYNC_WRITE ? kSyncWrite : kSyncReadWrite;
@@ -108,23 +103,22 @@ private:
     int32_t Cookie() const { return static_cast<int32_t>(reinterpret_cast<uintptr_t>(m_descriptors.data()) >> 4); }
 
     bool Open(const ZYTImageBuffer& image) {
-        const char* reason = image.numberOfPlanes == 0 ? "an image is empty" : nullptr;
-        for (uint32_t k = 0; k < image.numberOfPlanes && k < 4 && reason == nullptr; ++k) {
+        const bool isEmpty = image.numberOfPlanes == 0;
+        bool isOpen = !isEmpty;
+        for (uint32_t k = 0; k < image.numberOfPlanes && k < 4 && isOpen; ++k) {
             const int fd = image.fd[k];
             if (fd == 0 || std::find(m_descriptors.begin(), m_descriptors.end(), fd) != m_descriptors.end()) continue;
-            bool isOpen = false;
+            isOpen = false;
             detail::WithMemory([&] {
                 m_descriptors.reserve(m_descriptors.size() + 1);
                 isOpen = detail::PlatformAllocator().CpuSyncStart(static_cast<unsigned int>(fd), m_direction) == 0;
             });
-            if (isOpen) {
-                m_descriptors.push_back(fd);
-            } else {
-                reason = "the platform refuses it, or there is no memory";
-            }
+            if (isOpen) m_descriptors.push_back(fd);
         }
-        if (reason != nullptr) ZYT_LOG(E, m_name, "No CPU access, direction %d: %s", m_direction, reason);
-        return reason == nullptr;
+        if (isOpen) return true;
+        ZYT_LOG(E, m_name, "No CPU access, direction %d: %s", m_direction,
+                isEmpty ? "an image is empty" : "the platform refuses it, or there is no memory");
+        return false;
     }
 
     void CloseAll() {

@@ -40,17 +40,14 @@ struct ImportOptions {
 };
 
 /// Maps the descriptors of an image, each as a whole, and checks that they are large enough. Move-only. Empty after any
-/// failure, which is logged as an error to both logs.
-///
-/// The description gives the geometry, the number of planes and their descriptors; its addresses are ignored.
-///
-/// REQUIRES: the descriptors outlive this object, which never closes them. Not thread-safe.
+/// failure, which is logged as an error to both logs. REQUIRES: the descriptors outlive this object, which never closes
+/// them. Not thread-safe.
 class ImportedImage : public ImageRecord {
 public:
     /// Creates an empty image.
     ImportedImage() = default;
 
-    /// Maps what the record describes. `name` tags the log line.
+    /// Maps what the record describes; its addresses are ignored. `name` tags the log line.
     explicit ImportedImage(const ZYTImageBuffer& description, const char* name = "nodekit",
                            const ImportOptions& options = {}) {
         m_record = description;

@@ -12,7 +12,6 @@
 ///
 /// zyt::TaskGroup group(m_workers);
 /// group.Run([&] { FindFaces(*preview); });
-/// group.Run([&] { Measure(*frame); });
 /// group.Wait();                                    // the destructor waits too
 ///
 /// zyt::FrameQueue<Frame> m_frames{m_workers, [this](Frame& frame) { Process(frame); }, 8};
@@ -251,8 +250,7 @@ void ParallelRows(ZYTThreadPool& pool, uint32_t rows, Function&& function, uint3
     work->Wait();
 }
 
-/// Callables that run on a pool's workers and can be waited for together. Thread-safe. A callable may add to its own
-/// group, but must not wait for it.
+/// Callables that run on a pool's workers and can be waited for together. Thread-safe. A callable may add to its group.
 class TaskGroup {
 public:
     /// Creates an empty group. Throws std::bad_alloc when there is no memory.

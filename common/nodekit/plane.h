@@ -76,18 +76,13 @@ struct Plane {
     explicit operator bool() const { return data != nullptr; }
 
     /// Returns the first sample of row y. REQUIRES: y < height.
-    Sample* Row(uint32_t y) const {
-        constexpr size_t kBytes = sizeof(Sample);
-        return data + size_t{y} * (stride / kBytes);
-    }
+    Sample* Row(uint32_t y) const { return data + size_t{y} * (stride / sizeof(Sample)); }
 
     /// Returns the view of a rectangle, given in samples and rows and in the order of ZYTRect. Empty when the rectangle
     /// is empty or exceeds this view.
     Plane Crop(uint32_t top, uint32_t left, uint32_t cropWidth, uint32_t cropHeight) const {
-        if (cropWidth == 0 || cropHeight == 0 || uint64_t{left} + cropWidth > width ||
-            uint64_t{top} + cropHeight > height) {
-            return {};
-        }
+        const bool isInside = uint64_t{left} + cropWidth <= width && uint64_t{top} + cropHeight <= height;
+        if (!isInside || cropWidth == 0 || cropHeight == 0) return {};
         return {Row(top) + left, cropWidth, cropHeight, stride};
     }
 };

@@ -5,14 +5,8 @@
 /// Reads, prints and trims the process's buffer pool, for example in a service's dump.
 ///
 /// @code
-/// status_t MyService::dump(int fd, const Vector<String16>&) {
-///     zyt::PrintPool(fd);                      // buffers in use, free buffers and their memory
-///     return OK;
-/// }
-///
-/// void MyService::onTrimMemory() {
-///     zyt::TrimPool(1);                        // keep one free buffer of each size
-/// }
+/// zyt::PrintPool(fd);  // buffers in use, free buffers and their memory
+/// zyt::TrimPool(1);    // keep one free buffer of each size
 /// @endcode
 ///
 /// Reading waits about 20 ms for a lock and then reports it as held, so a dump also works in a deadlocked process.

@@ -11,8 +11,6 @@
 ///     for (uint16_t& sample : samples) sample = sample > 64 ? sample - 64 : 0;
 ///     zyt::PackRow(frame, y, samples.data());
 /// }
-/// // A row in any other memory:
-/// zyt::UnpackRow(ZYT_FORMAT_RAWMIPI12, bytes, 4000, samples.data());
 /// @endcode
 ///
 /// All eleven formats are supported; a row may be of the luma or the chroma plane. Samples have the range of the
@@ -33,7 +31,6 @@
 
 namespace zyt {
 
-/// Implementation of the row functions, not part of the interface.
 namespace detail {
 
 using Bytes = uint8_t __attribute__((vector_size(16)));

@@ -12,12 +12,11 @@
 /// }
 /// @endcode
 
-// The platform's header gives ATRACE_TAG a value when it has none. Whoever includes this header still chooses.
 #if defined(ATRACE_TAG)
 #include <cutils/trace.h>
 #else
 #include <cutils/trace.h>
-#undef ATRACE_TAG
+#undef ATRACE_TAG  // the platform's header gives it a value; whoever includes this one still chooses
 #endif
 
 namespace zyt {
