@@ -148,7 +148,7 @@ TEST(Plane, ViewsSamplesOfAnyImage) {
         const auto at = reinterpret_cast<unsigned char*>(plane.data) - memory;
         return zyttest::Text("%ux%u at %td, then %u", plane.width, plane.height, plane ? at : -1, plane.stride);
     };
-    ZYTImageBuffer image = Describe(ZYT_FORMAT_YUV_P010, 10, 6, 32);
+    ZYTImageBuffer image = Describe(ZYT_FORMAT_YUV_P010, 10, 6, 32, 8);
     image.pAddr[image.numberOfPlanes++] = memory;
     EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 1)) << "P010's chroma has an address of its own";
     image.pAddr[image.numberOfPlanes++] = memory + 200;
@@ -163,7 +163,7 @@ TEST(Plane, ViewsSamplesOfAnyImage) {
 
     image.format = kNv12;
     image.numberOfPlanes = 1;
-    EXPECT_EQ(where(zyt::PlaneOf<uint8_t>(image, 1)), "10x3 at 192, then 32") << "behind the slice height";
+    EXPECT_EQ(where(zyt::PlaneOf<uint8_t>(image, 1)), "10x3 at 256, then 32") << "behind the slice height";
     EXPECT_FALSE(zyt::PlaneOf<uint8_t>(image, 2));
     EXPECT_FALSE(zyt::PlaneOf<uint32_t>(image, 0)) << "10 bytes";
     image.planeStride = 33;
@@ -376,6 +376,7 @@ TEST(ImportedImage, FindsEachPlaneAtItsDescriptorAndOffsetAndClosesNothing) {
         {2, {fd, duplicate}, {}, 1, 1},
         {2, {fd, duplicate}, {{0, 4096}}, 1, 33},
         {2, {fd, fd}, {{128, 6144}}, 2, 49},
+        {2, {fd, fd}, {{128, 0}}, 2, 34},
         {1, {fd, 0}, {{128, 0}}, 2, 34},
         {1, {readOnly, 0}, {{}, CPU_SYNC_READ}, 1, 33},
         {1, {readOnly, 0}, {}, 0, 0},
