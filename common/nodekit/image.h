@@ -166,7 +166,9 @@ public:
 protected:
     ImageRecord() = default;
     ~ImageRecord() = default;
+    /// Takes over the record of other, which becomes all zeros.
     ImageRecord(ImageRecord&& other) noexcept : m_record(std::exchange(other.m_record, {})) {}
+    /// Takes over the record of other, which becomes all zeros.
     ImageRecord& operator=(ImageRecord&& other) noexcept {
         m_record = std::exchange(other.m_record, {});
         return *this;
