@@ -1,6 +1,4 @@
 // Fuzz target for one of the suite's rules, selected by ZYT_RULE.
-#include <fuzzer/FuzzedDataProvider.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -13,7 +11,7 @@ extern "C" __attribute__((used)) const char* __asan_default_options() {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
-    FuzzedDataProvider data(bytes, size);
+    zytrule::Choices data(bytes, size);
     // In the current directory, which fuzz.sh makes temporary.
     static const bool isMade = std::filesystem::create_directory("fuzz.tmp");
     static_cast<void>(isMade);

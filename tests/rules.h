@@ -21,6 +21,10 @@
 #include "utilities/zytutil.h"
 #include "zytbuffermanager/zytbufferutil.h"
 
+#ifdef ZYT_RULE
+#include <fuzzer/FuzzedDataProvider.h>
+#endif
+
 /// Rules that compare the library with slow references. The suite chooses cases at random, the fuzz targets by
 /// coverage. Cases in which the library ends the process by design are skipped, so that every crash is a finding. Files
 /// are created in the directory `scratch`.
@@ -28,10 +32,13 @@ namespace zytrule {
 
 constexpr uint64_t kMax32 = UINT32_MAX;
 
+#ifdef ZYT_RULE
+using Choices = FuzzedDataProvider;
+#else
 /// Random choices, with the functions of FuzzedDataProvider that the rules use.
-class RandomChoices {
+class Choices {
 public:
-    explicit RandomChoices(uint64_t seed) : m_random(seed) {}
+    explicit Choices(uint64_t seed) : m_random(seed) {}
 
     template <typename T>
     T ConsumeIntegralInRange(T low, T high) {
@@ -47,6 +54,18 @@ private:
     std::mt19937_64 m_random;
 };
 
+/// Returns true when a rule holds for random cases. Prints the seed of the first failure to stderr.
+inline bool Holds(bool (*rule)(Choices&, const std::string&), uint64_t cases, const std::string& scratch) {
+    for (uint64_t seed = 0; seed < cases; ++seed) {
+        Choices choices(seed);
+        if (rule(choices, scratch)) continue;
+        std::fprintf(stderr, "not for seed %llu\n", static_cast<unsigned long long>(seed));
+        return false;
+    }
+    return true;
+}
+#endif
+
 /// A heap block of the exact size, so that the address sanitizer sees every access beyond it.
 class Memory {
 public:
@@ -61,11 +80,12 @@ private:
     std::unique_ptr<unsigned char[]> m_bytes;
 };
 
-// Mostly near the image.
-template <typename Choices>
-uint32_t Near(Choices& data) {
-    return data.ConsumeIntegralInRange(0, 7) > 0 ? data.ConsumeIntegralInRange(0u, 60u)
-                                                 : data.template ConsumeIntegral<uint32_t>();
+// Mostly small, sometimes near a limit of 32 bits.
+inline uint32_t Side(Choices& data, uint32_t usual) {
+    if (data.ConsumeIntegralInRange(0, 15) > 0) return data.ConsumeIntegralInRange(0u, usual);
+    constexpr uint32_t kEnds[] = {0x19999999, 0x1999999a, 0x3fffffff, 0x40000000,
+                                  0x7fffffff, 0x80000000, 0xfffffffe, 0xffffffff};
+    return kEnds[data.ConsumeIntegralInRange<size_t>(0, std::size(kEnds) - 1)];
 }
 
 inline bool IsBetween(int64_t value, int64_t low, int64_t high) { return value >= low && value <= high; }
@@ -79,14 +99,13 @@ inline bool IsMarked(int64_t x, int64_t y, const ZYTRect& rect, int64_t t) {
 }
 
 /// Compares points and outlines with a test of each pixel, on a luma plane that ends with its last pixel.
-template <typename Choices>
-bool DrawsByRule(Choices& data, const std::string&) {
+inline bool DrawsByRule(Choices& data, const std::string&) {
     ZYTImageBuffer image{};
     image.format = static_cast<ZYTFormat>(data.ConsumeBool() ? data.ConsumeIntegralInRange(0, 1)
                                                              : data.ConsumeIntegralInRange(-1, 11));
     const bool isDrawable = image.format == 0 || image.format == 1;
-    image.width = isDrawable ? data.ConsumeIntegralInRange(0u, 40u) : Near(data);
-    image.height = isDrawable ? data.ConsumeIntegralInRange(0u, 40u) : Near(data);
+    image.width = isDrawable ? data.ConsumeIntegralInRange(0u, 40u) : Side(data, 60);
+    image.height = isDrawable ? data.ConsumeIntegralInRange(0u, 40u) : Side(data, 60);
     image.planeStride = data.ConsumeIntegralInRange(0u, 60u);
     const bool isEmpty = image.width == 0 || image.height == 0;
     const bool isSmall = !isEmpty && image.width <= 60 && image.height <= 60;
@@ -94,9 +113,9 @@ bool DrawsByRule(Choices& data, const std::string&) {
     const Memory drawn(needed, 1), expected(needed, 1);
     image.pAddr[0] = drawn.Data();
 
-    const uint32_t pointX = Near(data), pointY = Near(data);
-    const ZYTRect rect = {Near(data), Near(data), Near(data), Near(data)};
-    const uint32_t thickness = Near(data), t = thickness / 2;
+    const uint32_t pointX = Side(data, 60), pointY = Side(data, 60);
+    const ZYTRect rect = {Side(data, 60), Side(data, 60), Side(data, 60), Side(data, 60)};
+    const uint32_t thickness = Side(data, 60), t = thickness / 2;
     // An image without pixels ends the process, as does an outline whose far edge does not fit in 32 bits.
     const bool isOutlined =
         !isEmpty && uint64_t{rect.left} + rect.width + t <= kMax32 && uint64_t{rect.top} + rect.height + t <= kMax32;
@@ -171,17 +190,7 @@ struct Picture {
     }
 };
 
-// Mostly small, sometimes near a limit of 32 bits.
-template <typename Choices>
-uint32_t Side(Choices& data, uint32_t usual) {
-    if (data.ConsumeIntegralInRange(0, 15) > 0) return data.ConsumeIntegralInRange(0u, usual);
-    constexpr uint32_t kEnds[] = {0x19999999, 0x1999999a, 0x3fffffff, 0x40000000,
-                                  0x7fffffff, 0x80000000, 0xfffffffe, 0xffffffff};
-    return kEnds[data.template ConsumeIntegralInRange<size_t>(0, std::size(kEnds) - 1)];
-}
-
-template <typename Choices>
-ZYTImageBuffer Describe(Choices& data) {
+inline ZYTImageBuffer Describe(Choices& data) {
     const auto format = static_cast<ZYTFormat>(data.ConsumeIntegralInRange(-1, 11));
     const uint32_t width = Side(data, 40), height = Side(data, 40), stride = Side(data, 100), slice = Side(data, 40);
     return {format, width, height, stride, slice, data.ConsumeIntegralInRange(0u, 4u), {}, {}, nullptr};
@@ -223,8 +232,7 @@ inline bool DumpsByRule(const ZYTImageBuffer& from, const std::string& path) {
 }
 
 /// Compares copies and dumps with a bytewise copy, on memory that ends with the image.
-template <typename Choices>
-bool MovesByRule(Choices& data, const std::string& scratch) {
+inline bool MovesByRule(Choices& data, const std::string& scratch) {
     const ZYTImageBuffer from = Describe(data);
     ZYTImageBuffer to = Describe(data);
     // Random sizes hardly ever match.
@@ -286,28 +294,22 @@ inline Place Locate(uint32_t start, uint32_t length, uint32_t low, uint64_t high
     return end > kMax32 ? kFatal : end <= high ? kInside : kOutside;
 }
 
-template <typename Choices>
-uint32_t Number(Choices& data) {
+inline uint32_t Number(Choices& data) {
     const int shift = data.ConsumeIntegralInRange(0, 31);
-    return data.template ConsumeIntegral<uint32_t>() >> shift;
+    return data.ConsumeIntegral<uint32_t>() >> shift;
 }
 
-template <typename Choices>
-ZYTRect Rect(Choices& data) {
-    return {Number(data), Number(data), Number(data), Number(data)};
-}
+inline ZYTRect Rect(Choices& data) { return {Number(data), Number(data), Number(data), Number(data)}; }
 
 // Returns a number in or next to the range, or any number: a random one is nearly always outside.
-template <typename Choices>
-uint32_t About(Choices& data, uint64_t low, uint64_t high) {
+inline uint32_t About(Choices& data, uint64_t low, uint64_t high) {
     if (data.ConsumeBool()) return Number(data);
-    return static_cast<uint32_t>(low - 1 + data.template ConsumeIntegralInRange<uint64_t>(0, high - low + 2));
+    return static_cast<uint32_t>(low - 1 + data.ConsumeIntegralInRange<uint64_t>(0, high - low + 2));
 }
 
 /// Compares crops and faces with the same rules in double and integers, rounded to single precision after every step.
 /// Rounding the double sum, product or quotient of two floats gives the same result as single precision.
-template <typename Choices>
-bool PlacesByRule(Choices& data, const std::string&) {
+inline bool PlacesByRule(Choices& data, const std::string&) {
     const ZYTRect rect = Rect(data), sides = Rect(data), crop = Rect(data), dst = Rect(data);
     if (!AreSame(ZYTUtil::TranslateCropInfo(rect, sides.top, sides.left, sides.width, sides.height),
                  ExpectedCrop(rect, sides.top, sides.left, sides.width, sides.height))) {
@@ -336,9 +338,8 @@ bool PlacesByRule(Choices& data, const std::string&) {
     return std::equal(mapped.begin(), mapped.end(), expected.begin(), expected.end(), AreSame);
 }
 
-template <typename Choices>
-std::string Word(Choices& data, size_t longest) {
-    std::string word(data.template ConsumeIntegralInRange<size_t>(0, longest), '\0');
+inline std::string Word(Choices& data, size_t longest) {
+    std::string word(data.ConsumeIntegralInRange<size_t>(0, longest), '\0');
     for (char& c : word) {
         const bool isUsual = data.ConsumeBool();
         c = isUsual ? "abAB./"[data.ConsumeIntegralInRange(0, 5)]
@@ -348,10 +349,9 @@ std::string Word(Choices& data, size_t longest) {
 }
 
 /// Checks base names and lower case on memory that ends with each string. Bytes around a name must not change.
-template <typename Choices>
-bool NamesByRule(Choices& data, const std::string&) {
+inline bool NamesByRule(Choices& data, const std::string&) {
     const std::string text = Word(data, 40);
-    uint32_t capacity = data.template ConsumeIntegral<uint32_t>();
+    uint32_t capacity = data.ConsumeIntegral<uint32_t>();
     if (data.ConsumeBool()) capacity %= static_cast<uint32_t>(text.size()) + 3;
     const std::unique_ptr<char[]> path(new char[text.size() + 1]);
     std::memcpy(path.get(), text.c_str(), text.size() + 1);
@@ -371,11 +371,10 @@ bool NamesByRule(Choices& data, const std::string&) {
 }
 
 /// Reads whole files of any content: empty, linked, missing, and with a length that does not fit in 32 bits.
-template <typename Choices>
-bool ReadsByRule(Choices& data, const std::string& scratch) {
+inline bool ReadsByRule(Choices& data, const std::string& scratch) {
     const bool isMissing = data.ConsumeIntegralInRange(0, 15) == 0;
-    const uint64_t wraps = data.ConsumeBool() ? 0 : data.template ConsumeIntegralInRange<uint64_t>(0, 3);
-    std::string content(data.template ConsumeIntegralInRange<size_t>(0, 40000), '\0');  // several stream buffers
+    const uint64_t wraps = data.ConsumeBool() ? 0 : data.ConsumeIntegralInRange<uint64_t>(0, 3);
+    std::string content(data.ConsumeIntegralInRange<size_t>(0, 40000), '\0');  // several stream buffers
     const std::string unit = Word(data, 40);
     for (size_t i = 0; i < content.size(); ++i) {
         content[i] = static_cast<char>(unit.empty() ? 0 : unit[i % unit.size()] ^ static_cast<char>(i >> 8));
@@ -418,8 +417,7 @@ inline bool List(const std::string& dir, bool recursive, std::vector<std::string
 }
 
 // Creates a small tree below base. Returns one of its directories, a name in one, or a path so long that it is cut.
-template <typename Choices>
-std::string Plant(Choices& data, const std::string& base) {
+inline std::string Plant(Choices& data, const std::string& base) {
     namespace fs = std::filesystem;
     const auto name = [&data] {
         std::string word = Word(data, 4);
@@ -449,30 +447,16 @@ std::string Plant(Choices& data, const std::string& base) {
     const int spelling = data.ConsumeIntegralInRange(0, 5);
     if (spelling == 0) dir += "/" + name();
     if (spelling == 1) dir += "/";
-    if (spelling == 2) dir.resize(2047 - data.template ConsumeIntegralInRange<size_t>(0, 8), '/');
+    if (spelling == 2) dir.resize(2047 - data.ConsumeIntegralInRange<size_t>(0, 8), '/');
     return dir;
 }
 
-// An invalid pattern ends the process by design, and one with many repeats may never finish.
-template <typename Choices>
-std::string Pattern(Choices& data) {
-    constexpr const char* kUsual[] = {"a.*",    "[a-bX]+", "(a|B){2}",  ".",
-                                      "(.)\\1", "^[^.]+$", "\\w(?=b).", "[[:alpha:]_]*"};
-    const std::string word = Word(data, 8);
-    const bool isUsual = data.ConsumeBool();
-    if (isUsual) return kUsual[data.ConsumeIntegralInRange(0, 7)];
-    const auto repeats = [](char c) { return std::strchr("*+?{", c) != nullptr; };
-    try {
-        if (std::count_if(word.begin(), word.end(), repeats) < 3) return std::regex(word), word;
-    } catch (const std::regex_error&) {
-    }
-    return "";
-}
-
 /// Compares listing and searching a small tree with the standard library. Results are appended to the lists.
-template <typename Choices>
-bool ListsByRule(Choices& data, const std::string& scratch) {
-    const std::string dir = Plant(data, scratch + "/tree"), pattern = Pattern(data);
+inline bool ListsByRule(Choices& data, const std::string& scratch) {
+    constexpr const char* kPatterns[] = {"",  "a",      "A.",      "a.*",       "[a-bX]+",      "(a|B){2}",
+                                         ".", "(.)\\1", "^[^.]+$", "\\w(?=b).", "[[:alpha:]_]*"};
+    const std::string dir = Plant(data, scratch + "/tree");
+    const std::string pattern = kPatterns[data.ConsumeIntegralInRange<size_t>(0, std::size(kPatterns) - 1)];
     const bool recursive = data.ConsumeBool();
     const std::regex expression(pattern);
     const auto agrees = [&] {
@@ -487,17 +471,6 @@ bool ListsByRule(Choices& data, const std::string& scratch) {
     // During a mount in any process the kernel counts links twice and gives up early on cyclic ones, so a difference
     // counts only when it repeats.
     return agrees() || agrees() || agrees();
-}
-
-/// Returns true when a rule holds for random cases. Prints the seed of the first failure to stderr.
-inline bool Holds(bool (*rule)(RandomChoices&, const std::string&), uint64_t cases, const std::string& scratch) {
-    for (uint64_t seed = 0; seed < cases; ++seed) {
-        RandomChoices choices(seed);
-        if (rule(choices, scratch)) continue;
-        std::fprintf(stderr, "not for seed %llu\n", static_cast<unsigned long long>(seed));
-        return false;
-    }
-    return true;
 }
 
 }  // namespace zytrule
