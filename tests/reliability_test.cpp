@@ -1,18 +1,11 @@
 // The library under load and at process exit. ZYT_EXIT_ROUNDS in the environment sets the number of exits under load.
 
-#include <fcntl.h>
-#include <hostdevice/files.h>
 #include <hostdevice/hostdevice.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <memory>
 #include <random>
 #include <thread>
 
@@ -23,8 +16,6 @@
 #include "zytsignaltask/zytsignaltask.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // A buffer with a unique mark at both ends.
 struct Held {
@@ -137,56 +128,6 @@ ZYT_CHILD(ExitWhileBusy) {
     return 7;
 }
 
-bool WriteWhole(const char* path, const std::string& text) {
-    const int fd = open(path, O_WRONLY | O_CLOEXEC);
-    const bool isWritten = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    close(fd);
-    return isWritten;
-}
-
-bool MountSmallDisk() {
-    const std::string user = "0 " + std::to_string(getuid()) + " 1";
-    const std::string group = "0 " + std::to_string(getgid()) + " 1";
-    if (unshare(CLONE_NEWNS) != 0) {
-        // Without root rights, as root of a new user namespace.
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !WriteWhole("/proc/self/setgroups", "deny") ||
-            !WriteWhole("/proc/self/uid_map", user) || !WriteWhole("/proc/self/gid_map", group)) {
-            return false;
-        }
-    }
-    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", hostdevice::OfflineLogDir(), "tmpfs", 0, "size=1m") == 0;
-}
-
-std::string WholeLog() {
-    std::string content;
-    for (const auto& entry : fs::directory_iterator(hostdevice::OfflineLogDir()))
-        content += zyttest::ReadFile(entry.path());
-    return content;
-}
-
-constexpr int kCannotMount = 77;
-
-ZYT_CHILD(LogToAFullDisk) {
-    if (!MountSmallDisk()) return kCannotMount;
-    ZYTOfflineLog& log = ZYTOfflineLog::GetInstance();
-    zyt::StoreFlag(log.m_enable, true);
-    const auto drain = [&log] {
-        log.m_threadPool.DeInit(false);
-        log.m_threadPool.Init(ZYTOfflineLog::kWorkerCount);
-    };
-    for (int i = 0; i < 1500; ++i) ZYTOfflineLog::ZYTOfflineLogE("filler %d %s", i, std::string(1000, 'x').c_str());
-    drain();
-    if (WholeLog().size() < 900000) return 3;
-    ZYTOfflineLog::ZYTOfflineLogE("%s", std::string(1900, 'y').c_str());
-    drain();
-    if (WholeLog().find(std::string(1900, 'y')) != std::string::npos) return 1;  // it was not full
-    for (const auto& entry : fs::directory_iterator(hostdevice::OfflineLogDir())) fs::resize_file(entry.path(), 0);
-    ZYTOfflineLog::ZYTOfflineLogE("there is room again");
-    drain();
-    return WholeLog().find("there is room again\n") != std::string::npos ? 0 : 2;
-}
-
 }  // namespace
 
 TEST(Load, NoBufferHasTwoHoldersAndNothingIsLeft) {
@@ -229,9 +170,3 @@ TEST(Exit, IsCalmWhateverIsGoingOn) {
 }
 
 TEST(Fork, GivesAChildThatNeitherLogsNorSignalsNorWaits) { EXPECT_EQ(zyttest::RunChild("ForkWhileBusy").exitCode, 7); }
-
-TEST(FullDisk, LosesLinesOnlyWhileThereIsNoRoom) {
-    const zyttest::ChildResult child = zyttest::RunChild("LogToAFullDisk");
-    if (child.exitCode == kCannotMount) GTEST_SKIP() << "this user may not mount a file system";
-    EXPECT_EQ(child.exitCode, 0) << child.output;
-}
