@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -12,7 +13,6 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
-#include <memory>
 #include <random>
 #include <regex>
 #include <string>
@@ -66,19 +66,14 @@ inline bool Holds(bool (*rule)(Choices&, const std::string&), uint64_t cases, co
 }
 #endif
 
-/// A heap block of the exact size, so that the address sanitizer sees every access beyond it.
-class Memory {
-public:
-    Memory(size_t size, size_t seed) : m_size(size), m_bytes(new unsigned char[size]) {
-        for (size_t i = 0; i < size; ++i) m_bytes[i] = static_cast<unsigned char>(seed + i * 7 + i / 251);
-    }
-    unsigned char* Data() const { return m_bytes.get(); }
-    bool operator==(const Memory& other) const { return std::memcmp(Data(), other.Data(), m_size) == 0; }
+using Bytes = std::vector<unsigned char>;
 
-private:
-    size_t m_size;
-    std::unique_ptr<unsigned char[]> m_bytes;
-};
+/// Returns a heap block of the exact size, so that the address sanitizer sees every access beyond it.
+inline Bytes Block(size_t size, size_t seed) {
+    Bytes bytes(size);
+    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<unsigned char>(seed + i * 7 + i / 251);
+    return bytes;
+}
 
 // Mostly small, sometimes near a limit of 32 bits.
 inline uint32_t Side(Choices& data, uint32_t usual) {
@@ -110,8 +105,8 @@ inline bool DrawsByRule(Choices& data, const std::string&) {
     const bool isEmpty = image.width == 0 || image.height == 0;
     const bool isSmall = !isEmpty && image.width <= 60 && image.height <= 60;
     const size_t needed = isSmall ? image.planeStride * (image.height - 1) + image.width : 0;
-    const Memory drawn(needed, 1), expected(needed, 1);
-    image.pAddr[0] = drawn.Data();
+    Bytes drawn = Block(needed, 1), expected = drawn;
+    image.pAddr[0] = drawn.data();
 
     const uint32_t pointX = Side(data, 60), pointY = Side(data, 60);
     const ZYTRect rect = {Side(data, 60), Side(data, 60), Side(data, 60), Side(data, 60)};
@@ -122,8 +117,7 @@ inline bool DrawsByRule(Choices& data, const std::string&) {
     for (uint32_t y = 0; isDrawable && y < image.height; ++y) {
         for (uint32_t x = 0; x < image.width; ++x) {
             const bool isPoint = x == pointX && y == pointY;
-            if (!isPoint && !(isOutlined && IsMarked(x, y, rect, t))) continue;
-            expected.Data()[y * image.planeStride + x] = 255;
+            if (isPoint || (isOutlined && IsMarked(x, y, rect, t))) expected[y * image.planeStride + x] = 255;
         }
     }
     ZYTUtil::DrawPointer(&image, pointX, pointY);
@@ -154,7 +148,7 @@ struct Moved {
 
 struct Picture {
     ZYTImageBuffer image;
-    std::unique_ptr<Memory> memory[2];
+    std::array<Bytes, 2> memory;
     unsigned char* start[2] = {nullptr, nullptr};
 
     explicit Picture(const ZYTImageBuffer& described) : image(described) {}
@@ -172,8 +166,8 @@ struct Picture {
             size[isSingle ? 0 : p] = std::max(size[isSingle ? 0 : p], p * chroma + end);
         }
         for (const size_t p : kPlanes) {
-            memory[p] = std::make_unique<Memory>(size[p], seed + p);
-            if (p == 0 || !isSingle) image.pAddr[p] = memory[p]->Data();
+            memory[p] = Block(size[p], seed + p);
+            if (p == 0 || !isSingle) image.pAddr[p] = memory[p].data();
             start[p] = isSingle ? image.pAddr[0] + p * chroma : image.pAddr[p];
         }
         return true;
@@ -211,8 +205,7 @@ inline bool CopiesByRule(const ZYTImageBuffer& from, ZYTImageBuffer to) {
     if (!src.Allocate(moved, 1) || !dst.Allocate(moved, 100) || !expected.Allocate(moved, 100)) return true;
     const std::vector<unsigned char*> read = src.Pixels(moved), written = expected.Pixels(moved);
     for (size_t i = 0; i < read.size(); ++i) *written[i] = *read[i];
-    return ZYTBufferUtil::ZYTBufferCopy(&dst.image, &src.image) == isMatching &&
-           *dst.memory[0] == *expected.memory[0] && *dst.memory[1] == *expected.memory[1];
+    return ZYTBufferUtil::ZYTBufferCopy(&dst.image, &src.image) == isMatching && dst.memory == expected.memory;
 }
 
 inline bool DumpsByRule(const ZYTImageBuffer& from, const std::string& path) {
@@ -262,12 +255,10 @@ inline ZYTRect ExpectedCrop(const ZYTRect& rect, uint32_t inWidth, uint32_t inHe
     return {(outHeight - height) / 2, (outWidth - width) / 2, width, height};
 }
 
-// Returns (ratio * cropSide - dstSide) / 2, rounded once. A single-precision ratio of 32-bit numbers is a multiple of
-// 2^-55; in that unit all terms are integers of at most 128 bits.
+// Returns (ratio * cropSide - dstSide) / 2, rounded once: the product is exact.
 inline double Overflow(double ratio, uint32_t cropSide, uint32_t dstSide) {
-    const __int128 scaled = static_cast<__int128>(std::ldexp(ratio, 55)) * static_cast<__int128>(Single(cropSide));
-    const __int128 overflow = scaled - (static_cast<__int128>(Single(dstSide)) << 55);
-    return std::ldexp(static_cast<double>(static_cast<float>(overflow)), -56);
+    const long double overflow = static_cast<long double>(ratio) * Single(cropSide) - Single(dstSide);
+    return static_cast<float>(overflow) / 2.0;
 }
 
 inline ZYTRect ExpectedFace(const ZYTRect& face, const ZYTRect& crop, const ZYTRect& dst) {
@@ -285,13 +276,8 @@ inline ZYTRect ExpectedFace(const ZYTRect& face, const ZYTRect& crop, const ZYTR
             Whole(Single(scale * Single(face.height)))};
 }
 
-enum Place { kOutside, kInside, kFatal };
-
-// A far edge that does not fit in 32 bits ends the process when it decides whether the face is inside.
-inline Place Locate(uint32_t start, uint32_t length, uint32_t low, uint64_t high) {
-    if (start < low || start > high) return kOutside;
-    const uint64_t end = uint64_t{start} + length;
-    return end > kMax32 ? kFatal : end <= high ? kInside : kOutside;
+inline bool IsWithin(uint32_t start, uint32_t length, uint64_t low, uint64_t high) {
+    return start >= low && uint64_t{start} + length <= high;
 }
 
 inline uint32_t Number(Choices& data) {
@@ -326,13 +312,13 @@ inline bool PlacesByRule(Choices& data, const std::string&) {
         face.top = About(data, crop.top, bottom);
         const uint64_t width = right - std::min<uint64_t>(right, face.left);
         const uint64_t height = bottom - std::min<uint64_t>(bottom, face.top);
-        face.width = About(data, width, width);
-        face.height = About(data, height, height);
-        const Place x = Locate(face.left, face.width, crop.left, right);
-        const Place y = Locate(face.top, face.height, crop.top, bottom);
-        if (!isEmpty && (x == kFatal || (x == kInside && y == kFatal))) continue;
+        // A far edge that does not fit in 32 bits ends the process, unless the face starts outside.
+        face.width = std::min(About(data, width, width), UINT32_MAX - face.left);
+        face.height = std::min(About(data, height, height), UINT32_MAX - face.top);
         faces.push_back(face);
-        if (!isEmpty && x == kInside && y == kInside) expected.push_back(ExpectedFace(face, crop, dst));
+        const bool isInside =
+            IsWithin(face.left, face.width, crop.left, right) && IsWithin(face.top, face.height, crop.top, bottom);
+        if (!isEmpty && isInside) expected.push_back(ExpectedFace(face, crop, dst));
     }
     ZYTUtil::MapFaceROIToImageBuffer(faces, mapped, crop, dst);
     return std::equal(mapped.begin(), mapped.end(), expected.begin(), expected.end(), AreSame);
@@ -353,21 +339,19 @@ inline bool NamesByRule(Choices& data, const std::string&) {
     const std::string text = Word(data, 40);
     uint32_t capacity = data.ConsumeIntegral<uint32_t>();
     if (data.ConsumeBool()) capacity %= static_cast<uint32_t>(text.size()) + 3;
-    const std::unique_ptr<char[]> path(new char[text.size() + 1]);
-    std::memcpy(path.get(), text.c_str(), text.size() + 1);
+    const std::vector<char> path(text.c_str(), text.c_str() + text.size() + 1);
 
     // The terminator is part of the name only after a slash.
     const size_t slash = text.rfind('/');
     const std::string name = slash == std::string::npos ? text : text.substr(slash + 1) + '\0';
     const std::string expected = name.substr(0, capacity);
     const std::string block = std::string(8, '#') + expected + std::string(std::min(8u, capacity), '#');
-    const std::unique_ptr<char[]> written(new char[block.size()]);
-    std::memset(written.get(), '#', block.size());
-    ZYTUtil::GetFileNameFromFilePath(path.get(), written.get() + 8, capacity);
+    std::vector<char> written(block.size(), '#');
+    ZYTUtil::GetFileNameFromFilePath(path.data(), written.data() + 8, capacity);
 
     std::string lower = text;
     for (char& c : lower) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-    return std::string(written.get(), block.size()) == block && ZYTUtil::ToLowerCaseStr(path.get()) == lower;
+    return std::string(written.begin(), written.end()) == block && ZYTUtil::ToLowerCaseStr(path.data()) == lower;
 }
 
 /// Reads whole files of any content: empty, linked, missing, and with a length that does not fit in 32 bits.
@@ -375,10 +359,8 @@ inline bool ReadsByRule(Choices& data, const std::string& scratch) {
     const bool isMissing = data.ConsumeIntegralInRange(0, 15) == 0;
     const uint64_t wraps = data.ConsumeBool() ? 0 : data.ConsumeIntegralInRange<uint64_t>(0, 3);
     std::string content(data.ConsumeIntegralInRange<size_t>(0, 40000), '\0');  // several stream buffers
-    const std::string unit = Word(data, 40);
-    for (size_t i = 0; i < content.size(); ++i) {
-        content[i] = static_cast<char>(unit.empty() ? 0 : unit[i % unit.size()] ^ static_cast<char>(i >> 8));
-    }
+    const size_t first = data.ConsumeIntegral<size_t>();
+    for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>((first + i) ^ (i >> 8));
     const std::string file = scratch + "/file", link = scratch + "/link";
     std::filesystem::remove(file);
     std::filesystem::remove(link);

@@ -159,6 +159,9 @@ TEST(CropAndFaceMapping, FollowTheirRules) {
     const ZYTRect wide = {0, 0xffffffffu, 2, 2}, high = {0xffffffffu, 0, 2, 2};
     std::vector<ZYTRect> mapped;
     ZYTUtil::MapFaceROIToImageBuffer({}, mapped, wide, {0, 0, 4, 4});
+    const uint32_t far = 0xffffffffu;
+    ZYTUtil::MapFaceROIToImageBuffer({{0, 5, far, 1}, {5, 0, 1, far}, {1, 5, 1, far}}, mapped, {0, 0, 4, 4}, {});
+    EXPECT_TRUE(mapped.empty()) << "what starts outside has no far edge to check";
     EXPECT_ABORT("right edge of the crop: 4294967295 + 2 ",
                  ZYTUtil::MapFaceROIToImageBuffer({{0, 0, 1, 1}}, mapped, wide, {0, 0, 4, 4}));
     EXPECT_ABORT("bottom edge of the crop: 4294967295 + 2 ",
