@@ -183,19 +183,6 @@ bool RegisterChild(const char* name, int (*body)()) { return Children().emplace(
 
 }  // namespace zyttest
 
-namespace {
-
-// True from the start of the tests to their end, which exit() in the middle of a test skips.
-bool g_isTesting = false;
-
-void FailUnlessTestsAreOver() {
-    if (!g_isTesting) return;
-    std::fputs("the process ended before its tests did\n", stderr);
-    _exit(1);
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
     // Children print no line about strict mode, because tests compare their output.
     if (hostdevice::IsStrict()) setenv("HOSTDEVICE_STRICT", "quiet", 1);
@@ -213,9 +200,14 @@ int main(int argc, char** argv) {
     const zyttest::TempDir dir;
     setenv("TMPDIR", dir.Path().c_str(), 1);
     setenv("HOSTDEVICE_DATA", (dir / "device").c_str(), 0);
-    std::atexit(FailUnlessTestsAreOver);
-    g_isTesting = !isDeathTest;
+    // Without this, a test that calls exit() would pass.
+    static bool isTesting = !isDeathTest;
+    std::atexit([] {
+        if (!isTesting) return;
+        std::fputs("the process ended before its tests did\n", stderr);
+        _exit(1);
+    });
     const int result = RUN_ALL_TESTS();
-    g_isTesting = false;
+    isTesting = false;
     return result;
 }
