@@ -21,6 +21,7 @@
 #include "support.h"
 #include "zytsignaltask/zytsignaltask.h"
 
+using testing::HasSubstr;
 using testing::MatchesRegex;
 using zyttest::ReadFile;
 using zyttest::RunChild;
@@ -201,11 +202,7 @@ TEST_F(OfflineLog, StampsWithTheZonesTimeAndTheThreadThatLogs) {
     }
     unsetenv("TZ");
 
-    const auto names = [&stamp](pid_t process, pid_t thread) {
-        return stamp().find(Text("  %4d  %4d E ", process, thread)) != std::string::npos;
-    };
-    EXPECT_TRUE(names(getpid(), gettid()));
-    std::thread([&names] { EXPECT_TRUE(names(getpid(), gettid())); }).join();
+    std::thread([&stamp] { EXPECT_THAT(stamp(), HasSubstr(Text("  %4d  %4d E ", getpid(), gettid()))); }).join();
 }
 
 TEST_F(OfflineLog, RollsOverWhenALineWouldReachTheLimitAndDeletesTheOldestOf301Files) {
