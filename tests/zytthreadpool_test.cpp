@@ -152,11 +152,12 @@ TEST_F(ThreadPool, RunsOnlyAKnownTaskWithDataAndSizeBothOrNeither) {
     ASSERT_TRUE(m_pool.Init(1));
     m_log.Take();
     m_pool.QueueTask({static_cast<ZYTThreadPoolTaskType>(7), CountRun, data, sizeof(data)});
-    m_pool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, CountRun, nullptr, 0});
+    m_pool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, [](void*, unsigned int) { g_runs += 10; }, nullptr, 0});
     m_pool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, CountRun, std::malloc(8), 0});
     m_pool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, CountRun, nullptr, 8});
     m_pool.QueueTask({ZYT_THREAD_POOL_TASK_NORMAL, nullptr, std::malloc(8), 8});
+    m_pool.QueueTask(TaskWithValue(CountRun, 1));
     m_pool.DeInit(false);
-    EXPECT_EQ(g_runs, 1);
+    EXPECT_EQ(g_runs, 11);
     EXPECT_THAT(m_log.Take(), ElementsAre("W Unsupport Task Type!", kStopped, StartsWith("D Join Thread[0]: ")));
 }
