@@ -89,9 +89,7 @@ Outcome UseEverything(const TempDir& dir) {
         return step;
     };
     ZYTBufferPool client;
-    ZYTBufferManager first("First");
-    ZYTBufferManager second;
-    second.SetManagerName("Second");
+    ZYTBufferManager first("First"), second("Second");
 
     ZYTImageBuffer camera = Image(ZYT_FORMAT_YUV420NV12, 96);
     ZYTImageBuffer graphic = Image(ZYT_FORMAT_YUV420NV12, 64);
