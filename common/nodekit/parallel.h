@@ -57,10 +57,10 @@ public:
     /// Queues that many notices under one lock. Returns false, with none queued, when memory runs out.
     bool Notify(uint32_t count) {
         std::list<ZYTThreadPoolTask> notices;
-        const ZYTThreadPoolTask empty = {ZYT_THREAD_POOL_TASK_NORMAL, RunNotice, nullptr, sizeof(SharedWork*)};
+        const ZYTThreadPoolTask empty = {ZYT_THREAD_POOL_TASK_NORMAL, RunNotice, nullptr, sizeof(void*)};
         bool hasMemory = WithMemory([&] { notices.assign(count, empty); });
         for (ZYTThreadPoolTask& notice : notices) {
-            notice.data = std::malloc(sizeof(SharedWork*));
+            notice.data = std::malloc(sizeof(void*));
             hasMemory = hasMemory && notice.data != nullptr;
             if (notice.data != nullptr) *static_cast<SharedWork**>(notice.data) = this;
         }

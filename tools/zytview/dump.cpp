@@ -151,7 +151,7 @@ LineReader::LineReader(const Dump& dump, const Rect& part, bool asStored)
       m_rows{std::vector<uint16_t>(dump.Width() + 1), std::vector<uint16_t>(dump.Width() + 1)} {
     const uint32_t v = dump.Format() == ZYT_FORMAT_YUV420NV21 ? 0 : 1;
     m_lines[0] = {&m_rows[0][part.x], part.width, {}, part.x, 0, false};
-    m_lines[1] = {&m_rows[1][2 * m_chroma.x], 0, {2 - v, 1 + v}, 2 * m_chroma.x, 0, true};
+    m_lines[1] = {&m_rows[1][size_t{2} * m_chroma.x], 0, {2 - v, 1 + v}, 2 * m_chroma.x, 0, true};
 }
 
 const Line (&LineReader::Read(uint32_t y))[2] {
