@@ -41,7 +41,8 @@ run build/brightnode bright_640x480_YUV420NV12.raw
 run build/brightnode_test passed
 HOSTDEVICE_TRACE=timeline.json run build/brightnode bright_640x480_YUV420NV12.raw
 for section in Brighten zyt::{Image,CpuAccess,ParallelRows,FrameQueue,WriteDump}; do
-    grep -q "\"$section\"" timeline.json
+    # The platform's own tracing does nothing at a desk.
+    grep -qi '^ZYT_HOST_AOSP:.*=\(on\|true\)' "$build/CMakeCache.txt" || grep -q "\"$section\"" timeline.json
 done
 flags=$(PKG_CONFIG_PATH=$libraries/pkgconfig pkg-config --cflags zyttools)
 # shellcheck disable=SC2046,SC2086
