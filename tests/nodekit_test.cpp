@@ -389,6 +389,7 @@ TEST(ImportedImage, FindsEachPlaneAtItsDescriptorAndOffsetAndClosesNothing) {
         {3, {fd, fd}, {}, 0, 0},
     };
     for (const Import& import : imports) {
+        if (import.fds[0] == readOnly && readOnly < 0) continue;  // the kernel opens no DMA-BUF a second time
         ZYTImageBuffer description = Describe(kNv12, 64, 64);
         description.pAddr[3] = two->pAddr[0];
         description.numberOfPlanes = import.planes;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <random>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "utilities/zytutil.h"
@@ -451,8 +453,13 @@ inline bool ListsByRule(Choices& data, const std::string& scratch) {
         return ZYTUtil::SearchFileByName(dir.c_str(), pattern.c_str(), found, recursive) == result && found == matching;
     };
     // During a mount in any process the kernel counts links twice and gives up early on cyclic ones, so a difference
-    // counts only when it repeats.
-    return agrees() || agrees() || agrees();
+    // counts only when it lasts.
+    bool isEqual = agrees();
+    for (int i = 0; i < 50 && !isEqual; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        isEqual = agrees();
+    }
+    return isEqual;
 }
 
 }  // namespace zytrule
