@@ -23,7 +23,7 @@ PICTURES = {"pictures": (DUMPS, SIDE_BY_SIDE), "difference": (["difference"], "n
 
 def main():
     guide = (DOCS / "guide.md").read_text(encoding="utf-8")
-    begin = guide.index("## 11. Find a fault")
+    begin = guide.index(". Find a fault in a dump\n")
     end = guide.index("\n## ", begin)
     with tempfile.TemporaryDirectory() as home:
         os.makedirs(f"{home}/zyt")
