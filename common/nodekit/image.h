@@ -24,7 +24,6 @@
 #include <iterator>
 #include <limits>
 #include <memory>
-#include <new>
 #include <utility>
 
 #include "logging/zytlogsite.h"
