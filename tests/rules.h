@@ -105,8 +105,7 @@ inline bool DrawsByRule(Choices& data, const std::string&) {
     image.height = isDrawable ? data.ConsumeIntegralInRange(0u, 40u) : Side(data, 60);
     image.planeStride = data.ConsumeIntegralInRange(0u, 60u);
     const bool isEmpty = image.width == 0 || image.height == 0;
-    const bool isSmall = !isEmpty && image.width <= 60 && image.height <= 60;
-    const size_t needed = isSmall ? image.planeStride * (image.height - 1) + image.width : 0;
+    const size_t needed = isDrawable && !isEmpty ? image.planeStride * (image.height - 1) + image.width : 0;
     Bytes drawn = Block(needed, 1), expected = drawn;
     image.pAddr[0] = drawn.data();
 
@@ -128,7 +127,6 @@ inline bool DrawsByRule(Choices& data, const std::string&) {
 }
 
 constexpr uint64_t kMost = 1 << 16;  // limit for the bytes of an image and the bytes moved
-constexpr size_t kPlanes[] = {0, 1};
 constexpr uint32_t kBits[] = {8, 8, 10, 12, 14, 16, 16, 16, 16, 16, 16};  // bits per pixel, indexed by format
 
 inline bool IsKnown(int format) { return format >= 0 && format <= 10; }
@@ -136,10 +134,9 @@ inline bool IsNv(int format) { return format == 0 || format == 1; }
 inline bool HasChroma(int format) { return IsNv(format) || format == ZYT_FORMAT_YUV_P010; }
 
 struct Moved {
-    uint64_t rowBytes = 0;
-    uint64_t rows[2] = {0, 0};
+    uint64_t rowBytes;
+    uint64_t rows[2];
 
-    Moved() = default;
     Moved(uint32_t width, uint32_t height, uint32_t bits, bool hasChroma)
         : rowBytes(bits % 8 == 0 ? uint64_t{width} * (bits / 8) : uint64_t{width} * bits),
           rows{height > INT32_MAX ? 0 : height, hasChroma ? height / 2 : 0} {
@@ -151,7 +148,7 @@ struct Moved {
 struct Picture {
     ZYTImageBuffer image;
     std::array<Bytes, 2> memory;
-    unsigned char* start[2] = {nullptr, nullptr};
+    std::vector<unsigned char*> pixels;  // all that are moved, in order
 
     explicit Picture(const ZYTImageBuffer& described) : image(described) {}
 
@@ -161,28 +158,21 @@ struct Picture {
         const uint64_t chroma = isSingle && moved.rows[1] > 0 ? uint64_t{image.planeStride} * image.sliceHeight : 0;
         if (moved.rowBytes > INT32_MAX || chroma > kMost) return false;
         uint64_t size[2] = {chroma, 0};
-        for (const size_t p : kPlanes) {
+        for (size_t p = 0; p < 2; ++p) {
             if (moved.rows[p] == 0 || moved.rowBytes == 0) continue;
             const uint64_t end = (moved.rows[p] - 1) * image.planeStride + moved.rowBytes;
             if (end > kMost || moved.rows[p] * moved.rowBytes > kMost) return false;
             size[isSingle ? 0 : p] = std::max(size[isSingle ? 0 : p], p * chroma + end);
         }
-        for (const size_t p : kPlanes) {
+        for (size_t p = 0; p < 2; ++p) {
             memory[p] = Block(size[p], seed + p);
             if (p == 0 || !isSingle) image.pAddr[p] = memory[p].data();
-            start[p] = isSingle ? image.pAddr[0] + p * chroma : image.pAddr[p];
-        }
-        return true;
-    }
-
-    std::vector<unsigned char*> Pixels(const Moved& moved) const {
-        std::vector<unsigned char*> pixels;
-        for (const size_t p : kPlanes) {
-            for (uint64_t row = 0; moved.rowBytes > 0 && row < moved.rows[p]; ++row) {
-                for (uint64_t i = 0; i < moved.rowBytes; ++i) pixels.push_back(start[p] + row * image.planeStride + i);
+            unsigned char* row = isSingle ? image.pAddr[0] + p * chroma : image.pAddr[p];
+            for (uint64_t left = moved.rowBytes > 0 ? moved.rows[p] : 0; left > 0; --left, row += image.planeStride) {
+                for (uint64_t i = 0; i < moved.rowBytes; ++i) pixels.push_back(row + i);
             }
         }
-        return pixels;
+        return true;
     }
 };
 
@@ -196,31 +186,25 @@ inline bool CopiesByRule(const ZYTImageBuffer& from, ZYTImageBuffer to) {
     const bool isMatching =
         (from.width == to.width && from.height == to.height) || (from.width == to.height && from.height == to.width);
     const bool isP010 = from.format == ZYT_FORMAT_YUV_P010;
-    const bool isLike = IsKnown(from.format) && (from.format == to.format || isP010);
-    Moved moved;
-    if (isMatching) {
-        moved = Moved(from.width, from.height, isLike ? kBits[from.format] : 16, isLike && HasChroma(from.format));
-    }
+    const bool isLike = isMatching && IsKnown(from.format) && (from.format == to.format || isP010);
+    const Moved moved(isMatching ? from.width : 0, from.height, isLike ? kBits[from.format] : 16,
+                      isLike && HasChroma(from.format));
     // The chroma is copied to the second address, regardless of the destination's number of planes.
     if (isP010) to.numberOfPlanes = 2;
     Picture src(from), dst(to), expected(to);
     if (!src.Allocate(moved, 1) || !dst.Allocate(moved, 100) || !expected.Allocate(moved, 100)) return true;
-    const std::vector<unsigned char*> read = src.Pixels(moved), written = expected.Pixels(moved);
-    for (size_t i = 0; i < read.size(); ++i) *written[i] = *read[i];
+    for (size_t i = 0; i < src.pixels.size(); ++i) *expected.pixels[i] = *src.pixels[i];
     return ZYTBufferUtil::ZYTBufferCopy(&dst.image, &src.image) == isMatching && dst.memory == expected.memory;
 }
 
 inline bool DumpsByRule(const ZYTImageBuffer& from, const std::string& path) {
-    Moved moved;
-    if (IsKnown(from.format)) {
-        // A dump of Y16 has half of each row, a copy all of it.
-        const uint32_t bits = from.format == ZYT_FORMAT_Y16 ? 8 : kBits[from.format];
-        moved = Moved(from.width, from.height, bits, HasChroma(from.format));
-    }
+    // A dump of Y16 has half of each row, a copy all of it.
+    const bool isKnown = IsKnown(from.format), isHalf = !isKnown || from.format == ZYT_FORMAT_Y16;
+    const Moved moved(isKnown ? from.width : 0, from.height, isHalf ? 8 : kBits[from.format], HasChroma(from.format));
     Picture src(from);
     if (!src.Allocate(moved, 1)) return true;
     std::string expected;
-    for (const unsigned char* pixel : src.Pixels(moved)) expected.push_back(static_cast<char>(*pixel));
+    for (const unsigned char* pixel : src.pixels) expected.push_back(static_cast<char>(*pixel));
     if (!ZYTBufferUtil::ZYTBufferDump(&src.image, path.c_str())) return false;
     std::ifstream file(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(file), {}) == expected;
@@ -326,19 +310,14 @@ inline bool PlacesByRule(Choices& data, const std::string&) {
     return std::equal(mapped.begin(), mapped.end(), expected.begin(), expected.end(), AreSame);
 }
 
-inline std::string Word(Choices& data, size_t longest) {
-    std::string word(data.ConsumeIntegralInRange<size_t>(0, longest), '\0');
-    for (char& c : word) {
+/// Checks base names and lower case on memory that ends with each string. Bytes around a name must not change.
+inline bool NamesByRule(Choices& data, const std::string&) {
+    std::string text(data.ConsumeIntegralInRange<size_t>(0, 40), '\0');
+    for (char& c : text) {
         const bool isUsual = data.ConsumeBool();
         c = isUsual ? "abAB./"[data.ConsumeIntegralInRange(0, 5)]
                     : static_cast<char>(data.ConsumeIntegralInRange(1, 255));
     }
-    return word;
-}
-
-/// Checks base names and lower case on memory that ends with each string. Bytes around a name must not change.
-inline bool NamesByRule(Choices& data, const std::string&) {
-    const std::string text = Word(data, 40);
     uint32_t capacity = data.ConsumeIntegral<uint32_t>();
     if (data.ConsumeBool()) capacity %= static_cast<uint32_t>(text.size()) + 3;
     const std::vector<char> path(text.c_str(), text.c_str() + text.size() + 1);
@@ -360,9 +339,9 @@ inline bool NamesByRule(Choices& data, const std::string&) {
 inline bool ReadsByRule(Choices& data, const std::string& scratch) {
     const bool isMissing = data.ConsumeIntegralInRange(0, 15) == 0;
     const uint64_t wraps = data.ConsumeBool() ? 0 : data.ConsumeIntegralInRange<uint64_t>(0, 3);
-    std::string content(data.ConsumeIntegralInRange<size_t>(0, 40000), '\0');  // several stream buffers
-    const size_t first = data.ConsumeIntegral<size_t>();
-    for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>((first + i) ^ (i >> 8));
+    const size_t size = data.ConsumeIntegralInRange<size_t>(0, 40000);  // several stream buffers
+    const Bytes bytes = Block(size, data.ConsumeIntegral<size_t>());
+    const std::string content(bytes.begin(), bytes.end());
     const std::string file = scratch + "/file", link = scratch + "/link";
     std::filesystem::remove(file);
     std::filesystem::remove(link);
@@ -403,33 +382,27 @@ inline bool List(const std::string& dir, bool recursive, std::vector<std::string
 // Creates a small tree below base. Returns one of its directories, a name in one, or a path so long that it is cut.
 inline std::string Plant(Choices& data, const std::string& base) {
     namespace fs = std::filesystem;
-    const auto name = [&data] {
-        std::string word = Word(data, 4);
-        std::replace(word.begin(), word.end(), '/', '.');
-        return word.find_first_not_of('.') == std::string::npos ? word + "x" : word;
-    };
+    // Each name is the beginning of another one, or differs from it in case or dots. Parents first.
+    constexpr const char* kDirs[] = {"", "/a", "/a/aB", "/a/aB/..a"};
+    constexpr const char* kFiles[] = {"/a/ab", "/a/B",          "/a/aB/Ba", "/a/aB/a", "/a/aB/..a/bb",
+                                      "/A.a",  "/\xc3\xbc\xff", "/...",     "/AB",     "/b"};
     fs::remove_all(base);
     fs::create_directory(base);
-    std::string last = base;
-    bool hasLink = false;
-    for (int i = data.ConsumeIntegralInRange(0, 12); i > 0; --i) {
-        const std::string path = (data.ConsumeBool() ? base : last) + "/" + name();
-        const int kind = data.ConsumeIntegralInRange(0, 7);
-        std::error_code exists;
-        if (kind < 3) {
-            if (fs::create_directory(path, exists)) last = path;
-        } else if (kind == 3 && !hasLink) {
-            // One at most: two cycles have too many paths to list.
-            const int target = data.ConsumeIntegralInRange(0, 3);
-            fs::create_symlink(target == 0 ? "." : target == 1 ? ".." : target == 2 ? "missing" : name(), path, exists);
-            hasLink = !exists;
-        } else {
-            mknod(path.c_str(), (kind == 4 ? S_IFIFO : S_IFREG) | 0600, 0);
-        }
+    for (const char* name : kDirs) {
+        if (data.ConsumeIntegralInRange(0, 3) > 0) mkdir((base + name).c_str(), 0700);
     }
-    std::string dir = data.ConsumeBool() ? base : last;
+    for (const char* name : kFiles) {
+        const int kind = data.ConsumeIntegralInRange(0, 3);
+        if (kind > 0) mknod((base + name).c_str(), (kind == 1 ? S_IFIFO : S_IFREG) | 0600, 0);
+    }
+    // One link: two cycles have too many paths to list.
+    constexpr const char* kTargets[] = {".", "..", "missing", "a", "aB", "B"};
+    const std::string link = base + kDirs[data.ConsumeIntegralInRange(0, 1)] + "/bA";
+    std::error_code ignored;
+    fs::create_symlink(kTargets[data.ConsumeIntegralInRange(0, 5)], link, ignored);
+    std::string dir = base + kDirs[data.ConsumeIntegralInRange(0, 3)];
     const int spelling = data.ConsumeIntegralInRange(0, 5);
-    if (spelling == 0) dir += "/" + name();
+    if (spelling == 0) dir += "/x";
     if (spelling == 1) dir += "/";
     if (spelling == 2) dir.resize(2047 - data.ConsumeIntegralInRange<size_t>(0, 8), '/');
     return dir;

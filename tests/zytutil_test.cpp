@@ -8,7 +8,6 @@
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
-#include <iostream>
 #include <sstream>
 #include <thread>
 
@@ -19,24 +18,6 @@ using testing::ElementsAre;
 using zyttest::TempDir;
 using zyttest::Text;
 using zyttest::WriteFile;
-
-namespace {
-
-ZYT_CHILD(PrintProduct) {
-    ZYTProductInfo infos[4];
-    std::vector<std::thread> threads;
-    for (ZYTProductInfo& info : infos) threads.emplace_back([&info] { info = ZYTUtil::GetProductInfo(); });
-    for (std::thread& thread : threads) thread.join();
-    hostdevice::SetProperty("ro.product.device", "zad");  // too late
-    const ZYTProductInfo later = ZYTUtil::GetProductInfo();
-    for (const ZYTProductInfo& info : infos) {
-        if (info.device != later.device || info.region != later.region) return 1;
-    }
-    std::cout << later.region << " " << later.device << " " << later.cameraConfigIsZero;
-    return 0;
-}
-
-}  // namespace
 
 TEST(Files, AreListedSearchedNamedAndReadByTheirRules) {
     const TempDir dir;
@@ -63,7 +44,7 @@ TEST(Files, InADirectoryThatCannotBeOpenedEndTheListing) {
         WriteFile(dir / Text("file%d", i), "");
         std::filesystem::create_directory(dir / Text("directory%d", i));
     }
-    std::vector<std::string> beforeTheFirstDirectory;
+    std::vector<std::string> files, found = {"kept"}, beforeTheFirstDirectory;
     for (const auto& entry : std::filesystem::directory_iterator(dir.Path())) {
         if (entry.is_directory()) break;
         beforeTheFirstDirectory.push_back(entry.path());
@@ -74,7 +55,6 @@ TEST(Files, InADirectoryThatCannotBeOpenedEndTheListing) {
     close(next);
     const rlimit tight = {static_cast<rlim_t>(next) + 1, limit.rlim_max};  // allows one more descriptor
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
-    std::vector<std::string> files, found = {"kept"};
     EXPECT_EQ(ZYTUtil::GetFileListInDir(dir.Path().c_str(), files, true), 1);
     EXPECT_EQ(ZYTUtil::SearchFileByName(dir.Path().c_str(), ".*", found, true), 1);
     setrlimit(RLIMIT_NOFILE, &limit);
@@ -109,26 +89,28 @@ TEST(Files, AreListedToTheDepthThatTheHeaderSays) {
 }
 
 TEST(Product, IsReadOnceFromTheProperties) {
-    const auto print = [](const char* region, const char* config, const char* device) {
-        return zyttest::RunChild(
-                   "PrintProduct",
-                   {{"ro.vexo.build.region", region}, {"ro.boot.camera.config", config}, {"ro.product.device", device}})
-            .output;
+    const auto read = [](const char* region, const char* config, const char* device) {
+        hostdevice::SetProperty("ro.vexo.build.region", region);
+        hostdevice::SetProperty("ro.boot.camera.config", config);
+        hostdevice::SetProperty("ro.product.device", device);
+        const ZYTProductInfo info = ZYTUtil::GetProductInfo();
+        return Text("%u %u %u", info.region, info.device, info.cameraConfigIsZero);
     };
-    EXPECT_EQ(zyttest::RunChild("PrintProduct").output, "2 131 0");
-    EXPECT_EQ(print("GLOBAL", "0", "kivo"), "1 8 1");
-    EXPECT_EQ(print("global", "00", "kivo1"), "1 131 0");
-    EXPECT_EQ(print("Global", "1", "KIVO"), "2 131 0");
-    EXPECT_EQ(print("in", "", "seba"), "3 129 0");
-    EXPECT_EQ(print("IN", "", "zad"), "3 130 0");
+    const auto readAnew = [&read](auto... values) {
+        ZYTUtil::m_isProductInfoInit = false;
+        return read(values...);
+    };
+    EXPECT_EQ(read("in", "", "seba"), "3 129 0");
+    EXPECT_EQ(read("GLOBAL", "0", "kivo"), "3 129 0") << "read once";
+    EXPECT_EQ(readAnew("GLOBAL", "0", "kivo"), "1 8 1");
+    EXPECT_EQ(readAnew("global", "00", "kivo1"), "1 131 0");
+    EXPECT_EQ(readAnew("Global", "1", "KIVO"), "2 131 0");
+    EXPECT_EQ(readAnew("IN", "", "zad"), "3 130 0");
+    EXPECT_EQ(readAnew("", "", ""), "2 131 0");
     const char* const devices[] = {"kivo",  "datu",   "lembrova", "ovanel",  "tressim",  "gavrilot", "plesk",
                                    "ziroa", "brisko", "yoma",     "caskeln", "drovatin", "fenraluk"};
     uint32_t number = 8;
-    for (const char* device : devices) {
-        ZYTUtil::m_isProductInfoInit = false;
-        hostdevice::SetProperty("ro.product.device", device);
-        EXPECT_EQ(ZYTUtil::GetProductInfo().device, number++) << device;
-    }
+    for (const char* device : devices) EXPECT_EQ(readAnew("cn", "", device), Text("2 %u 0", number++));
 }
 
 TEST(Clock, ConvertsBetweenNanosecondsAndTicks) {
@@ -143,31 +125,27 @@ TEST(Clock, ConvertsBetweenNanosecondsAndTicks) {
     // Above 2^53 the argument is first rounded to a double.
     EXPECT_EQ(ZYTUtil::QtimerNanoToQtimerTicks((1ull << 53) + 1), ZYTUtil::QtimerNanoToQtimerTicks(1ull << 53));
 
-    const auto now = [] {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(
-            std::chrono::steady_clock::now().time_since_epoch());
-    };
-    const auto before = now().count();
-    const int64_t read = ZYTUtil::GetCurMilliSecond();
+    const auto now = [] { return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1); };
+    const int64_t before = now(), read = ZYTUtil::GetCurMilliSecond();
     EXPECT_LE(before, read);
-    EXPECT_LE(read, now().count());
+    EXPECT_LE(read, now());
 }
 
 TEST(CropAndFaceMapping, FollowTheirRules) {
     EXPECT_TRUE(zytrule::Holds(zytrule::PlacesByRule, 20000, ""));
     EXPECT_EQ(ZYTUtil::TranslateCropInfo({0, 0, 1u << 31, 2}, 2, 2, 1, 1).width, 1u) << "2^32 as a float";
-    const ZYTRect wide = {0, 0xffffffffu, 2, 2}, high = {0xffffffffu, 0, 2, 2};
+    constexpr uint32_t kFar = 0xffffffff;
+    const ZYTRect square = {0, 0, 4, 4}, wide = {0, kFar, 2, 2}, high = {kFar, 0, 2, 2};
     std::vector<ZYTRect> mapped;
-    ZYTUtil::MapFaceROIToImageBuffer({}, mapped, wide, {0, 0, 4, 4});
-    const uint32_t far = 0xffffffffu;
-    ZYTUtil::MapFaceROIToImageBuffer({{0, 5, far, 1}, {5, 0, 1, far}, {1, 5, 1, far}}, mapped, {0, 0, 4, 4}, {});
+    ZYTUtil::MapFaceROIToImageBuffer({}, mapped, wide, square);
+    ZYTUtil::MapFaceROIToImageBuffer({{0, 5, kFar, 1}, {5, 0, 1, kFar}, {1, 5, 1, kFar}}, mapped, square, {});
     EXPECT_TRUE(mapped.empty()) << "what starts outside has no far edge to check";
-    EXPECT_ABORT("right edge of the crop: 4294967295 + 2 ",
-                 ZYTUtil::MapFaceROIToImageBuffer({{0, 0, 1, 1}}, mapped, wide, {0, 0, 4, 4}));
-    EXPECT_ABORT("bottom edge of the crop: 4294967295 + 2 ",
-                 ZYTUtil::MapFaceROIToImageBuffer({{0, 0, 1, 1}}, mapped, high, {0, 0, 4, 4}));
-    EXPECT_ABORT("far edge of a face: 1 + 4294967295 ",
-                 ZYTUtil::MapFaceROIToImageBuffer({{0, 1, 0xffffffffu, 1}}, mapped, {0, 0, 4, 4}, {0, 0, 4, 4}));
+    const auto map = [&](const ZYTRect& face, const ZYTRect& crop) {
+        ZYTUtil::MapFaceROIToImageBuffer({face}, mapped, crop, square);
+    };
+    EXPECT_ABORT("right edge of the crop: 4294967295 + 2 ", map({}, wide));
+    EXPECT_ABORT("bottom edge of the crop: 4294967295 + 2 ", map({}, high));
+    EXPECT_ABORT("far edge of a face: 1 + 4294967295 ", map({0, 1, kFar, 1}, square));
 }
 
 TEST(Drawing, FollowsTheRulePixelByPixel) { EXPECT_TRUE(zytrule::Holds(zytrule::DrawsByRule, 20000, "")); }
