@@ -4,6 +4,7 @@
 #include <hostdevice/hostdevice.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -45,12 +46,10 @@ protected:
     // Returns the last lines after eleven buffers of one kind were returned.
     std::string PutEleven(const std::function<void*()>& get) {
         std::vector<void*> buffers(11);
-        for (void*& pBuf : buffers) pBuf = get();
-        void* const last = buffers.back();
-        buffers.pop_back();
-        Put(buffers);
+        std::generate(buffers.begin(), buffers.end(), get);
+        Put({buffers.begin(), buffers.begin() + 10});
         m_log.Take();
-        Put({last});
+        Put({buffers.back()});
         return m_log.Transcript();
     }
 
@@ -65,27 +64,21 @@ protected:
 TEST_F(Pool, ReusesTheLastReturnedBufferOfExactlyThatSize) {
     void* const a = Get(4096);
     void* const b = Get(4096);
-    Put({a, b, b, nullptr});
-    Get(4096);
+    Put({a, b});
+    m_log.Take();
+    Put({b, nullptr});
     Get(4096);
     void* const smaller = Get(4095);
-    EXPECT_EQ(m_log.Transcript(), R"(
-I [BufferPool-A] AllocBuffer() Alloc buffer success: type: 1, size: 4096, pBuf: @1
-I [BufferPool-A] GetBufferFromPool() Get buffer type: 1, size: 4096, pBuf: @1. Free buf num this size: 0
-I [BufferPool-A] AllocBuffer() Alloc buffer success: type: 1, size: 4096, pBuf: @2
-I [BufferPool-A] GetBufferFromPool() Get buffer type: 1, size: 4096, pBuf: @2. Free buf num this size: 0
-V [BufferPool-A] PutBufferToPool() Put buffer to pool: @1
-I [BufferPool-A] PutBufferToPool() Put buffer to pool success: pBuf: @1, size: 4096, fd: #1, type: 1
-V [BufferPool-A] PutBufferToPool() Put buffer to pool: @2
-I [BufferPool-A] PutBufferToPool() Put buffer to pool success: pBuf: @2, size: 4096, fd: #2, type: 1
-V [BufferPool-A] PutBufferToPool() Put buffer to pool: @2
-W [BufferPool-A] PutBufferToPool() Wrong buffer pointer: @2
-W [BufferPool-A] PutBufferToPool() Put NULL buffer to pool!
-I [BufferPool-A] GetBufferFromPool() Get buffer type: 1, size: 4096, pBuf: @2. Free buf num this size: 1
-I [BufferPool-A] GetBufferFromPool() Get buffer type: 1, size: 4096, pBuf: @1. Free buf num this size: 0
-I [BufferPool-A] AllocBuffer() Alloc buffer success: type: 1, size: 4095, pBuf: @3
-I [BufferPool-A] GetBufferFromPool() Get buffer type: 1, size: 4095, pBuf: @3. Free buf num this size: 0)");
     EXPECT_EQ(m_fd, ZYTBufferPool::m_busyBufferList.at(smaller).fd);
+    Get(4096);
+    EXPECT_EQ(m_log.Transcript(), R"(
+V [BufferPool-A] PutBufferToPool() Put buffer to pool: @1
+W [BufferPool-A] PutBufferToPool() Wrong buffer pointer: @1
+W [BufferPool-A] PutBufferToPool() Put NULL buffer to pool!
+I [BufferPool-A] GetBufferFromPool() Get buffer type: 1, size: 4096, pBuf: @1. Free buf num this size: 1
+I [BufferPool-A] AllocBuffer() Alloc buffer success: type: 1, size: 4095, pBuf: @2
+I [BufferPool-A] GetBufferFromPool() Get buffer type: 1, size: 4095, pBuf: @2. Free buf num this size: 0
+I [BufferPool-A] GetBufferFromPool() Get buffer type: 1, size: 4096, pBuf: @3. Free buf num this size: 0)");
     void* const plain = Get(64, 64, ZYT_BUFFER_TYPE_MALLOC);
     std::memset(plain, 1, 4096);
     EXPECT_EQ(m_fd, 0);
@@ -104,18 +97,16 @@ TEST_F(Pool, ReusesGrallocBuffersByGeometry) {
     EXPECT_EQ(made.getPixelFormat(), 34);
     EXPECT_EQ(made.getUsage(), 0x201ffu);
     void* const b = GetGralloc(64, 48);
-    Put({a, b});
+    Put({a});
+    m_log.Take();
+    Put({b});
     m_pool->GetBufferFromPool(64, 48, m_fd, nullptr, ZYT_BUFFER_TYPE_GRALLOC);
     GetGralloc(48, 64);
     EXPECT_EQ(m_log.Transcript(), R"(
-I [BufferPool-A] GetBufferFromPool() Get buffer type: 2, width: 64, height: 48, pBuf: @1. Free buf num this size: 0
-I [BufferPool-A] GetBufferFromPool() Get buffer type: 2, width: 64, height: 48, pBuf: @2. Free buf num this size: 0
 V [BufferPool-A] PutBufferToPool() Put buffer to pool: @1
 I [BufferPool-A] PutBufferToPool() Put gralloc buffer to pool success: pBuf: @1, width: 64, height: 48, fd: #1, type: 2
-V [BufferPool-A] PutBufferToPool() Put buffer to pool: @2
-I [BufferPool-A] PutBufferToPool() Put gralloc buffer to pool success: pBuf: @2, width: 64, height: 48, fd: #2, type: 2
-I [BufferPool-A] GetBufferFromPool() Get buffer type: 2, width: 64, height: 48, pBuf: @2. Free buf num this size: 1
-I [BufferPool-A] GetBufferFromPool() Get buffer type: 2, width: 48, height: 64, pBuf: @3. Free buf num this size: 0)");
+I [BufferPool-A] GetBufferFromPool() Get buffer type: 2, width: 64, height: 48, pBuf: @1. Free buf num this size: 1
+I [BufferPool-A] GetBufferFromPool() Get buffer type: 2, width: 48, height: 64, pBuf: @2. Free buf num this size: 0)");
     EXPECT_LT((ZYTGrallocBufferKey{1, 9}), (ZYTGrallocBufferKey{2, 0}));
     EXPECT_LT((ZYTGrallocBufferKey{2, 0}), (ZYTGrallocBufferKey{2, 1}));
     EXPECT_FALSE((ZYTGrallocBufferKey{2, 0}) < (ZYTGrallocBufferKey{1, 9}));
@@ -158,7 +149,6 @@ TEST_F(Pool, MakesTheKeyOfASizeAfterTheAttemptEvenOfAFailedOne) {
     EXPECT_EQ(GetGralloc(32, 24), nullptr);
     EXPECT_EQ(m_fd, 0);
     EXPECT_EQ(ZYTBufferPool::m_freeGrallocBufferList.count({32, 24}), 1u);
-    Put({Get(77)});
     EXPECT_EQ(log.Transcript("E "), R"(
 E [BufferPool-A] AllocBuffer() Alloc buffer failed! Type: 1, size: 77
 E [BufferPool-A] GetBufferFromPool() Get buffer type: 1, size: 77 failed!
@@ -232,7 +222,6 @@ I [BufferPool-A] ReleaseBuffer() Release buffer: @1
 I [BufferPool-A] ~ZYTBufferPool() Buffer released: pBuf: @1, size: 4096, fd: #1, type: 1
 I [BufferPool-A] ReleaseBuffer() Release buffer: @5
 I [BufferPool-A] ~ZYTBufferPool() Buffer released: pBuf: @5, width: 16, height: 16, fd: #4, type: 2)");
-    EXPECT_EQ(CountLive().heapMappings, 0u);
     EXPECT_EQ(CountLive().graphicBuffers, 2u) << "those that are out stay";
     EXPECT_EQ(CountLive().graphicMappings, graphicMappings) << "gralloc mappings are never undone";
 
@@ -251,7 +240,6 @@ E [BufferPool-UnknowBufferManager] PutBufferToPool() Wrong buffer size when put 
                                   R"(pBuf: @2, size: 64, fd: #2, type: 1, release it!
 I [BufferPool-UnknowBufferManager] ReleaseBuffer() Release buffer: @2)");
     EXPECT_EQ(CountLive().graphicBuffers, 1u);
-    EXPECT_EQ(CountLive().heapMappings, 0u);
 }
 
 TEST_F(Pool, ClosesEvenDescriptor0) {
