@@ -6,14 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <iostream>
 #include <new>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -168,14 +167,6 @@ TEST_F(OfflineLog, StampsALineAndKeepsEveryLevel) {
 }
 
 TEST_F(OfflineLog, StampsWithTheZonesTimeAndTheThreadThatLogs) {
-    m_log.m_threadPool.DeInit(true);
-    const auto stamp = [this] {
-        m_log.PushLogToLogPool("", ZYTOfflineLogLevel::E);
-        const ZYTThreadPoolTask task = m_log.m_threadPool.m_taskList.back();
-        const std::string line = static_cast<ZYTOfflineLogParameter*>(task.data)->logLine;
-        m_log.m_threadPool.FlushTask();
-        return line;
-    };
     const std::pair<const char*, int> zones[] = {{"AAA-13:45", 49500}, {"BBB+9:15", -33300}};
     for (const auto& [zone, offset] : zones) {
         setenv("TZ", zone, 1);
@@ -189,35 +180,37 @@ TEST_F(OfflineLog, StampsWithTheZonesTimeAndTheThreadThatLogs) {
             std::strftime(text, sizeof(text), format, std::gmtime(&time.tv_sec));
             return Text("%s%09ld", text, time.tv_nsec);
         };
-        const std::string before = now("%m-%d %H:%M:%S:"), line = stamp();
-        EXPECT_TRUE(before <= line && line.substr(0, before.size()) <= now("%m-%d %H:%M:%S:")) << line;
+        const auto nowInAName = [&now] { return now("ZYTOfflineLog_%Y-%m-%d--%H-%M-%S-"); };
         StartNextFile();
-        const std::string earlier = hostdevice::OfflineLogDir() + now("ZYTOfflineLog_%Y-%m-%d--%H-%M-%S-");
-        ASSERT_TRUE(WriteLine("line\n"));
-        const std::string later = hostdevice::OfflineLogDir() + now("ZYTOfflineLog_%Y-%m-%d--%H-%M-%S-");
-        const std::string& name = m_log.m_logFileList.back();
+        const std::string before = now("%m-%d %H:%M:%S:"), earlier = nowInAName();
+        m_log.PushLogToLogPool("", ZYTOfflineLogLevel::E);
+        Drain();
+        const std::string line = Contents().back(), name = fs::path(m_log.m_logFileList.back()).filename();
+        EXPECT_TRUE(before <= line && line.substr(0, before.size()) <= now("%m-%d %H:%M:%S:")) << line;
         const size_t stamped = earlier.size() - 3;  // to the microsecond
-        EXPECT_TRUE(earlier.substr(0, stamped) <= name && name.substr(0, stamped) <= later) << name;
+        EXPECT_TRUE(earlier.substr(0, stamped) <= name && name.substr(0, stamped) <= nowInAName()) << name;
         EXPECT_EQ(name.substr(stamped), ".txt");
     }
     unsetenv("TZ");
 
-    std::thread([&stamp] { EXPECT_THAT(stamp(), HasSubstr(Text("  %4d  %4d E ", getpid(), gettid()))); }).join();
+    std::string ids;
+    std::thread([this, &ids] {
+        ids = Text("  %4d  %4d E ", getpid(), gettid());
+        m_log.PushLogToLogPool("", ZYTOfflineLogLevel::E);
+    }).join();
+    Drain();
+    EXPECT_THAT(Contents().back(), HasSubstr(ids));
 }
 
 TEST_F(OfflineLog, RollsOverWhenALineWouldReachTheLimitAndDeletesTheOldestOf301Files) {
+    constexpr uint32_t kLimit = ZYTOfflineLog::kFileSizeLimit;
     const std::string line = "0123456789\n";
-    const auto length = static_cast<uint32_t>(line.size());
-    ASSERT_TRUE(WriteLine(line));
-    ASSERT_TRUE(WriteLine(line));
-    EXPECT_EQ(m_log.m_curLogFileSize, 2 * length);
-    SetFileSize(ZYTOfflineLog::kFileSizeLimit - length - 1);
-    ASSERT_TRUE(WriteLine(line));
-    EXPECT_EQ(m_log.m_logFileList.size(), 1u) << "one byte below the limit still fits";
-    SetFileSize(ZYTOfflineLog::kFileSizeLimit - length);
-    ASSERT_TRUE(WriteLine(line));
-    EXPECT_THAT(Contents(), testing::ElementsAre(line + line + line, line));
-    EXPECT_EQ(m_log.m_curLogFileSize, length);
+    for (const uint32_t size : {kLimit, 11u, kLimit - 12, kLimit - 11}) {
+        SetFileSize(size);
+        ASSERT_TRUE(WriteLine(line));
+    }
+    EXPECT_THAT(Contents(), testing::ElementsAre(line + line + line, line)) << "one byte below the limit still fits";
+    EXPECT_EQ(m_log.m_curLogFileSize, 11u);
 
     const std::list<std::string> oldest = m_log.m_logFileList;
     for (int i = 0; i < 300; ++i) {
@@ -236,7 +229,7 @@ TEST_F(OfflineLog, KeepsEachLineOnceAndWholeAcrossRollOvers) {
     };
     ASSERT_TRUE(WriteLine("<first>\n"));
     std::vector<std::thread> threads;
-    std::vector<std::string> expected = {"<first>"}, found;
+    std::multiset<std::string> expected = {"<first>"}, found;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([this, t, &text] {
             for (int i = 0; i < kLinesEach; ++i) {
@@ -247,7 +240,7 @@ TEST_F(OfflineLog, KeepsEachLineOnceAndWholeAcrossRollOvers) {
                 ZYTOfflineLog::ZYTOfflineLogI("%s", text(t, i).c_str());
             }
         });
-        for (int i = 0; i < kLinesEach; ++i) expected.push_back(text(t, i));
+        for (int i = 0; i < kLinesEach; ++i) expected.insert(text(t, i));
     }
     for (std::thread& thread : threads) thread.join();
     Drain();
@@ -255,10 +248,8 @@ TEST_F(OfflineLog, KeepsEachLineOnceAndWholeAcrossRollOvers) {
     EXPECT_GT(Contents().size(), 10u);
     for (const std::string& content : Contents()) {
         std::istringstream lines(content);
-        for (std::string line; std::getline(lines, line);) found.push_back(line.substr(line.find('<')));
+        for (std::string line; std::getline(lines, line);) found.insert(line.substr(line.find('<')));
     }
-    std::sort(expected.begin(), expected.end());
-    std::sort(found.begin(), found.end());
     EXPECT_TRUE(found == expected);
 }
 
