@@ -13,8 +13,7 @@ extern "C" __attribute__((used)) const char* __asan_default_options() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     zytrule::Choices data(bytes, size);
     // In the current directory, which fuzz.sh makes temporary.
-    static const bool isMade = std::filesystem::create_directory("fuzz.tmp");
-    static_cast<void>(isMade);
+    [[maybe_unused]] static const bool isMade = std::filesystem::create_directory("fuzz.tmp");
     if (zytrule::ZYT_RULE(data, "fuzz.tmp")) return 0;
     std::fprintf(stderr, "BROKEN RULE\n");
     std::abort();

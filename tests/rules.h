@@ -262,10 +262,6 @@ inline ZYTRect ExpectedFace(const ZYTRect& face, const ZYTRect& crop, const ZYTR
             Whole(Single(scale * Single(face.height)))};
 }
 
-inline bool IsWithin(uint32_t start, uint32_t length, uint64_t low, uint64_t high) {
-    return start >= low && uint64_t{start} + length <= high;
-}
-
 inline uint32_t Number(Choices& data) {
     const int shift = data.ConsumeIntegralInRange(0, 31);
     return data.ConsumeIntegral<uint32_t>() >> shift;
@@ -302,8 +298,8 @@ inline bool PlacesByRule(Choices& data, const std::string&) {
         face.width = std::min(About(data, width, width), UINT32_MAX - face.left);
         face.height = std::min(About(data, height, height), UINT32_MAX - face.top);
         faces.push_back(face);
-        const bool isInside =
-            IsWithin(face.left, face.width, crop.left, right) && IsWithin(face.top, face.height, crop.top, bottom);
+        const bool isInside = face.left >= crop.left && uint64_t{face.left} + face.width <= right &&
+                              face.top >= crop.top && uint64_t{face.top} + face.height <= bottom;
         if (!isEmpty && isInside) expected.push_back(ExpectedFace(face, crop, dst));
     }
     ZYTUtil::MapFaceROIToImageBuffer(faces, mapped, crop, dst);
@@ -427,12 +423,11 @@ inline bool ListsByRule(Choices& data, const std::string& scratch) {
     };
     // During a mount in any process the kernel counts links twice and gives up early on cyclic ones, so a difference
     // counts only when it lasts.
-    bool isEqual = agrees();
-    for (int i = 0; i < 50 && !isEqual; ++i) {
+    for (int i = 0; i < 50; ++i) {
+        if (agrees()) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        isEqual = agrees();
     }
-    return isEqual;
+    return false;
 }
 
 }  // namespace zytrule

@@ -56,10 +56,8 @@ TEST(OffScreen, DescribesAnImage) {
         ZYTBufferUtil::ZYTBufferToASVLOffScreen(&image, &offscreen);
         EXPECT_EQ(offscreen.u32PixelArrayFormat, format == 0 ? 0x801u : format == 1 ? 0x802u : 7u) << format;
     }
-    EXPECT_EQ(offscreen.i32Width, 8);
-    EXPECT_EQ(offscreen.i32Height, 4);
-    EXPECT_THAT(offscreen.pi32Pitch, testing::Each(16));
-    EXPECT_THAT(offscreen.ppu8Plane, testing::ElementsAreArray(image.pAddr));
+    EXPECT_THAT(offscreen,
+                testing::FieldsAre(testing::_, 8, 4, testing::ElementsAreArray(image.pAddr), testing::Each(16)));
 }
 
 TEST(Formats, HaveTheNamesAndRawCodesThatOthersKnow) {

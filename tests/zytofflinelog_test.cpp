@@ -33,9 +33,8 @@ namespace fs = std::filesystem;
 constexpr const char* kSwitchProperty = "persist.vendor.camera.zyttools.offlinelog";
 constexpr const char* kFrameworkProperty = "test.framework";  // value for the framework's switch
 
-size_t FilesInLogDir() {
-    return static_cast<size_t>(
-        std::distance(fs::directory_iterator(hostdevice::OfflineLogDir()), fs::directory_iterator()));
+ptrdiff_t FilesInLogDir() {
+    return std::distance(fs::directory_iterator(hostdevice::OfflineLogDir()), fs::directory_iterator());
 }
 
 // Turns the process's log on for one test.
@@ -328,7 +327,7 @@ TEST(OfflineLogSwitch, IsThePropertyAndWithoutItTheFrameworks) {
 TEST(OfflineLogInAChild, IsWholeWhenTheChildIsTheFirstToUseIt) { EXPECT_EQ(RunChild("ForkFirst").exitCode, 7); }
 
 TEST(OfflineLogAtExit, DiscardsWhatIsQueued) {
-    const size_t before = FilesInLogDir();
+    const ptrdiff_t before = FilesInLogDir();
     EXPECT_EQ(RunChild("ExitWithALineQueued").exitCode, 0);
     EXPECT_EQ(FilesInLogDir(), before);
 }

@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -50,10 +49,10 @@ TEST_F(ThreadPool, StartsAndJoinsItsWorkers) {
     pthread_getname_np(static_cast<pthread_t>(ids[1]), name, sizeof(name));
     EXPECT_STREQ(name, "ZYTThreadPool");
     m_pool.DeInit(false);
-    std::vector<std::string> lines = m_log.Take();
-    std::sort(lines.begin(), lines.end());  // the first worker can be joined before the second stops
-    EXPECT_THAT(lines, ElementsAre(zyttest::Text("D Join Thread[0]: %ld", ids[0]),
-                                   zyttest::Text("D Join Thread[1]: %ld", ids[1]), kStopped, kStopped));
+    // The first worker can be joined before the second stops.
+    EXPECT_THAT(m_log.Take(),
+                testing::UnorderedElementsAre(zyttest::Text("D Join Thread[0]: %ld", ids[0]),
+                                              zyttest::Text("D Join Thread[1]: %ld", ids[1]), kStopped, kStopped));
 
     // A second Init forgets the earlier workers, which still serve the queue.
     ASSERT_TRUE(m_pool.Init(1));
