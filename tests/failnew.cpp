@@ -4,17 +4,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <new>
-#include <utility>
 
 #include "support.h"
 
-static thread_local uint64_t t_newsUntilFailure = 0;  // 0: none fails
-
-bool zyttest::FailNthNew(uint64_t n) { return std::exchange(t_newsUntilFailure, n) == 0; }
-
 static void* New(size_t size) noexcept {
-    const bool fails = t_newsUntilFailure > 0 && --t_newsUntilFailure == 0;
-    return fails ? nullptr : std::malloc(std::max<size_t>(size, 1));
+    return zyttest::Fails(zyttest::Call::kNew) ? nullptr : std::malloc(std::max<size_t>(size, 1));
 }
 
 // Not inlined: gcc would report a mismatch of new and free.

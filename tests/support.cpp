@@ -23,6 +23,8 @@
 
 extern char** environ;
 
+using testing::HasSubstr;
+
 namespace zyttest {
 namespace {
 
@@ -36,13 +38,13 @@ char PriorityLetter(int priority) { return priority >= 2 && priority <= 6 ? "VDI
 // Atomic, because other threads may be logging.
 void SetLevel(int level) { __atomic_store_n(&ZYTLogUtil::m_level, level, __ATOMIC_RELAXED); }
 
+thread_local uint64_t t_callsUntilFailure[4] = {};  // by kind; 0: none fails
+
+uint64_t& CallsUntilFailure(Call call) { return t_callsUntilFailure[static_cast<int>(call)]; }
+
 std::filesystem::path Self() { return std::filesystem::read_symlink("/proc/self/exe"); }
 
-std::vector<char*> Pointers(const std::vector<std::string>& words) {
-    std::vector<char*> pointers;
-    for (const std::string& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
-    return pointers;
-}
+int ExitCode(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status); }
 
 }  // namespace
 
@@ -122,6 +124,23 @@ void WriteFile(const std::string& path, const std::string& content) {
     std::ofstream(path, std::ios::binary) << content;
 }
 
+void FailNth(Call call, uint64_t n) { CallsUntilFailure(call) = n; }
+
+bool FaultPending(Call call) { return CallsUntilFailure(call) != 0; }
+
+bool Fails(Call call) { return FaultPending(call) && --CallsUntilFailure(call) == 0; }
+
+bool FailNthNew(uint64_t n) { return std::exchange(CallsUntilFailure(Call::kNew), n) == 0; }
+
+void ExpectExit(int status, const std::string& said, const std::function<void()>& body) {
+    const auto run = [&body] {
+        body();
+        std::exit(testing::Test::HasFailure() ? 1 : 0);
+    };
+    const auto isExpected = [status](int end) { return status == -1 ? end != 0 : ExitCode(end) == status; };
+    EXPECT_EXIT(run(), isExpected, said);
+}
+
 bool WaitUntil(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(ZYT_TIME_LIMIT);
     while (!condition()) {
@@ -131,15 +150,12 @@ bool WaitUntil(const std::function<bool()>& condition) {
     return true;
 }
 
-ChildResult RunCommand(const std::string& command, const std::vector<std::string>& settings) {
+ChildResult RunCommand(const std::string& command) {
     std::istringstream stream(command);
-    const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
-    std::vector<char*> argv = Pointers(words);
+    std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
-    // The first of two settings with the same name wins.
-    std::vector<char*> envp = Pointers(settings);
-    for (char** setting = environ; *setting != nullptr; ++setting) envp.push_back(*setting);
-    envp.push_back(nullptr);
 
     const TempDir dir;
     const std::string output = dir / "output";
@@ -148,26 +164,25 @@ ChildResult RunCommand(const std::string& command, const std::vector<std::string
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
     pid_t pid = 0;
-    const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+    const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) return {-1, 0, std::strerror(error)};
+    if (error != 0) return {-1, std::strerror(error)};
     int status = 0;
     waitpid(pid, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, WIFSIGNALED(status) ? WTERMSIG(status) : 0, ReadFile(output)};
+    return {ExitCode(status), ReadFile(output)};
 }
 
-ChildResult RunBuilt(const std::string& command, const std::vector<std::string>& settings) {
-    return RunCommand((Self().parent_path().parent_path() / command).string(), settings);
+ChildResult RunBuilt(const std::string& command) {
+    return RunCommand((Self().parent_path().parent_path() / command).string());
 }
 
 std::string ExpectRefusal(const std::string& command, const std::string& reason) {
     const ChildResult result = RunBuilt(command);
     EXPECT_EQ(result.exitCode, 2) << result.output;
     const size_t end = result.output.rfind('\n', result.output.size() - 2);
-    const std::string line = result.output.substr(end + 1);  // all of it when there is only one line
-    EXPECT_NE(line.find(reason), std::string::npos) << line;
-    EXPECT_NE(line.find(std::filesystem::path(command.substr(0, command.find(' '))).filename().string() + ": "),
-              std::string::npos);
+    const std::string program = std::filesystem::path(command.substr(0, command.find(' '))).filename();
+    // All of the output when there is only one line.
+    EXPECT_THAT(result.output.substr(end + 1), testing::AllOf(HasSubstr(program + ": "), HasSubstr(reason)));
     return result.output;
 }
 
@@ -176,7 +191,10 @@ ChildResult RunChild(const std::string& name, const std::map<std::string, std::s
     std::string file;
     for (const auto& [key, value] : properties) file.append(key).append("=").append(value).append("\n");
     WriteFile(dir / "build.prop", file);
-    return RunCommand(Self().string() + " --child " + name, {"HOSTDEVICE_PROPERTIES=" + (dir / "build.prop")});
+    setenv("HOSTDEVICE_PROPERTIES", (dir / "build.prop").c_str(), 1);
+    const ChildResult result = RunCommand(Self().string() + " --child " + name);
+    unsetenv("HOSTDEVICE_PROPERTIES");
+    return result;
 }
 
 bool RegisterChild(const char* name, int (*body)()) { return Children().emplace(name, body).second; }

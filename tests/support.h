@@ -59,25 +59,35 @@ void WriteFile(const std::string& path, const std::string& content);
 /// Returns an image record without memory.
 ZYTImageBuffer Image(int format, uint32_t width, uint32_t height, uint32_t planeStride, uint32_t sliceHeight);
 
-/// Makes the n-th operator new of the calling thread from now on fail, in the libraries too; 0: none. Returns false
-/// when one that was to fail has not been reached. The test needs failnew.cpp.
+/// Calls that can fail: kNew in a test with failnew.cpp, in the libraries too; the others in faultsweep_test.
+enum class Call { kNew, kMalloc, kMmap, kPthreadCreate };
+
+/// Makes the n-th such call of this thread from now on fail once; 0: none.
+void FailNth(Call call, uint64_t n);
+/// Returns true while the call that is to fail has not been reached.
+bool FaultPending(Call call);
+/// Counts a call. Returns true when this one must fail.
+bool Fails(Call call);
+/// FailNth of kNew. Returns false when one that was to fail has not been reached.
 bool FailNthNew(uint64_t n);
+
+/// Expects that a process that runs the body says that on stderr and exits with the status, or with 1 when one of the
+/// body's expectations fails. A status of -1 stands for all but 0, and for death by a signal.
+void ExpectExit(int status, const std::string& said, const std::function<void()>& body);
 
 /// Polls until the condition holds. Returns false after a timeout that only a hang exceeds.
 bool WaitUntil(const std::function<bool()>& condition);
 
 struct ChildResult {
-    int exitCode = -1;  // -1 when a signal ended it
-    int signal = 0;
+    int exitCode = 0;    // -N when signal N ended it
     std::string output;  // stdout and stderr
 };
 
-/// Runs a command, whose words are separated by blanks, without a shell. Settings ("NAME=value") override this
-/// process's environment.
-ChildResult RunCommand(const std::string& command, const std::vector<std::string>& settings = {});
+/// Runs a command, whose words are separated by blanks, without a shell.
+ChildResult RunCommand(const std::string& command);
 
 /// Like RunCommand, for a program given by its path in the build tree.
-ChildResult RunBuilt(const std::string& command, const std::vector<std::string>& settings = {});
+ChildResult RunBuilt(const std::string& command);
 
 /// Expects such a program to exit with status 2 and a last line with its name and the reason. Returns its output.
 std::string ExpectRefusal(const std::string& command, const std::string& reason);
