@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -36,7 +37,6 @@ namespace {
 
 using android::GraphicBuffer;
 using android::sp;
-using testing::ExitedWithCode;
 
 constexpr size_t kPage = 4096;
 constexpr size_t kSize = 5000;  // the second page has a tail
@@ -63,6 +63,7 @@ struct Heap {
     }
     Heap& Unmap(volatile char* at, size_t size) { return munmap(const_cast<char*>(at), size), *this; }
     Heap& Close(int& descriptor) { return close(std::exchange(descriptor, -1)), *this; }
+    Heap& FailSync() { return hostdevice::FailNth(hostdevice::Fault::kSync, 1), *this; }
     Heap& OpenNoMore() {
         const rlimit none = {};
         return setrlimit(RLIMIT_NOFILE, &none), *this;
@@ -74,23 +75,18 @@ struct Heap {
     volatile char *pixels, *readOnly;
 };
 
-// Runs a body in strict mode and exits with its expectations' result.
-void RunStrictly(const std::function<void(Heap& heap)>& body) {
-    Heap heap;
-    body(heap);
-    std::exit(testing::Test::HasFailure() ? 1 : 0);
-}
+using Steps = void (*)(Heap& heap);
 
-// Expects that a process that runs a body in strict mode says that and exits with that status.
-void ExpectExit(int status, const char* said, const std::function<void(Heap& heap)>& body) {
-    EXPECT_EXIT(RunStrictly(body), ExitedWithCode(status), said);
+// Expects that a process that takes the steps in strict mode says that and exits with that status.
+void ExpectExit(int status, const std::string& said, Steps steps) {
+    zyttest::ExpectExit(status, said, [steps] {
+        Heap heap;
+        steps(heap);
+    });
 }
 
 TEST(StrictDeathTest, EndsTheProcessAtTheMistake) {
-    const struct {
-        void (*steps)(Heap& heap);
-        const char* said;
-    } kCases[] = {
+    const std::pair<Steps, const char*> kCases[] = {
         {[](Heap& heap) { heap.Read(4097); },
          "read at offset 4097 of descriptor [0-9]+ \\(5000 bytes\\): no access was ever opened; thread [0-9]+ "},
         {[](Heap& heap) { heap.Start(kSyncRead).Start(kSyncRead).Read().Write(); }, "write at .* 2 open for reading;"},
@@ -121,9 +117,11 @@ TEST(StrictDeathTest, EndsTheProcessAtTheMistake) {
          "release of .* 1 open for writing"},
         {[](Heap& heap) { heap.Start(kSyncRead).Start(kSyncWrite).Close(heap.fd).Close(heap.copy).Write(); },
          "exit with an access to .* 2 open for reading and"},
+        {[](Heap& heap) { heap.FailSync().Start(kSyncRead).Start(kSyncRead).FailSync().End().Read(); },
+         "read at .* the last access to it was closed"},
         {[](Heap& heap) { heap.OpenNoMore().Start(kSyncWrite).Write(); },
          "cannot read /proc/self/maps to protect descriptor"}};
-    for (const auto& c : kCases) EXPECT_DEATH(RunStrictly(c.steps), std::string("^hostdevice: ") + c.said);
+    for (const auto& [steps, said] : kCases) ExpectExit(-1, std::string("^hostdevice: ") + said, steps);
 }
 
 TEST(StrictDeathTest, LeavesCorrectAccessesAlone) {
@@ -210,7 +208,7 @@ TEST(StrictDeathTest, PassesOtherFaultsToThePreviousHandler) {
         EXPECT_EQ(g_faults, 3);
     });
     signal(SIGSEGV, SIG_DFL);
-    EXPECT_EXIT(RunStrictly([](Heap&) { raise(SIGSEGV); }), testing::KilledBySignal(SIGSEGV), "^$");
+    ExpectExit(-1, "^$", [](Heap&) { raise(SIGSEGV); });
 }
 
 TEST(StrictDeathTest, LetsAHandlerOfSigabrtUseTheDevice) {
