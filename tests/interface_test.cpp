@@ -1,7 +1,6 @@
 // The members that clients take the address of. A private overload would make a name ambiguous, or hide it from a class
 // that brings it in by `using`.
 
-#include <functional>
 #include <thread>
 #include <tuple>
 
@@ -34,29 +33,25 @@ namespace {
     &ZYTUtil::QtimerNanoToQtimerTicks, &ZYTUtil::QtimerTicksToQtimerNano, &ZYTUtil::GetCurMilliSecond,
     &ZYTUtil::TranslateCropInfo, &ZYTUtil::MapFaceROIToImageBuffer, &ZYTUtil::DrawPointer, &ZYTUtil::DrawRect);
 
-struct PoolUser : ZYTBufferPool {
-    using ZYTBufferPool::GetBufferFromPool;
-    using ZYTBufferPool::ReleaseBuffer;
-};
-struct Node : ZYTBufferManager {
+struct User : ZYTBufferPool, ZYTBufferManager, ZYTBufferUtil {
     using ZYTBufferManager::AllocBuffer;
     using ZYTBufferManager::EndCPUSync;
     using ZYTBufferManager::FreeBuffer;
     using ZYTBufferManager::StartCPUSync;
-};
-struct Namer : ZYTBufferUtil {
+    using ZYTBufferPool::GetBufferFromPool;
+    using ZYTBufferPool::ReleaseBuffer;
     using ZYTBufferUtil::GetBufferFormatString;
 };
 
 // Each overload is chosen by its type alone.
-[[maybe_unused]] void* (ZYTBufferPool::*const kGet)(unsigned int, int&, ZYTBufferType) = &PoolUser::GetBufferFromPool;
-[[maybe_unused]] void (ZYTBufferPool::*const kRelease)(ZYTBufferPoolBufferInfo) = &PoolUser::ReleaseBuffer;
-[[maybe_unused]] bool (ZYTBufferManager::*const kAlloc)(unsigned int, void**, int&, ZYTBufferType) = &Node::AllocBuffer;
-[[maybe_unused]] bool (ZYTBufferManager::*const kAllocImage)(ZYTImageBuffer&, ZYTBufferType) = &Node::AllocBuffer;
-[[maybe_unused]] bool (ZYTBufferManager::*const kFree)(const void*) = &Node::FreeBuffer;
-[[maybe_unused]] bool (ZYTBufferManager::*const kStart)(int, CPUSyncType) = &Node::StartCPUSync;
-[[maybe_unused]] bool (ZYTBufferManager::*const kEnd)(const ZYTImageBuffer&) = &Node::EndCPUSync;
-[[maybe_unused]] std::string (*const kName)(ZYTFormat) = &Namer::GetBufferFormatString;
+[[maybe_unused]] void* (ZYTBufferPool::*const kGet)(unsigned int, int&, ZYTBufferType) = &User::GetBufferFromPool;
+[[maybe_unused]] void (ZYTBufferPool::*const kRelease)(ZYTBufferPoolBufferInfo) = &User::ReleaseBuffer;
+[[maybe_unused]] bool (ZYTBufferManager::*const kAlloc)(unsigned int, void**, int&, ZYTBufferType) = &User::AllocBuffer;
+[[maybe_unused]] bool (ZYTBufferManager::*const kAllocImage)(ZYTImageBuffer&, ZYTBufferType) = &User::AllocBuffer;
+[[maybe_unused]] bool (ZYTBufferManager::*const kFree)(const void*) = &User::FreeBuffer;
+[[maybe_unused]] bool (ZYTBufferManager::*const kStart)(int, CPUSyncType) = &User::StartCPUSync;
+[[maybe_unused]] bool (ZYTBufferManager::*const kEnd)(const ZYTImageBuffer&) = &User::EndCPUSync;
+[[maybe_unused]] std::string (*const kName)(ZYTFormat) = &User::GetBufferFormatString;
 [[maybe_unused]] size_t (ZYTSignalTask::*const kRaise)(uint64_t) = &ZYTSignalTask::insert;
 [[maybe_unused]] size_t (ZYTSignalTask::*const kConnect)(uint64_t, WrapperTask&&) = &ZYTSignalTask::insert;
 
@@ -66,7 +61,5 @@ TEST(Interface, MembersCanBePassedToTheStandardLibrary) {
     ZYTBufferPool pool;
     zyttest::LogCapture log;
     std::thread(&ZYTBufferPool::PutBufferToPool, &pool, nullptr).join();
-    std::mem_fn (&ZYTBufferPool::PutBufferToPool)(pool, nullptr);
-    std::bind(&ZYTBufferPool::PutBufferToPool, &pool, nullptr)();
-    EXPECT_EQ(log.Take().size(), 3u);
+    EXPECT_EQ(log.Take().size(), 1u);
 }
