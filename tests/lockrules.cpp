@@ -22,22 +22,12 @@ void WithoutTheLock(Pool& pool, ZYTThreadPool& workers, ZYTOfflineLog& log) {
     pool.AllocBuffer(0, 0, 1, ZYT_BUFFER_TYPE_MALLOC);  // expected-error {{requires holding mutex}}
 }
 
-void WithTheLock(Pool& pool, ZYTBufferManager& manager, ZYTThreadPool& workers, ZYTOfflineLog& log) {
-    {
-        zyt::Lock lock(Pool::m_freeBufferListLock);
-        pool.PutBufferToPool(nullptr);  // expected-error {{while mutex 'm_freeBufferListLock' is held}}
-        manager.FreeBuffer(nullptr);    // expected-error {{while mutex 'm_freeBufferListLock' is held}}
-    }
-    {
-        zyt::Lock lock(workers.m_taskListLock);
-        workers.FlushTask();  // expected-error {{while mutex 'workers.m_taskListLock' is held}}
-    }
-    {
-        zyt::Lock lock(log.m_logFileLock);
-        log.FlushLogPoolToFile2(nullptr);  // expected-error {{while mutex 'log.m_logFileLock' is held}}
-    }
-    {
-        zyt::Lock lock(ZYTUtil::m_productInfoLock);
-        ZYTUtil::GetProductInfo();  // expected-error {{while mutex 'm_productInfoLock' is held}}
-    }
+void WithTheLocks(Pool& pool, ZYTBufferManager& manager, ZYTThreadPool& workers, ZYTOfflineLog& log) {
+    zyt::Lock freeBuffers(Pool::m_freeBufferListLock), tasks(workers.m_taskListLock);
+    zyt::Lock file(log.m_logFileLock), product(ZYTUtil::m_productInfoLock);
+    pool.PutBufferToPool(nullptr);     // expected-error {{while mutex 'm_freeBufferListLock' is held}}
+    manager.FreeBuffer(nullptr);       // expected-error {{while mutex 'm_freeBufferListLock' is held}}
+    workers.FlushTask();               // expected-error {{while mutex 'workers.m_taskListLock' is held}}
+    log.FlushLogPoolToFile2(nullptr);  // expected-error {{while mutex 'log.m_logFileLock' is held}}
+    ZYTUtil::GetProductInfo();         // expected-error {{while mutex 'm_productInfoLock' is held}}
 }
