@@ -28,12 +28,12 @@ namespace {
 // Calls step once for each `operator new` of this thread in it, which fails, and once with none failing.
 template <typename Step>
 void WithEachNewFailing(const Step& step) {
-    for (uint64_t n = 1, hasFailed = 1; hasFailed != 0; ++n) {
+    for (uint64_t n = 1; !FaultPending(zyttest::Call::kNew); ++n) {
         SCOPED_TRACE(n);
-        zyttest::FailNthNew(n);
+        FailNth(zyttest::Call::kNew, n);
         step();
-        hasFailed = zyttest::FailNthNew(0);
     }
+    FailNth(zyttest::Call::kNew, 0);
 }
 
 constexpr ZYTFormat kNv12 = ZYT_FORMAT_YUV420NV12;

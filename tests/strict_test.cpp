@@ -37,6 +37,7 @@ namespace {
 
 using android::GraphicBuffer;
 using android::sp;
+using zyttest::Call;
 
 constexpr size_t kPage = 4096;
 constexpr size_t kSize = 5000;  // the second page has a tail
@@ -127,9 +128,10 @@ TEST(StrictDeathTest, EndsTheProcessAtTheMistake) {
 TEST(StrictDeathTest, LeavesCorrectAccessesAlone) {
     ExpectExit(0, "^$", [](Heap& heap) {
         heap.Start(kSyncRead).Start(kSyncWrite).End().Fill(kSize).End().Start(kSyncRead).ReadOther().End();
-        zyttest::FailNthNew(1);
+        FailNth(Call::kNew, 1);
         heap.Start(kSyncRead).End();
-        EXPECT_FALSE(zyttest::FailNthNew(0)) << "a known buffer costs no memory";
+        EXPECT_TRUE(FaultPending(Call::kNew)) << "a known buffer costs no memory";
+        FailNth(Call::kNew, 0);
         // Released part by part, and the last descriptor ends the access.
         heap.Start(kSyncWrite).Close(heap.fd).Unmap(heap.readOnly, kSize).Unmap(heap.pixels, kPage);
         heap.Write(kPage).Unmap(heap.pixels + kPage, kPage);

@@ -130,8 +130,6 @@ bool FaultPending(Call call) { return CallsUntilFailure(call) != 0; }
 
 bool Fails(Call call) { return FaultPending(call) && --CallsUntilFailure(call) == 0; }
 
-bool FailNthNew(uint64_t n) { return std::exchange(CallsUntilFailure(Call::kNew), n) == 0; }
-
 void ExpectExit(int status, const std::string& said, const std::function<void()>& body) {
     const auto run = [&body] {
         body();

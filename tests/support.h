@@ -68,8 +68,6 @@ void FailNth(Call call, uint64_t n);
 bool FaultPending(Call call);
 /// Counts a call. Returns true when this one must fail.
 bool Fails(Call call);
-/// FailNth of kNew. Returns false when one that was to fail has not been reached.
-bool FailNthNew(uint64_t n);
 
 /// Expects that a process that runs the body says that on stderr and exits with the status, or with 1 when one of the
 /// body's expectations fails. A status of -1 stands for all but 0, and for death by a signal.

@@ -287,9 +287,8 @@ TEST_F(OfflineLog, AppendsToACurrentFileWhosePathIsLong) {
 }
 
 TEST_F(OfflineLog, KeepsNothingOfALineThatCannotBeQueued) {
-    zyttest::FailNthNew(1);
+    FailNth(zyttest::Call::kNew, 1);
     EXPECT_THROW(m_log.PushLogToLogPool("lost", ZYTOfflineLogLevel::E), std::bad_alloc);
-    zyttest::FailNthNew(0);
     m_log.PushLogToLogPool("kept", ZYTOfflineLogLevel::E);
     Drain();
     EXPECT_THAT(Contents(), testing::ElementsAre(testing::EndsWith("kept\n")));
