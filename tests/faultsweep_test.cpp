@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 
-#include "logging/zytofflinelog.h"
+#include "logging/zytlogsite.h"
 #include "support.h"
 #include "utilities/zytutil.h"
 #include "zytbuffermanager/zytbuffermanager.h"
+#include "zytbuffermanager/zytbufferutil.h"
 
 using hostdevice::Fault;
 using testing::Contains;
@@ -24,10 +26,15 @@ using zyttest::LogCapture;
 extern "C" {
 
 void* __real_malloc(size_t size);
+FILE* __real_fopen(const char* path, const char* mode);
 void* __real_mmap(void* hint, size_t size, int protection, int flags, int fd, off_t offset);
 int __real_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*body)(void*), void* argument);
 
 void* __wrap_malloc(size_t size) { return Fails(Call::kMalloc) ? nullptr : __real_malloc(size); }
+
+FILE* __wrap_fopen(const char* path, const char* mode) {
+    return Fails(Call::kFopen) ? nullptr : __real_fopen(path, mode);
+}
 
 // A failing mmap returns null, unlike one that the kernel refuses.
 void* __wrap_mmap(void* hint, size_t size, int protection, int flags, int fd, off_t offset) {
@@ -42,32 +49,49 @@ int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void*
 
 namespace {
 
-// Returns true when images of all types can be allocated and used. Leaves freeing to the destructors where it can.
-bool AllocateEverything() {
+// Uses every buffer operation on an image of each type. A failed step skips only the steps that depend on it. Leaves
+// freeing to the destructors where it can. Returns true when no step failed.
+bool UseEverything(const std::string& dump) {
+    bool isGood = true;
+    const auto expect = [&isGood](bool step) { return isGood = step && isGood, step; };
+    const auto isUsable = [](const void* pBuf) { return pBuf != nullptr && pBuf != MAP_FAILED; };
+    unsigned char pixels[64 * 48] = {};
+    ZYTImageBuffer source = zyttest::Image(ZYT_FORMAT_RAW16, 32, 48, 64, 48);
+    source.pAddr[0] = pixels;
     ZYTBufferPool client;
     ZYTBufferManager manager("Node");
-    bool isGood = true;
     for (const ZYTBufferType type : {ZYT_BUFFER_TYPE_MALLOC, ZYT_BUFFER_TYPE_DMABUF, ZYT_BUFFER_TYPE_GRALLOC}) {
-        ZYTImageBuffer image = zyttest::Image(ZYT_FORMAT_YUV420NV12, 64, 48, 64, 48);
-        const auto isUsable = [](const void* pBuf) { return pBuf != nullptr && pBuf != MAP_FAILED; };
-        isGood = manager.AllocBuffer(image, type) && isGood;
-        isGood = std::all_of(image.pAddr, image.pAddr + image.numberOfPlanes, isUsable) && isGood;
+        ZYTImageBuffer image = zyttest::Image(ZYT_FORMAT_YUV420NV12, 64, 48, 64, 48), raw = source;
+        const bool isThere = expect(manager.AllocBuffer(image, type) &&
+                                    std::all_of(image.pAddr, image.pAddr + image.numberOfPlanes, isUsable));
+        const int fd = image.fd[0];
+        raw.pAddr[0] = image.pAddr[0];  // the rows of the first plane
+        if (isThere && expect(fd == 0 || manager.StartCPUSync(fd, CPU_SYNC_READ_WRITE))) {
+            ZYTBufferUtil::ZYTBufferCopy(&raw, &source);
+            if (!expect(ZYTBufferUtil::ZYTBufferDump(&raw, dump.c_str()))) ZYT_LOG(E, "Node", "no dump");
+            expect(fd == 0 || manager.EndCPUSync(fd));
+        }
         if (type == ZYT_BUFFER_TYPE_GRALLOC) client.PutBufferToPool(image.pAddr[0]);
     }
+    unsigned int size = 0;
+    char* data = ZYTUtil::ReadFileData(dump.c_str(), size);
+    if (!expect(data != nullptr)) ZYT_LOG(E, "Node", "no file");
+    ZYTUtil::FreeFileData(data);
     return isGood;
 }
 
-// Makes the n-th call of a kind (a Fault or a Call) fail, for n = 1, 2, 3 ... until none fails. Each fault must make an
-// allocation fail and log such a line.
+// Makes the n-th call of a kind (a Fault or a Call) fail, for n = 1, 2, 3 ... until none fails. Each fault must make a
+// step fail and log such a line.
 template <typename Kind>
 void Sweep(Kind kind, const std::string& line) {
+    const zyttest::TempDir dir;
     uint64_t n = 0;
     for (bool hasFired = true; hasFired;) {
         SCOPED_TRACE(++n);
         const uint64_t graphicMappings = hostdevice::CountLive().graphicMappings;
         LogCapture log;
         FailNth(kind, n);
-        const bool isGood = AllocateEverything();
+        const bool isGood = UseEverything(dir / "dump");
         hasFired = !FaultPending(kind);
         FailNth(kind, 0);
         EXPECT_EQ(isGood, !hasFired);
@@ -102,8 +126,10 @@ TEST(FaultSweep, EveryFailedCallIsReportedAndNothingIsLost) {
     Sweep(Fault::kMapping, "I .*pBuf: 0xffffffffffffffff");
     Sweep(Fault::kGraphicBuffer, noGraphic);
     Sweep(Fault::kGraphicDescriptor, noGraphic);
+    Sweep(Fault::kSync, "I .*CPUSync.. .*, result: -1$");
     Sweep(Call::kMmap, noBuffer + "1, size: |" + noGraphic);
-    Sweep(Call::kMalloc, noBuffer + "0, size: ");
+    Sweep(Call::kMalloc, noBuffer + "0, size: |no file");
+    Sweep(Call::kFopen, "no (dump|file)");
 }
 
 TEST(Faults, FilesThatDoNotFitMemoryKeepTheirLength) {

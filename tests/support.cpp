@@ -38,7 +38,7 @@ char PriorityLetter(int priority) { return priority >= 2 && priority <= 6 ? "VDI
 // Atomic, because other threads may be logging.
 void SetLevel(int level) { __atomic_store_n(&ZYTLogUtil::m_level, level, __ATOMIC_RELAXED); }
 
-thread_local uint64_t t_callsUntilFailure[4] = {};  // by kind; 0: none fails
+thread_local uint64_t t_callsUntilFailure[5] = {};  // by kind; 0: none fails
 
 uint64_t& CallsUntilFailure(Call call) { return t_callsUntilFailure[static_cast<int>(call)]; }
 

@@ -60,7 +60,7 @@ void WriteFile(const std::string& path, const std::string& content);
 ZYTImageBuffer Image(int format, uint32_t width, uint32_t height, uint32_t planeStride, uint32_t sliceHeight);
 
 /// Calls that can fail: kNew in a test with failnew.cpp, in the libraries too; the others in faultsweep_test.
-enum class Call { kNew, kMalloc, kMmap, kPthreadCreate };
+enum class Call { kNew, kMalloc, kFopen, kMmap, kPthreadCreate };
 
 /// Makes the n-th such call of this thread from now on fail once; 0: none.
 void FailNth(Call call, uint64_t n);
