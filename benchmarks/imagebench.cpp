@@ -6,14 +6,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "nodekit/image.h"
 #include "zytbuffermanager/zytbufferutil.h"
 
 namespace {
 
 constexpr size_t kPageSize = 4096;
 constexpr char kDumpPath[] = ZYT_BENCH_SCRATCH "dump.raw";
-
-uint32_t AlignUp(uint32_t value, uint32_t alignment) { return (value + alignment - 1) / alignment * alignment; }
 
 // Subject and peer use the same pages, because an image's address affects the speed of a copy more than the code does.
 // Page-aligned like the mappings of images, and written once before the measurement.
@@ -30,12 +29,9 @@ unsigned char* Arena(int index) {
 }
 
 struct Image : ZYTImageBuffer {
-    Image(int arena, ZYTFormat pixelFormat, const benchmark::State& state, uint32_t alignment) : ZYTImageBuffer{} {
-        format = pixelFormat;
-        width = static_cast<uint32_t>(state.range(0));
-        height = static_cast<uint32_t>(state.range(1));
-        planeStride = AlignUp(RowBytes(), alignment);
-        sliceHeight = height;
+    Image(int arena, ZYTFormat pixelFormat, const benchmark::State& state, uint32_t alignment)
+        : ZYTImageBuffer(zyt::Describe(pixelFormat, static_cast<uint32_t>(state.range(0)),
+                                       static_cast<uint32_t>(state.range(1)), alignment)) {
         numberOfPlanes = 2;
         pAddr[0] = Arena(arena);
         pAddr[1] = pAddr[0] + size_t{planeStride} * sliceHeight;

@@ -61,5 +61,4 @@ def main():
             out.write("face %d %d %d %d\n" % rect)
 
 
-if __name__ == "__main__":
-    main()
+main()

@@ -22,7 +22,6 @@
 
 // Defined in samplenodedesk.cpp, which only the desktop build links.
 __attribute__((weak)) void ReportDevice();
-__attribute__((weak)) void ReportLeftovers();
 
 namespace {
 
@@ -82,12 +81,7 @@ Faces ReadFaces(const std::string& path) {
                    " TOP LEFT WIDTH HEIGHT, whole numbers up to " + std::to_string(kMaxSensorSide));
         }
         const auto side = [&sides](int i) { return static_cast<uint32_t>(sides[i]); };
-        const ZYTRect rect{side(0), side(1), side(2), side(3)};
-        if (isCrop) {
-            faces.crop = rect;
-        } else {
-            faces.rects.push_back(rect);
-        }
+        (isCrop ? faces.crop : faces.rects.emplace_back()) = {side(0), side(1), side(2), side(3)};
     }
     return faces;
 }
@@ -197,12 +191,11 @@ int main(int argc, char** argv) {
     std::string failure;
     {
         SampleNode node(argv[3], argc == 5 ? ReadFaces(argv[4]) : Faces());
-        if (ReportDevice != nullptr) ReportDevice();
         std::printf("frame         %ux%u %s, %zu bytes\n", width, height,
                     ZYTBufferUtil::GetBufferFormatString(&frame).c_str(), bytes);
         for (unsigned int number = 1; number <= 2 && failure.empty(); ++number) failure = node.Deliver(number, frame);
     }
     if (!failure.empty()) Refuse(failure);
-    if (ReportLeftovers != nullptr) ReportLeftovers();
+    if (ReportDevice != nullptr) ReportDevice();
     PrintOfflineLog();
 }
