@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs into a clean prefix, moves it, and builds the documents' examples with it alone: the guide's project with
-# find_package, the guide's and the README's nodes with pkg-config.
+# find_package, the README's node with pkg-config.
 # usage: package.sh BUILD-DIRECTORY COMPILER FLAGS
 set -euo pipefail
 tree=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -36,15 +36,15 @@ cd "$dir/guide"
 extract "$tree/docs/guide.md"
 cmake -S . -B build -DCMAKE_PREFIX_PATH="$dir/prefix" >/dev/null
 cmake --build build >"$dir/log" 2>&1 || { cat "$dir/log" >&2; exit 1; }
-run build/brightnode bright_640x480_YUV420NV12.raw
-[[ $(stat -c %s bright_640x480_YUV420NV12.raw) == $((640 * 480 * 3 / 2)) ]]
 run build/brightnode_test passed
 HOSTDEVICE_TRACE=timeline.json run build/brightnode bright_640x480_YUV420NV12.raw
+[[ $(stat -c %s bright_640x480_YUV420NV12.raw) == $((640 * 480 * 3 / 2)) ]]
 for section in Brighten zyt::{Image,CpuAccess,ParallelRows,FrameQueue,WriteDump}; do
     # The platform's own tracing does nothing at a desk.
     grep -qi '^ZYT_HOST_AOSP:.*=\(on\|true\)' "$build/CMakeCache.txt" || grep -q "\"$section\"" timeline.json
 done
-flags=$(PKG_CONFIG_PATH=$libraries/pkgconfig pkg-config --cflags zyttools)
+export PKG_CONFIG_PATH=$libraries/pkgconfig
+flags=$(pkg-config --cflags zyttools)
 # shellcheck disable=SC2046,SC2086
 {
     $CXX -std=c++17 $CXXFLAGS -fsyntax-only ring.cpp $flags
@@ -63,13 +63,9 @@ frame=$dir/dark_8x2_RawMipi10.raw
 "$dir/denoise/denoise" "$frame" "$frame" "$frame" "$frame" "$dir"
 cmp "$dir/denoise_8x2_Raw16.raw" <(head -c 32 /dev/zero)
 
-export PKG_CONFIG_PATH=$libraries/pkgconfig LD_LIBRARY_PATH=$libraries
-sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$tree/README.md" >"$dir/readme/main.cpp"
-for node in guide readme; do
-    cd "$dir/$node"
-    # shellcheck disable=SC2046,SC2086
-    $CXX -std=c++17 $CXXFLAGS main.cpp -o by-pkgconfig $(pkg-config --cflags --libs zyttools)
-done
-(cd "$dir/guide" && run ./by-pkgconfig bright_640x480_YUV420NV12.raw)
-run ./by-pkgconfig ''
+cd "$dir/readme"
+sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$tree/README.md" >main.cpp
+# shellcheck disable=SC2046,SC2086
+$CXX -std=c++17 $CXXFLAGS main.cpp -o by-pkgconfig $(pkg-config --cflags --libs zyttools)
+LD_LIBRARY_PATH=$libraries run ./by-pkgconfig ''
 [[ $(stat -c %s mynode_1920x1080_YUV420NV12.raw) == $((1920 * 1080 * 3 / 2)) ]]
