@@ -1,9 +1,6 @@
 // Compares zytview with ffmpeg, which reads most of the formats and all of zytview's pictures.
-#include <gmock/gmock.h>
-
 #include <algorithm>
 #include <array>
-#include <filesystem>
 #include <random>
 #include <sstream>
 
@@ -11,7 +8,6 @@
 #include "nodekit/rawpixels.h"
 #include "support.h"
 
-using testing::AllOf;
 using testing::HasSubstr;
 using zyttest::ChildResult;
 using zyttest::ReadFile;
@@ -20,8 +16,7 @@ namespace {
 
 using Samples = std::vector<unsigned int>;
 
-constexpr unsigned int kWidth = 48;
-constexpr unsigned int kHeight = 32;
+constexpr unsigned int kWidth = 48, kHeight = 32;
 
 // Returns the bytes of a row, or of an image whose rows have no padding.
 std::string Pack(const Samples& samples, ZYTFormat format = ZYT_FORMAT_RAW16) {
@@ -44,29 +39,14 @@ protected:
         return zyttest::RunBuilt("tools/zytview/zytview " + arguments);
     }
 
-    Samples View(const std::string& arguments, const std::string& pixelFormat) {
-        EXPECT_EQ(Run(arguments + " " + m_png).output, m_png + "\n");
-        return Decode("-i " + m_png, pixelFormat);
-    }
-
-    Samples Decode(const std::string& input, const std::string& pixelFormat) {
-        const std::string out = m_dir / "decoded";
-        Ffmpeg(input + " -pix_fmt " + pixelFormat + " -f rawvideo " + out);
-        return Values(out, pixelFormat.substr(pixelFormat.size() - 2) == "be");
-    }
-
-    static void Ffmpeg(const std::string& arguments) {
-        const ChildResult result = zyttest::RunCommand("ffmpeg -v error -y -filter_threads 1 " + arguments);
+    // Returns the values that ffmpeg reads, of 8 or 16 bits.
+    Samples Decode(const std::string& arguments, bool isWide) {
+        const std::string out = m_dir / "decoded", command = "ffmpeg -v error -y -filter_threads 1 ";
+        const ChildResult result = zyttest::RunCommand(command + arguments + " -f rawvideo " + out);
         EXPECT_EQ(result.exitCode, 0) << arguments << result.output;
-    }
-
-    static Samples Values(const std::string& path, bool isWide) {
-        const std::string bytes = ReadFile(path);
-        Samples values(bytes.begin(), bytes.end());
-        for (unsigned int& value : values) value &= 0xff;
-        if (!isWide) return values;
-        for (size_t i = 0; i < values.size() / 2; ++i) values[i] = values[2 * i] << 8 | values[2 * i + 1];
-        values.resize(values.size() / 2);
+        std::istringstream file(ReadFile(out));
+        Samples values;
+        for (int byte; (byte = file.get()) != EOF;) values.emplace_back(isWide ? byte << 8 | file.get() : byte);
         return values;
     }
 
@@ -75,8 +55,7 @@ protected:
         return m_dir / name;
     }
 
-    // Splits a row of a table, creates its dump, and returns zytview's arguments and the expectation. An @ is the
-    // directory of the dumps.
+    // Creates the dump of a row. Returns zytview's arguments, in which @ is the dumps' directory, and the expectation.
     std::pair<std::string, std::string> Prepare(const std::string& row) {
         std::vector<std::string> fields;
         std::istringstream text(row);
@@ -120,8 +99,9 @@ TEST_F(ZytView, ShowsColoursAsFfmpegDoes) {
         const Samples samples = RandomSamples(kWidth * kHeight * (isBayer ? 2 : 3) / 2, 16 * unit, 235 * unit);
         const std::string dump = NewDump("c_48x32_" + format + ".raw", Pack(samples, kind));
         const std::string input = "-f rawvideo -s 48x32 -pix_fmt " + peerFormat + " -i " + dump + " " + peerOptions;
-        const Samples seen = View(options + " " + dump, isWide ? "rgb48be" : "rgb24");
-        const Samples peer = Decode(input, isWide ? "rgb48be" : "rgb24");
+        EXPECT_EQ(Run(options + " " + dump + " " + m_png).output, m_png + "\n");
+        const Samples seen = Decode("-i " + m_png, isWide);
+        const Samples peer = Decode(input + " -pix_fmt " + (isWide ? "rgb48be" : "rgb24"), isWide);
         ASSERT_EQ(seen.size(), kWidth * kHeight * 3);
         for (size_t i = 0; i < seen.size(); ++i) {
             // For Bayer, ffmpeg truncates means and copies pixels at the edges. It reduces the 10 bits of P010.
@@ -129,10 +109,6 @@ TEST_F(ZytView, ShowsColoursAsFfmpegDoes) {
             if (isBayer && (x < 2 || y < 2 || x >= kWidth - 2 || y >= kHeight - 2)) continue;
             ASSERT_NEAR(seen[i], peer[i], isBayer || !isWide ? 1 : 256) << input << " " << i;
         }
-        if (!isBayer) continue;
-        // A cropped picture has the colours of the whole picture, also at its edges.
-        const size_t at = (9 * kWidth + 7) * 3;
-        EXPECT_EQ(View("--crop 1x1+7+9 " + options + " " + dump, "rgb48be"), Samples(&seen[at], &seen[at + 3]));
     }
 }
 
@@ -141,15 +117,15 @@ constexpr const char* kShown[] = {
     "half_4x2_Y16.raw||b 1 2 3 4 5 6 7 8|513 1027 1541 2055",
     "high_3x1_Raw10.raw||w 100 1024 1023|6406 65535 65535",
     "cut_3x1_RawMipi10.raw||b 1 2 255|256 512 65343",
-    "m_4x1_RawMipi14.raw||b 170 85 255 0 124 245 7|43762 21845 65535 4",
     "slack_1x2_Raw16.raw|--stride 5|b 49 50 9 9 9 51 52|12849 13363",
     // At an edge only existing neighbours count.
     "edge_3x1_Raw16.raw|--bayer rggb|w 100 200 300|100 200 100 200 200 200 300 200 300",
     "edge_3x3_Raw16.raw|--bayer gbrg|w 10 200 35 400 51 600 72 800 99|400 10 200 500 32 200 600 35 200 400 44 500 500 "
     "51 500 600 62 500 400 72 800 500 74 800 600 99 800",
+    // A cropped picture has the colours of the whole picture, also at its edges.
+    "edge_3x3_Raw16.raw|--bayer gbrg --crop 2x1+1+1|w 10 200 35 400 51 600 72 800 99|500 51 500 600 62 500",
     // An odd column or row has its neighbour's chroma, unless the file has chroma for the row.
-    "odd_3x1_NV12.raw|--size 3x3|b 128 128 128 128 128 128 128 128 128 255 128 1|"
-    "128 84 255 128 84 255 128 84 255 128 84 255 128 84 255 128 84 255 128 84 255 128 84 255 128 84 255",
+    "odd_3x1_NV12.raw|--size 3x3 --crop 2x1+1+2|b 128 128 128 128 128 128 128 128 128 255 128 1|128 84 255 128 84 255",
     "odd_3x3_NV12.raw|--crop 1x1+2+2|b 128 128 128 128 128 128 128 128 128 255 128 1 128 255 1|255 37 128",
     "dot_1x1_NV12.raw||b 128|128 128 128",
     // The chroma ends with the last pixel, with half of the first plane's bytes, or with half of its rows.
@@ -159,39 +135,26 @@ constexpr const char* kShown[] = {
     // In a scaled picture the last column and row are the mean of the existing pixels.
     "scale_3x3_Y16.raw|--scale 1/2|w 10 20 31 30 41 50 61 70 90|25 41 66 90",
     "scale_4x4_Y16.raw|--scale 1/2 --crop 2x2+1+2|w 9 9 9 9 9 9 9 9 9 1 2 9 9 3 4 9|3",
-    "night_9x9_raw10_3X2-RAW12.bin||w 1 2 3 4 5 6|16 32 48 64 80 96",
     "night_2x3_Raw12.raw|--size 3X1 --format raw16|w 1 2 3|1 2 3",
-    "l_4x1_Raw10.raw|--black 64 --gain 2.5|w 0 100 1000 90|0 5766 65535 4164",
-    "l_5x1_Raw10.raw|--gain auto|w 100 300 164 300 200|0 65535 20971 65535 32768",
     "l_5x1_Y16.raw|--gain auto --black 500 --crop 4x1+1+0|w 0 1000 1000 2000 9999|3450 3450 10349 65535",
     "l_2x2_NV12.raw|--black 10 --gain 2|b 10 60 110 20 128 128|0 0 0 100 100 100 200 200 200 20 20 20",
     "l_2x2_NV12.raw|--range limited --gain auto|b 10 60 110 20 128 128|0 0 0 128 128 128 255 255 255 26 26 26",
-    "c_6x1_Raw10.raw|--gain 2 --curve srgb|w 0 1 3 256 512 1023|0 1655 4521 48213 65535 65535",
+    "c_6x1_Raw10.raw|--black 1 --gain 2.5 --curve srgb|w 0 2 3 256 512 1023|0 2069 3927 53169 65535 65535",
     // Saturated samples are white; red and blue would be brighter than green otherwise.
     "w_4x2_Raw10.raw|--black 64 --bayer rggb --white auto --gain auto|w 264 464 1023 1023 464 364 1023 1023|"
     "16026 27335 22129 40781 27335 22129 65535 52802 43832 65535 65535 65535 "
     "16026 27335 22129 40781 40068 22129 65535 65535 43832 65535 65535 65535",
     // Red 100, green 200 and 400, blue 600.
-    "w_2x2_Raw10.raw|--black 64 --bayer rggb --white 2,1,0.5|w 164 264 464 664|"
-    "12812 19219 19218 12812 12812 19218 12812 25625 19218 12812 19219 19218",
     "w_2x2_Raw10.raw|--black 64 --bayer rggb --white 3,1,0.5 --gain auto|w 164 264 464 664|"
     "49151 49152 49151 49151 32768 49151 49151 65535 49151 49151 49152 49151",
 };
 
 TEST_F(ZytView, ShowsEachValue) {
-    std::string inputs, outputs;
-    size_t count = 0;
     for (const char* row : kShown) {
-        const std::string name = m_dir / std::to_string(count);
-        EXPECT_EQ(Run(Prepare(row).first + " " + name + ".png").exitCode, 0) << row;
-        inputs += " -i " + name + ".png";
-        outputs += " -map " + std::to_string(count++) + " -f rawvideo " + name;
-    }
-    Ffmpeg(inputs + outputs);
-    while (count-- > 0) {
-        const bool isWide = std::string(kShown[count]).find("_NV") == std::string::npos;
-        EXPECT_EQ(Values(m_dir / std::to_string(count), isWide), Numbers(Prepare(kShown[count]).second))
-            << kShown[count];
+        const auto [arguments, expected] = Prepare(row);
+        EXPECT_EQ(Run(arguments + " " + m_png).exitCode, 0) << row;
+        const bool isWide = arguments.find("_NV") == std::string::npos;
+        EXPECT_EQ(Decode("-i " + m_png, isWide), Numbers(expected)) << row;
     }
 }
 
@@ -202,18 +165,14 @@ constexpr const char* kTold[] = {
     "n_2x2_NV21.raw|--stats --crop 1x1+1+1|b 1 2 3 4 100 50|\nU             50      50      50.00 ",
     "n_4x2_Raw10.raw|--stats --crop 3x2+1+0|w 0 100 10 1023 7 512 9 513|"
     "\n1,0          100    1023     561.50     461.50         0 (  0.00%)         1 ( 50.00%)"
-    "\n0,1            9       9       9.00       0.00         0 (  0.00%)         0 (  0.00%)\n1,1          512     "
-    "513 ",
-    "n_4x2_Raw10.raw|--stats --bayer bggr|w 0 100 10 1023 7 512 9 513|\nB              0      10       5.00       "
-    "5.00 ",
+    "\n0,1            9       9 ",
     "n_8x2_Y16.raw|--stats|b 0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15|left 4 of 8 columns",
     "n_4x2_Raw10.raw|--pixel 2,1 --bayer grbg|w 0 100 10 1023 7 512 9 513|B at 2,1 is 9\n"
     "              0       1       2       3\n      0      0     100      10    1023\n      1      7     512      [9] "
     " ",
     "n_9x1_Y16.raw|--histogram @bars.PNG|w 0 0 650 650 650 650 6500 65535 65535|bars.PNG\n",
-    "n_3x1_Raw10.raw|--bayer gbrg --scale 1/2|w 7 1024 1023|more than 10 bits, shown as the largest value: 1\n",
-    // Of 1025 and 1030 within the crop, 1025 is not cut.
-    "n_4x1_Raw10.raw|--crop 3x1+1+0 --black 4|w 4095 1025 7 1030|shown as the largest value: 1\n",
+    // The red 1024 is cut, and the green 1025 is not.
+    "n_2x1_Raw10|--black 4 --bayer rggb --white 2,1,1|w 1024 1025|more than 10 bits, shown as the largest value: 1\n",
     "n_3x3_NV21.raw|--pixel 1,1|b 0 1 2 3 4 5 6 7 8 60 50 9|"
     "U at 0,0 is 50\n              0       2\n      0    [50]      -\n      2      -       -\n",
     "n_3x3_NV12.raw|--pixel 2,2 --json|b 0 1 2 3 4 5 6 7 8 50 60 9|"
@@ -224,20 +183,20 @@ constexpr const char* kTold[] = {
     R"("0,1": {"mean": 5.000000, "spread": 4.447800, "outliers": [], "at": [1, 3, 5], "means": [3.000000, 3.000000, )"
     R"(9.000000], "differences": [-3.000000, -3.000000, 6.000000]})",
     "\xff\"_2x1_Y16.raw|--json|w 1 2|\uFFFD\\\"_2x1_Y16.raw\", \"width\": 2",
-    "d_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw|w 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16|\n1,1                0 (  0.00%)",
+    "d_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw --bayer grbg|w 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16|"
+    "\nGr                 0 (  0.00%)         0     +0.00             -       inf\nR ",
     // 10 * log10(1023^2 * 4 / (40^2 + 60^2)).
     "e_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw --bayer grbg --json|w 1 2 3 4 45 6 67 68 9 10 11 12 13 74 15 16|"
-    R"("Gr": {"samples": 4, "differing": 0, "largest": 0, "mean": 0.000000, "at": null, "psnr": null}, )",
-    "e_4x4_Raw10.raw|--diff @d_4x4_Raw10.raw --bayer grbg|w 1 2 3 4 45 6 67 68 9 10 11 12 13 74 15 16|"
-    "\nB                  2 ( 50.00%)        60    +25.00           2,1     29.06\nGb                 2 ( 50.00%)  ",
+    R"("largest": 0, "mean": 0.000000, "at": null, "psnr": null}, "B": {"samples": 4, "differing": 2, "largest": 60, )"
+    R"("mean": 25.000000, "at": [2, 1], "psnr": 29.058079}, "Gb": {)",
     "d_4x4_Raw10.raw|--diff @e_4x4_Raw10.raw --tolerance 60|w 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16|"
     "\n0,1                0 (  0.00%)        60    -25.00           2,1     29.06",
     // Bits below the sample of P010.
     "n_1x1_P010.raw|--stats|w 64|channel",
     "zz_1x1_P010.raw|--diff @n_1x1_P010.raw|w 65|\nY                  1 (100.00%)         0     +0.00           0,0  ",
     "y_2x4_NV12.raw|--stats|b 1 1 1 1 1 1 1 1 5 5 5 5|channel",
-    "z.bin|--diff @y_2x4_NV12.raw --size 2x4 --format nv12 --crop 2x1+0+3|b 1 1 1 1 1 1 1 1 5 5 5 7|"
-    "\nV                  1 (100.00%)         2     +2.00           0,2     42.11\n",
+    "z.bin|--diff @y_2x4_NV12.raw --size 2x4 --format nv12 --crop 2x3+0+1|b 1 1 1 1 1 1 1 1 5 7 5 5|"
+    "\nV                  1 ( 50.00%)         2     +1.00           0,0     45.12\n",
 };
 
 TEST_F(ZytView, TellsNumbers) {
@@ -248,11 +207,11 @@ TEST_F(ZytView, TellsNumbers) {
         EXPECT_EQ(result.exitCode, isDifferent ? 1 : 0) << arguments << result.output;
         EXPECT_THAT(result.output, HasSubstr(expected));
     }
-    EXPECT_EQ(Decode("-i " + m_png + "z.png", "gray"), Numbers("255 255"));
-    EXPECT_EQ(Decode("-i " + m_png + "e.png", "gray"), Numbers("0 0 0 0 191 0 255 255 0 0 0 0 0 255 0 0"));
-    EXPECT_FALSE(std::filesystem::exists(m_dir / "n_2x2_NV21.png")) << "no picture was asked for";
+    EXPECT_EQ(Decode("-i " + m_png + "z.png", false), Numbers("255 255 0 0 0 0"));
+    EXPECT_EQ(Decode("-i " + m_png + "e.png", false), Numbers("0 0 0 0 191 0 255 255 0 0 0 0 0 255 0 0"));
+    EXPECT_EQ(ReadFile(m_dir / "n_2x2_NV21.png"), "") << "no picture was asked for";
     // The bars: clipped samples in the margins, between them a column per 64 values; heights are square roots.
-    const Samples drawn = Decode("-i " + (m_dir / "bars.PNG"), "gray");
+    const Samples drawn = Decode("-i " + (m_dir / "bars.PNG -pix_fmt gray"), false);
     for (const auto& [x, height] : {std::pair(24, 114), {36, 0}, {46, 160}, {137, 80}, {138, 0}, {1062, 114}}) {
         int seen = 0;
         for (int y = 36; y < 196; ++y) seen += drawn[static_cast<size_t>(y * 1096 + x)] > 60;
@@ -281,7 +240,6 @@ constexpr const char* kRefused[] = {
     "x_2x1_Raw10.raw|--pixel 0,0 @y_1x2_Raw10.raw|w 1 2|--pixel is for one dump",
     "x_Raw12.raw||w 1|no size such as",
     "x_1x1_Raw121.raw||w 1|no format in the name",
-    "x_2x1_Raw10.png||w 1 2|x_2x1_Raw10.png would replace the dump",
     "x_2x1_Raw10.raw|@missing_2x1_Raw10.raw --diff|w 1 2|missing_2x1_Raw10.raw: No such file or directory",
     "x_2x1_Raw10.raw|--diff=|w 1 2|--diff is a dump, not ''",
     "x_2x1_Raw10.raw|--histogram=|w 1 2|--histogram is a name for a PNG, such as x.png, not ''",
@@ -304,34 +262,27 @@ TEST_F(ZytView, SaysWhatIsWrongAndLosesNothing) {
         EXPECT_EQ(output.find('\n'), output.size() - 1) << "in one line";
     }
     const std::string raw = m_dir / "x_2x1_Raw10.raw";
-    EXPECT_EQ(ReadFile(m_dir / "x_2x1_Raw10.png"), ReadFile(raw));
+    EXPECT_EQ(ReadFile(raw), Pack({1, 2}));
     for (const std::string& png : {m_dir / "missing/x.png", std::string("/dev/full")}) {
         const ChildResult result = Run(raw + " " + png);
         EXPECT_EQ(result.exitCode, 1);
         EXPECT_THAT(result.output, HasSubstr("cannot write " + png));
     }
-    // An invalid dump does not stop the others, and no dump overwrites the PNG of another.
-    const ChildResult several =
-        Run((m_dir / "x_4x3_NV12.raw ") + NewDump("y_1x2_Raw10.bin", "1234") + " " + (m_dir / "y_1x2_Raw10.raw"));
+    // An invalid dump takes no name and does not stop the others; no dump overwrites the PNG of another.
+    const ChildResult several = Run(NewDump("y_1x2_Raw10.bin", "") + " " + NewDump("y_1x2_Raw10.raw", "1234") + " " +
+                                    NewDump("y_1x2_Raw10.dat", "1234") + " " + NewDump("y_0.1_1x1_Y16", "12"));
     EXPECT_EQ(several.exitCode, 2);
-    EXPECT_THAT(several.output, AllOf(HasSubstr("/y_1x2_Raw10.png  1x2 Raw10\n"), HasSubstr("found 17\n"),
-                                      HasSubstr("/y_1x2_Raw10.png would replace what was written")));
-    // Names are those of files; a dump that fails, here an empty one, takes no name.
-    const std::string npy = m_dir / "./view.png";
-    EXPECT_THAT(Run("--npy " + m_png + " " + raw + " " + npy).output,
-                HasSubstr(npy + " would replace what was written"));
-    const std::string first = NewDump("a_0.1_1x1_Y16", ""), second = NewDump("a_0.2_1x1_Y16", "12");
-    EXPECT_THAT(
-        Run(NewDump("a_1x1_Y16.bin", "") + " " + NewDump("a_1x1_Y16.raw", "12") + " " + first + " " + second).output,
-        AllOf(HasSubstr("/a_1x1_Y16.png  1x1"), HasSubstr(first + ": expected"), HasSubstr(second + ".png  1x1")));
-    // No temporary file is left.
-    for (const auto& entry : std::filesystem::directory_iterator(m_dir.Path())) {
-        EXPECT_EQ(entry.path().string().find(".zytview"), std::string::npos) << entry.path();
-    }
+    EXPECT_THAT(several.output, testing::AllOf(HasSubstr("found 0\n"), HasSubstr("/y_1x2_Raw10.png  1x2 Raw10\n"),
+                                               HasSubstr("/y_1x2_Raw10.png would replace what was written"),
+                                               HasSubstr("/y_0.1_1x1_Y16.png  1x1")));
+    // Names are those of files.
+    EXPECT_THAT(Run("--npy " + m_png + " " + raw + " " + (m_dir / "./view.png")).output,
+                HasSubstr("/./view.png would replace what was written"));
 }
 
 // Each step prints its status. While nobody reads the pipe, zytview cannot end.
 constexpr const char* kSteps = R"sh(
+view=$(dirname "$(readlink /proc/$PPID/exe)")/../tools/zytview/zytview
 noise() { head -c 4194304 /dev/urandom >noise_2048x1024_Raw16.raw; }
 mkfifo pipe && noise
 "$view" noise_2048x1024_Raw16.raw pipe & { head -c 9; : >noise_2048x1024_Raw16.raw; cat; } <pipe >/dev/null
@@ -347,9 +298,7 @@ wait $! 2>/dev/null; echo "quit $? $(compgen -G '.zytview-*')"
 )sh";
 
 TEST_F(ZytView, EndsAsAProgramShould) {
-    const auto built = std::filesystem::canonical("/proc/self/exe").parent_path().parent_path();
-    const std::string view = (built / "tools/zytview/zytview").string();
-    zyttest::WriteFile(m_dir / "steps", "cd " + m_dir.Path() + "\nview=" + view + kSteps);
+    zyttest::WriteFile(m_dir / "steps", "cd " + m_dir.Path() + kSteps);
     EXPECT_EQ(zyttest::RunCommand("bash " + (m_dir / "steps")).output,
               "zytview: noise_2048x1024_Raw16.raw became shorter while it was read\nshortened 2\npipe\nignored 0\n"
               "quit 131 \nzytview: cannot write the standard output: No space left on device\nlost 1\n"
