@@ -1,10 +1,8 @@
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <hostdevice/hostdevice.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <future>
 #include <random>
 #include <thread>
@@ -39,10 +37,12 @@ void WithEachNewFailing(const Step& step) {
 constexpr ZYTFormat kNv12 = ZYT_FORMAT_YUV420NV12;
 constexpr ZYTBufferType kTypes[] = {ZYT_BUFFER_TYPE_MALLOC, ZYT_BUFFER_TYPE_DMABUF, ZYT_BUFFER_TYPE_GRALLOC};
 
+// Returns the bytes from row to row and the rows from plane to plane.
+auto Pitches(const ZYTImageBuffer& image) { return std::pair(image.planeStride, image.sliceHeight); }
+
 uint64_t CountLiveMemory() {
-    const hostdevice::LiveResources live = hostdevice::CountLive();
-    return live.heapDescriptors + live.heapMappings + live.graphicBuffers + live.graphicDescriptors +
-           live.graphicMappings;
+    const auto [descriptors, mappings, buffers, graphicDescriptors, graphicMappings] = hostdevice::CountLive();
+    return descriptors + mappings + buffers + graphicDescriptors + graphicMappings;
 }
 
 // Returns the number of errors logged for an object of that name since the last call.
@@ -58,7 +58,6 @@ void Fill(Image& image) {
     int row = 0;
     zyt::detail::EachRow(*image,
                          [&](unsigned char* pixels, size_t bytes) { return std::memset(pixels, ++row, bytes); });
-    EXPECT_TRUE(access.Close());
 }
 
 // Returns the position of a bit of pixel x in a row. A packed group has the upper 8 bits of its pixels, then the lower.
@@ -130,33 +129,27 @@ TEST(DumpName, TellsSizeAndFormat) {
 }
 
 TEST(Describe, RoundsRowsToWholeGroupsAndSlicesToWholeChromaRows) {
-    const auto describe = [](ZYTFormat format, uint32_t strideAlignment = 1, uint32_t sliceAlignment = 1) {
-        const ZYTImageBuffer image = Describe(format, 5, 5, strideAlignment, sliceAlignment);
-        return std::pair(image.planeStride, image.sliceHeight);
-    };
-    EXPECT_EQ(describe(ZYT_FORMAT_RAWMIPI10), std::pair(10u, 5u));
-    EXPECT_EQ(describe(ZYT_FORMAT_RAWMIPI12), std::pair(9u, 5u));
-    EXPECT_EQ(describe(ZYT_FORMAT_RAWMIPI14), std::pair(14u, 5u));
-    EXPECT_EQ(describe(ZYT_FORMAT_YUV_P010), std::pair(12u, 6u));
-    EXPECT_EQ(describe(kNv12), std::pair(6u, 6u));
-    EXPECT_EQ(describe(kNv12, 64, 32), std::pair(64u, 32u));
+    EXPECT_EQ(Pitches(Describe(ZYT_FORMAT_RAWMIPI10, 5, 5)), std::pair(10u, 5u));
+    EXPECT_EQ(Pitches(Describe(ZYT_FORMAT_RAWMIPI12, 5, 5)), std::pair(9u, 5u));
+    EXPECT_EQ(Pitches(Describe(ZYT_FORMAT_RAWMIPI14, 5, 5)), std::pair(14u, 5u));
+    EXPECT_EQ(Pitches(Describe(ZYT_FORMAT_YUV_P010, 5, 5)), std::pair(12u, 6u));
+    EXPECT_EQ(Pitches(Describe(kNv12, 5, 5)), std::pair(6u, 6u));
+    EXPECT_EQ(Pitches(Describe(kNv12, 5, 5, 64, 32)), std::pair(64u, 32u));
 }
 
 TEST(Plane, ViewsSamplesOfAnyImage) {
     alignas(2) unsigned char memory[400];
     const auto where = [&](const auto& plane) {
-        const auto at = reinterpret_cast<unsigned char*>(plane.data) - memory;
+        const auto at = reinterpret_cast<const unsigned char*>(plane.data) - memory;
         return zyttest::Text("%ux%u at %td, then %u", plane.width, plane.height, plane ? at : -1, plane.stride);
     };
     ZYTImageBuffer image = Describe(ZYT_FORMAT_YUV_P010, 10, 6, 32, 8);
     image.pAddr[image.numberOfPlanes++] = memory;
     EXPECT_FALSE(zyt::PlaneOf<uint16_t>(image, 1)) << "P010's chroma has an address of its own";
     image.pAddr[image.numberOfPlanes++] = memory + 200;
-    const zyt::Plane<uint16_t> chroma = zyt::PlaneOf<uint16_t>(image, 1);
+    const auto chroma = zyt::PlaneOf<const uint16_t>(image, 1);
     EXPECT_EQ(where(chroma), "10x3 at 200, then 32");
     EXPECT_EQ(where(chroma.Crop(1, 7, 3, 2)), "3x2 at 246, then 32") << "top, left, width, height";
-    EXPECT_EQ(static_cast<void*>(chroma.Row(2)), memory + 264);
-    EXPECT_EQ(zyt::PlaneOf<const uint8_t>(image, 0).width, 20u);
     EXPECT_FALSE(chroma.Crop(1, 7, 4, 2));
     EXPECT_FALSE(chroma.Crop(2, 7, 3, 2));
     EXPECT_FALSE(chroma.Crop(0, 0xffffffff, 2, 1));
@@ -211,8 +204,7 @@ TEST(Image, HasTheLayoutThatGrallocReports) {
     const android_ycbcr nv12 = {memory, memory + 6400, memory + 6401, 64, 64, 2, {}};
     ZYTImageBuffer image = Describe(kNv12, 60, 90);
     EXPECT_STREQ(zyt::detail::TakeLayout(nv12, image), nullptr);
-    EXPECT_EQ(image.planeStride, 64u);
-    EXPECT_EQ(image.sliceHeight, 100u);
+    EXPECT_EQ(Pitches(image), std::pair(64u, 100u));
     EXPECT_STREQ(zyt::detail::TakeLayout({memory, nv12.cr, nv12.cb, 64, 64, 2, {}}, image), nullptr);
     EXPECT_EQ(image.format, ZYT_FORMAT_YUV420NV21);
     const std::pair<android_ycbcr, const char*> refusals[] = {
@@ -231,22 +223,16 @@ TEST(Image, HasTheLayoutThatGrallocReports) {
 
 TEST(Image, IsThereOrNothingIsLeftOfIt) {
     LogCapture log;
-    const std::pair<Fault, uint64_t> failures[] = {{Fault::kHeapAllocation, 1},
-                                                   {Fault::kGraphicBuffer, 1},
-                                                   {Fault::kGraphicDescriptor, 1},
-                                                   {Fault::kMapping, 1},
-                                                   {Fault::kMapping, 2}};
-    for (const auto& [fault, times] : failures) {
+    for (const Fault fault :
+         {Fault::kHeapAllocation, Fault::kGraphicBuffer, Fault::kGraphicDescriptor, Fault::kMapping}) {
         for (const ZYTBufferType type : kTypes) {
             for (uint64_t n = 1; !hostdevice::FaultPending(fault); ++n) {
                 SCOPED_TRACE(testing::Message() << type << " " << static_cast<int>(fault) << " at " << n);
                 ZYTBufferManager manager("Node");
-                hostdevice::FailNth(fault, n, times);
-                log.Take();
+                hostdevice::FailNth(fault, n, fault == Fault::kMapping ? 2 : 1);
                 Image image(manager, Describe(kNv12, 64, 64), type, "Mine");
                 EXPECT_EQ(CountErrors(log, "Mine"), image ? 0 : 1);
-                const bool isTriedAgain = fault == Fault::kMapping && times == 1;
-                EXPECT_EQ(bool{image}, isTriedAgain || hostdevice::FaultPending(fault));
+                EXPECT_EQ(bool{image}, hostdevice::FaultPending(fault));
                 image.Reset();
                 EXPECT_TRUE(zyt::ReadPool().busy->empty());
                 zyt::TrimPool(0);
@@ -310,7 +296,6 @@ TEST(Image, SaysWhatIsWrong) {
     single.numberOfPlanes = 1;
     many.numberOfPlanes = 5;
     tall.height = tall.sliceHeight = 640;
-    EXPECT_STREQ(zyt::WhatIsWrong(*image), nullptr);
     EXPECT_STREQ(zyt::WhatIsWrong(unmapped), "the kernel refused to map it");
     EXPECT_STREQ(zyt::WhatIsWrong(bare), "it has no chroma");
     EXPECT_STREQ(zyt::WhatIsWrong(single), "it has no chroma");
@@ -326,7 +311,7 @@ TEST(CpuAccess, OpensEachDescriptorOnceAndClosesItAsItWasOpened) {
     const Image shared(manager, size, ZYT_BUFFER_TYPE_DMABUF), plain(manager, size, ZYT_BUFFER_TYPE_MALLOC);
     std::vector<Image> burst;
     for (int i = 0; i < 20; ++i) burst.emplace_back(manager, size, ZYT_BUFFER_TYPE_DMABUF);
-    const std::array<zyt::ImportedImage, 1> ring = {zyt::ImportedImage(*burst[0])};
+    const zyt::ImportedImage ring[] = {zyt::ImportedImage(*burst[0])};
     auto countSyncs = [before = hostdevice::SyncCount()]() mutable {
         return hostdevice::SyncCount() - std::exchange(before, hostdevice::SyncCount());
     };
@@ -334,25 +319,19 @@ TEST(CpuAccess, OpensEachDescriptorOnceAndClosesItAsItWasOpened) {
         CpuAccess access(type, "Mine", shared, plain, *shared, burst, ring), moved(std::move(access));
         EXPECT_FALSE(access);  // NOLINT(bugprone-use-after-move)
         EXPECT_EQ(countSyncs(), 42u);
-        EXPECT_EQ(hostdevice::LastSync().direction, static_cast<int>(type));
+        EXPECT_THAT(hostdevice::LastSync(), testing::FieldsAre(testing::_, static_cast<int>(type), true, 0));
         EXPECT_TRUE(moved.Close());
         EXPECT_EQ(countSyncs(), 42u);
-        EXPECT_EQ(hostdevice::LastSync().direction, static_cast<int>(type));
-        EXPECT_FALSE(hostdevice::LastSync().isStart);
+        EXPECT_THAT(hostdevice::LastSync(), testing::FieldsAre(testing::_, static_cast<int>(type), false, 0));
     }
-    EXPECT_TRUE(CpuAccess(CPU_SYNC_READ, "Mine", plain));
-    EXPECT_EQ(countSyncs(), 0u);
-    EXPECT_EQ(CountErrors(log, "Mine"), 0);
-
     EXPECT_FALSE(CpuAccess(CPU_SYNC_READ, "Mine", shared, Image()));
-    EXPECT_EQ(CountErrors(log, "Mine"), 1);
     EXPECT_EQ(countSyncs(), 4u);
     hostdevice::FailNth(Fault::kSync, 2);
     EXPECT_FALSE(CpuAccess(CPU_SYNC_READ, "Mine", shared));
     EXPECT_EQ(countSyncs(), 3u) << "opened one, failed at the other, closed the one";
     hostdevice::FailNth(Fault::kSync, 3);
     EXPECT_FALSE(CpuAccess(CPU_SYNC_READ, "Mine", shared).Close());
-    EXPECT_EQ(CountErrors(log, "Mine"), 2);
+    EXPECT_EQ(CountErrors(log, "Mine"), 3) << "one for each failure";
 }
 
 TEST(ImportedImage, FindsEachPlaneAtItsDescriptorAndOffsetAndClosesNothing) {
@@ -366,34 +345,31 @@ TEST(ImportedImage, FindsEachPlaneAtItsDescriptorAndOffsetAndClosesNothing) {
     const int readOnly = open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_RDONLY);
     const uint64_t before = CountLiveMemory();
     const struct Import {
-        uint32_t planes;
-        int fds[2];
+        std::vector<int> fds;
         zyt::ImportOptions options;
         int luma, chroma;  // the first samples; 0: refused
     } imports[] = {
-        {2, {two->fd[0], two->fd[1]}, {}, 1, 65},
-        {2, {fd, fd}, {}, 1, 33},
-        {2, {fd, duplicate}, {}, 1, 1},
-        {2, {fd, duplicate}, {{0, 4096}}, 1, 33},
-        {2, {fd, fd}, {{128, 6144}}, 2, 49},
-        {2, {fd, fd}, {{128, 0}}, 2, 34},
-        {1, {fd, 0}, {{128, 0}}, 2, 34},
-        {1, {readOnly, 0}, {{}, CPU_SYNC_READ}, 1, 33},
-        {1, {readOnly, 0}, {}, 0, 0},
-        {1, {fd, 0}, {{0, 4096}}, 0, 0},
-        {2, {fd, fd}, {{0, 6145}}, 0, 0},
-        {2, {fd, duplicate}, {{8193, 0}}, 0, 0},
-        {2, {fd, 0}, {}, 0, 0},
-        {1, {-1, 0}, {}, 0, 0},
-        {2, {fd, 9999}, {}, 0, 0},
-        {3, {fd, fd}, {}, 0, 0},
+        {{two->fd[0], two->fd[1]}, {}, 1, 65},
+        {{fd, fd}, {}, 1, 33},
+        {{fd, duplicate}, {}, 1, 1},
+        {{fd, duplicate}, {{0, 4096}}, 1, 33},
+        {{fd, fd}, {{128, 6144}}, 2, 49},
+        {{fd, fd}, {{128, 0}}, 2, 34},
+        {{fd}, {{128, 0}}, 2, 34},
+        {{readOnly}, {{}, CPU_SYNC_READ}, 1, 33},
+        {{readOnly}, {}, 0, 0},
+        {{fd}, {{0, 4096}}, 0, 0},
+        {{fd, fd}, {{0, 6145}}, 0, 0},
+        {{fd, duplicate}, {{8193, 0}}, 0, 0},
+        {{fd, 0}, {}, 0, 0},
+        {{fd, fd, fd}, {}, 0, 0},
     };
     for (const Import& import : imports) {
         if (import.fds[0] == readOnly && readOnly < 0) continue;  // the kernel opens no DMA-BUF a second time
         ZYTImageBuffer description = Describe(kNv12, 64, 64);
         description.pAddr[3] = two->pAddr[0];
-        description.numberOfPlanes = import.planes;
-        std::copy(std::begin(import.fds), std::end(import.fds), description.fd);
+        description.numberOfPlanes = static_cast<uint32_t>(import.fds.size());
+        std::copy(import.fds.begin(), import.fds.end(), description.fd);
         zyt::ImportedImage image(description, "Mine", import.options), moved(std::move(image));
         EXPECT_EQ(bool{moved}, import.luma != 0);
         EXPECT_EQ(CountErrors(log, "Mine"), import.luma != 0 ? 0 : 1);
@@ -418,34 +394,30 @@ TEST(DumpFile, ComesBackAsItWasOrIsRefused) {
         CpuAccess access(CPU_SYNC_READ, "nodekit", image);
         const std::string path = dir / zyt::DumpName(*image, "a");
         ASSERT_TRUE(zyt::WriteDump(*image, path));
-        const Image loaded = zyt::LoadDump(manager, path, ZYT_BUFFER_TYPE_MALLOC);
-        ASSERT_TRUE(loaded);
-        ASSERT_TRUE(zyt::WriteDump(*loaded, dir / "b"));
+        ASSERT_TRUE(zyt::WriteDump(*zyt::LoadDump(manager, path, ZYT_BUFFER_TYPE_MALLOC), dir / "b"));
         EXPECT_EQ(zyttest::ReadFile(path), zyttest::ReadFile(dir / "b"));
     }
-    EXPECT_EQ(CountErrors(log, "nodekit"), 0);
-
-    const Image y16(manager, Describe(ZYT_FORMAT_Y16, 2, 3), ZYT_BUFFER_TYPE_MALLOC);
-    ASSERT_TRUE(zyt::WriteDump(*y16, dir / "1x1_Raw16"));
-    EXPECT_EQ(zyttest::ReadFile(dir / "1x1_Raw16").size(), 12u) << "whole, unlike ZYTBufferDump";
-    EXPECT_FALSE(zyt::WriteDump(*y16, "/dev/full"));
-    EXPECT_FALSE(zyt::WriteDump(*y16, dir / "none/c"));
-    EXPECT_FALSE(zyt::WriteDump(Describe(kNv12, 2, 2), dir / "d"));
-    zyttest::WriteFile(dir / "2x2_Raw16", "12345");
+    const Image image(manager, Describe(kNv12, 2, 2), ZYT_BUFFER_TYPE_MALLOC);
     ASSERT_EQ(mkfifo((dir / "fifo_1x1_Raw16").c_str(), 0600), 0);
-    EXPECT_FALSE(zyt::WriteDump(*y16, dir / "fifo_1x1_Raw16")) << "nobody reads it";
+    for (const std::string& path : {std::string("/dev/full"), dir / "none/c", dir / "fifo_1x1_Raw16"}) {
+        EXPECT_FALSE(zyt::WriteDump(*image, path)) << path;
+    }
+    EXPECT_FALSE(zyt::WriteDump(Describe(kNv12, 2, 2), dir / "d"));
+
+    for (const char* name : {"nameless", "1x1_Raw16", "2x2_Raw16"}) zyttest::WriteFile(dir / name, "12345");
     const size_t free = zyt::ReadPool().free->size();
-    for (const char* name : {"nameless", "missing_2x2_Raw16", "2x2_Raw16", "1x1_Raw16", "fifo_1x1_Raw16"}) {
+    for (const char* name : {"nameless", "1x1_Raw16", "2x2_Raw16", "fifo_1x1_Raw16", "missing_2x2_Raw16"}) {
         EXPECT_FALSE(zyt::LoadDump(manager, dir / name, ZYT_BUFFER_TYPE_DMABUF)) << name;
     }
+    struct stat status {};
+    ASSERT_EQ(stat(dir.Path().c_str(), &status), 0);
+    const ZYTImageBuffer asLong = Describe(kNv12, static_cast<uint32_t>(status.st_size), 1);
+    EXPECT_FALSE(zyt::LoadDump(manager, dir.Path(), asLong, ZYT_BUFFER_TYPE_DMABUF)) << "a directory";
     EXPECT_EQ(zyt::ReadPool().free->size(), free) << "nothing was allocated";
     zyttest::WriteFile(dir / "1x1_Raw16", "12");
-    for (const uint64_t n : {1u, 2u}) {
-        hostdevice::FailNth(Fault::kSync, n);
-        EXPECT_FALSE(zyt::LoadDump(manager, dir / "1x1_Raw16", ZYT_BUFFER_TYPE_DMABUF));
-    }
-    EXPECT_EQ(CountErrors(log, "nodekit"), 13) << "one each, and the access's own two";
-    EXPECT_EQ(zyt::ReadPool().busy->size(), 1u) << "the one of Y16";
+    hostdevice::FailNth(Fault::kSync, 1);
+    EXPECT_FALSE(zyt::LoadDump(manager, dir / "1x1_Raw16", ZYT_BUFFER_TYPE_DMABUF));
+    EXPECT_EQ(CountErrors(log, "nodekit"), 12) << "one for each refusal, and the access's own";
 }
 
 TEST(Parallel, LosesNothingWhateverHappensToThePool) {
@@ -514,11 +486,9 @@ TEST(FrameQueue, WaitsForTheFrameInWorkAndHandsBackTheOthers) {
     ZYTThreadPool pool;
     ASSERT_TRUE(pool.Init(2));
     std::promise<void> begun, released;
-    std::atomic<bool> isDone{false};
     const auto process = [&](int) {
         begun.set_value();
         released.get_future().get();
-        isDone = true;
     };
     zyt::FrameQueue<int> queue(pool, process, 1000000), full(pool, process, 0);
     EXPECT_FALSE(full.Push(1));
@@ -527,10 +497,9 @@ TEST(FrameQueue, WaitsForTheFrameInWorkAndHandsBackTheOthers) {
     EXPECT_TRUE(queue.Push(2));
     auto left = std::async(std::launch::async, [&] { return queue.Close(); });
     EXPECT_TRUE(zyttest::WaitUntil([&] { return !queue.Push(3); })) << "closed";
-    EXPECT_FALSE(isDone);
+    EXPECT_EQ(left.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout) << "a frame is in work";
     released.set_value();
     EXPECT_EQ(left.get().front(), 2);
-    EXPECT_TRUE(isDone);
 }
 
 TEST(Connection, RunsForEachRaiseThatFindsNonePending) {
@@ -546,28 +515,20 @@ TEST(Connection, RunsForEachRaiseThatFindsNonePending) {
             ASSERT_TRUE(connection.Raise());
             ASSERT_TRUE(zyttest::WaitUntil([&] { return runs == 101 * i; })) << i;
         }
-        std::future<void> raisers[4];
-        for (auto& raiser : raisers) {
-            raiser = std::async(std::launch::async, [&] {
-                for (int i = 0; i < 1000; ++i) connection.Raise();
-            });
-        }
-        for (auto& raiser : raisers) raiser.get();
+        const auto raise = [&] {
+            for (int i = 0; i < 1000; ++i) connection.Raise();
+        };
+        std::thread raisers[] = {std::thread(raise), std::thread(raise), std::thread(raise), std::thread(raise)};
+        for (std::thread& raiser : raisers) raiser.join();
         const int before = runs;
         connection.Raise();
         EXPECT_TRUE(zyttest::WaitUntil([&] { return runs > before; })) << "still connected";
     }
     EXPECT_EQ(captured.use_count(), 1) << "gone with the connection";
     EXPECT_EQ(ZYTSignalTask::instance()->insert(1, WrapperTask()), 1u) << "no connection is left";
-
-    LogCapture log;
-    zyt::Connection disconnected([] {}, "Mine");
-    ZYTSignalTask::instance()->disconnect();
-    EXPECT_FALSE(disconnected.Raise());
-    EXPECT_EQ(CountErrors(log, "Mine"), 1);
 }
 
-TEST(Connection, InsideATaskIsNotMadeAndDoesNotWait) {
+TEST(Connection, DoesNotWaitInsideATaskAndSaysWhenItIsNotMadeOrDisconnected) {
     LogCapture log;
     std::promise<void> ended;
     std::atomic<int> runs{0};
@@ -589,8 +550,12 @@ TEST(Connection, InsideATaskIsNotMadeAndDoesNotWait) {
     ended.get_future().get();
     EXPECT_TRUE(zyttest::WaitUntil([&] { return captured.use_count() == 1; }));
     EXPECT_EQ(runs, 0) << "the pending raise is dropped";
-    EXPECT_EQ(CountErrors(log, "Mine"), 2);
     EXPECT_EQ(ZYTSignalTask::instance()->insert(1, WrapperTask()), 1u) << "no connection is left";
+
+    zyt::Connection disconnected([] {}, "Mine");
+    ZYTSignalTask::instance()->disconnect();
+    EXPECT_FALSE(disconnected.Raise());
+    EXPECT_EQ(CountErrors(log, "Mine"), 3);
 }
 
 TEST(Memory, OfTheKitsOwnIsNotNeededToLoseNothing) {
@@ -618,13 +583,12 @@ TEST(Memory, OfTheKitsOwnIsNotNeededToLoseNothing) {
     if (!hostdevice::IsStrict()) WithEachNewFailing(access);  // a strict device itself needs memory
     EXPECT_EQ(hostdevice::SyncCount() % 2, 0u) << "what was opened is closed";
     WithEachNewFailing([&] {
-        try {
+        zyt::detail::WithMemory([&] {  // for the callable
             zyt::Connection connection([&runs] { ++runs; });
             const int before = runs;
             const bool isRaised = connection.Raise();
             while (isRaised && runs == before) std::this_thread::yield();
-        } catch (const std::bad_alloc&) {  // no memory for the callable
-        }
+        });
     });
     EXPECT_GT(runs, 0);
     // The library loses descriptors here, but no heap memory, which a sanitizer would report.
@@ -647,7 +611,6 @@ TEST(PoolState, IsReadWithoutWaitingForAnybody) {
     zyt::PrintPool(fd);
     {
         const std::lock_guard<std::mutex> lock(ZYTBufferPool::m_freeBufferListLock);
-        EXPECT_FALSE(std::async(std::launch::async, zyt::ReadPool).get().free);
         std::thread(zyt::PrintPool, fd).join();
     }
     close(fd);
