@@ -181,7 +181,7 @@ const Known kKnown[] = {
     {"json", nullptr, nullptr},
 };
 
-// Takes the PNG from the dumps, and throws BadInput for names and options that do not go together.
+// Takes the PNG from the dumps, and throws BadInput for names and options that exclude each other.
 void Check(Options& options) {
     std::vector<std::string>& dumps = options.dumps;
     const auto refuse = [](bool isRefused, const std::string& why) {
@@ -204,9 +204,9 @@ void Check(Options& options) {
         refuse(options.Has(name) && !options.ShowsDump(),
                Text("--%s is for a picture of the dump, and none is written", name));
     }
-    refuse(options.Has("diff") && options.Has("profile"), "--diff does not go with --profile");
-    refuse(options.Has("tolerance") && !options.Has("diff"), "--tolerance goes with --diff");
-    refuse(options.Has("white") && !options.look.bayer, "--white goes with --bayer");
+    refuse(options.Has("diff") && options.Has("profile"), "--diff and --profile exclude each other");
+    refuse(options.Has("tolerance") && !options.Has("diff"), "--tolerance needs --diff");
+    refuse(options.Has("white") && !options.look.bayer, "--white needs --bayer");
 }
 
 }  // namespace
