@@ -15,7 +15,6 @@
 
 using hostdevice::Fault;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using zyttest::Call;
 using zyttest::LogCapture;
@@ -159,9 +158,9 @@ TEST(Faults, AWorkerThatCannotStartEndsInit) {
     FailNth(Call::kPthreadCreate, 2);
     EXPECT_FALSE(pool.Init(3));
     EXPECT_EQ(pool.m_threadIdList.size(), 1u) << "the first keeps running";
-    EXPECT_THAT(log.Take(),
-                ElementsAre(HasSubstr("D Create New Thread[0] Success: "),
-                            zyttest::Text("E Create New Thread[1] Failed! Result Code: %d, ThreadID: 0", EAGAIN)));
+    EXPECT_THAT(log.Take(), testing::ElementsAre(
+                                HasSubstr("D Create New Thread[0] Success: "),
+                                zyttest::Text("E Create New Thread[1] Failed! Result Code: %d, ThreadID: 0", EAGAIN)));
     pool.DeInit(false);
     EXPECT_THAT(log.Take(), Contains(HasSubstr("D Join Thread[0]: ")));
 }

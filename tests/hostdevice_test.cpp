@@ -5,7 +5,6 @@
 #include <BufferAllocator/BufferAllocator.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <hostdevice/files.h>
 #include <log/log.h>
 #include <pthread.h>
@@ -32,9 +31,7 @@ namespace {
 
 using android::GraphicBuffer;
 using android::sp;
-using testing::_;
 using testing::ElementsAre;
-using testing::FieldsAre;
 using zyttest::ExpectExit;
 
 sp<GraphicBuffer> MakeGraphicBuffer(uint32_t width, uint32_t height) {
@@ -266,7 +263,7 @@ TEST(HostDeviceTest, GraphicMemoryHasPaddedRowsAndIsLargeEnough) {
         android_ycbcr planes{};
         ASSERT_EQ(buffer->lockYCbCr(0x33, &planes), 0);
         auto* const chroma = static_cast<char*>(planes.y) + size_t{c.stride} * c.lumaRows;
-        EXPECT_THAT(planes, FieldsAre(_, chroma, chroma + 1, c.stride, c.stride, 2, _));
+        EXPECT_THAT(planes, testing::FieldsAre(testing::_, chroma, chroma + 1, c.stride, c.stride, 2, testing::_));
         std::memset(planes.y, 1, static_cast<size_t>(used));
         EXPECT_EQ(buffer->lockYCbCr(0x33, &planes), -EBUSY);
         EXPECT_EQ(buffer->unlock(), 0);

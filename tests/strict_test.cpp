@@ -1,6 +1,5 @@
 // Strict mode of the emulated device. Each case runs in a forked process.
 #include <BufferAllocator/BufferAllocator.h>
-#include <gmock/gmock.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -36,7 +35,6 @@ extern "C" int mprotect(void* start, size_t size, int protection) noexcept {
 namespace {
 
 using android::GraphicBuffer;
-using android::sp;
 using zyttest::Call;
 
 constexpr size_t kPage = 4096;
@@ -104,7 +102,7 @@ TEST(StrictDeathTest, EndsTheProcessAtTheMistake) {
          "3 bytes written behind the 5000 of descriptor [0-9]+; thread"},
         {[](Heap&) {
              void* pixels = nullptr;
-             const sp<GraphicBuffer> graphic = new GraphicBuffer(10, 40, HAL_PIXEL_FORMAT_RAW16, 1, 0);
+             const android::sp<GraphicBuffer> graphic = new GraphicBuffer(10, 40, HAL_PIXEL_FORMAT_RAW16, 1, 0);
              graphic->lock(0x33, &pixels);
              std::memset(pixels, 7, 64 * (64 + 32) + 2);  // rows of 64 bytes, the luma's padded to 64
              graphic->unlock();

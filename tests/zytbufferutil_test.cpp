@@ -4,7 +4,6 @@
 #include "support.h"
 
 using zyttest::Image;
-using zyttest::ReadFile;
 using zyttest::TempDir;
 
 TEST(CopyAndDump, MoveThePixelsOfEveryFormatAndNothingElse) {
@@ -37,7 +36,7 @@ TEST(Dump, TruncatesAndReportsOnlyAFileItCannotOpen) {
     ZYTImageBuffer one = Image(ZYT_FORMAT_YUV420NV12, 8, 1, 16, 2);
     one.pAddr[0] = bytes;
     EXPECT_TRUE(ZYTBufferUtil::ZYTBufferDump(&one, (dir / "dump.raw").c_str()));
-    EXPECT_EQ(ReadFile(dir / "dump.raw"), "12345678");
+    EXPECT_EQ(zyttest::ReadFile(dir / "dump.raw"), "12345678");
     EXPECT_FALSE(ZYTBufferUtil::ZYTBufferDump(&one, (dir / "missing/dump.raw").c_str()));
     EXPECT_TRUE(ZYTBufferUtil::ZYTBufferDump(&one, "/dev/full")) << "write errors are not reported";
     one.width = 0x80000000;

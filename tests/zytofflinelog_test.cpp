@@ -20,8 +20,6 @@
 #include "support.h"
 #include "zytsignaltask/zytsignaltask.h"
 
-using testing::HasSubstr;
-using testing::MatchesRegex;
 using zyttest::ReadFile;
 using zyttest::RunChild;
 using zyttest::Text;
@@ -158,8 +156,9 @@ TEST_F(OfflineLog, StampsALineAndKeepsEveryLevel) {
     for (const char* end : {"E ZYT: text 1", "W ZYT: text 2", "D ZYT: text 3", "I ZYT: text 4", "V ZYT: text 5",
                             "V ZYT: text 6", "V ZYT: text 6", "E ZYT: x+"}) {
         std::getline(lines, line);
-        EXPECT_THAT(line, MatchesRegex(Text("[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}:[0-9]{9}  %4d  %4d %s",
-                                            getpid(), gettid(), end)));
+        EXPECT_THAT(line,
+                    testing::MatchesRegex(Text("[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}:[0-9]{9}  %4d  %4d %s",
+                                               getpid(), gettid(), end)));
     }
     EXPECT_TRUE(lines.eof()) << "a line that is cut loses its newline";
     EXPECT_EQ(line.size(), 2047u);
@@ -198,7 +197,7 @@ TEST_F(OfflineLog, StampsWithTheZonesTimeAndTheThreadThatLogs) {
         m_log.PushLogToLogPool("", ZYTOfflineLogLevel::E);
     }).join();
     Drain();
-    EXPECT_THAT(Contents().back(), HasSubstr(ids));
+    EXPECT_THAT(Contents().back(), testing::HasSubstr(ids));
 }
 
 TEST_F(OfflineLog, RollsOverWhenALineWouldReachTheLimitAndDeletesTheOldestOf301Files) {

@@ -13,8 +13,6 @@
 #include "logging/zytlogsite.h"
 #include "support.h"
 
-using testing::ElementsAre;
-using testing::HasSubstr;
 using zyttest::LogCapture;
 using zyttest::WaitUntil;
 
@@ -131,7 +129,7 @@ TEST_F(SignalTask, RunsInTheOrderOfRaisingAndNeverTwiceForAPendingSignal) {
     EXPECT_EQ(m_task.insert(3), 3u);
     m_isReleased = true;
     Settle();
-    EXPECT_THAT(order, ElementsAre(3, 1, 2));
+    EXPECT_THAT(order, testing::ElementsAre(3, 1, 2));
 }
 
 TEST_F(SignalTask, DisconnectsAndReplaces) {
@@ -216,7 +214,7 @@ V remove() [@1] disconnect all)");
 TEST(SignalTaskAtExit, LeavesAndRefusesWhatComesLater) {
     const zyttest::ChildResult child = zyttest::RunChild("LogAtExit");
     EXPECT_EQ(child.exitCode, 7);
-    EXPECT_THAT(child.output, HasSubstr("disconnect all"));
+    EXPECT_THAT(child.output, testing::HasSubstr("disconnect all"));
     EXPECT_LT(child.output.find("loop stop"), child.output.find("Join Thread[0]")) << "the log ends after it";
     EXPECT_EQ(zyttest::RunChild("ExitFromATask").exitCode, 7);
     EXPECT_EQ(zyttest::RunChild("ExitFromALogSink").exitCode, 7);

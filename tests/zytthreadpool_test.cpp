@@ -12,7 +12,6 @@
 
 using testing::ElementsAre;
 using testing::StartsWith;
-using zyttest::LogCapture;
 
 namespace {
 
@@ -29,7 +28,7 @@ class ThreadPool : public testing::Test {
 protected:
     void SetUp() override { g_runs = 0; }
 
-    LogCapture m_log;
+    zyttest::LogCapture m_log;
     ZYTThreadPool m_pool;
 };
 
