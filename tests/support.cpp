@@ -21,8 +21,6 @@
 
 #include "logging/zytlogsite.h"
 
-extern char** environ;
-
 using testing::HasSubstr;
 
 namespace zyttest {

@@ -303,7 +303,8 @@ TEST_F(OfflineLog, SavesWholeBlocksAndThePoolToAFileOfItsOwn) {
     content.copy(m_log.m_logPool, content.size());
     m_log.m_logPoolSize = static_cast<uint32_t>(content.size());
     ASSERT_TRUE(m_log.FlushLogPoolToFile());
-    EXPECT_TRUE(m_log.m_logPoolSize == 0 && m_log.m_logPool[0] == '\0');
+    EXPECT_EQ(m_log.m_logPoolSize, 0u);
+    EXPECT_EQ(m_log.m_logPool[0], '\0');
     ASSERT_TRUE(WriteLine("more\n"));
     EXPECT_THAT(Contents(), testing::ElementsAre("line\nmore\n", content)) << "the line writer keeps its own file";
 }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 #include <thread>
+#include <tuple>
 
 #include "base/zytexitgate.h"
 #include "base/zytsharedflag.h"
@@ -147,7 +148,9 @@ TEST_F(SignalTask, DisconnectsAndReplaces) {
         m_isReleased = true;
         disconnecting.join();
         Settle();
-        EXPECT_TRUE(runs == 0 && !zyt::LoadFlag(*isAlive) && !zyt::LoadFlag(*isDone));
+        EXPECT_EQ(runs, 0);
+        EXPECT_FALSE(zyt::LoadFlag(*isAlive));
+        EXPECT_FALSE(zyt::LoadFlag(*isDone));
     }
 
     const WrapperTask kept = Wrap([&runs] { ++runs; });
@@ -173,13 +176,13 @@ TEST_F(SignalTask, LetsGoOfCapturesOutsideItsLocks) {
 }
 
 TEST(Wrapper, AssignmentSharesAllFourMembersEvenFromATemporary) {
-    WrapperTask a;
-    WrapperTask b;
+    WrapperTask a, b;
     const std::shared_ptr<bool> oldAlive = a.m_isAlive;
     b.m_task = [] {};
     a = std::move(b);
-    EXPECT_TRUE(a.m_isAlive == b.m_isAlive && a.m_isDone == b.m_isDone && a.m_token == b.m_token);
-    EXPECT_TRUE(a.m_task && b.m_task);
+    EXPECT_EQ(std::tie(a.m_isAlive, a.m_isDone, a.m_token), std::tie(b.m_isAlive, b.m_isDone, b.m_token));
+    EXPECT_TRUE(a.m_task);
+    EXPECT_TRUE(b.m_task);
     EXPECT_TRUE(*oldAlive) << "assignment is no destruction";
 }
 

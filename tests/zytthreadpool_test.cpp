@@ -71,7 +71,7 @@ TEST_F(ThreadPool, StopsOnceHoweverManyStopIt) {
         for (int i = 0; i < 3; ++i) threads.emplace_back([this, i] { m_pool.DeInit(i % 2 == 0); });
         for (std::thread& thread : threads) thread.join();
         EXPECT_EQ(m_log.Take().size(), 6u) << "three workers stop and are joined";
-        EXPECT_TRUE(m_pool.m_threadIdList.empty() && m_pool.m_taskList.empty());
+        EXPECT_EQ(m_pool.m_threadIdList.size() + m_pool.m_taskList.size(), 0u);
     }
 }
 
