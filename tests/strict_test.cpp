@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <string>
 #include <thread>
 #include <utility>
 

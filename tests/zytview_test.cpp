@@ -292,6 +292,7 @@ wait $!; echo "ignored $?"
 ulimit -c 0; set -m; truncate -s 1G long_131072x4096_Raw16.raw
 "$view" long_131072x4096_Raw16.raw & until compgen -G '.zytview-*' >/dev/null; do sleep 0.01; done; kill -QUIT $!
 wait $! 2>/dev/null; echo "quit $? $(compgen -G '.zytview-*')"
+(trap '' XFSZ; ulimit -f 1; exec "$view" noise_2048x1024_Raw16.raw); echo "full $? $(compgen -G '.zytview-*')"
 "$view" --help >/dev/full; echo "lost $?"
 "$view" --diff noise_2048x1024_Raw16.raw noise_2048x1024_Raw16.raw >/dev/full; echo "lost $?"
 "$view" --json noise_2048x1024_Raw16.raw x.png | grep -cv '^{'
@@ -301,7 +302,8 @@ TEST_F(ZytView, EndsAsAProgramShould) {
     zyttest::WriteFile(m_dir / "steps", "cd " + m_dir.Path() + kSteps);
     EXPECT_EQ(zyttest::RunCommand("bash " + (m_dir / "steps")).output,
               "zytview: noise_2048x1024_Raw16.raw became shorter while it was read\nshortened 2\npipe\nignored 0\n"
-              "quit 131 \nzytview: cannot write the standard output: No space left on device\nlost 1\n"
+              "quit 131 \nzytview: cannot write noise_2048x1024_Raw16.png: File too large\nfull 1 \n"
+              "zytview: cannot write the standard output: No space left on device\nlost 1\n"
               "zytview: cannot write the standard output: No space left on device\nlost 2\nx.png\n0\n");
 }
 
