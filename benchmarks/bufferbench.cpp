@@ -131,10 +131,7 @@ void FreshAllocation(benchmark::State& state) {
     for (auto _ : state) {
         const int fd = heap.AllocSystem(true, size, 0, 0);
         void* mapping = fd < 0 ? MAP_FAILED : mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (mapping == MAP_FAILED) {
-            state.SkipWithError("no memory");
-            break;
-        }
+        if (mapping == MAP_FAILED) return state.SkipWithError("no memory");
         auto* bytes = static_cast<volatile char*>(mapping);
         for (size_t offset = 0; offset < size; offset += kPageSize) bytes[offset] = 1;
         munmap(mapping, size);

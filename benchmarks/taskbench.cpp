@@ -100,12 +100,10 @@ double MedianLatency(std::atomic<int64_t>& ranAt, Raise raise) {
     for (int i = 0; i < kSignals; ++i) {
         ranAt = 0;
         const auto rest = Clock::now() + std::chrono::microseconds(50);
-        while (Clock::now() < rest) {
-        }
+        while (Clock::now() < rest) continue;
         const int64_t start = raise();
         int64_t end = 0;
-        while ((end = ranAt.load()) == 0) {
-        }
+        while ((end = ranAt.load()) == 0) continue;
         latencies.push_back(end - start);
     }
     std::nth_element(latencies.begin(), latencies.begin() + kSignals / 2, latencies.end());

@@ -91,6 +91,9 @@ inline Bytes Shuffle(Bytes bytes, Bytes indices) {
     return reinterpret_cast<Bytes>(
         vqtbl1q_u8(reinterpret_cast<uint8x16_t>(bytes), reinterpret_cast<uint8x16_t>(indices)));
 }
+inline Words AddSaturated(Words a, Words b) {
+    return reinterpret_cast<Words>(vqaddq_u16(reinterpret_cast<uint16x8_t>(a), reinterpret_cast<uint16x8_t>(b)));
+}
 #elif defined(__x86_64__)
 #define ZYT_RAWPIXELS_TARGET __attribute__((target("ssse3")))
 inline bool HasShuffle() { return __builtin_cpu_supports("ssse3") != 0; }
@@ -98,10 +101,14 @@ ZYT_RAWPIXELS_TARGET inline Bytes Shuffle(Bytes bytes, Bytes indices) {
     return reinterpret_cast<Bytes>(
         _mm_shuffle_epi8(reinterpret_cast<__m128i>(bytes), reinterpret_cast<__m128i>(indices)));
 }
+inline Words AddSaturated(Words a, Words b) {
+    return reinterpret_cast<Words>(_mm_adds_epu16(reinterpret_cast<__m128i>(a), reinterpret_cast<__m128i>(b)));
+}
 #else
 #define ZYT_RAWPIXELS_TARGET
 inline bool HasShuffle() { return false; }
 inline Bytes Shuffle(Bytes bytes, Bytes /*indices*/) { return bytes; }
+inline Words AddSaturated(Words a, Words /*b*/) { return a; }
 #endif
 
 // Convert eight pixels at a time while 16 bytes of the row are left. Return the number of pixels converted.
@@ -126,14 +133,14 @@ template <uint32_t kBits>
 ZYT_RAWPIXELS_TARGET inline uint32_t PackEights(const uint16_t* samples, size_t rowBytes, unsigned char* row) {
     constexpr uint32_t kLowBits = kBits - 8;
     constexpr uint16_t kLowMask = (1u << kLowBits) - 1;
-    constexpr uint16_t kLargest = (1u << kBits) - 1;
+    const Words above = Words{} + static_cast<uint16_t>(0x10000 - (1u << kBits));
     const Bytes highs = Load<Bytes>(kMipiTables<kBits>.packedHighs);
     const Bytes lows = Load<Bytes>(kMipiTables<kBits>.packedLows);
     const Words shifts = Load<Words>(kMipiTables<kBits>.shifts);
     uint32_t x = 0;
     for (size_t at = 0; at + 16 <= rowBytes; at += kBits, x += 8) {
-        const Words words = Load<Words>(samples + x);
-        const Words fitting = (words | reinterpret_cast<Words>(words > kLargest)) & kLargest;
+        // In its lower kBits bits, a sample above the range becomes the largest one.
+        const Words fitting = AddSaturated(Load<Words>(samples + x), above);
         const auto pairs = reinterpret_cast<Doubles>((fitting & kLowMask) * shifts);
         const auto fours = reinterpret_cast<Quads>((pairs | pairs >> 16) & 0xffffu);
         const auto low = reinterpret_cast<Bytes>(fours | fours >> (32 - 2 * kLowBits));
